@@ -1,0 +1,34 @@
+#include "core/DebugLog.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "core/Platform.h"
+
+namespace Korvane {
+
+int32_t DebugLog(const char* format, ...) {
+  char message[4096];
+  char output[4096 + 16];
+  message[0] = '\0';
+
+  va_list args;
+  va_start(args, format);
+  const int length = format ? std::vsnprintf(message, sizeof(message), format, args) : -1;
+  va_end(args);
+  if (length < 0) message[0] = '\0';
+
+  // Leave room for the line feed so an over-long message still ends a line.
+  int n = std::snprintf(output, sizeof(output) - 1, "%s %s", "[Korvane]", message);
+  if (n < 0) n = 0;
+  if (n > static_cast<int>(sizeof(output)) - 2) n = static_cast<int>(sizeof(output)) - 2;
+  if (n == 0 || output[n - 1] != '\n') {
+    output[n] = '\n';
+    output[n + 1] = '\0';
+  }
+  Platform::WriteDebugString(output);
+  return length;
+}
+
+}  // namespace Korvane

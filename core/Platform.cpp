@@ -1,0 +1,55 @@
+#include "core/Platform.h"
+
+#include <cstdio>
+
+#if defined(_WIN32)
+#define WIN32_LEAN_AND_MEAN
+#include <intrin.h>
+#include <windows.h>
+#else
+#include <unistd.h>
+#if defined(__i386__) || defined(__x86_64__)
+#include <cpuid.h>
+#endif
+#endif
+
+namespace Korvane {
+namespace Platform {
+
+void WriteDebugString(const char* text) {
+#if defined(_WIN32)
+  OutputDebugStringA(text);
+#else
+  std::fputs(text, stderr);
+#endif
+}
+
+int32_t LogicalProcessorCount() {
+#if defined(_WIN32)
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  long n = static_cast<long>(info.dwNumberOfProcessors);
+#else
+  long n = sysconf(_SC_NPROCESSORS_ONLN);
+#endif
+  return n < 1 ? 1 : static_cast<int32_t>(n);
+}
+
+bool Cpuid(uint32_t leaf, uint32_t regs[4]) {
+  regs[0] = regs[1] = regs[2] = regs[3] = 0;
+#if defined(_WIN32) && (defined(_M_IX86) || defined(_M_X64))
+  int r[4];
+  __cpuidex(r, static_cast<int>(leaf), 0);
+  for (int i = 0; i < 4; ++i) regs[i] = static_cast<uint32_t>(r[i]);
+  return true;
+#elif defined(__i386__) || defined(__x86_64__)
+  __cpuid_count(leaf, 0, regs[0], regs[1], regs[2], regs[3]);
+  return true;
+#else
+  (void)leaf;
+  return false;
+#endif
+}
+
+}  // namespace Platform
+}  // namespace Korvane

@@ -1,0 +1,21 @@
+// The one place that knows the operating system and the processor: the
+// debugger sink, the logical processor count and the CPUID instruction.
+#pragma once
+
+#include <cstdint>
+
+namespace Korvane {
+namespace Platform {
+
+// Writes one line of text to the debugger (stderr outside Windows).
+void WriteDebugString(const char* text);
+
+// Number of logical processors the operating system reports (at least 1).
+int32_t LogicalProcessorCount();
+
+// Runs CPUID for `leaf` (sub-leaf 0) into regs = {eax, ebx, ecx, edx}.
+// Returns false where the instruction does not exist (non-x86 processors).
+bool Cpuid(uint32_t leaf, uint32_t regs[4]);
+
+}  // namespace Platform
+}  // namespace Korvane

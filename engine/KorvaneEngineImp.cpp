@@ -1,0 +1,101 @@
+#include "engine/KorvaneEngineImp.h"
+
+#include <new>
+#include <type_traits>
+
+#include "core/DebugLog.h"
+#include "core/Platform.h"
+#include "engine/CpuProbe.h"
+
+// Effect implementations, one line per type code.
+
+using Korvane::DebugLog;
+
+KorvaneEngineImp::KorvaneEngineImp() {
+  m_system_info.processor_count = Korvane::Platform::LogicalProcessorCount();
+  m_system_info.simd_level = Korvane::ProbeSimdLevel();
+  m_system_info.reserved = 0;
+  m_thread_pool.Create(m_system_info.processor_count);
+}
+
+KorvaneEngineImp::~KorvaneEngineImp() {
+  // Types 1 to 8 first; the focus-blur registry (type 9) is emptied last, by
+  // the member destructors, and the pool is stopped after that.
+  for (int32_t i = 0; i < kTypeCount - 1; ++i) m_registries[i].clear();
+}
+
+size_t KorvaneEngineImp::GetInstanceCount(int32_t type) const {
+  return (type >= 1 && type <= kTypeCount) ? m_registries[type - 1].size() : 0;
+}
+
+template <class Interface, class Impl>
+int32_t KorvaneEngineImp::Make(void** p_effect_inst, int32_t type) {
+  Impl* impl;
+  if constexpr (std::is_constructible_v<Impl, Korvane::CThreadPool*>) {
+    impl = new (std::nothrow) Impl(&m_thread_pool);
+    if (!impl) return E_OUTOFMEMORY;
+    impl->SetSystemInfo(m_system_info);
+  } else {
+    impl = new (std::nothrow) Impl();  // the triangulation takes neither
+    if (!impl) return E_OUTOFMEMORY;
+  }
+  Interface* iface = impl;
+  *p_effect_inst = iface;
+  try {
+    m_registries[type - 1].insert_or_assign(
+        static_cast<void*>(iface), Owner(iface, [](void* p) { delete static_cast<Interface*>(p); }));
+  } catch (const std::bad_alloc& e) {
+    delete iface;
+    *p_effect_inst = nullptr;
+    DebugLog("CreateEffect - %s caught!", e.what());
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
+  switch (type) {
+    default:
+      (void)p_effect_inst;
+      return E_NOTIMPL;  // not built into this version of the library
+  }
+}
+
+int32_t KorvaneEngineImp::CreateEffect(void** p_effect_inst, int32_t type) {
+  if (!p_effect_inst) return E_POINTER;
+  if (*p_effect_inst != nullptr) {
+    DebugLog("Please make sure the parameter p_effect_inst is NULL");
+    return E_FAIL;
+  }
+  if (type < 1 || type > kTypeCount) return S_OK;  // unknown types answer success
+  return Construct(p_effect_inst, type);
+}
+
+int32_t KorvaneEngineImp::DeleteEffect(void** p_effect_inst, int32_t type) {
+  if (!p_effect_inst || *p_effect_inst == nullptr || type < 1 || type > kTypeCount) return E_FAIL;
+  if (m_registries[type - 1].erase(*p_effect_inst) == 0) return E_FAIL;
+  *p_effect_inst = nullptr;
+  return S_OK;
+}
+
+extern "C" KORVANE_API int32_t CreateKorvaneEngine(KorvaneEngine** p_inst) {
+  if (!p_inst) return E_POINTER;
+  if (*p_inst != nullptr) {
+    DebugLog("Please make sure the parameter p_inst is NULL");
+    return E_FAIL;
+  }
+  try {
+    *p_inst = new (std::nothrow) KorvaneEngineImp();
+  } catch (const std::bad_alloc& e) {  // the pool's arrays, thrown from the constructor
+    DebugLog("CreateKorvaneEngine - %s caught!", e.what());
+    *p_inst = nullptr;
+  }
+  return *p_inst ? S_OK : E_OUTOFMEMORY;
+}
+
+extern "C" KORVANE_API void DeleteKorvaneEngine(KorvaneEngine** p_inst) {
+  if (p_inst && *p_inst) {
+    delete *p_inst;
+    *p_inst = nullptr;
+  }
+}

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Builds and runs every test three ways: an optimised build; an
+# AddressSanitizer + UndefinedBehaviorSanitizer build; and the worker pool and
+# thread adapter under ThreadSanitizer. Any failure stops with non-zero status.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+jobs=$(nproc)
+
+echo "== optimised build"
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release > /dev/null
+cmake --build build/release -j"$jobs"
+(cd build/release && ctest -j"$jobs" --output-on-failure)
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVANE_SANITIZE="address;undefined" \
+  -DKORVANE_BUILD_BENCH=OFF > /dev/null
+cmake --build build/asan -j"$jobs"
+(cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest -j"$jobs" --output-on-failure)
+
+echo "== ThreadSanitizer: worker pool and thread adapter"
+cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVANE_SANITIZE=thread \
+  -DKORVANE_BUILD_BENCH=OFF -DKORVANE_BUILD_TOOLS=OFF > /dev/null
+cmake --build build/tsan -j"$jobs" --target test_core
+(cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest -j"$jobs" --output-on-failure \
+  -R '^(ThreadPool|ThreadAdapter|SegmentBlock)\.')

@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "engine/CpuProbe.h"
+#include "engine/KorvaneEngine.h"
+#include "engine/KorvaneEngineImp.h"
+
+using namespace Korvane;
+
+namespace {
+
+struct EngineFixture : testing::Test {
+  KorvaneEngine* engine = nullptr;
+  void SetUp() override {
+    CreateKorvaneEngine(&engine);
+    ASSERT_NE(engine, nullptr);
+  }
+  void TearDown() override { DeleteKorvaneEngine(&engine); }
+  KorvaneEngineImp* Imp() { return static_cast<KorvaneEngineImp*>(engine); }
+
+  // Type codes this build implements (others answer E_NOTIMPL).
+  std::vector<int> BuiltTypes() {
+    std::vector<int> types;
+    for (int t = 1; t <= 9; ++t) {
+      void* p = nullptr;
+      const int32_t hr = engine->CreateEffect(&p, t);
+      if (hr == S_OK) {
+        EXPECT_NE(p, nullptr) << t;
+        types.push_back(t);
+        EXPECT_EQ(engine->DeleteEffect(&p, t), S_OK);
+      } else {
+        EXPECT_EQ(hr, E_NOTIMPL) << t;
+        EXPECT_EQ(p, nullptr) << t;
+      }
+    }
+    return types;
+  }
+};
+
+}  // namespace
+
+TEST(CreateKorvaneEngine, RefusesANonNullOutPointerAndLogs) {
+  KorvaneEngine* engine = nullptr;
+  CreateKorvaneEngine(&engine);
+  ASSERT_NE(engine, nullptr);
+  KorvaneEngine* before = engine;
+  testing::internal::CaptureStderr();
+  CreateKorvaneEngine(&engine);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "[Korvane] Please make sure the parameter p_inst is NULL\n");
+  EXPECT_EQ(engine, before);
+  DeleteKorvaneEngine(&engine);
+  EXPECT_EQ(engine, nullptr);
+  DeleteKorvaneEngine(&engine);  // NULL: nothing happens
+}
+
+TEST_F(EngineFixture, DescribesTheMachineAndStartsAtMostEightWorkers) {
+  const SystemInfo& info = Imp()->GetSystemInfo();
+  EXPECT_GE(info.processor_count, 1);
+  EXPECT_EQ(info.reserved, 0);
+  EXPECT_EQ(info.simd_level, ProbeSimdLevel());
+  EXPECT_EQ(Imp()->GetWorkerCount(), std::min(info.processor_count, 8));
+}
+
+TEST_F(EngineFixture, UnknownTypesAnswerSuccessAndCreateNothing) {
+  for (int t : {0, 10, -1, 1000}) {
+    void* p = nullptr;
+    EXPECT_EQ(engine->CreateEffect(&p, t), S_OK);
+    EXPECT_EQ(p, nullptr);
+  }
+}
+
+TEST_F(EngineFixture, NonNullEffectPointerIsRefusedWithALogLine) {
+  int dummy = 0;
+  void* p = &dummy;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(engine->CreateEffect(&p, 9), E_FAIL);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "[Korvane] Please make sure the parameter p_effect_inst is NULL\n");
+  EXPECT_EQ(p, &dummy);
+}
+
+TEST_F(EngineFixture, DeleteRefusesNullBadTypeAndForeignPointers) {
+  void* p = nullptr;
+  EXPECT_EQ(engine->DeleteEffect(&p, 9), E_FAIL);
+  int dummy = 0;
+  p = &dummy;
+  EXPECT_EQ(engine->DeleteEffect(&p, 0), E_FAIL);
+  EXPECT_EQ(engine->DeleteEffect(&p, 10), E_FAIL);
+  EXPECT_EQ(engine->DeleteEffect(&p, 4), E_FAIL);
+  EXPECT_EQ(p, &dummy);
+}
+
+TEST_F(EngineFixture, WrongTypeDeleteKeepsTheInstanceAndDoubleDeleteFails) {
+  for (int t : BuiltTypes()) {
+    void* p = nullptr;
+    ASSERT_EQ(engine->CreateEffect(&p, t), S_OK);
+    const int other = t == 9 ? 1 : t + 1;
+    void* const kept = p;
+    EXPECT_EQ(engine->DeleteEffect(&p, other), E_FAIL);
+    EXPECT_EQ(p, kept);
+    EXPECT_EQ(Imp()->GetInstanceCount(t), 1u);
+    EXPECT_EQ(engine->DeleteEffect(&p, t), S_OK);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(engine->DeleteEffect(&p, t), E_FAIL);
+    EXPECT_EQ(Imp()->GetInstanceCount(t), 0u);
+  }
+}
+
+TEST(KorvaneEngine, DeletingTheEngineDeletesEveryLiveInstance) {
+  // Runs under the sanitizers: a leaked or doubly deleted instance fails there.
+  KorvaneEngine* engine = nullptr;
+  CreateKorvaneEngine(&engine);
+  ASSERT_NE(engine, nullptr);
+  int created = 0;
+  for (int round = 0; round < 3; ++round)
+    for (int t = 1; t <= 9; ++t) {
+      void* p = nullptr;
+      if (engine->CreateEffect(&p, t) == S_OK) ++created;
+    }
+  auto* imp = static_cast<KorvaneEngineImp*>(engine);
+  size_t live = 0;
+  for (int t = 1; t <= 9; ++t) live += imp->GetInstanceCount(t);
+  EXPECT_EQ(live, static_cast<size_t>(created));
+  DeleteKorvaneEngine(&engine);
+  EXPECT_EQ(engine, nullptr);
+}
+
+TEST(CpuProbe, LevelsFollowTheFeatureBits) {
+  const uint32_t sse = 1u << 25, sse2 = 1u << 26;
+  const uint32_t sse3 = 1u << 0, ssse3 = 1u << 9, sse41 = 1u << 19, sse42 = 1u << 20;
+  EXPECT_EQ(SimdLevelFromCpuid(0, ~0u, ~0u), 0);
+  EXPECT_EQ(SimdLevelFromCpuid(1, 0, ~0u), 0);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse, ~0u), 1);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, 0), 2);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3), 3);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | sse41), 3);  // SSE4.1 needs SSSE3
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3), 4);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse41), 5);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse41 | sse42), 6);
+  EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse42), 4);
+}

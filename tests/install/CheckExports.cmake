@@ -1,0 +1,20 @@
+# Fails unless the shared library's dynamic symbol table defines exactly
+# CreateKorvaneEngine and DeleteKorvaneEngine.
+execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIB}")
+endif()
+string(REPLACE "\n" ";" lines "${out}")
+set(names "")
+foreach(line ${lines})
+  # Only code and data symbols count; the linker's own markers are absolute (A).
+  if(line MATCHES "^[0-9a-fA-F]+ [TtDdBbRrVvWwi] ([^ ]+)$")
+    string(REGEX REPLACE "@.*" "" n "${CMAKE_MATCH_1}")
+    list(APPEND names ${n})
+  endif()
+endforeach()
+list(SORT names)
+if(NOT names STREQUAL "CreateKorvaneEngine;DeleteKorvaneEngine")
+  message(FATAL_ERROR "unexpected exports: ${names}")
+endif()
+message(STATUS "exports: ${names}")

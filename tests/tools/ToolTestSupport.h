@@ -1,0 +1,42 @@
+// Running the korvane executable from tests, in a scratch folder per test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace KorvaneToolTest {
+
+struct CliResult {
+  int exit_code = -1;
+  std::string output;  // stdout and stderr together
+};
+
+// Runs `korvane <args>` through the shell and captures what it printed.
+inline CliResult RunCli(const std::string& args) {
+  CliResult r;
+  const std::string cmd = std::string("\"") + KORVANE_CLI + "\" " + args + " 2>&1";
+  FILE* pipe = popen(cmd.c_str(), "r");
+  if (!pipe) return r;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) r.output.append(buf, n);
+  const int status = pclose(pipe);
+  r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+// A fresh, empty folder named after the running test.
+inline std::string Scratch() {
+  const auto* info = testing::UnitTest::GetInstance()->current_test_info();
+  const std::filesystem::path dir =
+      std::filesystem::path(KORVANE_TEST_SCRATCH) / (std::string(info->test_suite_name()) + "." + info->name());
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  return dir.string();
+}
+
+}  // namespace KorvaneToolTest

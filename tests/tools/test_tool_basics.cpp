@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "ImageIO.h"
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+TEST(ImageFiles, PngKeepsEveryByteAndGrayStaysGray) {
+  const std::string dir = Scratch();
+  Image img(7, 5, 4);
+  for (size_t i = 0; i < img.pixels.size(); ++i) img.pixels[i] = static_cast<uint8_t>(i * 37 + 3);
+  std::string err;
+  ASSERT_TRUE(SaveImage(dir + "/a.png", img, 90, err)) << err;
+  Image back;
+  ASSERT_TRUE(LoadImage(dir + "/a.png", back, err)) << err;
+  EXPECT_EQ(back.width, 7);
+  EXPECT_EQ(back.height, 5);
+  EXPECT_EQ(back.pixels, img.pixels);
+
+  Image gray(3, 2, 1);
+  for (size_t i = 0; i < gray.pixels.size(); ++i) gray.pixels[i] = static_cast<uint8_t>(i * 50);
+  ASSERT_TRUE(SaveImage(dir + "/g.png", gray, 90, err)) << err;
+  Image g;
+  ASSERT_TRUE(LoadGray(dir + "/g.png", g, err)) << err;
+  EXPECT_EQ(g.pixels, gray.pixels);
+}
+
+TEST(ImageFiles, JpegRoundTripIsClose) {
+  const std::string dir = Scratch();
+  Image img(16, 16, 4, 0);
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 16; ++x) {
+      uint8_t* p = img.at(x, y);
+      p[0] = 200, p[1] = 100, p[2] = 50, p[3] = 255;
+    }
+  std::string err;
+  ASSERT_TRUE(SaveImage(dir + "/a.JPG", img, 95, err)) << err;
+  Image back;
+  ASSERT_TRUE(LoadImage(dir + "/a.JPG", back, err)) << err;
+  ASSERT_EQ(back.width, 16);
+  EXPECT_NEAR(back.at(8, 8)[0], 200, 4);
+  EXPECT_NEAR(back.at(8, 8)[2], 50, 4);
+  EXPECT_EQ(back.at(8, 8)[3], 255);
+}
+
+TEST(ImageFiles, BadFilesGiveOneLineReasons) {
+  const std::string dir = Scratch();
+  Image img;
+  std::string err;
+  EXPECT_FALSE(LoadImage(dir + "/missing.png", img, err));
+  EXPECT_NE(err.find("no such file"), std::string::npos);
+  std::ofstream(dir + "/text.png") << "not an image";
+  EXPECT_FALSE(LoadImage(dir + "/text.png", img, err));
+  EXPECT_NE(err.find("unsupported image"), std::string::npos);
+  std::ofstream(dir + "/cut.png", std::ios::binary) << "\x89PNG\r\n\x1a\n\0\0";
+  EXPECT_FALSE(LoadImage(dir + "/cut.png", img, err));
+  EXPECT_FALSE(SaveImage(dir + "/a.bmp", Image(2, 2, 4), 90, err));
+  EXPECT_NE(err.find(".bmp"), std::string::npos);
+}
+
+TEST(Cli, InfoDescribesTheMachine) {
+  const CliResult r = RunCli("info");
+  EXPECT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("processors:"), std::string::npos);
+  EXPECT_NE(r.output.find("SIMD level:"), std::string::npos);
+  EXPECT_NE(r.output.find("workers:"), std::string::npos);
+}
+
+TEST(Cli, UnknownCommandAndMissingCommandFail) {
+  EXPECT_NE(RunCli("no-such-command").exit_code, 0);
+  EXPECT_NE(RunCli("").exit_code, 0);
+  const CliResult help = RunCli("--help");
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.output.find("demo"), std::string::npos);
+}
+
+TEST(Cli, DemoRendersTheSceneIntoTheFolder) {
+  const std::string dir = Scratch();
+  const CliResult r = RunCli("demo --width 160 --height 120 -o " + dir + "/out");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  Image scene;
+  std::string err;
+  ASSERT_TRUE(LoadImage(dir + "/out/scene.png", scene, err)) << err;
+  EXPECT_EQ(scene.width, 160);
+  EXPECT_EQ(scene.height, 120);
+}

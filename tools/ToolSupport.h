@@ -1,0 +1,53 @@
+// What every subcommand needs: the engine, effect creation with readable
+// errors, and the messages and checks shared by all of them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "core/ResultCode.h"
+#include "engine/KorvaneEngine.h"
+
+namespace KorvaneTool {
+
+// Prints "korvane: <message>" on one line of stderr and returns exit code 1.
+int Fail(const std::string& message);
+
+// "E_INVALIDARG (0x80070057)".
+std::string CodeText(int32_t code);
+
+// Fails with "<what> failed: <code>" when code is negative; returns 0 otherwise.
+int CheckCode(int32_t code, const std::string& what);
+
+// Refuses to overwrite the input with the output: the output is replaced only
+// when it is not the same file as any of the inputs. Returns 0 or an exit code.
+int CheckOutputPath(const std::string& output, std::initializer_list<std::string> inputs);
+
+// One engine for the process, with typed effect creation.
+class Engine {
+ public:
+  Engine();
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  bool ok() const { return m_engine != nullptr; }
+  KorvaneEngine* get() const { return m_engine; }
+
+  // Creates an effect of `type` as interface T; nullptr after printing why.
+  template <class T>
+  T* Create(int32_t type) {
+    void* p = nullptr;
+    const int32_t hr = m_engine ? m_engine->CreateEffect(&p, type) : E_FAIL;
+    if (hr < 0 || !p) {
+      Fail("cannot create effect type " + std::to_string(type) + ": " + CodeText(hr < 0 ? hr : E_NOTIMPL));
+      return nullptr;
+    }
+    return static_cast<T*>(p);
+  }
+
+ private:
+  KorvaneEngine* m_engine = nullptr;
+};
+
+}  // namespace KorvaneTool

@@ -1,0 +1,45 @@
+// Bilinear resize kernels: task functions for CThreadAdapter that scale a
+// whole image centre to centre, with integer 8-bit weights for the byte
+// formats and float arithmetic for PIXEL_FLOAT96.
+#pragma once
+
+#include <cstdint>
+
+#include "core/ImageBuffer.h"
+#include "core/SystemInfo.h"
+#include "core/ThreadAdapter.h"
+
+namespace Korvane {
+
+// Task parameter. The band handed to the task is in destination coordinates.
+struct ResizeParam {
+  SmartBuffer src;  // source image
+  SmartBuffer dst;  // destination, already created at the target size
+  Rect src_roi;     // part of the source that may be sampled; indices are clamped into it
+};
+
+// PIXEL_BGRA32 (all four bytes interpolated) and PIXEL_GRAY8.
+int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result);
+int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result);
+// SSE4.1 forms: the same values, four destination pixels at a time.
+int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result);
+int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result);
+// PIXEL_FLOAT96 (three floats a pixel), same mapping and clamping, in float.
+int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result);
+
+// One bilinear sample at float position (x, y) with 8-bit weights; the caller
+// guarantees 0 <= trunc(x) < width and 0 <= trunc(y) < height. The 8uc4 form
+// writes 255 into alpha. E_POINTER when src or out is NULL.
+int32_t BilinearSample_8uc4(const unsigned char* src, unsigned char* out, int height, int width,
+                            int stride, float y, float x);
+int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int height, int width,
+                            int stride, float y, float x);
+
+// The dispatcher every effect reuses: picks the task from src.pix_fmt
+// (BGRA32, GRAY8, FLOAT96 when both images are FLOAT96; E_NOTIMPL otherwise)
+// and the plain or SSE4.1 form from info.simd_level, runs it over dst_roi in
+// row bands and logs a failure with the call's text.
+int32_t RunBilinearResize(CThreadAdapter& adapter, const SystemInfo& info, ResizeParam& param,
+                          Rect dst_roi);
+
+}  // namespace Korvane

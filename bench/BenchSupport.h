@@ -1,0 +1,65 @@
+// Shared set-up for the benchmark programs: a worker pool the size the engine
+// would start, the same thread count for OpenCV, and deterministic images.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "core/Platform.h"
+#include "core/SmartBuffer.h"
+#include "core/SystemInfo.h"
+#include "core/ThreadPool.h"
+
+#if KORVANE_BENCH_OPENCV
+#include <opencv2/core.hpp>
+#endif
+
+namespace KorvaneBench {
+
+// The engine's worker count on this machine.
+inline int WorkerCount() {
+  return std::min(Korvane::Platform::LogicalProcessorCount(), Korvane::kMaxWorkerThreads);
+}
+
+// One pool for the whole benchmark program, started on first use. OpenCV is
+// told to use the same number of threads so the pairs compare like with like.
+inline Korvane::CThreadPool& Pool() {
+  static Korvane::CThreadPool* pool = [] {
+    auto* p = new Korvane::CThreadPool();
+    p->Create(WorkerCount());
+#if KORVANE_BENCH_OPENCV
+    cv::setNumThreads(WorkerCount());
+#endif
+    return p;
+  }();
+  return *pool;
+}
+
+// The machine description with the SIMD level of this processor.
+Korvane::SystemInfo MachineInfo();
+
+// A photo-like test image: smooth gradients plus noise, fixed seed.
+inline std::vector<uint8_t> MakeImage(int width, int height, int channels, uint32_t seed = 1) {
+  std::vector<uint8_t> img(static_cast<size_t>(width) * height * channels);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      for (int c = 0; c < channels; ++c) {
+        const int v = (x * (c + 1) / 16 + y / 8 + static_cast<int>(rng() % 32)) & 255;
+        img[(static_cast<size_t>(y) * width + x) * channels + c] = static_cast<uint8_t>(v);
+      }
+  return img;
+}
+
+}  // namespace KorvaneBench
+
+#include "engine/CpuProbe.h"
+
+inline Korvane::SystemInfo KorvaneBench::MachineInfo() {
+  Korvane::SystemInfo info;
+  info.processor_count = Korvane::Platform::LogicalProcessorCount();
+  info.simd_level = Korvane::ProbeSimdLevel();
+  return info;
+}

@@ -68,27 +68,32 @@ int32_t CThreadAdapter::RunTaskByMultiThread(ThreadTask task, void* param, void*
              static_cast<unsigned>(hr));
     return hr;
   }
-  // Each band's mutex is held from before its submission until the wait, so
-  // a band that finishes early cannot signal before we are waiting for it.
+  // Each band's result slot doubles as its completion flag: it is set to
+  // "pending" before submission and written by the worker under the band's
+  // mutex just before the signal. A band that finishes before we reach its
+  // wait is therefore seen rather than missed, spurious wake-ups are absorbed,
+  // and no two band mutexes are ever held at once.
   int32_t submitted = 0;
   int32_t result = S_OK;
   for (int32_t i = 0; i < m_segment_count; ++i) {
     m_jobs[i].ctx = ctx;
     m_jobs[i].param = param;
-    m_results[i] = kBandPending;
     pthread_mutex_lock(&m_mutexes[i]);
+    m_results[i] = kBandPending;
+    pthread_mutex_unlock(&m_mutexes[i]);
     hr = m_thread_pool->Submit(task, &m_jobs[i], &m_results[i], &m_conds[i], &m_mutexes[i]);
     if (hr < 0) {
-      pthread_mutex_unlock(&m_mutexes[i]);
       result = hr;
       break;
     }
     ++submitted;
   }
   for (int32_t i = 0; i < submitted; ++i) {
+    pthread_mutex_lock(&m_mutexes[i]);
     while (m_results[i] == kBandPending) pthread_cond_wait(&m_conds[i], &m_mutexes[i]);
+    const int32_t band_result = m_results[i];
     pthread_mutex_unlock(&m_mutexes[i]);
-    if (m_results[i] < 0) result = m_results[i];
+    if (band_result < 0) result = band_result;
   }
   return result;
 }

@@ -1,0 +1,64 @@
+// Sweep-hull Delaunay triangulation: points are added in order of distance
+// from the circumcentre of a seed triangle, each one joined to the part of the
+// convex hull it can see, and new edges made locally Delaunay by edge flips.
+// All geometry is single precision with a fixed orientation tolerance of 0.1.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "effects/animation/DelaunayTriangle.h"
+
+namespace Korvane {
+
+class Delaunay final : public DelaunayTriangle {
+ public:
+  static constexpr uint32_t INVALID = 0xFFFFFFFFu;
+
+  Delaunay() = default;
+  ~Delaunay() override = default;
+
+  using DelaunayTriangle::Triangulate;
+  int32_t Triangulate(const float* points, uint32_t count) override;
+  uint32_t GetTriangleCount() const override;
+  int32_t GetTriangles(uint32_t* triangles, int32_t capacity) const override;
+  int32_t Reset() override;
+
+  // Direct read access for callers inside the library (3 indices a triangle,
+  // and the opposite half-edge of each, INVALID on the hull).
+  const uint32_t* TriangleData() const { return triangles.data(); }
+  const uint32_t* HalfedgeData() const { return halfedges.data(); }
+
+ private:
+  int32_t SortPointsByDist();
+  int32_t InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t seed_tri_p2);
+  int32_t FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* prev_p, uint32_t* next_p);
+  uint32_t Legalize(uint32_t a);
+  uint32_t AddTriangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a, uint32_t b, uint32_t c);
+  uint32_t HashKey(float x, float y) const;
+  void Link(uint32_t a, uint32_t b) {
+    halfedges[a] = b;
+    if (b != INVALID) halfedges[b] = a;
+  }
+
+  std::vector<uint32_t> hull_next;   // next hull vertex; a removed vertex points to itself
+  std::vector<uint32_t> hull_prev;   // previous hull vertex
+  std::vector<uint32_t> hull_tri;    // half-edge of the hull triangle starting at each hull vertex
+  std::vector<uint32_t> halfedges;   // opposite half-edge, INVALID on the hull
+  std::vector<uint32_t> triangles;   // point indices, 3 per triangle
+  std::vector<uint32_t> hull_hash;   // angular buckets of hull vertices
+  std::vector<uint32_t> sorted_ids;  // insertion order
+  std::vector<uint32_t> edge_stack;  // pending edges of Legalize
+  const float* points = nullptr;     // caller's x, y pairs, only during Triangulate
+  uint32_t point_count = 0;
+  uint32_t triangle_index_count = 0;
+  uint32_t hash_size = 0;
+  uint32_t hull_start = 0;
+  float seed_center[2] = {0.0f, 0.0f};
+
+  // Sort scratch: distance keys and a second id buffer for the radix passes.
+  std::vector<uint32_t> m_sort_keys;
+  std::vector<uint32_t> m_sort_tmp;
+};
+
+}  // namespace Korvane

@@ -8,6 +8,7 @@
 #include "engine/CpuProbe.h"
 
 // Effect implementations, one line per type code.
+#include "effects/glitch/GlitchEffect.h"
 
 using Korvane::DebugLog;
 
@@ -55,6 +56,7 @@ int32_t KorvaneEngineImp::Make(void** p_effect_inst, int32_t type) {
 
 int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
   switch (type) {
+    case Korvane::EFFECT_GLITCH: return Make<Korvane::Glitch, Korvane::GlitchEffect>(p_effect_inst, type);
     default:
       (void)p_effect_inst;
       return E_NOTIMPL;  // not built into this version of the library

@@ -1,0 +1,183 @@
+#include "effects/focus_blur/FocusBlurEffect.h"
+
+#include <climits>
+#include <cstdlib>
+#include <new>
+
+#include "core/DebugLog.h"
+#include "core/SmartBuffer.h"
+#include "effects/focus_blur/FocusBlend.h"
+#include "effects/focus_blur/GaussianBlur.h"
+
+namespace Korvane {
+
+namespace {
+
+// The failure lines name the kernel form that ran.
+struct PassNames {
+  const char* strong_h;
+  const char* strong_v;
+  const char* weak_h;
+  const char* weak_v;
+  const char* blend;
+};
+
+const PassNames kPlainNames = {
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH, &blur_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV, &blur_param, this, process_region, false)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH, &sub_blur_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV, &sub_blur_param, this, process_region, false)",
+    "m_thread_adapter.RunTaskByMultiThread(FocusBlend, &blend_param, this, process_region)",
+};
+
+const PassNames kSseNames = {
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH_SSE, &blur_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV_SSE, &blur_param, this, process_region, false)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH_SSE, &sub_blur_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV_SSE, &sub_blur_param, this, process_region, false)",
+    "m_thread_adapter.RunTaskByMultiThread(FocusBlend_SSE, &blend_param, this, process_region)",
+};
+
+int32_t Refuse(const char* why, int32_t code) {
+  DebugLog("[Korvane] FocusBlur: %s - Return Code: %x", why, static_cast<unsigned>(code));
+  return code;
+}
+
+bool RowsFit(const ImageBuffer& b, int64_t bytes_per_pixel) {
+  return static_cast<int64_t>(b.stride) >= static_cast<int64_t>(b.width) * bytes_per_pixel;
+}
+
+// What keeps every pass inside the caller's images. Logs and returns the
+// reason when the record cannot be used.
+int32_t CheckRecord(const FocusBlurParam& p) {
+  if (!p.input.data) return Refuse("the input image has no pixels", E_POINTER);
+  if (!p.mask.data) return Refuse("the guide image has no pixels", E_POINTER);
+  if (!p.output.data) return Refuse("the output image has no pixels", E_POINTER);
+  if (p.input.pix_fmt != PIXEL_BGRA32 || p.input.channel != 4) {
+    return Refuse("the input image is not BGRA32", E_NOTIMPL);
+  }
+  if (p.output.pix_fmt != PIXEL_BGRA32 || p.output.channel != 4) {
+    return Refuse("the output image is not BGRA32", E_NOTIMPL);
+  }
+  if (p.input.width <= 0 || p.input.height <= 0 || static_cast<int64_t>(p.input.width) * 4 > INT32_MAX) {
+    return Refuse("the input image size is out of range", E_INVALIDARG);
+  }
+  if (p.mask.width != p.input.width || p.mask.height != p.input.height) {
+    return Refuse("the guide image is not the size of the input", E_INVALIDARG);
+  }
+  if (p.output.width != p.input.width || p.output.height != p.input.height) {
+    return Refuse("the output image is not the size of the input", E_INVALIDARG);
+  }
+  if (!RowsFit(p.input, 4) || !RowsFit(p.output, 4) || p.mask.channel < 1 || !RowsFit(p.mask, p.mask.channel)) {
+    return Refuse("an image stride is shorter than its rows", E_INVALIDARG);
+  }
+  return S_OK;
+}
+
+// Shared by both blurs: true where the guide lies further than focus_range
+// from focus_value.
+std::shared_ptr<bool[]> MakeBlurMask(const ImageBuffer& guide, int32_t focus_value, int32_t focus_range) {
+  const int32_t width = guide.width, height = guide.height;
+  std::shared_ptr<bool[]> mask(new bool[static_cast<size_t>(width) * height]);
+  // Per guide value, so the loop below is a lookup.
+  bool blur[256];
+  for (int32_t v = 0; v < 256; ++v) {
+    blur[v] = std::llabs(static_cast<int64_t>(v) - focus_value) > static_cast<int64_t>(focus_range);
+  }
+  for (int32_t y = 0; y < height; ++y) {
+    const uint8_t* g = guide.data + static_cast<size_t>(y) * guide.stride;
+    bool* m = mask.get() + static_cast<size_t>(y) * width;
+    const int32_t step = guide.channel;
+    for (int32_t x = 0; x < width; ++x) m[x] = blur[g[static_cast<size_t>(x) * step]];
+  }
+  return mask;
+}
+
+}  // namespace
+
+int32_t FocusBlurEffect::Init(const FocusBlurParam*) { return S_OK; }
+
+int32_t FocusBlurEffect::Uninit() { return S_OK; }
+
+int32_t FocusBlurEffect::Process(const FocusBlurParam* param) {
+  if (!param) return Refuse("no parameter record", E_POINTER);
+  try {
+    // A failure has been logged and leaves the output partly or wholly
+    // unwritten; the caller still gets 0, as hosts of this effect expect.
+    Render(*param);
+  } catch (const std::bad_alloc& e) {
+    DebugLog("Process - %s caught!", e.what());
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
+  int32_t hr = CheckRecord(param);
+  if (hr < 0) return hr;
+
+  const bool sse = UseSse41();
+  const ThreadTask blur_h = sse ? KORVANE_SSE41(GaussianBlurH_SSE) : GaussianBlurH;
+  const ThreadTask blur_v = sse ? KORVANE_SSE41(GaussianBlurV_SSE) : GaussianBlurV;
+  const ThreadTask blend = sse ? KORVANE_SSE41(FocusBlend_SSE) : FocusBlend;
+  const PassNames& names = sse ? kSseNames : kPlainNames;
+
+  const SmartBuffer in = SmartBufferView(param.input);
+  const SmartBuffer guide = SmartBufferView(param.mask);
+  const SmartBuffer out = SmartBufferView(param.output);
+  const Rect process_region{0, 0, in.width, in.height};
+  const std::shared_ptr<bool[]> blur_mask = MakeBlurMask(param.mask, param.focus_value, param.focus_range);
+
+  // Strong blur.
+  SmartBuffer effect;
+  if (KORVANE_FAILED(CreateSmartBufferData(effect, in.width, in.height, in.pix_fmt))) return hr;
+  if (KORVANE_FAILED(CopySmartBufferData(in, effect))) return hr;
+  GaussianBlurParam blur_param;
+  blur_param.buffer = effect;
+  blur_param.weights.reset(new float[kGaussianHalfTaps]);
+  blur_param.kernel_length = MakeGaussianWeights(param.blur_level, in.width, in.height, blur_param.weights.get());
+  blur_param.mask = blur_mask;
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &blur_param, this, process_region)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.strong_h, hr);
+    return hr;
+  }
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &blur_param, this, process_region, false)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.strong_v, hr);
+    return hr;
+  }
+
+  // Weak blur, a sixth of the strength.
+  SmartBuffer sub_effect;
+  if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, in.width, in.height, in.pix_fmt))) return hr;
+  if (KORVANE_FAILED(CopySmartBufferData(in, sub_effect))) return hr;
+  GaussianBlurParam sub_blur_param;
+  sub_blur_param.buffer = sub_effect;
+  sub_blur_param.weights.reset(new float[kGaussianHalfTaps]);
+  sub_blur_param.kernel_length =
+      MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());
+  sub_blur_param.mask = blur_mask;
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
+    return hr;
+  }
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
+    return hr;
+  }
+
+  FocusBlendParam blend_param;
+  blend_param.output = out;
+  blend_param.input = in;
+  blend_param.effect = effect;
+  blend_param.sub_effect = sub_effect;
+  blend_param.mask = guide;
+  blend_param.table.reset(new int32_t[256]);
+  MakeBlendTable(param.focus_value, blend_param.table.get());
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blend, &blend_param, this, process_region)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.blend, hr);
+    return hr;
+  }
+  return S_OK;
+}
+
+}  // namespace Korvane

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "FocusBlurTestSupport.h"
+#include "effects/focus_blur/FocusBlurEffect.h"
+
+using namespace Korvane;
+using namespace FocusBlurTest;
+
+namespace {
+
+struct Scene {
+  int w, h;
+  std::vector<uint8_t> photo, guide, out;
+  FocusBlurParam param;
+
+  Scene(int width, int height, uint32_t seed, uint8_t out_fill = 0x5A)
+      : w(width), h(height), photo(RandomBytes(static_cast<size_t>(width) * height * 4, seed)),
+        guide(RandomBytes(static_cast<size_t>(width) * height, seed + 100)),
+        out(static_cast<size_t>(width) * height * 4, out_fill) {
+    param.input = MakeImageBuffer(photo.data(), w, h);
+    param.mask = MakeImageBuffer(guide.data(), w, h, PIXEL_GRAY8);
+    param.output = MakeImageBuffer(out.data(), w, h);
+  }
+};
+
+std::vector<uint8_t> Render(Scene& s, int workers, int simd_level) {
+  auto pool = MakePool(workers);
+  FocusBlurEffect fx(pool.get());
+  fx.SetSystemInfo(Simd(simd_level));
+  EXPECT_EQ(fx.Init(&s.param), S_OK);
+  EXPECT_EQ(fx.Process(&s.param), S_OK);
+  EXPECT_EQ(fx.Uninit(), S_OK);
+  return s.out;
+}
+
+std::string Logged(const std::function<void()>& f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
+
+}  // namespace
+
+// The whole effect against the literal reference: both kernel forms, several
+// worker counts (bands of different cuts must not change a byte).
+TEST(FocusBlurEffect, MatchesTheReferenceForEveryFormAndWorkerCount) {
+  struct Case {
+    int w, h, level, focus, range;
+  };
+  const Case cases[] = {{1, 1, 60, 100, 5}, {5, 3, 100, 128, 0}, {97, 61, 100, 200, 12},
+                        {160, 120, 100, 30, 40}, {33, 200, 80, 255, 20}};
+  uint32_t seed = 10;
+  for (const Case& c : cases) {
+    Scene s(c.w, c.h, ++seed);
+    s.param.blur_level = c.level;
+    s.param.focus_value = c.focus;
+    s.param.focus_range = c.range;
+    const std::vector<uint8_t> ref = ReferenceFocusBlur(s.photo, s.guide, c.w, c.h, c.level, c.focus, c.range);
+    for (int workers : {1, 2, 8}) {
+      for (int simd : {0, 5}) {
+        if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+        std::fill(s.out.begin(), s.out.end(), static_cast<uint8_t>(workers * 31 + simd));
+        EXPECT_EQ(Render(s, workers, simd), ref) << c.w << "x" << c.h << " workers " << workers << " simd " << simd;
+      }
+    }
+  }
+}
+
+TEST(FocusBlurEffect, InFocusPixelsKeepTheInputExactly) {
+  Scene s(80, 60, 3);
+  for (size_t i = 0; i < s.guide.size(); i += 3) s.guide[i] = 140;
+  s.param.blur_level = 100;
+  s.param.focus_value = 140;
+  s.param.focus_range = 0;
+  const std::vector<uint8_t> out = Render(s, 2, 5);
+  for (size_t i = 0; i < s.guide.size(); i += 3) {
+    for (int c = 0; c < 4; ++c) ASSERT_EQ(out[i * 4 + c], s.photo[i * 4 + c]) << "pixel " << i;
+  }
+}
+
+TEST(FocusBlurEffect, NoBlurLevelOrFullRangeCopiesThePhoto) {
+  for (int simd : {0, 5}) {
+    Scene a(41, 23, 5);
+    a.param.blur_level = 0;
+    a.param.focus_value = 0;
+    a.param.focus_range = 0;
+    EXPECT_EQ(Render(a, 2, simd), a.photo) << "blur_level 0";
+    Scene b(41, 23, 6);
+    b.param.blur_level = 100;
+    b.param.focus_range = 255;  // nothing blurred; the blend still mixes copies of the photo
+    EXPECT_EQ(Render(b, 2, simd), b.photo) << "focus_range 255";
+    Scene c(41, 23, 7);
+    c.param.blur_level = 5;  // weak level 0: the weak blur is a copy
+    c.param.focus_range = 10;
+    EXPECT_EQ(Render(c, 3, simd), ReferenceFocusBlur(c.photo, c.guide, 41, 23, 5, c.param.focus_value, 10));
+  }
+}
+
+// A sharp red subject beside a far blue background: blurring the background
+// must not pull any red into it, and the subject stays untouched.
+TEST(FocusBlurEffect, SharpRegionDoesNotBleedIntoTheBlur) {
+  const int w = 120, h = 40;
+  Scene s(w, h, 9);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = &s.photo[(static_cast<size_t>(y) * w + x) * 4];
+      const bool subject = x < w / 2;
+      p[0] = subject ? 0 : 250;
+      p[1] = 0;
+      p[2] = subject ? 250 : 0;
+      p[3] = 255;
+      s.guide[static_cast<size_t>(y) * w + x] = subject ? 200 : 0;
+    }
+  s.param.blur_level = 100;
+  s.param.focus_value = 200;
+  s.param.focus_range = 10;
+  for (int simd : {0, 5}) {
+    const std::vector<uint8_t> out = Render(s, 4, simd);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        const uint8_t* p = &out[(static_cast<size_t>(y) * w + x) * 4];
+        if (x < w / 2) {
+          ASSERT_EQ(p[2], 250);
+          ASSERT_EQ(p[0], 0);
+        } else {
+          ASSERT_EQ(p[2], 0) << x << "," << y;
+          ASSERT_GE(p[0], 249) << x << "," << y;
+        }
+      }
+  }
+}
+
+TEST(FocusBlurEffect, UnusableRecordsAreLoggedAndLeaveTheOutputAlone) {
+  auto pool = MakePool(2);
+  FocusBlurEffect fx(pool.get());
+  EXPECT_EQ(fx.Process(nullptr), E_POINTER);
+
+  struct Breakage {
+    const char* log;
+    std::function<void(Scene&)> apply;
+  };
+  const Breakage cases[] = {
+      {"input image has no pixels", [](Scene& s) { s.param.input.data = nullptr; }},
+      {"guide image has no pixels", [](Scene& s) { s.param.mask.data = nullptr; }},
+      {"output image has no pixels", [](Scene& s) { s.param.output.data = nullptr; }},
+      {"guide image is not the size", [](Scene& s) { s.param.mask.width = 15; }},
+      {"output image is not the size", [](Scene& s) { s.param.output.height = 9; }},
+      {"input image is not BGRA32", [](Scene& s) { s.param.input.pix_fmt = PIXEL_BGR24; }},
+      {"input image is not BGRA32", [](Scene& s) { s.param.input.channel = 3; }},
+      {"output image is not BGRA32", [](Scene& s) { s.param.output.pix_fmt = PIXEL_GRAY8; }},
+      {"stride is shorter", [](Scene& s) { s.param.mask.stride = 15; }},
+      {"stride is shorter", [](Scene& s) { s.param.mask.channel = 2; }},
+      {"size is out of range", [](Scene& s) {
+         s.param.input.width = s.param.mask.width = s.param.output.width = 0;
+       }},
+  };
+  for (const Breakage& b : cases) {
+    Scene s(16, 10, 4);
+    s.param.blur_level = 100;
+    b.apply(s);
+    int32_t hr = -1;
+    const std::string log = Logged([&] { hr = fx.Process(&s.param); });
+    EXPECT_EQ(hr, S_OK);
+    EXPECT_NE(log.find(b.log), std::string::npos) << log;
+    EXPECT_EQ(s.out, std::vector<uint8_t>(s.out.size(), 0x5A)) << b.log;
+  }
+}
+
+// A failing pass is logged with the call's text and the processing still
+// answers 0. An effect without a pool fails its first pass.
+TEST(FocusBlurEffect, FailingPassLogsItsCallAndReturnsZero) {
+  for (int simd : {0, 5}) {
+    if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+    FocusBlurEffect fx(nullptr);
+    fx.SetSystemInfo(Simd(simd));
+    Scene s(8, 8, 2);
+    int32_t hr = -1;
+    const std::string log = Logged([&] { hr = fx.Process(&s.param); });
+    EXPECT_EQ(hr, S_OK);
+    const std::string call = simd ? "RunTaskByMultiThread(GaussianBlurH_SSE, &blur_param, this, process_region)"
+                                  : "RunTaskByMultiThread(GaussianBlurH, &blur_param, this, process_region)";
+    EXPECT_NE(log.find("[Korvane] [Korvane] m_thread_adapter." + call + " Error! - Return Code: 80070057"),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(s.out, std::vector<uint8_t>(s.out.size(), 0x5A));
+  }
+}
+
+TEST(FocusBlurEffect, OutputMayBeTheInputAndGuideMayHaveFourChannels) {
+  Scene s(50, 30, 8);
+  s.param.blur_level = 100;
+  s.param.focus_value = 128;
+  s.param.focus_range = 20;
+  const std::vector<uint8_t> expected = ReferenceFocusBlur(s.photo, s.guide, 50, 30, 100, 128, 20);
+  // Guide as the first byte of BGRA pixels.
+  std::vector<uint8_t> guide4(s.guide.size() * 4, 0xFF);
+  for (size_t i = 0; i < s.guide.size(); ++i) guide4[i * 4] = s.guide[i];
+  s.param.mask = MakeImageBuffer(guide4.data(), 50, 30);
+  s.param.output = s.param.input;
+  Render(s, 3, 5);
+  EXPECT_EQ(s.photo, expected);
+}

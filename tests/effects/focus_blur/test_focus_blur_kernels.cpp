@@ -1,0 +1,170 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "FocusBlurTestSupport.h"
+#include "core/SmartBuffer.h"
+#include "core/ThreadAdapter.h"
+
+using namespace Korvane;
+using namespace FocusBlurTest;
+
+TEST(GaussianWeights, KernelLengthFollowsSizeAndLevel) {
+  float w[kGaussianHalfTaps];
+  EXPECT_EQ(MakeGaussianWeights(0, 4000, 3000, w), 1);
+  EXPECT_EQ(w[0], 1.0f);
+  EXPECT_EQ(MakeGaussianWeights(-5, 4000, 3000, w), 1);
+  EXPECT_EQ(MakeGaussianWeights(60, 4000, 3000, w), 37);   // sigma 36: the full 37
+  EXPECT_EQ(MakeGaussianWeights(23, 3000, 4000, w), 37);   // sigma 13.8, just enough
+  EXPECT_EQ(MakeGaussianWeights(22, 4000, 3000, w), 35);   // sigma 13.2
+  EXPECT_EQ(MakeGaussianWeights(6, 4000, 3000, w), 10);    // sigma 3.6
+  EXPECT_EQ(MakeGaussianWeights(1, 4000, 3000, w), 2);     // sigma 0.6
+  EXPECT_EQ(MakeGaussianWeights(50, 100, 600, w), 3);      // sigma 1.0
+  EXPECT_EQ(MakeGaussianWeights(100, 1, 1, w), 1);         // sigma 0.0002: cut to the centre
+  EXPECT_EQ(MakeGaussianWeights(2000000000, 20000, 20000, w), 37);
+}
+
+TEST(GaussianWeights, FullKernelSumsToOneAndFalls) {
+  for (int level : {3, 6, 23, 60, 100, 100000}) {
+    float w[kGaussianHalfTaps];
+    const int n = MakeGaussianWeights(level, 4000, 3000, w);
+    float side = 0;
+    for (int i = 1; i < n; ++i) side += w[i];
+    EXPECT_EQ(w[0], 1.0f - 2.0f * side) << level;
+    EXPECT_GT(w[0], 0.0f) << level;
+    for (int i = 1; i < n; ++i) {
+      EXPECT_LE(w[i], w[i - 1] * 1.0001f) << level << " " << i;
+      EXPECT_GT(w[i] / w[0], 0.03125f * 0.999f) << "tap kept below the cut";
+    }
+    for (int i = n; i < kGaussianHalfTaps; ++i) EXPECT_EQ(w[i], 0.0f);
+  }
+}
+
+TEST(BlendTable, ReachesFullBlurAtDistance139) {
+  int32_t t[256];
+  MakeBlendTable(200, t);
+  EXPECT_EQ(t[200], 0);
+  EXPECT_EQ(t[201], t[199]);
+  EXPECT_EQ(t[62], 254);  // distance 138
+  EXPECT_EQ(t[61], 255);  // distance 139
+  EXPECT_EQ(t[0], 255);
+  MakeBlendTable(0, t);
+  EXPECT_EQ(t[138], 254);
+  EXPECT_EQ(t[139], 255);
+  EXPECT_EQ(t[255], 255);
+  for (int v = 1; v < 256; ++v) EXPECT_GE(t[v], t[v - 1]);
+  MakeBlendTable(-100000, t);  // far outside the guide's range: everything fully blurred
+  EXPECT_EQ(t[255], 255);
+}
+
+namespace {
+
+// Runs one blur task form over the whole image through a pool of `workers`.
+std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uint8_t> img, int w, int h,
+                                 const float* weights, int n, const std::vector<bool>& mask, int workers) {
+  auto pool = MakePool(workers);
+  CThreadAdapter adapter;
+  adapter.Init(pool.get());
+  GaussianBlurParam p;
+  p.buffer = MakeSmartBufferView(img.data(), w, h);
+  p.weights.reset(new float[kGaussianHalfTaps]);
+  std::copy(weights, weights + kGaussianHalfTaps, p.weights.get());
+  p.kernel_length = n;
+  p.mask.reset(new bool[static_cast<size_t>(w) * h]);
+  for (size_t i = 0; i < mask.size(); ++i) p.mask[i] = mask[i];
+  EXPECT_EQ(adapter.RunTaskByMultiThread(task, &p, nullptr, Rect{0, 0, w, h}, !vertical), S_OK);
+  return img;
+}
+
+}  // namespace
+
+// Both forms against the literal reference, on awkward sizes, with kernels
+// longer than the image, and with every worker count giving the same bytes.
+TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
+  const int sizes[][2] = {{1, 1}, {1, 9}, {7, 1}, {3, 5}, {13, 11}, {37, 13}, {70, 45}, {130, 3}};
+  const int levels[] = {1, 6, 23, 60};
+  uint32_t seed = 1;
+  for (const auto& sz : sizes) {
+    const int w = sz[0], h = sz[1];
+    for (int level : levels) {
+      float wt[kGaussianHalfTaps];
+      const int n = MakeGaussianWeights(level, 4000, 3000, wt);
+      const std::vector<uint8_t> img = RandomBytes(static_cast<size_t>(w) * h * 4, ++seed);
+      const std::vector<uint8_t> g = RandomBytes(static_cast<size_t>(w) * h, ++seed);
+      std::vector<bool> mask(g.size());
+      for (size_t i = 0; i < g.size(); ++i) mask[i] = g[i] > 60;  // mostly blurred, with holes
+      for (bool vertical : {false, true}) {
+        std::vector<uint8_t> ref = img;
+        ReferenceBlur(ref, w, h, wt, n, mask, vertical);
+        const ThreadTask plain = vertical ? GaussianBlurV : GaussianBlurH;
+        for (int workers : {1, 3, 8}) {
+          EXPECT_EQ(RunBlurTask(plain, vertical, img, w, h, wt, n, mask, workers), ref)
+              << w << "x" << h << " level " << level << (vertical ? " V" : " H") << " workers " << workers;
+#if KORVANE_HAVE_SSE41
+          const ThreadTask sse = vertical ? GaussianBlurV_SSE : GaussianBlurH_SSE;
+          EXPECT_EQ(RunBlurTask(sse, vertical, img, w, h, wt, n, mask, workers), ref)
+              << "SSE " << w << "x" << h << " level " << level << (vertical ? " V" : " H");
+#endif
+        }
+      }
+    }
+  }
+}
+
+TEST(GaussianBlurTasks, RefuseWhatTheyCannotUse) {
+  std::vector<uint8_t> img(8 * 8 * 4, 7);
+  float wt[kGaussianHalfTaps];
+  GaussianBlurParam p;
+  p.buffer = MakeSmartBufferView(img.data(), 8, 8);
+  p.kernel_length = MakeGaussianWeights(60, 4000, 3000, wt);
+  ThreadJob job{nullptr, &p, Rect{0, 0, 8, 8}};
+  int32_t result = 1;
+  EXPECT_EQ(GaussianBlurH(&job, &result), E_POINTER);  // no weights
+  EXPECT_EQ(result, E_POINTER);
+  p.weights.reset(new float[kGaussianHalfTaps]);
+  std::copy(wt, wt + kGaussianHalfTaps, p.weights.get());
+  job.rect = Rect{0, 0, 8, 9};
+  EXPECT_EQ(GaussianBlurV(&job, &result), E_INVALIDARG);  // band past the image
+  job.rect = Rect{0, 4, 8, 4};
+  EXPECT_EQ(GaussianBlurV(&job, &result), S_OK);  // empty band
+  job.rect = Rect{0, 0, 8, 8};
+  p.kernel_length = 38;
+  EXPECT_EQ(GaussianBlurH(&job, &result), E_INVALIDARG);
+  p.kernel_length = 37;
+  p.buffer.pix_fmt = PIXEL_GRAY8;
+  EXPECT_EQ(GaussianBlurH(&job, &result), E_NOTIMPL);
+  // A blur without a mask blurs every pixel: a constant image stays close.
+  p.buffer = MakeSmartBufferView(img.data(), 8, 8);
+  EXPECT_EQ(GaussianBlurH(&job, &result), S_OK);
+  for (size_t i = 0; i < img.size(); ++i) EXPECT_NEAR(img[i], 7, 1);
+}
+
+TEST(FocusBlendTask, SseFormMatchesPlainOnAwkwardWidths) {
+#if !KORVANE_HAVE_SSE41
+  GTEST_SKIP() << "SSE4.1 forms not built";
+#else
+  for (int w : {1, 2, 3, 4, 5, 7, 9, 17, 63}) {
+    const int h = 3;
+    for (int guide_channels : {1, 4}) {
+      const size_t n = static_cast<size_t>(w) * h;
+      std::vector<uint8_t> in = RandomBytes(n * 4, w), s = RandomBytes(n * 4, w + 1), wk = RandomBytes(n * 4, w + 2);
+      std::vector<uint8_t> g = RandomBytes(n * guide_channels, w + 3);
+      std::vector<uint8_t> out_plain(n * 4, 0x11), out_sse(n * 4, 0xEE);
+      FocusBlendParam p;
+      p.input = MakeSmartBufferView(in.data(), w, h);
+      p.effect = MakeSmartBufferView(s.data(), w, h);
+      p.sub_effect = MakeSmartBufferView(wk.data(), w, h);
+      p.mask = MakeSmartBufferView(g.data(), w, h, guide_channels == 1 ? PIXEL_GRAY8 : PIXEL_BGRA32);
+      p.table.reset(new int32_t[256]);
+      MakeBlendTable(90, p.table.get());
+      ThreadJob job{nullptr, &p, Rect{0, 0, w, h}};
+      int32_t r;
+      p.output = MakeSmartBufferView(out_plain.data(), w, h);
+      ASSERT_EQ(FocusBlend(&job, &r), S_OK);
+      p.output = MakeSmartBufferView(out_sse.data(), w, h);
+      ASSERT_EQ(FocusBlend_SSE(&job, &r), S_OK);
+      EXPECT_EQ(out_plain, out_sse) << "width " << w << " guide channels " << guide_channels;
+    }
+  }
+#endif
+}

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <random>
+
+#include "ImageIO.h"
+#include "SheetLayout.h"
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+Image RandomPhoto(int w, int h, uint32_t seed) {
+  Image img(w, h, 4);
+  std::mt19937 rng(seed);
+  for (uint8_t& v : img.pixels) v = static_cast<uint8_t>(rng());
+  return img;
+}
+
+std::string WritePhoto(const std::string& dir, const Image& img) {
+  std::string err;
+  const std::string path = dir + "/photo.png";
+  EXPECT_TRUE(SaveImage(path, img, 90, err)) << err;
+  return path;
+}
+
+Image Load(const std::string& path) {
+  Image img;
+  std::string err;
+  EXPECT_TRUE(LoadImage(path, img, err)) << err;
+  return img;
+}
+
+TEST(CliGlitch, RendersOneTypeWithTheLibrarysScaling) {
+  const std::string dir = Scratch();
+  const Image photo = RandomPhoto(100, 6, 1);
+  const std::string in = WritePhoto(dir, photo);
+
+  // No shift reproduces the photo, alpha included.
+  CliResult r = RunCli("glitch " + in + " --type 0 --shift-x 0 -o " + dir + "/same.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_EQ(Load(dir + "/same.png").pixels, photo.pixels);
+
+  // --shift-x 100 on 100 px is 10 px: green moves right, blue left, red stays.
+  r = RunCli("glitch " + in + " --type 0 --shift-x 100 -o " + dir + "/split.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  const Image out = Load(dir + "/split.png");
+  ASSERT_EQ(out.width, 100);
+  for (int x = 10; x < 90; ++x) {
+    EXPECT_EQ(out.at(x, 3)[1], photo.at(x - 10, 3)[1]);
+    EXPECT_EQ(out.at(x, 3)[0], photo.at(x + 10, 3)[0]);
+    EXPECT_EQ(out.at(x, 3)[2], photo.at(x, 3)[2]);
+  }
+}
+
+TEST(CliGlitch, TypeSheetShowsAllEightTypes) {
+  const std::string dir = Scratch();
+  const std::string in = WritePhoto(dir, RandomPhoto(64, 40, 2));
+  const CliResult r = RunCli("glitch " + in + " --type-sheet --radius 80 -o " + dir + "/sheet.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  const Image sheet = Load(dir + "/sheet.png");
+  EXPECT_GE(sheet.width, 4 * 64);  // four columns, two rows by default
+  EXPECT_GE(sheet.height, 2 * 40);
+  EXPECT_LT(sheet.width, 5 * 64);
+  EXPECT_LT(sheet.height, 4 * 40);
+}
+
+TEST(CliGlitch, BadSettingsFailWithOneLineNamingTheCode) {
+  const std::string dir = Scratch();
+  const std::string in = WritePhoto(dir, RandomPhoto(20, 10, 3));
+  CliResult r = RunCli("glitch " + in + " --shift-x 150 -o " + dir + "/o.png");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("E_INVALIDARG (0x80070057)"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("--shift-x 150"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find('\n'), r.output.size() - 1) << r.output;
+  EXPECT_FALSE(std::filesystem::exists(dir + "/o.png"));
+
+  r = RunCli("glitch " + in + " --type-sheet --radius -1 -o " + dir + "/o.png");
+  EXPECT_NE(r.output.find("E_INVALIDARG"), std::string::npos) << r.output;
+
+  EXPECT_NE(RunCli("glitch " + in + " --type 8 -o " + dir + "/o.png").exit_code, 0);
+  EXPECT_NE(RunCli("glitch " + dir + "/missing.png -o " + dir + "/o.png").exit_code, 0);
+  r = RunCli("glitch " + in + " -o " + in);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("is the input file"), std::string::npos) << r.output;
+}
+
+TEST(CliGlitch, HelpGivesRangesAndDefaults) {
+  const CliResult r = RunCli("glitch --help");
+  EXPECT_EQ(r.exit_code, 0);
+  for (const char* s : {"--type", "--shift-x", "--shift-y", "--radius", "--angle", "-100..100", "0..100", "--type-sheet"})
+    EXPECT_NE(r.output.find(s), std::string::npos) << s;
+}
+
+TEST(CliGlitch, DemoRendersTheGlitchPictures) {
+  const std::string dir = Scratch();
+  const CliResult r = RunCli("demo --width 96 --height 64 -o " + dir + "/out");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_EQ(Load(dir + "/out/glitch-split.png").width, 96);
+  EXPECT_EQ(Load(dir + "/out/glitch-circle.png").width, 96);
+}
+
+TEST(SheetLayout, SheetHoldsEveryTileUntouched) {
+  std::vector<Image> tiles;
+  for (int i = 0; i < 5; ++i) {
+    Image t(30, 20, 4);
+    for (size_t p = 0; p < t.pixels.size(); p += 4) t.pixels[p] = static_cast<uint8_t>(40 * i + 10), t.pixels[p + 3] = 255;
+    tiles.push_back(t);
+  }
+  const Image sheet = MakeSheet(tiles, {"zero", "one", "two"}, 2);
+  ASSERT_GT(sheet.width, 0);
+  std::map<uint32_t, int> counts;
+  for (size_t p = 0; p < sheet.pixels.size(); p += 4)
+    ++counts[sheet.pixels[p] | sheet.pixels[p + 1] << 8 | sheet.pixels[p + 2] << 16 | uint32_t{sheet.pixels[p + 3]} << 24];
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(counts[0xFF000000u | (40 * i + 10)], 30 * 20) << i;
+
+  EXPECT_EQ(MakeSheet({}, {}, 3).width, 0);
+  tiles.push_back(Image(31, 20, 4));
+  EXPECT_EQ(MakeSheet(tiles, {}, 3).width, 0);  // tiles of another size
+}
+
+TEST(SheetLayout, LabelsScaleAndClipAtTheImageEdges) {
+  EXPECT_EQ(LabelWidth("Ab1", 1), 17);
+  EXPECT_EQ(LabelWidth("Ab1", 3), 51);
+  EXPECT_EQ(LabelHeight(2), 14);
+  Image img(20, 10, 4, 0);
+  // Partly outside on every side: only pixels inside change, nothing crashes.
+  DrawLabel(img, -7, -3, "Wide label ~\x01", 2, Colour{255, 255, 255, 255});
+  DrawLabel(img, 15, 8, "X", 4, Colour{255, 255, 255, 255});
+  DrawLabel(img, 1000, 1000, "far", 1, Colour{255, 255, 255, 255});
+  int lit = 0;
+  for (size_t p = 0; p < img.pixels.size(); p += 4) lit += img.pixels[p] == 255;
+  EXPECT_GT(lit, 0);
+  // A lone 'I' at scale 1 lights its 7-row stem in the middle column.
+  Image one(5, 7, 1, 0);
+  DrawLabel(one, 0, 0, "I", 1, Colour{200, 200, 200, 255});
+  for (int y = 0; y < 7; ++y) EXPECT_EQ(one.at(2, y)[0], 200) << y;
+}
+
+}  // namespace

@@ -33,9 +33,10 @@
 //   33 divide clamped to 255
 //
 // Float modes 11 (hue) and 12 (saturation) read the FLOAT96 glow, whose
-// values are 0..1, scaled by 255 onto the byte scale of the mode constants;
-// the float glow has no alpha and counts as opaque (As = 255). F is computed
-// in floats, rounded, and composited through the same integer frame.
+// values are 0..1, scaled by 255 onto the byte scale of the mode constants
+// (and clamped there: the unclamped tone curve can leave values above 1); the
+// float glow has no alpha and counts as opaque (As = 255). F is computed in
+// floats, rounded, and composited through the same integer frame.
 //
 // Addressing of dst: with use_sse41 the task writes the result of image pixel
 // (x, y) to dst at (x - roi.left, y - roi.top); without it, at (x, y), which
@@ -90,3 +91,226 @@ void GlowBlendPixel(int32_t slot, const uint8_t* s, const uint8_t* d, uint8_t* o
 void GlowBlendFloatFunction(int32_t mode, const float s[3], const uint8_t* d, float f[3]);
 
 }  // namespace Korvane
+
+// ---------------------------------------------------------------------------
+// Blend formulas, shared by the per-pixel and the eight-pixel kernels. Each is
+// written once over a lane type T: int32_t in the plain file, a four-lane
+// vector in the SSE4.1 file, which supplies the same operations for it. Only
+// the blend sources define KORVANE_GLOW_BLEND_FORMULAS. The unnamed namespace
+// keeps the two files' instantiations apart (one is built with -msse4.1).
+#ifdef KORVANE_GLOW_BLEND_FORMULAS
+#include <cmath>
+
+namespace Korvane {
+
+// The band of one blend task, clipped and checked.
+struct GlowBlendBand {
+  const uint8_t* glow = nullptr;  // pixel (0, 0) of the glow (byte or float)
+  const uint8_t* photo = nullptr;
+  uint8_t* dst = nullptr;
+  int32_t glow_stride = 0, photo_stride = 0, dst_stride = 0;
+  int32_t x0 = 0, x1 = 0, y0 = 0, y1 = 0;  // image pixels written: [x0, x1) x [y0, y1)
+  int32_t ox = 0, oy = 0;                  // image (x, y) goes to dst (x - ox, y - oy)
+  int32_t opacity = 0;                     // clamped to 0..255
+  bool use_sse41 = false;
+};
+// Validates the task's parameter and clips its band; S_OK with an empty band
+// when nothing is to be written.
+int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBand* band);
+// Row tasks of the float modes.
+int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result);
+int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result);
+
+namespace {
+
+// Scalar lane operations; comparisons give bool, Sel picks by it.
+inline int32_t Min(int32_t a, int32_t b) { return a < b ? a : b; }
+inline int32_t Max(int32_t a, int32_t b) { return a > b ? a : b; }
+inline int32_t Abs(int32_t a) { return a < 0 ? -a : a; }
+inline bool Lt(int32_t a, int32_t b) { return a < b; }
+inline bool Le(int32_t a, int32_t b) { return a <= b; }
+inline bool Gt(int32_t a, int32_t b) { return a > b; }
+inline bool Ge(int32_t a, int32_t b) { return a >= b; }
+inline bool Eq(int32_t a, int32_t b) { return a == b; }
+inline bool Or(bool a, bool b) { return a || b; }
+inline int32_t Sel(bool c, int32_t a, int32_t b) { return c ? a : b; }
+// Truncating division of n >= 0 by q > 0.
+inline int32_t Div(int32_t n, int32_t q) { return n / q; }
+// (int)(16 * sqrt(d)) in single precision, as the vector form computes it.
+inline int32_t Sqrt16(int32_t d) { return static_cast<int32_t>(16.0f * std::sqrt(static_cast<float>(d))); }
+
+// Signed truncating division (toward zero) by q > 0.
+template <class T>
+inline T SDiv(T n, T q) {
+  return Sel(Lt(n, 0), 0 - Div(0 - n, q), Div(Max(n, 0), q));
+}
+
+template <class T>
+inline T ColourBurn(T s, T d) {
+  return Sel(Gt(s, 0), 255 - Div((255 - d) * 255, Max(s, 1)), Sel(Lt(d, 255), T(0), T(255)));
+}
+template <class T>
+inline T ColourDodge(T s, T d) {
+  return Sel(Lt(s, 255), Div(d * 255, Max(255 - s, 1)), Sel(Gt(d, 0), T(255), T(0)));
+}
+template <class T>
+inline T VividLight(T s, T d) {
+  const T burn = Sel(Eq(s, 0), T(0), 255 - Div((255 - d) * 255, Max(2 * s, 1)));
+  const T dodge = Sel(Lt(s, 255), Div(d * 255, Max(2 * (255 - s), 1)), T(255));
+  return Sel(Lt(s, 128), burn, dodge);
+}
+template <class T>
+inline T Divide(T s, T d) {
+  return Sel(Gt(s, 0), Div(d * 255, Max(s, 1)), Sel(Gt(d, 0), T(255), T(0)));
+}
+template <class T>
+inline T SoftLight(T s, T d) {
+  const T dd = d * d;
+  const T low = Div(2 * s * d + Div(Max(255 - 2 * s, 0) * dd, 255), 255);
+  const T cubic = Div(16 * dd * d, 65025) - Div(12 * dd, 255) + 4 * d;
+  const T root = Sel(Ge(d, 64), Sqrt16(d), cubic);
+  const T high = Div(2 * (255 - s) * d + Max(2 * s - 255, 0) * root, 255);
+  return Sel(Lt(s, 128), low, high);
+}
+template <class T>
+inline T HardLight(T s, T d) {
+  return Sel(Lt(s, 128), Div(2 * s * d, 255), 255 - Div(2 * (255 - s) * (255 - d), 255));
+}
+template <class T>
+inline T Clamp255(T v) {
+  return Max(Min(v, 255), 0);
+}
+// Integer luminance with weights summing to 65534.
+template <class T>
+inline T Luma(const T* c) {
+  return (c[0] * 7209 + c[1] * 38665 + c[2] * 19660) >> 16;
+}
+
+// Blend function of one slot: f (B, G, R) from s and d. Separable slots
+// apply F per channel.
+template <int Slot>
+struct BlendMode;
+
+#define KORVANE_GLOW_SEPARABLE(SLOT, ...)                         \
+  template <>                                                     \
+  struct BlendMode<SLOT> {                                        \
+    template <class T>                                            \
+    static T F(T s, [[maybe_unused]] T d) {                       \
+      return __VA_ARGS__;                                         \
+    }                                                             \
+    template <class T>                                            \
+    static void Apply(const T* s, const T* d, T* f) {             \
+      for (int c = 0; c < 3; ++c) f[c] = F(s[c], d[c]);           \
+    }                                                             \
+  };
+
+KORVANE_GLOW_SEPARABLE(0, s)
+KORVANE_GLOW_SEPARABLE(1, Min(s, d))
+KORVANE_GLOW_SEPARABLE(2, Div(s * d, 255))
+KORVANE_GLOW_SEPARABLE(3, Max(s + d - 255, 0))
+KORVANE_GLOW_SEPARABLE(4, s + d - 255)
+KORVANE_GLOW_SEPARABLE(5, Max(s, d))
+KORVANE_GLOW_SEPARABLE(6, 255 - Div((255 - s) * (255 - d), 255))
+KORVANE_GLOW_SEPARABLE(7, 255 - Abs(255 - s - d))
+KORVANE_GLOW_SEPARABLE(8, Min(s + d, 255))
+KORVANE_GLOW_SEPARABLE(9, Sel(Lt(d, 128), Div(2 * s * d, 255), 255 - Div(2 * (255 - s) * (255 - d), 255)))
+KORVANE_GLOW_SEPARABLE(10, Clamp255(d - 255 + 2 * s))
+KORVANE_GLOW_SEPARABLE(11, d + 2 * s - 255)
+KORVANE_GLOW_SEPARABLE(12, Abs(d - s))
+KORVANE_GLOW_SEPARABLE(13, s + d - Div(2 * s * d, 255))
+KORVANE_GLOW_SEPARABLE(17, Div(d * (255 * d + 2 * s * (255 - d)), 65025))
+KORVANE_GLOW_SEPARABLE(18, HardLight(s, d))
+KORVANE_GLOW_SEPARABLE(19, SoftLight(s, d))
+KORVANE_GLOW_SEPARABLE(20, Max(ColourBurn(s, d), 0))
+KORVANE_GLOW_SEPARABLE(21, ColourBurn(s, d))
+KORVANE_GLOW_SEPARABLE(22, Min(ColourDodge(s, d), 255))
+KORVANE_GLOW_SEPARABLE(23, ColourDodge(s, d))
+KORVANE_GLOW_SEPARABLE(24, Clamp255(VividLight(s, d)))
+KORVANE_GLOW_SEPARABLE(25, VividLight(s, d))
+KORVANE_GLOW_SEPARABLE(26, Sel(Lt(s, 128), Min(d, 2 * s), Max(2 * s - 255, d)))
+KORVANE_GLOW_SEPARABLE(27, Sel(Ge(VividLight(s, d), 128), T(255), T(0)))
+KORVANE_GLOW_SEPARABLE(28, Sel(Eq(s, 255), T(255), Min(Div(d * d, Max(255 - s, 1)), 255)))
+KORVANE_GLOW_SEPARABLE(29, Min(s + d, 255))
+KORVANE_GLOW_SEPARABLE(30, s + d)
+KORVANE_GLOW_SEPARABLE(31, Max(d - s, 0))
+KORVANE_GLOW_SEPARABLE(32, d - s)
+KORVANE_GLOW_SEPARABLE(33, Min(Divide(s, d), 255))
+KORVANE_GLOW_SEPARABLE(34, Divide(s, d))
+KORVANE_GLOW_SEPARABLE(37, s)
+#undef KORVANE_GLOW_SEPARABLE
+
+// Luminosity: hue and chroma of the photo on the 0..1536 hue scale (six
+// sectors of 256), luminance of the glow.
+template <>
+struct BlendMode<16> {
+  template <class T>
+  static void Apply(const T* s, const T* d, T* f) {
+    const T b = d[0], g = d[1], r = d[2];
+    const T hi = Max(Max(b, g), r);
+    const T c = hi - Min(Min(b, g), r);
+    const T cq = Max(c, 1);
+    T hue_r = SDiv((g - b) * 256, cq) + 1536;
+    hue_r = Sel(Ge(hue_r, 1536), hue_r - 1536, hue_r);
+    const T hue_g = SDiv((b - r) * 256, cq) + 512;
+    const T hue_b = SDiv((r - g) * 256, cq) + 1024;
+    const T h = Sel(Eq(hi, r), hue_r, Sel(Eq(hi, g), hue_g, hue_b));
+    const T x = ((256 - Abs((h & 511) - 256)) * c) >> 8;
+    const T sector = h >> 8;
+    const T zero(0);
+    // (R, G, B) per sector: (C,x,0) (x,C,0) (0,C,x) (0,x,C) (x,0,C) (C,0,x).
+    T rgb[3];
+    rgb[2] = Sel(Or(Eq(sector, 0), Eq(sector, 5)), c, Sel(Or(Eq(sector, 1), Eq(sector, 4)), x, zero));
+    rgb[1] = Sel(Or(Eq(sector, 1), Eq(sector, 2)), c, Sel(Or(Eq(sector, 0), Eq(sector, 3)), x, zero));
+    rgb[0] = Sel(Or(Eq(sector, 3), Eq(sector, 4)), c, Sel(Or(Eq(sector, 2), Eq(sector, 5)), x, zero));
+    const T lum = Luma(s);
+    const T shift = lum - Luma(rgb);
+    for (int k = 0; k < 3; ++k) f[k] = Sel(Eq(c, 0), lum, Clamp255(rgb[k] + shift));
+  }
+};
+
+// Darker colour: the whole glow pixel where the photo's luminance is not
+// below the glow's; lighter colour: where it is not above.
+template <>
+struct BlendMode<35> {
+  template <class T>
+  static void Apply(const T* s, const T* d, T* f) {
+    const auto take_glow = Ge(Luma(d), Luma(s));
+    for (int k = 0; k < 3; ++k) f[k] = Sel(take_glow, s[k], d[k]);
+  }
+};
+template <>
+struct BlendMode<36> {
+  template <class T>
+  static void Apply(const T* s, const T* d, T* f) {
+    const auto take_glow = Le(Luma(d), Luma(s));
+    for (int k = 0; k < 3; ++k) f[k] = Sel(take_glow, s[k], d[k]);
+  }
+};
+
+// The compositing frame for one pixel (or four lanes): out (B, G, R) and
+// alpha from s, d, their alphas, F and the opacity; `write` is false where
+// a <= 0 and the output must stay untouched.
+template <class T>
+struct Composited {
+  T out[3];
+  T alpha;
+  decltype(Gt(T(0), T(0))) write;
+};
+template <class T>
+inline Composited<T> Composite(const T* s, T as, const T* d, T ad, const T* f, T opacity) {
+  Composited<T> r;
+  const T a = (as * opacity) >> 8;
+  r.write = Gt(a, 0);
+  const T wd = Div((255 - a) * ad, 255);
+  const T ws = Div((255 - ad) * a, 255);
+  const T wb = Div(ad * a, 255);
+  const T ao = (a + wd) & 255;
+  const T aq = Max(ao, 1);
+  for (int k = 0; k < 3; ++k) r.out[k] = Min(Div(Max(d[k] * wd + s[k] * ws + wb * f[k], 0), aq), 255);
+  r.alpha = ao;
+  return r;
+}
+
+}  // namespace
+}  // namespace Korvane
+#endif  // KORVANE_GLOW_BLEND_FORMULAS

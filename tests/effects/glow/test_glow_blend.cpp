@@ -1,0 +1,522 @@
+// Glow blend modes: each blend function against an independent real-valued
+// formula, the branch edges, the compositing frame, and the row tasks (both
+// paths, addressing, worker counts, bad input).
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "core/ResultCode.h"
+#include "core/Simd.h"
+#include "core/ThreadAdapter.h"
+#include "core/ThreadPool.h"
+#include "effects/glow/GlowBlend.h"
+
+using namespace Korvane;
+
+namespace {
+
+int32_t F(int32_t slot, int s, int d) {
+  const uint8_t sp[4] = {uint8_t(s), uint8_t(s), uint8_t(s), 255};
+  const uint8_t dp[4] = {uint8_t(d), uint8_t(d), uint8_t(d), 255};
+  int32_t f[3];
+  GlowBlendFunction(slot, sp, dp, f);
+  EXPECT_TRUE(f[0] == f[1] && f[1] == f[2]) << "slot " << slot;
+  return f[0];
+}
+
+double Clamp(double v) { return std::min(255.0, std::max(0.0, v)); }
+double Vivid(double s, double d) {
+  if (s < 128) return s == 0 ? 0 : 255 - (255 - d) * 255 / (2 * s);
+  return s == 255 ? 255 : d * 255 / (2 * (255 - s));
+}
+double Burn(double s, double d) { return s > 0 ? 255 - (255 - d) * 255 / s : (d < 255 ? 0 : 255); }
+double Dodge(double s, double d) { return s < 255 ? d * 255 / (255 - s) : (d > 0 ? 255 : 0); }
+double Divide(double s, double d) { return s > 0 ? d * 255 / s : (d > 0 ? 255 : 0); }
+
+// The separable modes from their definitions on 0..1 values, scaled to 0..255.
+struct SeparableCase {
+  int32_t slot;
+  double tol;  // bound on |integer form - real form| from its truncations; 0: exact
+  std::function<double(double, double)> ref;
+};
+
+const std::vector<SeparableCase>& SeparableCases() {
+  static const std::vector<SeparableCase> cases = {
+      {0, 0, [](double s, double) { return s; }},
+      {1, 0, [](double s, double d) { return std::min(s, d); }},
+      {2, 1, [](double s, double d) { return 255 * (s / 255) * (d / 255); }},
+      {3, 0, [](double s, double d) { return std::max(s + d - 255, 0.0); }},
+      {4, 0, [](double s, double d) { return s + d - 255; }},
+      {5, 0, [](double s, double d) { return std::max(s, d); }},
+      {6, 1, [](double s, double d) { return 255 * (1 - (1 - s / 255) * (1 - d / 255)); }},
+      {7, 0, [](double s, double d) { return 255 - std::fabs(255 - s - d); }},
+      {8, 0, [](double s, double d) { return std::min(s + d, 255.0); }},
+      {9, 1,
+       [](double s, double d) {
+         const double a = s / 255, b = d / 255;
+         return 255 * (b < 0.5 ? 2 * a * b : 1 - 2 * (1 - a) * (1 - b));
+       }},
+      {10, 0, [](double s, double d) { return Clamp(d + 2 * s - 255); }},
+      {11, 0, [](double s, double d) { return d + 2 * s - 255; }},
+      {12, 0, [](double s, double d) { return std::fabs(d - s); }},
+      {13, 1, [](double s, double d) { return 255 * (s / 255 + d / 255 - 2 * (s / 255) * (d / 255)); }},
+      {17, 1,
+       [](double s, double d) {
+         const double a = s / 255, b = d / 255;
+         return 255 * ((1 - 2 * a) * b * b + 2 * a * b);
+       }},
+      {18, 1,
+       [](double s, double d) {
+         const double a = s / 255, b = d / 255;
+         return 255 * (a < 0.5 ? 2 * a * b : 1 - 2 * (1 - a) * (1 - b));
+       }},
+      // Soft light with the square-root branch from a quarter up; the integer
+      // form takes 16 * sqrt(d) for 255 * sqrt(d / 255), up to 0.5 higher.
+      {19, 2,
+       [](double s, double d) {
+         const double a = s / 255, b = d / 255;
+         if (a < 0.5) return 255 * (2 * a * b + (1 - 2 * a) * b * b);
+         const double g = b >= 0.25 ? std::sqrt(b) : ((16 * b - 12) * b + 4) * b;
+         return 255 * (2 * (1 - a) * b + (2 * a - 1) * g);
+       }},
+      {20, 1, [](double s, double d) { return std::max(Burn(s, d), 0.0); }},
+      {21, 1, [](double s, double d) { return Burn(s, d); }},
+      {22, 1, [](double s, double d) { return std::min(Dodge(s, d), 255.0); }},
+      {23, 1, [](double s, double d) { return Dodge(s, d); }},
+      {24, 1, [](double s, double d) { return Clamp(Vivid(s, d)); }},
+      {25, 1, [](double s, double d) { return Vivid(s, d); }},
+      {26, 0, [](double s, double d) { return s < 128 ? std::min(d, 2 * s) : std::max(2 * s - 255, d); }},
+      {28, 1, [](double s, double d) { return s == 255 ? 255 : std::min(d * d / (255 - s), 255.0); }},
+      {29, 0, [](double s, double d) { return std::min(s + d, 255.0); }},
+      {30, 0, [](double s, double d) { return s + d; }},
+      {31, 0, [](double s, double d) { return std::max(d - s, 0.0); }},
+      {32, 0, [](double s, double d) { return d - s; }},
+      {33, 1, [](double s, double d) { return std::min(Divide(s, d), 255.0); }},
+      {34, 1, [](double s, double d) { return Divide(s, d); }},
+      {37, 0, [](double s, double) { return s; }},
+  };
+  return cases;
+}
+
+TEST(GlowBlendFunction, SeparableModesMatchTheirDefinitionsOverAllPairs) {
+  for (const SeparableCase& c : SeparableCases()) {
+    int bad = 0;
+    for (int s = 0; s < 256 && bad < 3; ++s) {
+      for (int d = 0; d < 256 && bad < 3; ++d) {
+        const double want = c.ref(s, d);
+        const int32_t got = F(c.slot, s, d);
+        // Exact modes match; the others stay strictly within `tol`.
+        const double err = std::fabs(got - want);
+        if (c.tol == 0 ? err > 1e-9 : err >= c.tol) {
+          ADD_FAILURE() << "slot " << c.slot << " s=" << s << " d=" << d << " got " << got << " want " << want;
+          ++bad;
+        }
+      }
+    }
+  }
+}
+
+TEST(GlowBlendFunction, HardMixIsVividLightThresholdedAt128) {
+  for (int s = 0; s < 256; ++s) {
+    for (int d = 0; d < 256; ++d) {
+      const double v = Vivid(s, d);
+      if (std::fabs(v - 128) < 1) continue;  // integer vivid light may round across
+      ASSERT_EQ(F(27, s, d), v >= 128 ? 255 : 0) << s << " " << d;
+    }
+  }
+  // At the threshold: vivid light of (128, d) is d * 255 / 254, 127 for 127, 128 for 128.
+  EXPECT_EQ(F(27, 128, 127), 0);
+  EXPECT_EQ(F(27, 128, 128), 255);
+}
+
+TEST(GlowBlendFunction, BranchEdges) {
+  // Soft light switches from the cubic to the square root at photo 64.
+  EXPECT_EQ(F(19, 200, 63), 99);
+  EXPECT_EQ(F(19, 200, 64), 100);
+  EXPECT_EQ(F(19, 127, 64), (2 * 127 * 64 + 1 * 64 * 64 / 255) / 255);
+  // Vivid light at glow 0, 127, 128 and 255.
+  EXPECT_EQ(F(25, 0, 255), 0);
+  EXPECT_EQ(F(25, 127, 100), 100);
+  EXPECT_EQ(F(25, 128, 100), 100);
+  EXPECT_EQ(F(25, 127, 0), 255 - 255 * 255 / 254);
+  EXPECT_EQ(F(25, 255, 0), 255);
+  EXPECT_EQ(F(25, 254, 200), 200 * 255 / 2);
+  // Colour dodge at 255 and just below.
+  EXPECT_EQ(F(23, 255, 0), 0);
+  EXPECT_EQ(F(23, 255, 1), 255);
+  EXPECT_EQ(F(23, 254, 200), 51000);
+  EXPECT_EQ(F(22, 254, 200), 255);
+  // Division by a zero glow.
+  EXPECT_EQ(F(34, 0, 0), 0);
+  EXPECT_EQ(F(34, 0, 1), 255);
+  EXPECT_EQ(F(21, 0, 254), 0);
+  EXPECT_EQ(F(21, 0, 255), 255);
+  EXPECT_EQ(F(21, 1, 0), 255 - 65025);
+  EXPECT_EQ(F(20, 1, 0), 0);
+  EXPECT_EQ(F(28, 255, 0), 255);
+  EXPECT_EQ(F(28, 254, 16), 255);
+}
+
+uint8_t Px(int v) { return uint8_t(v & 255); }
+
+TEST(GlowBlendFunction, DarkerAndLighterColourFollowLuminanceNotChannelSum) {
+  // Pure blue (sum 255, luminance 28) against mid green (sum 100, luminance 59).
+  const uint8_t blue[4] = {255, 0, 0, 255}, green[4] = {0, 100, 0, 255};
+  int32_t f[3];
+  GlowBlendFunction(35, blue, green, f);  // darker: the glow is darker
+  EXPECT_EQ(f[0], 255);
+  EXPECT_EQ(f[1], 0);
+  GlowBlendFunction(36, blue, green, f);  // lighter: the photo is lighter
+  EXPECT_EQ(f[0], 0);
+  EXPECT_EQ(f[1], 100);
+  GlowBlendFunction(35, green, blue, f);
+  EXPECT_EQ(f[1], 0);
+  // Equal luminance: darker and lighter both take the glow.
+  GlowBlendFunction(35, green, green, f);
+  EXPECT_EQ(f[1], 100);
+
+  // Every pair of a sweep against rec. 601 luminance, away from near-ties.
+  for (int g = 0; g < 256; ++g) {
+    for (int p = 0; p < 256; ++p) {
+      const uint8_t s[4] = {Px(g), Px(255 - g), Px(g * 7), 255}, d[4] = {Px(p), Px(p * 3), Px(255 - p), 255};
+      const double ls = 0.114 * s[0] + 0.587 * s[1] + 0.299 * s[2];
+      const double ld = 0.114 * d[0] + 0.587 * d[1] + 0.299 * d[2];
+      if (std::fabs(ls - ld) < 3) continue;  // the integer weights differ from 601 by up to 2
+      GlowBlendFunction(35, s, d, f);
+      ASSERT_EQ(f[2], ld > ls ? s[2] : d[2]);
+      GlowBlendFunction(36, s, d, f);
+      ASSERT_EQ(f[2], ld < ls ? s[2] : d[2]);
+    }
+  }
+}
+
+TEST(GlowBlendFunction, LuminosityKeepsPhotoColourAtGlowLuminance) {
+  // Hue and chroma of d with the luminance of s is d shifted by Ls - Ld.
+  int32_t f[3];
+  int worst = 0;
+  for (int g = 0; g < 256; ++g) {
+    for (int p = 0; p < 256; ++p) {
+      const uint8_t s[4] = {Px(g), Px(255 - g), Px(g * 7), 255}, d[4] = {Px(p), Px(p * 3), Px(255 - p), 255};
+      const double ls = (7209.0 * s[0] + 38665.0 * s[1] + 19660.0 * s[2]) / 65536;
+      const double ld = (7209.0 * d[0] + 38665.0 * d[1] + 19660.0 * d[2]) / 65536;
+      GlowBlendFunction(16, s, d, f);
+      for (int k = 0; k < 3; ++k) {
+        const int e = int(std::lround(std::fabs(f[k] - Clamp(d[k] + ls - ld))));
+        worst = std::max(worst, e);
+      }
+    }
+  }
+  EXPECT_LE(worst, 3);  // integer hue and sector rebuild, truncated luminances
+  const uint8_t grey[4] = {90, 90, 90, 255}, white[4] = {255, 255, 255, 255};
+  GlowBlendFunction(16, white, grey, f);
+  EXPECT_EQ(f[0], 254);  // weights sum to 65534: white has luminance 254
+}
+
+// W3C-style references: the glow's hue at the photo's chroma (hue mode), or
+// the photo's hue at the damped glow chroma (saturation), then the photo's
+// luminance, clamped.
+void ReferenceFloat(int mode, const float* s, const uint8_t* d, double* out) {
+  auto lum = [](const double* c) { return (7209.0 * c[0] + 38665.0 * c[1] + 19660.0 * c[2]) / 65536; };
+  const double dv[3] = {double(d[0]), double(d[1]), double(d[2])};
+  const double sv[3] = {s[0], s[1], s[2]};
+  const double* hue_src = mode == 11 ? sv : dv;
+  const double hmax = *std::max_element(hue_src, hue_src + 3), hmin = *std::min_element(hue_src, hue_src + 3);
+  const double cs = *std::max_element(sv, sv + 3) - *std::min_element(sv, sv + 3);
+  const double cd = *std::max_element(dv, dv + 3) - *std::min_element(dv, dv + 3);
+  const double ld = lum(dv);
+  double c = mode == 11 ? (cs > 0 ? cd : 0) : cs;
+  if (mode == 12) {
+    if (cd < 5) c = cd * c / 5;
+    if (ld > 180)
+      c = (255 - ld) * c / 75;
+    else if (ld < 60)
+      c = ld * c / 60;
+  }
+  double col[3];
+  for (int k = 0; k < 3; ++k) col[k] = hmax > hmin ? (hue_src[k] - hmin) * c / (hmax - hmin) : 0;
+  const double shift = ld - lum(col);
+  for (int k = 0; k < 3; ++k) out[k] = Clamp(col[k] + shift);
+}
+
+TEST(GlowBlendFunction, FloatHueAndSaturationMatchReference) {
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<int> byte(0, 255);
+  for (int mode : {11, 12}) {
+    double worst = 0;
+    for (int i = 0; i < 60000; ++i) {
+      const float s[3] = {float(byte(rng)), float(byte(rng)), float(byte(rng))};
+      const uint8_t d[4] = {Px(byte(rng)), Px(byte(rng)), Px(byte(rng)), 255};
+      float f[3];
+      double want[3];
+      GlowBlendFloatFunction(mode, s, d, f);
+      ReferenceFloat(mode, s, d, want);
+      for (int k = 0; k < 3; ++k) worst = std::max(worst, std::fabs(f[k] - want[k]));
+    }
+    EXPECT_LT(worst, 0.05) << "mode " << mode;
+  }
+}
+
+TEST(GlowBlendPixel, CompositingFrame) {
+  uint8_t out[4];
+  const uint8_t black[4] = {0, 0, 0, 255}, white[4] = {255, 255, 255, 255};
+  // Full alpha at opacity 255 gives a = 254: the photo keeps 1/255 of itself.
+  GlowBlendPixel(0, black, white, out, 255);
+  EXPECT_EQ(out[0], 1);
+  EXPECT_EQ(out[3], 255);
+  GlowBlendPixel(0, white, black, out, 255);
+  EXPECT_EQ(out[0], 254);
+  // a <= 0 leaves the output untouched: zero opacity, or alpha 1 at 255.
+  const uint8_t faint[4] = {255, 255, 255, 1};
+  for (int32_t opacity : {0, -5}) {
+    std::memset(out, 77, 4);
+    GlowBlendPixel(30, white, black, out, opacity);
+    EXPECT_EQ(out[0], 77);
+  }
+  std::memset(out, 77, 4);
+  GlowBlendPixel(30, faint, black, out, 255);
+  EXPECT_EQ(out[3], 77);
+  // Over a transparent photo the glow itself shows, with alpha a.
+  const uint8_t glow[4] = {10, 100, 200, 255}, clear[4] = {50, 50, 50, 0};
+  GlowBlendPixel(2, glow, clear, out, 255);
+  EXPECT_EQ(out[0], 10);
+  EXPECT_EQ(out[2], 200);
+  EXPECT_EQ(out[3], 254);
+  // Addition at opacity 128: a = 127, wd = 128, wb = 127, out = (d*128 + 127*(s+d)) / 255.
+  const uint8_t s2[4] = {100, 200, 0, 255}, d2[4] = {100, 100, 30, 255};
+  GlowBlendPixel(30, s2, d2, out, 128);
+  EXPECT_EQ(out[0], (100 * 128 + 127 * 200) / 255);
+  EXPECT_EQ(out[2], 30);
+  GlowBlendPixel(30, s2, d2, out, 255);
+  EXPECT_EQ(out[1], 255);  // 299 before the clamp
+  // Subtraction below zero clamps to 0; raw writes F clamped; alpha_mul scales As by Ad.
+  GlowBlendPixel(32, white, black, out, 255);
+  EXPECT_EQ(out[0], 0);
+  GlowBlendPixel(30, s2, d2, out, 255, false, true);
+  EXPECT_EQ(out[0], 200);
+  EXPECT_EQ(out[1], 255);
+  const uint8_t half[4] = {0, 0, 0, 128};
+  GlowBlendPixel(0, white, half, out, 255, true);
+  EXPECT_EQ(out[3], 127 + 128 * 128 / 255);  // As = 128, a = 127
+}
+
+// ---------------------------------------------------------------------------
+// Row tasks.
+
+struct Image {
+  int32_t w, h, fmt;
+  std::vector<uint8_t> px;
+  Image(int32_t w_, int32_t h_, int32_t fmt_ = PIXEL_BGRA32)
+      : w(w_), h(h_), fmt(fmt_), px(size_t(w_) * h_ * BytesPerPixel(fmt_)) {}
+  SmartBuffer View() { return MakeSmartBufferView(px.data(), w, h, fmt); }
+};
+
+Image Random(int32_t w, int32_t h, std::mt19937& rng, int min_alpha = 0) {
+  Image im(w, h);
+  std::uniform_int_distribution<int> byte(0, 255);
+  for (size_t i = 0; i < im.px.size(); ++i) im.px[i] = Px(byte(rng));
+  for (size_t i = 3; i < im.px.size(); i += 4) im.px[i] = Px(std::max<int>(im.px[i], min_alpha));
+  // Some saturated pixels so the branch edges come up.
+  for (size_t i = 0; i < im.px.size(); i += 28) im.px[i] = (i & 32) ? 255 : 0;
+  return im;
+}
+
+struct Runner {
+  CThreadPool pool;
+  CThreadAdapter adapter;
+  int32_t map[kGlowBlendModeCount];
+  ThreadTask kernels[kGlowBlendSlotCount];
+  explicit Runner(int workers) {
+    pool.Create(workers);
+    adapter.Init(&pool);
+    FillGlowBlendTables(map, kernels);
+  }
+  int32_t Run(int32_t slot, GlowBlendParam& p) { return adapter.RunTaskByMultiThread(kernels[slot], &p, nullptr, p.roi); }
+};
+
+bool HaveSse41() { return KORVANE_HAVE_SSE41 != 0; }
+
+TEST(GlowBlendRows, TablesCoverEveryModeAndSlot) {
+  Runner r(1);
+  for (int32_t m = 0; m < kGlowBlendModeCount; ++m) EXPECT_EQ(r.map[m], GlowBlendSlot(m));
+  EXPECT_EQ(GlowBlendSlot(29), -1);
+  EXPECT_EQ(GlowBlendSlot(-1), -1);
+  EXPECT_EQ(r.map[23], 30);
+  for (int32_t k = 0; k < kGlowBlendSlotCount; ++k) EXPECT_NE(r.kernels[k], nullptr);
+}
+
+// Every byte slot, both paths, awkward widths, roi at the origin: identical to
+// each other and to the per-pixel function, whatever dst held before.
+TEST(GlowBlendRows, EightPixelPathMatchesPerPixelPath) {
+  if (!HaveSse41()) GTEST_SKIP() << "built without SSE4.1 kernels";
+  std::mt19937 rng(11);
+  Runner r(2);
+  for (int32_t w : {1, 3, 7, 8, 9, 15, 16, 17, 33}) {
+    const int32_t h = 5;
+    for (int min_alpha : {0, 2}) {  // with 2 every pixel is written
+      Image glow = Random(w, h, rng, min_alpha), photo = Random(w, h, rng);
+      SmartBuffer gv = glow.View(), pv = photo.View();
+      for (int32_t slot = 0; slot < kGlowBlendSlotCount; ++slot) {
+        if (IsGlowFloatSlot(slot)) continue;
+        Image plain(w, h), sse(w, h), want(w, h);
+        std::fill(plain.px.begin(), plain.px.end(), min_alpha ? 0x11 : 0x5A);
+        std::fill(sse.px.begin(), sse.px.end(), min_alpha ? 0xEE : 0x5A);
+        std::fill(want.px.begin(), want.px.end(), 0x5A);
+        for (int32_t i = 0; i < w * h; ++i)
+          GlowBlendPixel(slot, &glow.px[i * 4], &photo.px[i * 4], &want.px[i * 4], 200);
+        SmartBuffer ov = plain.View(), sv = sse.View();
+        GlowBlendParam p;
+        p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, w, h}, p.opacity = 200;
+        ASSERT_EQ(r.Run(slot, p), S_OK);
+        p.dst = &sv, p.use_sse41 = true;
+        ASSERT_EQ(r.Run(slot, p), S_OK);
+        ASSERT_EQ(plain.px, sse.px) << "slot " << slot << " width " << w;
+        if (!min_alpha) {
+          ASSERT_EQ(plain.px, want.px) << "slot " << slot << " width " << w;
+        }
+      }
+    }
+  }
+}
+
+TEST(GlowBlendRows, SameOutputForOneTwoAndEightWorkers) {
+  std::mt19937 rng(5);
+  Image glow = Random(37, 23, rng), photo = Random(37, 23, rng);
+  Image glow_f(37, 23, PIXEL_FLOAT96);
+  float* gf = reinterpret_cast<float*>(glow_f.px.data());
+  for (int32_t i = 0; i < 37 * 23 * 3; ++i) gf[i] = float(glow.px[i]) / 200.0f;
+  SmartBuffer gv = glow.View(), pv = photo.View(), fv = glow_f.View();
+  for (bool sse : {false, true}) {
+    if (sse && !HaveSse41()) continue;
+    for (int32_t slot : {6, 14, 15, 16, 19, 30, 35}) {
+      std::vector<uint8_t> first;
+      for (int workers : {1, 2, 8}) {
+        Runner r(workers);
+        Image out(37, 23);
+        SmartBuffer ov = out.View();
+        GlowBlendParam p;
+        p.glow = &gv, p.glow_f = &fv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, 37, 23}, p.use_sse41 = sse;
+        ASSERT_EQ(r.Run(slot, p), S_OK);
+        if (first.empty())
+          first = out.px;
+        else
+          ASSERT_EQ(out.px, first) << "slot " << slot << " workers " << workers;
+      }
+    }
+  }
+}
+
+// dst lives inside a larger block whose guard bytes must survive; the roi is
+// away from the origin.
+TEST(GlowBlendRows, RoiAwayFromOriginNeverWritesOutsideDst) {
+  std::mt19937 rng(3);
+  const int32_t W = 40, H = 30;
+  Image glow = Random(W, H, rng, 2), photo = Random(W, H, rng);
+  Image glow_f(W, H, PIXEL_FLOAT96);
+  SmartBuffer gv = glow.View(), pv = photo.View(), fv = glow_f.View();
+  const Rect roi{13, 9, 35, 27};  // 22 x 18
+  const int32_t dw = roi.right - roi.left, dh = roi.bottom - roi.top;
+  const size_t guard = 4096, bytes = size_t(dw) * dh * 4;
+  for (bool sse : {false, true}) {
+    if (sse && !HaveSse41()) continue;
+    for (int32_t slot : {0, 9, 14, 19, 30, 36}) {
+      std::vector<uint8_t> block(guard + bytes + guard, 0xC3);
+      SmartBuffer dv = MakeSmartBufferView(block.data() + guard, dw, dh);
+      GlowBlendParam p;
+      p.glow = &gv, p.glow_f = &fv, p.photo = &pv, p.dst = &dv, p.roi = roi, p.use_sse41 = sse;
+      Runner r(3);
+      ASSERT_EQ(r.Run(slot, p), S_OK);
+      for (size_t i = 0; i < guard; ++i) {
+        ASSERT_EQ(block[i], 0xC3);
+        ASSERT_EQ(block[guard + bytes + i], 0xC3);
+      }
+      // Where each image pixel lands: relative with the eight-pixel path,
+      // at its own (x, y) without it, only where that place exists in dst.
+      int written = 0;
+      for (int32_t y = 0; y < dh; ++y) {
+        for (int32_t x = 0; x < dw; ++x) {
+          const uint8_t* got = block.data() + guard + (size_t(y) * dw + x) * 4;
+          const int32_t ix = sse ? x + roi.left : x, iy = sse ? y + roi.top : y;
+          const bool inside = ix >= roi.left && iy >= roi.top;
+          uint8_t want[4] = {0xC3, 0xC3, 0xC3, 0xC3};
+          if (inside && !IsGlowFloatSlot(slot))
+            GlowBlendPixel(slot, &glow.px[(size_t(iy) * W + ix) * 4], &photo.px[(size_t(iy) * W + ix) * 4], want, 255);
+          if (IsGlowFloatSlot(slot)) {  // black float glow: a grey at the photo's luminance, opaque
+            if (inside) {
+              written += std::memcmp(got, want, 4) != 0;
+            } else {
+              ASSERT_EQ(std::memcmp(got, want, 4), 0);
+            }
+            continue;
+          }
+          ASSERT_EQ(std::memcmp(got, want, 4), 0) << "slot " << slot << " sse " << sse << " at " << x << "," << y;
+          written += inside;
+        }
+      }
+      EXPECT_EQ(written, sse ? dw * dh : (dw - roi.left) * (dh - roi.top));
+    }
+  }
+}
+
+TEST(GlowBlendRows, FloatModesKeepThePhotoWhenTheGlowIsThePhoto) {
+  // A glow equal to the photo (on the 0..1 scale) has the photo's hue and
+  // chroma, so hue mode rebuilds the photo; so does saturation where the
+  // photo is neither near grey nor very light or dark.
+  std::mt19937 rng(9);
+  const int32_t W = 19, H = 7;
+  Image photo = Random(W, H, rng), glow_f(W, H, PIXEL_FLOAT96), out(W, H);
+  for (size_t i = 3; i < photo.px.size(); i += 4) photo.px[i] = 255;
+  float* gf = reinterpret_cast<float*>(glow_f.px.data());
+  for (int32_t i = 0; i < W * H; ++i)
+    for (int k = 0; k < 3; ++k) gf[i * 3 + k] = photo.px[i * 4 + k] / 255.0f;
+  SmartBuffer pv = photo.View(), fv = glow_f.View(), ov = out.View();
+  Runner r(2);
+  for (int32_t slot : {14, 15}) {
+    GlowBlendParam p;
+    p.glow_f = &fv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, W, H};
+    ASSERT_EQ(r.Run(slot, p), S_OK);
+    for (int32_t i = 0; i < W * H; ++i) {
+      const uint8_t* d = &photo.px[i * 4];
+      const int hi = std::max({d[0], d[1], d[2]}), lo = std::min({d[0], d[1], d[2]});
+      const double l = (7209.0 * d[0] + 38665.0 * d[1] + 19660.0 * d[2]) / 65536;
+      if (slot == 15 && (hi - lo < 5 || l > 180 || l < 60)) continue;
+      for (int k = 0; k < 3; ++k) EXPECT_NEAR(out.px[i * 4 + k], d[k], 3) << "slot " << slot << " px " << i;
+      EXPECT_EQ(out.px[i * 4 + 3], 255);
+    }
+  }
+}
+
+TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
+  std::mt19937 rng(1);
+  Image glow = Random(8, 8, rng), photo = Random(8, 8, rng), out(8, 8), small(4, 4), gray(8, 8, PIXEL_GRAY8);
+  SmartBuffer gv = glow.View(), pv = photo.View(), ov = out.View(), sv = small.View(), grv = gray.View();
+  SmartBuffer empty;
+  Runner r(2);
+  auto run = [&](int32_t slot, auto tweak) {
+    GlowBlendParam p;
+    p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, 8, 8};
+    tweak(p);
+    return r.Run(slot, p);
+  };
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = nullptr; }), E_POINTER);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.photo = &empty; }), E_POINTER);
+  EXPECT_EQ(run(14, [&](GlowBlendParam&) {}), E_POINTER);  // float slot without glow_f
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = &grv; }), E_NOTIMPL);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &grv; }), E_NOTIMPL);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.roi = {0, 0, 9, 8}; }), E_INVALIDARG);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.roi = {-1, 0, 7, 8}; }), E_INVALIDARG);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.roi = {4, 0, 2, 8}; }), E_INVALIDARG);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = &sv; }), E_INVALIDARG);
+  // A dst smaller than the roi is written only where it exists.
+  std::fill(small.px.begin(), small.px.end(), 0);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = true; }), S_OK);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = false; }), S_OK);
+  // An empty roi writes nothing and succeeds.
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.roi = {3, 3, 3, 3}; }), S_OK);
+}
+
+}  // namespace

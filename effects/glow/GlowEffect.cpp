@@ -1,0 +1,310 @@
+#include "effects/glow/GlowEffect.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "core/BoxBlur.h"
+#include "core/DebugLog.h"
+#include "core/SmartBuffer.h"
+#include "effects/glow/GlowStages.h"
+
+namespace Korvane {
+
+namespace {
+
+// Largest side Initialize accepts: keeps every row of every working image
+// (12 bytes a pixel at most) and every byte offset inside 32 bits' reach.
+constexpr int32_t kMaxSide = 1 << 26;
+
+inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
+
+// Releases the image references a Process call took, on every way out.
+struct ParamImagesGuard {
+  GlowParam& p;
+  ~ParamImagesGuard() {
+    p.src = SmartBuffer();
+    p.mask = SmartBuffer();
+    p.dst = SmartBuffer();
+  }
+};
+
+}  // namespace
+
+GlowEffect::GlowEffect(CThreadPool* pool) : EffectCore(pool) {
+  FillGlowBlendTables(m_blend_mode_to_slot, m_blend_kernels);
+}
+
+int32_t GlowEffect::CalBlurRadius(float glow_radius) const {
+  // glow_radius rounded half up, in half-size pixels, kept small enough that
+  // the window fits the half-size image.
+  const int32_t r = static_cast<int32_t>(m_scale * glow_radius * 2.0f + 0.5f);
+  return std::min(r, (std::min(m_scaled_img_w, m_scaled_img_h) - 1) / 2);
+}
+
+bool GlowEffect::BuffersReady() const {
+  return m_scaled_hlr.data && m_aligned_hlr.data && m_aligned_src.data && m_scaled_img_f.data &&
+         m_img_f.data;
+}
+
+void GlowEffect::ReleaseAll() {
+  m_scaled_hlr = SmartBuffer();
+  m_aligned_hlr = SmartBuffer();
+  m_aligned_src = SmartBuffer();
+  m_scaled_img_f = SmartBuffer();
+  m_img_f = SmartBuffer();
+}
+
+int32_t GlowEffect::Initialize(int32_t width, int32_t height) {
+  if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide) return E_INVALIDARG;
+  if (width == m_img_w && height == m_img_h && BuffersReady()) return S_OK;
+
+  // The size is stored before the buffers exist: a failed call keeps it, but
+  // leaves no buffer behind, so Process refuses to run and a retry rebuilds.
+  m_img_w = width;
+  m_img_h = height;
+  // Not a rounding up to a multiple of 4 (5 gives 6, 7 gives 10): only ever
+  // an over-allocation.
+  m_aligned_img_w = width + width % 4;
+  m_aligned_img_h = height + height % 4;
+  const int32_t sw = static_cast<int32_t>(width * m_scale);
+  const int32_t sh = static_cast<int32_t>(height * m_scale);
+  m_scaled_img_w = sw + sw % 4;
+  m_scaled_img_h = sh + sh % 4;
+
+  int32_t hr = S_OK;
+  try {
+    if (KORVANE_FAILED(CreateSmartBufferData(m_scaled_hlr, m_scaled_img_w, m_scaled_img_h, PIXEL_BGRA32)) ||
+        KORVANE_FAILED(CreateSmartBufferData(m_aligned_hlr, m_aligned_img_w, m_aligned_img_h, PIXEL_BGRA32)) ||
+        KORVANE_FAILED(CreateSmartBufferData(m_aligned_src, m_aligned_img_w, m_aligned_img_h, PIXEL_BGRA32)) ||
+        KORVANE_FAILED(CreateSmartBufferData(m_scaled_img_f, m_scaled_img_w, m_scaled_img_h, PIXEL_FLOAT96)) ||
+        KORVANE_FAILED(CreateSmartBufferData(m_img_f, m_aligned_img_w, m_aligned_img_h, PIXEL_FLOAT96))) {
+      ReleaseAll();
+      return hr;
+    }
+  } catch (const std::bad_alloc& e) {
+    DebugLog("Initialize - %s caught!", e.what());
+    ReleaseAll();
+    return E_OUTOFMEMORY;
+  }
+
+  for (SmartBuffer* b : {&m_scaled_hlr, &m_aligned_hlr, &m_aligned_src, &m_scaled_img_f, &m_img_f}) {
+    std::memset(b->data.get(), 0, static_cast<size_t>(b->stride) * static_cast<size_t>(b->height));
+  }
+  // The full-size images describe the photo; their strides stay those of the
+  // aligned allocation.
+  for (SmartBuffer* b : {&m_aligned_hlr, &m_aligned_src, &m_img_f}) {
+    b->width = m_img_w;
+    b->height = m_img_h;
+  }
+  return S_OK;
+}
+
+int32_t GlowEffect::ReleaseBuffer() {
+  m_param = GlowParam();
+  m_aligned_hlr = SmartBuffer();
+  m_aligned_src = SmartBuffer();
+  m_img_w = 0;
+  m_img_h = 0;
+  m_aligned_img_w = 0;
+  m_aligned_img_h = 0;
+  return S_OK;
+}
+
+int32_t GlowEffect::Validate(const GlowParam& p) const {
+  if (m_img_h < 0 || m_img_w < 0) return E_FAIL;
+
+  if (p.src.width != m_img_w) return E_INVALIDARG;
+  if (p.src.height != m_img_h || !p.src.data) return E_INVALIDARG;
+  if (p.mask.data && (p.mask.width != m_img_w || p.mask.height != m_img_h || p.mask.pix_fmt != PIXEL_GRAY8 ||
+                      p.mask.stride < p.mask.width)) {
+    return E_INVALIDARG;
+  }
+
+  const Rect& roi = p.roi;
+  if (p.dst.width != static_cast<int64_t>(roi.right) - roi.left ||
+      p.dst.height != static_cast<int64_t>(roi.bottom) - roi.top) {
+    return E_INVALIDARG;
+  }
+  // The rectangle is read from the photo, so it must lie inside it.
+  if (roi.left < 0 || roi.top < 0 || roi.right > m_img_w || roi.bottom > m_img_h || p.dst.width < 0 ||
+      p.dst.height < 0) {
+    return E_INVALIDARG;
+  }
+
+  if (p.src.pix_fmt != PIXEL_BGRA32 || p.dst.pix_fmt != PIXEL_BGRA32) return E_NOTIMPL;
+  if (p.src.stride < static_cast<int64_t>(p.src.width) * 4 || p.dst.stride < static_cast<int64_t>(p.dst.width) * 4) {
+    return E_INVALIDARG;
+  }
+
+  if (!InRange(p.glow_intensity, 0.0f, 1.0f)) return E_INVALIDARG;
+  const float max_radius = static_cast<float>(std::max(p.src.width, p.src.height) / 8);
+  if (!InRange(p.glow_radius, 0.0f, max_radius) || p.hlr_threshold > 255) return E_INVALIDARG;
+  if (!InRange(p.glow_contrast, 1.0f, 3.0f)) return E_INVALIDARG;
+  if (!InRange(p.color_hue, 0.0f, 1.0f) || p.opacity > 255 || !(p.color_strength >= 0.0f) ||
+      !std::isfinite(p.color_strength)) {
+    return E_INVALIDARG;
+  }
+  if (!(p.saturation <= 1.0f)) return E_INVALIDARG;
+  if (!InRange(p.brightness, 0.0f, 1.0f)) return E_INVALIDARG;
+  if (!(p.saturation >= -1.0f)) return E_INVALIDARG;
+  if (GlowBlendSlot(p.blend_mode) < 0) return E_INVALIDARG;
+
+  // Not initialised (or released), or a failed Initialize left no buffers.
+  if (m_img_w == 0 || m_img_h == 0 || !BuffersReady()) return E_FAIL;
+  // The half-size glow needs at least one pixel each way.
+  if (m_scaled_img_w < 1 || m_scaled_img_h < 1) return E_INVALIDARG;
+  if (!p.dst.data && p.dst.width > 0 && p.dst.height > 0) return E_POINTER;
+  return S_OK;
+}
+
+int32_t GlowEffect::Process(const GlowParam& param) {
+  int32_t hr = Validate(param);
+  if (hr < 0) return hr;
+  try {
+    m_param = param;
+    ParamImagesGuard guard{m_param};
+    const bool float_modes = m_param.blend_mode == GLOW_BLEND_HUE || m_param.blend_mode == GLOW_BLEND_SATURATION;
+    hr = float_modes ? RunFloatPipeline() : RunBytePipeline();
+  } catch (const std::bad_alloc& e) {
+    DebugLog("Process - %s caught!", e.what());
+    hr = E_OUTOFMEMORY;
+  }
+  if (hr < 0) KORVANE_LOG_FAILED_STEP("total process", hr);
+  return hr;
+}
+
+int32_t GlowEffect::RunStage(const char* stage, ThreadTask task, void* param, Rect region) {
+  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(task, param, this, region);
+  if (hr < 0) KORVANE_LOG_FAILED_STEP(stage, hr);
+  return hr;
+}
+
+int32_t GlowEffect::CopySource() {
+  GlowCopyParam p{&m_param.src, &m_aligned_src};
+  return RunStage("copy src", GlowCopySrc, &p, Rect{0, 0, m_img_w, m_img_h});
+}
+
+int32_t GlowEffect::DetectHighlight() {
+  // Over the whole allocation: the columns and rows past the photo hold zeros.
+  GlowDetectParam p;
+  p.src = &m_aligned_src;
+  p.dst = &m_aligned_hlr;
+  p.mask = m_param.mask.data ? &m_param.mask : nullptr;
+  p.threshold = m_param.hlr_threshold;
+  p.cols = m_aligned_img_w;
+  p.rows = m_aligned_img_h;
+  const ThreadTask task = PickKernel<ThreadTask>(m_system_info, GlowDetectHighlight,
+                                                 KORVANE_SSE41(GlowDetectHighlight_SSE4));
+  return RunStage("detect hlr", task, &p, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
+}
+
+int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
+  const int32_t hr = RunBilinearResize(m_thread_adapter, m_system_info, param, region);
+  if (hr < 0) {
+    const bool sse = param.src.pix_fmt != PIXEL_FLOAT96 && m_system_info.simd_level >= SIMD_SSE41;
+    KORVANE_LOG_FAILED_STEP(sse ? "resize buff SSE" : "resize buff", hr);
+    KORVANE_LOG_FAILED_STEP(stage, hr);
+  }
+  return hr;
+}
+
+int32_t GlowEffect::SoftenHighlight(bool to_bytes) {
+  const Rect region{0, 0, m_scaled_img_w, m_scaled_img_h};
+  GlowConvertParam conv{&m_scaled_hlr, &m_scaled_img_f};
+  int32_t hr;
+  if ((hr = RunStage("convert BYTE to Float", GlowByteToFloat, &conv, region)) < 0) return hr;
+
+  GlowLightParam light{&m_scaled_img_f, m_param.glow_intensity * 20.0f, (m_param.glow_contrast - 2.0f) * 0.5f};
+  if ((hr = RunStage("adjust light", GlowAdjustLight, &light, region)) < 0) return hr;
+
+  const int32_t r = CalBlurRadius(m_param.glow_radius);
+  if (r > 0) {
+    BoxBlurParam blur;
+    blur.src.data = m_scaled_img_f.data.get();
+    blur.src.width = m_scaled_img_f.width;
+    blur.src.height = m_scaled_img_f.height;
+    blur.src.stride = m_scaled_img_f.stride;
+    blur.src.channel = m_scaled_img_f.channel;
+    blur.src.pix_fmt = m_scaled_img_f.pix_fmt;
+    blur.radius = r;
+    if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, region, 2)) < 0) {
+      KORVANE_LOG_FAILED_STEP("soften hlr", hr);
+      return hr;
+    }
+  }
+  if (!to_bytes) return S_OK;
+  return RunStage("convert Float to BYTE", GlowFloatToByte, &conv, region);
+}
+
+int32_t GlowEffect::AdjustColor(bool floats) {
+  GlowColorParam p;
+  p.img = floats ? &m_scaled_img_f : &m_scaled_hlr;
+  p.strength = m_param.color_strength;
+  p.hue = m_param.color_hue;
+  p.saturation = m_param.saturation;
+  p.brightness = m_param.brightness;
+  return RunStage("adjust color", floats ? GlowAdjustColorFloat : GlowAdjustColor, &p,
+                  Rect{0, 0, m_scaled_img_w, m_scaled_img_h});
+}
+
+int32_t GlowEffect::Blend() {
+  const Rect& roi = m_param.roi;
+  if (roi.right <= roi.left || roi.bottom <= roi.top) return S_OK;  // nothing to write
+  GlowBlendParam p;
+  p.glow = &m_aligned_hlr;
+  p.glow_f = &m_img_f;
+  p.photo = &m_aligned_src;
+  p.dst = &m_param.dst;
+  p.roi = roi;
+  p.opacity = m_param.opacity;
+  p.use_sse41 = UseSse41();
+  const ThreadTask task = m_blend_kernels[m_blend_mode_to_slot[m_param.blend_mode]];
+  return RunStage("blending hlr to result", task, &p, roi);
+}
+
+int32_t GlowEffect::RunBytePipeline() {
+  int32_t hr;
+  if ((hr = CopySource()) < 0 || (hr = DetectHighlight()) < 0) return hr;
+
+  ResizeParam down;
+  down.src = m_aligned_hlr;
+  down.dst = m_scaled_hlr;
+  down.src_roi = Rect{0, 0, m_img_w, m_img_h};
+  if ((hr = Resize(down, Rect{0, 0, m_scaled_img_w, m_scaled_img_h}, "downsampling hlr")) < 0) return hr;
+
+  if ((hr = SoftenHighlight(true)) < 0 || (hr = AdjustColor(false)) < 0) return hr;
+
+  ResizeParam up;
+  up.src = m_scaled_hlr;
+  up.dst = m_aligned_hlr;
+  up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
+  if ((hr = Resize(up, Rect{0, 0, m_img_w, m_img_h}, "upsampling hlr")) < 0) return hr;
+
+  return Blend();
+}
+
+int32_t GlowEffect::RunFloatPipeline() {
+  int32_t hr;
+  if ((hr = CopySource()) < 0 || (hr = DetectHighlight()) < 0) return hr;
+
+  ResizeParam down;
+  down.src = m_aligned_hlr;
+  down.dst = m_scaled_hlr;
+  down.src_roi = Rect{0, 0, m_img_w, m_img_h};
+  if ((hr = Resize(down, Rect{0, 0, m_scaled_img_w, m_scaled_img_h}, "downsampling hlr")) < 0) return hr;
+
+  // The highlight stays in floats from here to the blend.
+  if ((hr = SoftenHighlight(false)) < 0 || (hr = AdjustColor(true)) < 0) return hr;
+
+  ResizeParam up;
+  up.src = m_scaled_img_f;
+  up.dst = m_img_f;
+  up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
+  if ((hr = Resize(up, Rect{0, 0, m_img_w, m_img_h}, "upsampling hlr")) < 0) return hr;
+
+  return Blend();
+}
+
+}  // namespace Korvane

@@ -1,0 +1,64 @@
+// The glow effect's implementation: working images, the byte and float
+// pipelines, and the blend-kernel tables.
+#pragma once
+
+#include <cstdint>
+
+#include "core/BilinearResize.h"
+#include "core/EffectCore.h"
+#include "effects/glow/Glow.h"
+#include "effects/glow/GlowBlend.h"
+
+namespace Korvane {
+
+class GlowEffect final : public Glow, public EffectCore {
+ public:
+  explicit GlowEffect(CThreadPool* pool);
+  ~GlowEffect() override = default;
+
+  int32_t Initialize(int32_t width, int32_t height) override;
+  int32_t Process(const GlowParam& param) override;
+  int32_t ReleaseBuffer() override;
+
+  // Sizes chosen by Initialize, for checks and tools.
+  int32_t GetAlignedWidth() const { return m_aligned_img_w; }
+  int32_t GetAlignedHeight() const { return m_aligned_img_h; }
+  int32_t GetScaledWidth() const { return m_scaled_img_w; }
+  int32_t GetScaledHeight() const { return m_scaled_img_h; }
+  // The blur radius in half-size pixels that Process uses for glow_radius.
+  int32_t CalBlurRadius(float glow_radius) const;
+
+ private:
+  int32_t Validate(const GlowParam& param) const;
+  bool BuffersReady() const;
+  void ReleaseAll();
+
+  int32_t RunBytePipeline();
+  int32_t RunFloatPipeline();
+  // Stages shared by both pipelines.
+  int32_t CopySource();
+  int32_t DetectHighlight();
+  int32_t Resize(ResizeParam& param, Rect region, const char* stage);
+  int32_t SoftenHighlight(bool to_bytes);
+  int32_t AdjustColor(bool floats);
+  int32_t Blend();
+  int32_t RunStage(const char* stage, ThreadTask task, void* param, Rect region);
+
+  SmartBuffer m_aligned_src;    // copy of the photo, aligned allocation, image-size fields
+  SmartBuffer m_aligned_hlr;    // full-size highlight, same layout
+  SmartBuffer m_scaled_hlr;     // half-size highlight, BGRA
+  SmartBuffer m_scaled_img_f;   // half-size highlight, FLOAT96
+  SmartBuffer m_img_f;          // full-size float highlight (float blend modes)
+  GlowParam m_param;            // settings of the current Process call
+  int32_t m_img_w = 0;
+  int32_t m_img_h = 0;
+  int32_t m_aligned_img_w = 0;
+  int32_t m_aligned_img_h = 0;
+  int32_t m_scaled_img_w = 0;
+  int32_t m_scaled_img_h = 0;
+  const float m_scale = 0.5f;   // the glow is built at half size
+  int32_t m_blend_mode_to_slot[kGlowBlendModeCount];
+  ThreadTask m_blend_kernels[kGlowBlendSlotCount];
+};
+
+}  // namespace Korvane

@@ -1,0 +1,72 @@
+// The per-pixel stages of the glow pipeline, as row tasks for
+// CThreadAdapter::RunTaskByMultiThread. Each task clips its band to the
+// images it touches, so no region can make it read or write outside them.
+#pragma once
+
+#include <cstdint>
+
+#include "core/ImageBuffer.h"
+#include "core/ThreadAdapter.h"
+
+namespace Korvane {
+
+// "copy src": rows of src into the (wider-strided) working copy.
+struct GlowCopyParam {
+  const SmartBuffer* src = nullptr;
+  SmartBuffer* dst = nullptr;
+};
+int32_t GlowCopySrc(ThreadJob* job, int32_t* result);
+
+// "detect hlr": B, G, R minus the threshold (clamped to 0..255), alpha copied.
+// With a mask, channel c of pixel x is weighted by the mask byte of column
+// x + c in the same row (B by the pixel's own, G and R by its right-hand
+// neighbours): out = (m * v) >> 8. Mask bytes beyond the mask's width or
+// height count as 0. The region may reach past the images' width and height
+// fields up to `cols` x `rows`, the size the working images are allocated at.
+struct GlowDetectParam {
+  const SmartBuffer* src = nullptr;   // BGRA, allocated rows x stride
+  SmartBuffer* dst = nullptr;         // BGRA, same stride as src
+  const SmartBuffer* mask = nullptr;  // GRAY8 or nullptr
+  int32_t threshold = 0;
+  int32_t cols = 0;                   // allocated width of src and dst
+  int32_t rows = 0;                   // allocated height of src and dst
+};
+int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
+// SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
+int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
+
+// "convert BYTE to Float": B, G, R bytes to floats x 1/255.
+// "convert Float to BYTE": floats x 255, truncated and clamped to 0..255; alpha kept.
+struct GlowConvertParam {
+  SmartBuffer* bytes = nullptr;   // BGRA
+  SmartBuffer* floats = nullptr;  // FLOAT96, same width and height
+};
+int32_t GlowByteToFloat(ThreadJob* job, int32_t* result);
+int32_t GlowFloatToByte(ThreadJob* job, int32_t* result);
+
+// "adjust light": every float x becomes gain * curve(x) + 0.0625, the curve
+// being the three-stage sigmoid with the middle strength k in [-0.5, 0.5].
+struct GlowLightParam {
+  SmartBuffer* img = nullptr;  // FLOAT96
+  float gain = 0.0f;
+  float k = 0.0f;
+};
+int32_t GlowAdjustLight(ThreadJob* job, int32_t* result);
+// The tone curve itself, for one sample (the stage applies exactly this).
+float GlowToneCurve(float x, float gain, float k);
+
+// "adjust color": tint towards the colour of hue `hue` (0..1 of a turn) with
+// weight `strength`, scale the saturation by (1 + saturation), multiply by
+// `brightness`. The byte task works on BGRA (alpha untouched); the float task
+// on FLOAT96 values, which it first clamps to 0..1.
+struct GlowColorParam {
+  SmartBuffer* img = nullptr;
+  float strength = 0.0f;
+  float hue = 0.0f;
+  float saturation = 0.0f;
+  float brightness = 1.0f;
+};
+int32_t GlowAdjustColor(ThreadJob* job, int32_t* result);
+int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result);
+
+}  // namespace Korvane

@@ -17,6 +17,14 @@ struct ResizeParam {
   SmartBuffer dst;  // destination, already created at the target size
   Rect src_roi;     // part of the source that may be sampled; indices are clamped into it
 };
+// src_roi is clipped to the source image; a rectangle with nothing left
+// (including the default empty Rect) is refused with E_INVALIDARG. Strides
+// shorter than a row of pixels are refused with E_INVALIDARG too.
+// The 8-bit tasks keep the integer rule exactly: fractions are 8-bit, the
+// column/row fraction wraps in a byte for the slightly negative positions at
+// the start of an enlargement, and differences are shifted arithmetically.
+// The float task uses float fractions clamped to [0, 1] (edges are held
+// flat, no wrap).
 
 // PIXEL_BGRA32 (all four bytes interpolated) and PIXEL_GRAY8.
 int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result);
@@ -29,7 +37,8 @@ int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result);
 
 // One bilinear sample at float position (x, y) with 8-bit weights; the caller
 // guarantees 0 <= trunc(x) < width and 0 <= trunc(y) < height. The 8uc4 form
-// writes 255 into alpha. E_POINTER when src or out is NULL.
+// writes 255 into alpha. E_POINTER when src or out is NULL; a position whose
+// integer part lies outside the image (or NaN) gets E_INVALIDARG and is not read.
 int32_t BilinearSample_8uc4(const unsigned char* src, unsigned char* out, int height, int width,
                             int stride, float y, float x);
 int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int height, int width,

@@ -5,6 +5,30 @@
 // Run BoxBlurH with row bands and BoxBlurV with column strips
 // (RunTaskByMultiThread(..., false)); each band processes whole rows (or whole
 // columns) whatever the band's other extent.
+//
+// Window: pixel p of a line of length L gets the mean of the samples
+// [max(0, p - r + 1), min(L - 1, p + r - 1)], divided by their count n. The
+// same rule covers a window wider than the line (2r - 1 > L): it is cut at
+// both ends, so once r >= L every pixel becomes the line's mean. Nothing
+// outside the image is ever read or written, whatever the radius.
+//
+// Rounding:
+// - 8-bit variants: exact integer sums; each output is trunc(sum / n + 0.5),
+//   computed with an exact fixed-point reciprocal (no division per sample).
+// - FLOAT32 / FLOAT96: running sums in double, each sample subtracted and
+//   added in window order; output float(sum * (1.0 / n)). The SSE forms do
+//   the same operations in the same order, so the results are bit-identical.
+//   A NaN or infinity spreads along the rest of its line.
+// - INT32: exact 64-bit sums; output floor(sum / n + 1/2) (halves round up).
+// - Masked BGRA32: the mask (one byte a pixel, rows packed, the image's
+//   width and height) sets how much of the blur each pixel takes:
+//   out = round((orig * (255 - m) + blurred * m) / 255), where blurred is the
+//   unmasked result. 255 blurs fully, 0 keeps the pixel; every pixel of the
+//   window counts whatever its own mask value. Alpha is untouched.
+//
+// Limits: the window (min(2r - 1, L)) may hold at most 2^21 samples, and
+// float and integer images need a stride that is a multiple of 4; otherwise
+// E_INVALIDARG.
 #pragma once
 
 #include <cstdint>

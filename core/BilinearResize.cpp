@@ -1,0 +1,296 @@
+#include "core/BilinearResize.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "core/BilinearResizePlan.h"
+#include "core/DebugLog.h"
+#include "core/ResultCode.h"
+#include "core/Simd.h"
+
+namespace Korvane {
+namespace resize_detail {
+
+namespace {
+
+// One axis of the centre-to-centre mapping for destination positions
+// [begin, end): source index pair (scaled by `scale` bytes), the 8-bit
+// fraction (which wraps for the slightly negative positions at the start of
+// an enlargement) and, when asked, a float fraction clamped into [0, 1].
+void BuildAxis(int32_t dst_len, int32_t src_len, int32_t lo, int32_t hi, int32_t begin,
+               int32_t end, int32_t scale, int32_t* i0, int32_t* i1, uint8_t* f, float* ff) {
+  const float ratio = static_cast<float>(dst_len) / static_cast<float>(src_len);
+  const float dst_centre = static_cast<float>(dst_len - 1) / 2.0f;
+  const float src_centre = static_cast<float>(src_len - 1) / 2.0f;
+  for (int32_t d = begin; d < end; ++d) {
+    const float s = (static_cast<float>(d) - dst_centre) / ratio + src_centre;
+    const int32_t t = static_cast<int32_t>(s);  // toward zero
+    int32_t a = t < lo ? lo : t;
+    if (a >= hi) a = hi - 1;
+    const int32_t b = a + 1 < hi ? a + 1 : a;
+    const int32_t k = d - begin;
+    i0[k] = a * scale;
+    i1[k] = b * scale;
+    f[k] = static_cast<uint8_t>(static_cast<int32_t>((s - static_cast<float>(t)) * 256.0f));
+    if (ff) ff[k] = std::min(1.0f, std::max(0.0f, s - static_cast<float>(a)));
+  }
+}
+
+}  // namespace
+
+int32_t PlanResize(const ResizeParam& param, const Rect& band, int32_t bpp, bool with_float,
+                   ResizePlan* plan) {
+  const SmartBuffer& src = param.src;
+  const SmartBuffer& dst = param.dst;
+  if (!src.data || !dst.data) return E_POINTER;
+  if (src.width < 1 || src.height < 1 || dst.width < 1 || dst.height < 1) return E_FAIL;
+  if (src.stride < static_cast<int64_t>(src.width) * bpp ||
+      dst.stride < static_cast<int64_t>(dst.width) * bpp) {
+    return E_INVALIDARG;
+  }
+  // Only the part of src_roi that lies inside the source can be sampled.
+  const int32_t lo_x = std::max(param.src_roi.left, 0);
+  const int32_t hi_x = std::min(param.src_roi.right, src.width);
+  const int32_t lo_y = std::max(param.src_roi.top, 0);
+  const int32_t hi_y = std::min(param.src_roi.bottom, src.height);
+  if (lo_x >= hi_x || lo_y >= hi_y) return E_INVALIDARG;
+
+  plan->src = src.data.get();
+  plan->dst = dst.data.get();
+  plan->src_stride = src.stride;
+  plan->dst_stride = dst.stride;
+  plan->x_begin = std::max(band.left, 0);
+  plan->x_end = std::min(band.right, dst.width);
+  plan->y_begin = std::max(band.top, 0);
+  plan->y_end = std::min(band.bottom, dst.height);
+  if (plan->x_begin >= plan->x_end || plan->y_begin >= plan->y_end) {
+    plan->x_end = plan->x_begin;
+    plan->y_end = plan->y_begin;
+    plan->x_paired = plan->x_begin;
+    return S_OK;
+  }
+  const size_t nx = static_cast<size_t>(plan->x_end - plan->x_begin);
+  const size_t ny = static_cast<size_t>(plan->y_end - plan->y_begin);
+  try {
+    plan->x0.resize(nx);
+    plan->x1.resize(nx);
+    plan->fx.resize(nx);
+    plan->y0.resize(ny);
+    plan->y1.resize(ny);
+    plan->fy.resize(ny);
+    if (with_float) {
+      plan->fxf.resize(nx);
+      plan->fyf.resize(ny);
+    }
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  BuildAxis(dst.width, src.width, lo_x, hi_x, plan->x_begin, plan->x_end, bpp, plan->x0.data(),
+            plan->x1.data(), plan->fx.data(), with_float ? plan->fxf.data() : nullptr);
+  BuildAxis(dst.height, src.height, lo_y, hi_y, plan->y_begin, plan->y_end, 1, plan->y0.data(),
+            plan->y1.data(), plan->fy.data(), with_float ? plan->fyf.data() : nullptr);
+  size_t paired = 0;
+  while (paired < nx && plan->x1[paired] != plan->x0[paired]) ++paired;
+  plan->x_paired = plan->x_begin + static_cast<int32_t>(paired);
+  return S_OK;
+}
+
+void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
+                    int32_t x_to) {
+  for (int32_t dy = y_from; dy < y_to; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
+    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+    const int32_t fy = plan.fy[iy];
+    unsigned char* out = plan.dst + dy * plan.dst_stride;
+    for (int32_t dx = x_from; dx < x_to; ++dx) {
+      const int32_t ix = dx - plan.x_begin;
+      const unsigned char* a0 = r0 + plan.x0[ix];
+      const unsigned char* b0 = r0 + plan.x1[ix];
+      const unsigned char* a1 = r1 + plan.x0[ix];
+      const unsigned char* b1 = r1 + plan.x1[ix];
+      const int32_t fx = plan.fx[ix];
+      for (int c = 0; c < 4; ++c) {
+        const int32_t top = Lerp8(a0[c], b0[c], fx);
+        const int32_t bottom = Lerp8(a1[c], b1[c], fx);
+        out[dx * 4 + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
+      }
+    }
+  }
+}
+
+void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
+                    int32_t x_to) {
+  for (int32_t dy = y_from; dy < y_to; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
+    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+    const int32_t fy = plan.fy[iy];
+    unsigned char* out = plan.dst + dy * plan.dst_stride;
+    for (int32_t dx = x_from; dx < x_to; ++dx) {
+      const int32_t ix = dx - plan.x_begin;
+      const int32_t fx = plan.fx[ix];
+      const int32_t top = Lerp8(r0[plan.x0[ix]], r0[plan.x1[ix]], fx);
+      const int32_t bottom = Lerp8(r1[plan.x0[ix]], r1[plan.x1[ix]], fx);
+      out[dx] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
+    }
+  }
+}
+
+}  // namespace resize_detail
+
+using resize_detail::PlanResize;
+using resize_detail::ResizePlan;
+
+int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) {
+  ResizePlan plan;
+  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 4, false, &plan);
+  if (hr >= 0) resize_detail::ResizeSpan8uc4(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
+  *result = hr;
+  return hr;
+}
+
+int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) {
+  ResizePlan plan;
+  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 1, false, &plan);
+  if (hr >= 0) resize_detail::ResizeSpan8uc1(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
+  *result = hr;
+  return hr;
+}
+
+int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result) {
+  ResizePlan plan;
+  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 12, true, &plan);
+  if (hr < 0) {
+    *result = hr;
+    return hr;
+  }
+  for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
+    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+    const float fy = plan.fyf[iy];
+    float* out = reinterpret_cast<float*>(plan.dst + dy * plan.dst_stride);
+    for (int32_t dx = plan.x_begin; dx < plan.x_end; ++dx) {
+      const int32_t ix = dx - plan.x_begin;
+      const float* a0 = reinterpret_cast<const float*>(r0 + plan.x0[ix]);
+      const float* b0 = reinterpret_cast<const float*>(r0 + plan.x1[ix]);
+      const float* a1 = reinterpret_cast<const float*>(r1 + plan.x0[ix]);
+      const float* b1 = reinterpret_cast<const float*>(r1 + plan.x1[ix]);
+      const float fx = plan.fxf[ix];
+      for (int c = 0; c < 3; ++c) {
+        const float top = a0[c] + (b0[c] - a0[c]) * fx;
+        const float bottom = a1[c] + (b1[c] - a1[c]) * fx;
+        out[dx * 3 + c] = top + (bottom - top) * fy;
+      }
+    }
+  }
+  *result = S_OK;
+  return S_OK;
+}
+
+namespace {
+
+// Bilinear weights in 1/256 for fractions (fx, fy); the fourth takes what is
+// left so the four add up to 256 (never negative).
+struct SampleWeights {
+  int32_t tl, tr, bl, br;
+};
+
+inline SampleWeights CalSampleWeights(float fx, float fy) {
+  SampleWeights w;
+  w.tr = static_cast<int32_t>((1.0f - fy) * fx * 256.0f + 0.5f);
+  w.bl = static_cast<int32_t>(fy * (1.0f - fx) * 256.0f + 0.5f);
+  w.tl = static_cast<int32_t>((1.0f - fy) * (1.0f - fx) * 256.0f + 0.5f);
+  w.br = std::max(0, 256 - w.tr - w.bl - w.tl);
+  return w;
+}
+
+// Locates the four neighbours of (x, y). Positions whose integer part falls
+// outside the image are refused instead of read; a fraction below zero (a
+// position in (-1, 0)) counts as zero.
+inline bool LocateSample(int height, int width, float y, float x, int32_t* x0, int32_t* y0,
+                         int32_t* x1, int32_t* y1, float* fx, float* fy) {
+  if (!(x > -1.0f && x < static_cast<float>(width)) ||
+      !(y > -1.0f && y < static_cast<float>(height))) {
+    return false;
+  }
+  *x0 = static_cast<int32_t>(x);
+  *y0 = static_cast<int32_t>(y);
+  if (*x0 >= width || *y0 >= height) return false;  // float rounding at the far edge
+  *fx = std::max(0.0f, x - static_cast<float>(*x0));
+  *fy = std::max(0.0f, y - static_cast<float>(*y0));
+  *x1 = *x0 + 1 <= width - 1 ? *x0 + 1 : *x0;
+  *y1 = *y0 + 1 <= height - 1 ? *y0 + 1 : *y0;
+  return true;
+}
+
+}  // namespace
+
+int32_t BilinearSample_8uc4(const unsigned char* src, unsigned char* out, int height, int width,
+                            int stride, float y, float x) {
+  if (!src || !out) return E_POINTER;
+  if (width < 1 || height < 1 || stride < static_cast<int64_t>(width) * 4) return E_INVALIDARG;
+  int32_t x0, y0, x1, y1;
+  float fx, fy;
+  if (!LocateSample(height, width, y, x, &x0, &y0, &x1, &y1, &fx, &fy)) return E_INVALIDARG;
+  const SampleWeights w = CalSampleWeights(fx, fy);
+  const unsigned char* tl = src + static_cast<ptrdiff_t>(y0) * stride + x0 * 4;
+  const unsigned char* tr = src + static_cast<ptrdiff_t>(y0) * stride + x1 * 4;
+  const unsigned char* bl = src + static_cast<ptrdiff_t>(y1) * stride + x0 * 4;
+  const unsigned char* br = src + static_cast<ptrdiff_t>(y1) * stride + x1 * 4;
+  for (int c = 0; c < 3; ++c) {
+    out[c] = static_cast<unsigned char>(
+        (br[c] * w.br + bl[c] * w.bl + tr[c] * w.tr + tl[c] * w.tl) >> 8);
+  }
+  out[3] = 255;
+  return S_OK;
+}
+
+int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int height, int width,
+                            int stride, float y, float x) {
+  if (!src || !out) return E_POINTER;
+  if (width < 1 || height < 1 || stride < width) return E_INVALIDARG;
+  int32_t x0, y0, x1, y1;
+  float fx, fy;
+  if (!LocateSample(height, width, y, x, &x0, &y0, &x1, &y1, &fx, &fy)) return E_INVALIDARG;
+  const SampleWeights w = CalSampleWeights(fx, fy);
+  const unsigned char* r0 = src + static_cast<ptrdiff_t>(y0) * stride;
+  const unsigned char* r1 = src + static_cast<ptrdiff_t>(y1) * stride;
+  out[0] = static_cast<unsigned char>(
+      (r1[x1] * w.br + r1[x0] * w.bl + r0[x1] * w.tr + r0[x0] * w.tl) >> 8);
+  return S_OK;
+}
+
+int32_t RunBilinearResize(CThreadAdapter& adapter, const SystemInfo& info, ResizeParam& param,
+                          Rect dst_roi) {
+  if (param.src.pix_fmt != param.dst.pix_fmt) return E_NOTIMPL;
+  ThreadTask task = nullptr;
+  const char* name = nullptr;
+  switch (param.src.pix_fmt) {
+    case PIXEL_BGRA32:
+      task = PickKernel<ThreadTask>(info, BilinearResize_8uc4, KORVANE_SSE41(BilinearResize_8uc4_SSE4));
+      name = task == &BilinearResize_8uc4 ? "BilinearResize_8uc4" : "BilinearResize_8uc4_SSE4";
+      break;
+    case PIXEL_GRAY8:
+      task = PickKernel<ThreadTask>(info, BilinearResize_8uc1, KORVANE_SSE41(BilinearResize_8uc1_SSE4));
+      name = task == &BilinearResize_8uc1 ? "BilinearResize_8uc1" : "BilinearResize_8uc1_SSE4";
+      break;
+    case PIXEL_FLOAT96:
+      task = BilinearResize_32fc3;
+      name = "BilinearResize_32fc3";
+      break;
+    default:
+      return E_NOTIMPL;
+  }
+  const int32_t hr = adapter.RunTaskByMultiThread(task, static_cast<void*>(&param), nullptr, dst_roi);
+  if (hr < 0) {
+    DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&param, nullptr, dst_roi) "
+             "Error! - Return Code: %x",
+             name, static_cast<unsigned>(hr));
+  }
+  return hr;
+}
+
+}  // namespace Korvane

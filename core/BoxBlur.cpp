@@ -1,0 +1,291 @@
+#include "core/BoxBlur.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <type_traits>
+#include <vector>
+
+#include "core/BoxBlurDetail.h"
+#include "core/DebugLog.h"
+#include "core/ResultCode.h"
+#include "core/Simd.h"
+
+namespace Korvane {
+namespace boxblur_detail {
+
+Recip8 MakeRecip8(uint32_t n) {
+  uint32_t ceil_log2 = 0;
+  while ((uint64_t{1} << ceil_log2) < n) ++ceil_log2;
+  Recip8 r;
+  r.half = n / 2;
+  r.shift = 9 + 2 * ceil_log2;
+  r.mul = static_cast<uint32_t>((uint64_t{1} << r.shift) / n + 1);
+  return r;
+}
+
+int32_t PrepareBlur(const ThreadJob* job, bool rows, BlurJob* out) {
+  const BoxBlurParam& p = *static_cast<const BoxBlurParam*>(job->param);
+  const ImageBuffer& img = p.src;
+  int32_t bpp = 0;
+  switch (img.pix_fmt) {
+    case PIXEL_BGRA32:
+      out->variant = p.mask ? Variant::kBgraMasked : Variant::kBgra;
+      bpp = 4;
+      break;
+    case PIXEL_GRAY8: out->variant = Variant::kGray; bpp = 1; break;
+    case PIXEL_FLOAT32: out->variant = Variant::kFloat32; bpp = 4; break;
+    case PIXEL_FLOAT96: out->variant = Variant::kFloat96; bpp = 12; break;
+    case PIXEL_INT32: out->variant = Variant::kInt32; bpp = 4; break;
+    default: return E_NOTIMPL;
+  }
+  if (p.mask && out->variant != Variant::kBgraMasked) return E_NOTIMPL;
+  if (!img.data) return E_POINTER;
+  if (p.radius < 0) return E_INVALIDARG;
+  if (img.width < 0 || img.height < 0 || img.stride < static_cast<int64_t>(img.width) * bpp) {
+    return E_INVALIDARG;
+  }
+  // Float and integer samples are read in place, so rows must keep them aligned.
+  if (bpp > 1 && img.stride % 4 != 0) return E_INVALIDARG;
+  const int32_t len = rows ? img.width : img.height;
+  const int64_t window = 2 * static_cast<int64_t>(p.radius) - 1;
+  if (window > kMaxWindow && len > kMaxWindow) return E_INVALIDARG;
+
+  out->data = img.data;
+  out->width = img.width;
+  out->height = img.height;
+  out->stride = img.stride;
+  out->radius = p.radius;
+  out->mask = p.mask;
+  const int32_t lines = rows ? img.height : img.width;
+  const int32_t from = rows ? job->rect.top : job->rect.left;
+  const int32_t to = rows ? job->rect.bottom : job->rect.right;
+  out->begin = from < 0 ? 0 : from;
+  out->end = to > lines ? lines : to;
+  // A window of one sample (radius 0 or 1) leaves every pixel as it is.
+  if (out->end < out->begin || p.radius <= 1 || len == 0) out->end = out->begin;
+  return S_OK;
+}
+
+namespace {
+
+// Sample layouts: S the stored sample, A the running sum, kChannels summed
+// channels out of kStride samples a pixel.
+template <class S, class A, int kChannels, int kStride>
+struct Layout {
+  using Sample = S;
+  using Acc = A;
+  static constexpr int kCh = kChannels;
+  static constexpr int kPs = kStride;
+};
+using LayoutBgra = Layout<uint8_t, uint32_t, 3, 4>;  // alpha is never read or written
+using LayoutGray = Layout<uint8_t, uint32_t, 1, 1>;
+using LayoutF32 = Layout<float, double, 1, 1>;
+using LayoutF96 = Layout<float, double, 3, 3>;
+using LayoutI32 = Layout<int32_t, int64_t, 1, 1>;
+
+// Output rules, called with the window sum, its sample count, the pixel's
+// original value and its place (position along the line, index across).
+struct OutByte {
+  const Recip8* recip;
+  uint8_t operator()(uint32_t sum, int32_t n, uint8_t, int32_t, int32_t) const {
+    return static_cast<uint8_t>(Divide8(sum, recip[n]));
+  }
+};
+struct OutMaskedByte {
+  const Recip8* recip;
+  const unsigned char* mask;  // mask value of position p, index j: mask[p * along + j * across]
+  ptrdiff_t along, across;
+  uint8_t operator()(uint32_t sum, int32_t n, uint8_t orig, int32_t p, int32_t j) const {
+    const uint32_t m = mask[p * along + j * across];
+    return static_cast<uint8_t>(MixByMask(orig, Divide8(sum, recip[n]), m));
+  }
+};
+struct OutFloat {
+  const double* inv;  // 1.0 / n
+  float operator()(double sum, int32_t n, float, int32_t, int32_t) const {
+    return static_cast<float>(sum * inv[n]);
+  }
+};
+struct OutInt {
+  const double* inv;
+  // floor(sum / n + 1/2) exactly: a double estimate, corrected in integers.
+  int32_t operator()(int64_t sum, int32_t n, int32_t, int32_t, int32_t) const {
+    const int64_t num = 2 * sum + n, den = 2 * static_cast<int64_t>(n);
+    int64_t q = static_cast<int64_t>(std::floor(static_cast<double>(sum) * inv[n] + 0.5));
+    while (q * den > num) --q;
+    while ((q + 1) * den <= num) ++q;
+    return static_cast<int32_t>(q);
+  }
+};
+
+// WalkWindow's operations over one line of a plain pass. An element is one
+// pixel (horizontal pass) or a run of `count` pixels of one row (vertical
+// pass); `step` is the byte distance between consecutive positions.
+template <class L, class Out>
+struct LineOps {
+  using S = typename L::Sample;
+  using A = typename L::Acc;
+  unsigned char* first;
+  ptrdiff_t step;
+  int32_t count;
+  int32_t r;
+  A* sums;
+  S* ring;
+  Out out;
+
+  S* At(int32_t p) const { return reinterpret_cast<S*>(first + p * step); }
+
+  void Prime(int32_t p) {
+    const S* e = At(p);
+    for (int32_t j = 0; j < count; ++j)
+      for (int c = 0; c < L::kCh; ++c) sums[j * L::kCh + c] += static_cast<A>(e[j * L::kPs + c]);
+  }
+
+  template <bool kAdd, bool kSub>
+  void Step(int32_t p, int32_t slot, int32_t n) {
+    S* e = At(p);
+    const S* in = kAdd ? At(p + r - 1) : nullptr;
+    S* saved = ring + static_cast<ptrdiff_t>(slot) * count * L::kCh;
+    for (int32_t j = 0; j < count; ++j) {
+      for (int c = 0; c < L::kCh; ++c) {
+        const int32_t i = j * L::kCh + c;
+        A s = sums[i];
+        if (kSub) s -= static_cast<A>(saved[i]);
+        if (kAdd) s += static_cast<A>(in[j * L::kPs + c]);
+        sums[i] = s;
+        const S orig = e[j * L::kPs + c];
+        saved[i] = orig;
+        e[j * L::kPs + c] = out(s, n, orig, p, j);
+      }
+    }
+  }
+};
+
+template <class L, class Out>
+int32_t BlurLines(const BlurJob& job, bool rows, const Out& out) {
+  using S = typename L::Sample;
+  using A = typename L::Acc;
+  const int32_t len = rows ? job.width : job.height;
+  const int32_t r = job.radius;
+  const int32_t ring_len = r < len ? r : len;
+  const int32_t lines = job.end - job.begin;
+  const int32_t chunk = rows ? 1 : ColumnChunk(lines, ring_len, L::kCh * static_cast<int32_t>(sizeof(S)));
+  std::vector<A> sums;
+  std::vector<S> ring;
+  try {
+    sums.resize(static_cast<size_t>(chunk) * L::kCh);
+    ring.resize(static_cast<size_t>(ring_len) * chunk * L::kCh);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  LineOps<L, Out> ops{nullptr, 0, 1, r, sums.data(), ring.data(), out};
+  constexpr ptrdiff_t kPixelBytes = L::kPs * sizeof(S);
+  for (int32_t k = job.begin; k < job.end; k += chunk) {
+    const int32_t count = (job.end - k) < chunk ? (job.end - k) : chunk;
+    if (rows) {
+      ops.first = job.data + k * job.stride;
+      ops.step = kPixelBytes;
+    } else {
+      ops.first = job.data + k * kPixelBytes;
+      ops.step = job.stride;
+    }
+    ops.count = count;
+    ops.out = out;
+    std::fill(sums.begin(), sums.end(), A{0});
+    if constexpr (std::is_same<Out, OutMaskedByte>::value) {
+      // Mask rows are packed, one byte a pixel.
+      if (rows) {
+        ops.out.mask = out.mask + static_cast<ptrdiff_t>(k) * job.width;
+      } else {
+        ops.out.mask = out.mask + k;
+      }
+    }
+    WalkWindow(ops, len, r);
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+int32_t BlurPlain(const BlurJob& job, bool rows) {
+  if (job.begin >= job.end) return S_OK;
+  const int32_t len = rows ? job.width : job.height;
+  const int32_t r = job.radius;
+  const int32_t n_max = static_cast<int32_t>(2 * static_cast<int64_t>(r) - 1 < len ? 2 * r - 1 : len);
+  try {
+    switch (job.variant) {
+      case Variant::kBgra:
+      case Variant::kGray:
+      case Variant::kBgraMasked: {
+        std::vector<Recip8> recip(static_cast<size_t>(n_max) + 1);
+        for (int32_t n = 1; n <= n_max; ++n) recip[n] = MakeRecip8(static_cast<uint32_t>(n));
+        if (job.variant == Variant::kGray) return BlurLines<LayoutGray>(job, rows, OutByte{recip.data()});
+        if (job.variant == Variant::kBgra) return BlurLines<LayoutBgra>(job, rows, OutByte{recip.data()});
+        const OutMaskedByte out{recip.data(), job.mask, rows ? 1 : job.width, rows ? 0 : 1};
+        return BlurLines<LayoutBgra>(job, rows, out);
+      }
+      case Variant::kFloat32:
+      case Variant::kFloat96:
+      case Variant::kInt32: {
+        std::vector<double> inv(static_cast<size_t>(n_max) + 1, 0.0);
+        for (int32_t n = 1; n <= n_max; ++n) inv[n] = 1.0 / n;
+        if (job.variant == Variant::kFloat32) return BlurLines<LayoutF32>(job, rows, OutFloat{inv.data()});
+        if (job.variant == Variant::kFloat96) return BlurLines<LayoutF96>(job, rows, OutFloat{inv.data()});
+        return BlurLines<LayoutI32>(job, rows, OutInt{inv.data()});
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  return E_NOTIMPL;
+}
+
+}  // namespace boxblur_detail
+
+namespace {
+
+int32_t RunPlainPass(ThreadJob* job, int32_t* result, bool rows) {
+  boxblur_detail::BlurJob b;
+  int32_t hr = boxblur_detail::PrepareBlur(job, rows, &b);
+  if (hr >= 0) hr = boxblur_detail::BlurPlain(b, rows);
+  *result = hr;
+  return hr;
+}
+
+}  // namespace
+
+int32_t BoxBlurH(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, true); }
+
+int32_t BoxBlurV(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, false); }
+
+int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam& param, Rect roi,
+                   int passes) {
+  if (passes < 0) return E_INVALIDARG;
+  const ThreadTask h = PickKernel<ThreadTask>(info, BoxBlurH, KORVANE_SSE41(BoxBlurH_SSE));
+  const ThreadTask v = PickKernel<ThreadTask>(info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
+  const bool sse = h != &BoxBlurH;
+  void* const boxblur_param = static_cast<void*>(&param);
+  for (int i = 0; i < passes; ++i) {
+    const int32_t hr = adapter.RunTaskByMultiThread(h, boxblur_param, nullptr, roi);
+    if (hr < 0) {
+      DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, "
+               "roi) Error! - Return Code: %x",
+               sse ? "BoxBlurH_SSE" : "BoxBlurH", static_cast<unsigned>(hr));
+      return hr;
+    }
+  }
+  for (int i = 0; i < passes; ++i) {
+    const int32_t hr = adapter.RunTaskByMultiThread(v, boxblur_param, nullptr, roi, false);
+    if (hr < 0) {
+      DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, "
+               "roi, false) Error! - Return Code: %x",
+               sse ? "BoxBlurV_SSE" : "BoxBlurV", static_cast<unsigned>(hr));
+      return hr;
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace Korvane

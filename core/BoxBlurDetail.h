@@ -1,0 +1,123 @@
+// Internal to the box blur kernels: validation of a task's record, the exact
+// 8-bit divider, and the running-window walk shared by the plain and SSE
+// forms so both visit the samples in the same order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "core/BoxBlur.h"
+
+namespace Korvane {
+namespace boxblur_detail {
+
+enum class Variant { kBgra, kGray, kFloat32, kFloat96, kInt32, kBgraMasked };
+
+// Longest window (in samples) the kernels accept; keeps the 8-bit divider
+// and the integer sums exact.
+constexpr int64_t kMaxWindow = int64_t{1} << 21;
+
+// A validated task: the image, and the lines of the band (rows for the
+// horizontal pass, columns for the vertical one) clipped to the image.
+struct BlurJob {
+  Variant variant = Variant::kBgra;
+  unsigned char* data = nullptr;
+  int32_t width = 0;
+  int32_t height = 0;
+  ptrdiff_t stride = 0;
+  int32_t radius = 0;
+  const unsigned char* mask = nullptr;
+  int32_t begin = 0;
+  int32_t end = 0;
+};
+
+// Checks the record (format, data, radius, geometry, window length) and
+// fills `out`. S_OK with begin == end when nothing is to be changed.
+int32_t PrepareBlur(const ThreadJob* job, bool rows, BlurJob* out);
+
+// Exact rounding division of an 8-bit window sum by the sample count n:
+// trunc(sum / n + 0.5) == floor((sum + n / 2) / n) == ((sum + half) * mul) >> shift.
+// With shift = 9 + 2 * ceil(log2 n) and mul = floor(2^shift / n) + 1 the
+// product's error stays below one step for every sum up to 255 * n, and mul
+// fits 32 bits while n <= kMaxWindow.
+struct Recip8 {
+  uint32_t half;
+  uint32_t mul;
+  uint32_t shift;
+};
+Recip8 MakeRecip8(uint32_t n);
+inline uint32_t Divide8(uint32_t sum, const Recip8& r) {
+  return static_cast<uint32_t>((static_cast<uint64_t>(sum + r.half) * r.mul) >> r.shift);
+}
+
+// The masked variant's output: the blurred value mixed with the original by
+// mask / 255, rounded to nearest. Exact division by 255 for x < 65535.
+inline uint32_t MixByMask(uint32_t orig, uint32_t blurred, uint32_t m) {
+  const uint32_t x = orig * (255u - m) + blurred * m + 127u;
+  return (x + 1u + (x >> 8)) >> 8;
+}
+
+// The plain kernels, also used by the SSE forms for variants and lines they
+// leave to the plain code.
+int32_t BlurPlain(const BlurJob& job, bool rows);
+
+// Walks a window of 2r - 1 positions over a line of `len` positions, cut at
+// both ends: position p gets the mean of [max(0, p - r + 1), min(len - 1,
+// p + r - 1)], so a window wider than the line simply covers all of it.
+// Ops provides:
+//   Prime(i)                      add position i (first min(r, len) positions)
+//   Step<kAdd, kSub>(p, slot, n)  subtract the ring entry `slot` (position
+//                                 p - r) when kSub, add position p + r - 1
+//                                 when kAdd, save position p into the ring
+//                                 entry `slot`, then write position p as the
+//                                 mean of n samples.
+// The ring has min(r, len) entries; entry p % r holds position p's original
+// value until it leaves the window.
+template <class Ops>
+inline void WalkWindow(Ops& ops, int32_t len, int32_t r) {
+  const int32_t primed = r < len ? r : len;
+  for (int32_t i = 0; i < primed; ++i) ops.Prime(i);
+  int32_t n = primed;
+  int32_t slot = 0;
+  auto advance = [&slot, r] { slot = (slot + 1 == r) ? 0 : slot + 1; };
+  ops.template Step<false, false>(0, slot, n);
+  advance();
+  int32_t p = 1;
+  // Growing edge: the window's right end enters, its left end is still 0.
+  const int32_t grow_end = (r - 1 < len - r) ? r - 1 : len - r;
+  for (; p <= grow_end; ++p) {
+    ++n;
+    ops.template Step<true, false>(p, slot, n);
+    advance();
+  }
+  // Full window.
+  for (; p <= len - r; ++p) {
+    ops.template Step<true, true>(p, slot, n);
+    advance();
+  }
+  // A window wider than the line: it covers the whole line for a while.
+  const int32_t whole_end = (r - 1 < len - 1) ? r - 1 : len - 1;
+  for (; p <= whole_end; ++p) {
+    ops.template Step<false, false>(p, slot, n);
+    advance();
+  }
+  // Shrinking edge.
+  for (; p < len; ++p) {
+    --n;
+    ops.template Step<false, true>(p, slot, n);
+    advance();
+  }
+}
+
+// Number of columns the vertical pass handles together: enough for long
+// contiguous row segments, few enough for the ring of min(r, height) row
+// segments to stay in the second-level cache.
+inline int32_t ColumnChunk(int32_t columns, int32_t ring_rows, int32_t bytes_per_column) {
+  constexpr int64_t kRingBudget = 256 * 1024;
+  int64_t chunk = kRingBudget / (static_cast<int64_t>(ring_rows) * bytes_per_column);
+  if (chunk < 16) chunk = 16;
+  return chunk < columns ? static_cast<int32_t>(chunk) : columns;
+}
+
+}  // namespace boxblur_detail
+}  // namespace Korvane

@@ -1,0 +1,440 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "core/Simd.h"
+#include "core/ThreadPool.h"
+#include "effects/animation/AnimationKernels.h"
+#include "effects/animation/PhotoAnimator.h"
+
+using namespace Korvane;
+
+namespace {
+
+SystemInfo Info(int simd) {
+  SystemInfo s;
+  s.processor_count = 2;
+  s.simd_level = simd;
+  return s;
+}
+
+// A smooth, textured photo with non-opaque alpha, and a still disc.
+struct Scene {
+  int w, h;
+  std::vector<uint8_t> photo, still;
+  ImageBuffer input, mask;
+  std::vector<std::vector<float>> points;
+  std::vector<FlowData> flows;
+
+  Scene(int w_, int h_, bool with_still = true) : w(w_), h(h_), photo(static_cast<size_t>(w_) * h_ * 4), still(static_cast<size_t>(w_) * h_, 0) {
+    std::mt19937 rng(11);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        uint8_t* p = &photo[(static_cast<size_t>(y) * w + x) * 4];
+        p[0] = static_cast<uint8_t>(x * 5 + y * 3 + rng() % 7);
+        p[1] = static_cast<uint8_t>(128 + 100 * std::sin(x * 0.21) * std::cos(y * 0.13));
+        p[2] = static_cast<uint8_t>((x ^ y) * 3);
+        p[3] = static_cast<uint8_t>(100 + (x + y) % 50);
+        const float dx = x - 0.7f * w, dy = y - 0.6f * h;
+        if (with_still && dx * dx + dy * dy < 0.02f * w * h) still[static_cast<size_t>(y) * w + x] = 255;
+      }
+    input = MakeImageBuffer(photo.data(), w, h, PIXEL_BGRA32);
+    mask = MakeImageBuffer(still.data(), w, h, PIXEL_GRAY8);
+  }
+  void Add(uint32_t type, std::vector<float> pts) {
+    points.push_back(std::move(pts));
+    flows.clear();
+    for (size_t i = 0; i < points.size(); ++i) {
+      const uint32_t t = i + 1 == points.size() ? type : flows_types[i];
+      flows.push_back({points[i].data(), static_cast<uint32_t>(points[i].size() / 2), t});
+    }
+    flows_types.push_back(type);
+  }
+  // Rivers flowing right and up, an anchor and a stroke.
+  void AddDefaultFlows() {
+    for (float band : {0.2f, 0.45f, 0.8f}) {
+      std::vector<float> path;
+      for (float x = 0.05f * w; x < w; x += w / 7.0f) path.insert(path.end(), {x, band * h + 0.05f * x});
+      Add(FLOW_PATH, path);
+    }
+    Add(FLOW_ANCHOR, {0.5f * w, 0.62f * h});
+    Add(FLOW_STROKE, {0.1f * w, 0.95f * h, 0.5f * w, 0.9f * h, 0.9f * w, 0.97f * h});
+  }
+  AnimationParam Param(ImageBuffer* out, uint32_t frames = 8, int32_t loop_mode = 2) {
+    AnimationParam p;
+    p.input = &input;
+    p.mask = &mask;
+    p.output = out;
+    p.loop_mode = loop_mode;
+    p.anime_frame_count = frames;
+    p.p_flow = flows.empty() ? nullptr : flows.data();
+    p.flow_num = static_cast<uint32_t>(flows.size());
+    return p;
+  }
+  std::vector<uint32_t> flows_types;
+};
+
+struct Frame {
+  std::vector<uint8_t> px;
+  ImageBuffer buf;
+  Frame(int w, int h, uint8_t fill = 0x5A) : px(static_cast<size_t>(w) * h * 4, fill) { buf = MakeImageBuffer(px.data(), w, h, PIXEL_BGRA32); }
+};
+
+std::unique_ptr<PhotoAnimator> MakeAnimator(CThreadPool& pool, int simd = 0) {
+  auto a = std::make_unique<PhotoAnimator>(&pool);
+  a->SetSystemInfo(Info(simd));
+  return a;
+}
+
+std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, uint32_t frames, uint8_t fill) {
+  CThreadPool pool;
+  pool.Create(workers);
+  auto anim = MakeAnimator(pool, simd);
+  Frame out(s.w, s.h, fill);
+  AnimationParam p = s.Param(&out.buf, frames);
+  EXPECT_EQ(anim->Init(&p), S_OK);
+  std::vector<std::vector<uint8_t>> result;
+  for (uint32_t f = 0; f < frames; ++f) {
+    std::fill(out.px.begin(), out.px.end(), fill);
+    EXPECT_EQ(anim->Animate(&p, static_cast<int32_t>(f)), S_OK);
+    result.push_back(out.px);
+  }
+  return result;
+}
+
+}  // namespace
+
+TEST(PhotoAnimator, NoFlowsCopiesTheRegionUnchanged) {
+  CThreadPool pool;
+  pool.Create(2);
+  Scene s(37, 23);
+  auto anim = MakeAnimator(pool);
+  Frame out(10, 7);
+  AnimationParam p = s.Param(&out.buf, 4);
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  EXPECT_EQ(anim->MeshPoints().size(), 4u);
+  const Rect roi{20, 9, 30, 16};
+  p.p_output_roi = &roi;
+  ASSERT_EQ(anim->Animate(&p, 3), S_OK);
+  for (int y = 0; y < 7; ++y) EXPECT_EQ(0, std::memcmp(&out.px[y * 40], &s.photo[((y + 9) * 37 + 20) * 4], 40));
+}
+
+TEST(PhotoAnimator, FirstFrameIsThePhotoAndTheStillRegionNeverMoves) {
+  Scene s(96, 64);
+  s.AddDefaultFlows();
+  for (int simd : {0, 5}) {
+    const auto frames = RenderLoop(s, 2, simd, 6, 0x33);
+    for (size_t f = 0; f < frames.size(); ++f) {
+      size_t moved = 0;
+      for (int i = 0; i < s.w * s.h; ++i) {
+        const uint8_t* o = &frames[f][4 * i];
+        const uint8_t* in = &s.photo[4 * i];
+        if (s.still[i]) {
+          ASSERT_EQ(0, std::memcmp(o, in, 4)) << "frame " << f << " pixel " << i;
+        } else {
+          ASSERT_EQ(o[3], 255);
+          if (f == 0) { ASSERT_EQ(0, std::memcmp(o, in, 3)) << "pixel " << i; }
+          moved += std::memcmp(o, in, 3) != 0;
+        }
+      }
+      if (f > 0) { EXPECT_GT(moved, static_cast<size_t>(s.w * s.h / 10)) << "frame " << f << " barely moves"; }
+    }
+  }
+}
+
+TEST(PhotoAnimator, UniformFlowTranslatesTheContent) {
+  // A grid of paths all moving 8 pixels right. In loop mode 0 past and future
+  // coincide, so frame k of 4 shows the photo shifted by 2k pixels wherever
+  // the whole neighbourhood moves together.
+  CThreadPool pool;
+  pool.Create(2);
+  Scene s(120, 80, false);
+  for (float y = 0.0f; y <= 80.0f; y += 20.0f) {
+    std::vector<float> path;
+    for (float x = 0.0f; x <= 128.0f; x += 8.0f) path.insert(path.end(), {x, y});
+    s.Add(FLOW_PATH, path);
+  }
+  auto anim = MakeAnimator(pool);
+  Frame out(s.w, s.h);
+  AnimationParam p = s.Param(&out.buf, 4, 0);
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  ASSERT_EQ(anim->Animate(&p, 2), S_OK);
+  for (int y = 10; y < 70; ++y)
+    for (int x = 20; x < 100; ++x)
+      ASSERT_EQ(0, std::memcmp(&out.px[(y * 120 + x) * 4], &s.photo[(y * 120 + x - 4) * 4], 3)) << x << "," << y;
+}
+
+TEST(PhotoAnimator, SameFramesForAnyWorkerCountAndKernelForm) {
+  Scene s(83, 57);
+  s.AddDefaultFlows();
+  const auto reference = RenderLoop(s, 1, 0, 5, 0x11);
+  EXPECT_EQ(RenderLoop(s, 2, 0, 5, 0xEE), reference);
+  EXPECT_EQ(RenderLoop(s, 8, 0, 5, 0x00), reference);
+  if (KORVANE_HAVE_SSE41) {
+    EXPECT_EQ(RenderLoop(s, 3, 5, 5, 0x77), reference);
+    EXPECT_EQ(RenderLoop(s, 8, 5, 5, 0xFF), reference);
+  }
+}
+
+TEST(PhotoAnimator, RegionFrameIsTheSameCutOfTheFullFrame) {
+  CThreadPool pool;
+  pool.Create(3);
+  Scene s(70, 50);
+  s.AddDefaultFlows();
+  auto anim = MakeAnimator(pool, 5);
+  Frame full(70, 50), part(23, 17);
+  AnimationParam p = s.Param(&full.buf, 6, 1);
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  ASSERT_EQ(anim->Animate(&p, 4), S_OK);
+  const Rect roi{41, 30, 64, 47};
+  p.output = &part.buf;
+  p.p_output_roi = &roi;
+  ASSERT_EQ(anim->Animate(&p, 4), S_OK);
+  for (int y = 0; y < 17; ++y) ASSERT_EQ(0, std::memcmp(&part.px[y * 23 * 4], &full.px[((y + 30) * 70 + 41) * 4], 23 * 4));
+}
+
+TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
+  CThreadPool pool;
+  pool.Create(1);
+  Scene s(100, 100);
+  s.Add(FLOW_PATH, {10, 10});              // one point: nothing
+  s.Add(FLOW_ANCHOR, {50, 50, 60, 60});    // first point only
+  s.Add(FLOW_PATH, {20, 30, 25, 33, 31, 30});
+  s.Add(7, {1, 2, 3, 4});                  // unknown kind: ignored
+  auto anim = MakeAnimator(pool);
+  Frame out(100, 100);
+  AnimationParam p = s.Param(&out.buf);
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  const auto& v = anim->MeshPoints();
+  ASSERT_EQ(v.size(), 7u);
+  EXPECT_EQ(v[0].x, 50);
+  EXPECT_EQ(anim->FlowDx()[0], 0);
+  EXPECT_EQ(v[1].x, 20);
+  EXPECT_EQ(anim->FlowDx()[1], 5);
+  EXPECT_EQ(anim->FlowDy()[2], -3);
+  EXPECT_EQ(v[3].x, -5);  // 100 / 50 is below the smallest margin of 5
+  EXPECT_EQ(v[3].y, -5);
+  EXPECT_EQ(v[6].x, 104);
+  EXPECT_EQ(v[6].y, 104);
+
+  // A 5000-pixel side gets the largest margin, 50.
+  Scene wide(5000, 6, false);
+  auto anim2 = MakeAnimator(pool);
+  Frame out2(5000, 6);
+  AnimationParam p2 = wide.Param(&out2.buf);
+  ASSERT_EQ(anim2->Init(&p2), S_OK);
+  EXPECT_EQ(anim2->MeshPoints()[1].x, 4999 + 50);
+  EXPECT_EQ(anim2->MeshPoints()[1].y, -5);
+}
+
+TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
+  CThreadPool pool;
+  pool.Create(1);
+  Scene s(200, 100);  // spacing 200 / 20 = 10 pixels
+  // An L-shaped stroke, 60 + 40 pixels long, drawn with uneven points.
+  s.Add(FLOW_STROKE, {10, 10, 13, 10, 70, 10, 70, 50});
+  auto anim = MakeAnimator(pool);
+  Frame out(200, 100);
+  AnimationParam p = s.Param(&out.buf);
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  const auto& v = anim->MeshPoints();
+  ASSERT_EQ(v.size(), 10u + 4u);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_NEAR(std::hypot(anim->FlowDx()[i], anim->FlowDy()[i]), 10.0, 1e-3) << i;
+    if (i < 6) { EXPECT_NEAR(v[i].x, 10 + 10 * i, 1e-3); }
+    if (i > 6) { EXPECT_NEAR(v[i].y, 10 * (i - 5), 1e-3); }
+  }
+  EXPECT_GT(anim->MovingTriangleCount(), 0u);
+}
+
+TEST(PhotoAnimator, ResultCodes) {
+  CThreadPool pool;
+  pool.Create(2);
+  Scene s(40, 30);
+  s.AddDefaultFlows();
+  auto anim = MakeAnimator(pool);
+  Frame out(40, 30);
+  AnimationParam p = s.Param(&out.buf, 8);
+  EXPECT_EQ(anim->Animate(&p, 0), E_FAIL);
+  EXPECT_EQ(anim->UpdateFlowPoints(&p), E_FAIL);
+  EXPECT_EQ(anim->Init(nullptr), E_POINTER);
+
+  AnimationParam bad = p;
+  bad.p_flow = nullptr;
+  EXPECT_EQ(anim->Init(&bad), E_POINTER);
+  bad = p, bad.anime_frame_count = 1;
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+  bad = p, bad.loop_mode = 3;
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+  ImageBuffer gray = s.input;
+  gray.pix_fmt = PIXEL_GRAY8;
+  bad = p, bad.input = &gray;
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+  ImageBuffer small_mask = MakeImageBuffer(s.still.data(), 39, 30, PIXEL_GRAY8);
+  bad = p, bad.mask = &small_mask;
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+  std::vector<FlowData> flows = s.flows;
+  flows[1].point_num = 0;
+  bad = p, bad.p_flow = flows.data();
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+  std::vector<float> nan_path = {1, 2, NAN, 4};
+  flows[1] = {nan_path.data(), 2, FLOW_PATH};
+  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
+
+  ASSERT_EQ(anim->Init(&p), S_OK);
+  bad = p, bad.anime_frame_count = 9;
+  EXPECT_EQ(anim->Animate(&bad, 0), E_NOTIMPL);
+  EXPECT_EQ(anim->Animate(&p, 8), E_INVALIDARG);
+  EXPECT_EQ(anim->Animate(&p, -1), E_INVALIDARG);
+  ImageBuffer colour_mask = s.mask;
+  colour_mask.pix_fmt = PIXEL_BGRA32;
+  bad = p, bad.mask = &colour_mask;
+  EXPECT_EQ(anim->Animate(&bad, 0), E_NOTIMPL);
+  bad = p, bad.mask = &small_mask;
+  EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
+  for (Rect roi : {Rect{-1, 0, 40, 30}, Rect{0, 0, 41, 30}, Rect{0, 0, 40, 31}, Rect{5, 5, 4, 30}}) {
+    bad = p, bad.p_output_roi = &roi;
+    EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
+  }
+  const Rect roi{1, 1, 40, 30};  // the output no longer matches
+  bad = p, bad.p_output_roi = &roi;
+  EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
+  bad = p, bad.output = nullptr;
+  EXPECT_EQ(anim->Animate(&bad, 0), E_POINTER);
+  EXPECT_EQ(anim->Animate(&p, 7), S_OK);
+
+  // A new frame count applies once SetFrameCount gives it.
+  bad = p, bad.anime_frame_count = 12;
+  EXPECT_EQ(anim->SetFrameCount(12), S_OK);
+  EXPECT_EQ(anim->Animate(&bad, 11), S_OK);
+  EXPECT_EQ(anim->Animate(&p, 0), E_NOTIMPL);
+
+  // A failed mesh update leaves no stale mesh behind: frames are refused.
+  bad = bad, bad.p_flow = flows.data();
+  EXPECT_EQ(anim->UpdateFlowPoints(&bad), E_INVALIDARG);
+  EXPECT_EQ(anim->Animate(&bad, 0), E_FAIL);
+  AnimationParam good = s.Param(&out.buf, 12);
+  EXPECT_EQ(anim->UpdateFlowPoints(&good), S_OK);
+  EXPECT_EQ(anim->Animate(&good, 1), S_OK);
+
+  EXPECT_EQ(anim->Uninit(), S_OK);
+  EXPECT_EQ(anim->Animate(&good, 1), E_FAIL);
+}
+
+TEST(PhotoAnimator, AffineMatMapsRestOntoDisplacedTriangle) {
+  const float rest[6] = {0, 0, 10, 0, 0, 10};
+  const float moved[6] = {3, 4, 13, 6, 1, 14};
+  float m[6];
+  ASSERT_EQ(PhotoAnimator::GetAffineMat(m, rest, moved), S_OK);
+  for (int k = 0; k < 3; ++k) {
+    EXPECT_NEAR(m[0] * rest[2 * k] + m[1] * rest[2 * k + 1] + m[2], moved[2 * k], 1e-5);
+    EXPECT_NEAR(m[3] * rest[2 * k] + m[4] * rest[2 * k + 1] + m[5], moved[2 * k + 1], 1e-5);
+  }
+  const float flat[6] = {0, 0, 5, 5, 10, 10};
+  EXPECT_EQ(PhotoAnimator::GetAffineMat(m, flat, moved), E_FAIL);
+}
+
+// ---- Kernels ----------------------------------------------------------------
+
+namespace {
+
+std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
+  std::vector<uint8_t> v(n);
+  std::mt19937 rng(seed);
+  for (auto& b : v) b = static_cast<uint8_t>(rng());
+  return v;
+}
+
+}  // namespace
+
+TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
+  const int w = 9, h = 4;
+  std::vector<uint8_t> img = RandomBytes(w * h * 4, 4);
+  const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
+  std::vector<uint8_t> row(w * 4, 0);
+  auto pix = [&](int x, int y) { return &img[(y * w + x) * 4]; };
+  // Half a pixel to the right: the truncated mean of two neighbours.
+  const float half[6] = {1, 0, 0.5f, 0, 1, 0};
+  WarpSpan(src, half, 1, 0, w - 1, row.data());
+  for (int x = 0; x < w - 1; ++x)
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(row[x * 4 + c], (pix(x, 1)[c] + pix(x + 1, 1)[c]) / 2);
+  // Three pixels left and right of the image: mirrored, not clamped.
+  const float left[6] = {1, 0, -3, 0, 1, 0}, right[6] = {1, 0, 3, 0, 1, 0};
+  WarpSpan(src, left, 2, 0, 1, row.data());
+  EXPECT_EQ(0, std::memcmp(row.data(), pix(3, 2), 3));
+  EXPECT_EQ(row[3], 255);
+  WarpSpan(src, right, 2, w - 1, w, row.data());
+  EXPECT_EQ(0, std::memcmp(&row[(w - 1) * 4], pix(w - 4, 2), 3));
+  // The last column and row sample only themselves.
+  const float ident[6] = {1, 0, 0, 0, 1, 0};
+  WarpSpan(src, ident, h - 1, 0, w, row.data());
+  for (int x = 0; x < w; ++x) EXPECT_EQ(0, std::memcmp(&row[x * 4], pix(x, h - 1), 3));
+}
+
+TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
+  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 kernels not built";
+  WarpSpanFn sse_warp = KORVANE_SSE41(WarpSpan_SSE4);
+  BlendRowFn sse_blend = KORVANE_SSE41(BlendRow_SSE4);
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+  for (int w : {1, 2, 3, 5, 7, 13, 33}) {
+    for (int h : {1, 4, 9}) {
+      std::vector<uint8_t> img = RandomBytes(static_cast<size_t>(w) * h * 4, w * 100 + h);
+      const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
+      for (int trial = 0; trial < 20; ++trial) {
+        // Rotations, scales and shifts that reach past every border, plus
+        // non-finite matrices.
+        float m[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
+        if (trial == 18) m[2] = NAN;
+        if (trial == 19) m[0] = INFINITY;
+        const int y = static_cast<int>(rng() % (h + 4)) - 2;
+        const int x0 = static_cast<int>(rng() % w), x1 = x0 + static_cast<int>(rng() % (w - x0 + 1));
+        std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
+        WarpSpan(src, m, y, x0, x1, a.data());
+        sse_warp(src, m, y, x0, x1, b.data());
+        for (int x = x0; x < x1; ++x) ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x;
+        for (int x = 0; x < x0; ++x) ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
+      }
+      std::vector<uint8_t> pre = RandomBytes(static_cast<size_t>(w) * 4, w + 1);
+      for (int alpha : {0, 1, 100, 255, 256}) {
+        std::vector<uint8_t> n1 = RandomBytes(static_cast<size_t>(w) * 4 + 4, w + 2), n2 = n1;
+        BlendRow(n1.data(), pre.data(), w, alpha);
+        sse_blend(n2.data(), pre.data(), w, alpha);
+        ASSERT_EQ(n1, n2) << "width " << w << " alpha " << alpha;
+      }
+    }
+  }
+}
+
+TEST(AnimationKernels, RasterisedTrianglesCoverTheirInteriorWithinTheImage) {
+  // A triangle covers the pixels whose centres lie well inside it, and its
+  // rows never leave the image, however far its vertices lie.
+  const float tri[6] = {2.2f, 1.0f, 30.0f, 12.0f, 4.0f, 25.0f};
+  std::vector<int> covered(40 * 30, 0);
+  RasterizeTriangle(tri, 40, 30, [&](int y, int a, int b) {
+    for (int x = a; x < b; ++x) ++covered[y * 40 + x];
+  });
+  for (int y = 0; y < 30; ++y)
+    for (int x = 0; x < 40; ++x) {
+      ASSERT_LE(covered[y * 40 + x], 1);
+      // Barycentric inside test with a pixel of slack.
+      const double d = (12.0 - 25.0) * (2.2 - 4.0) + (4.0 - 30.0) * (1.0 - 25.0);
+      const double l0 = ((12.0 - 25.0) * (x - 4.0) + (4.0 - 30.0) * (y - 25.0)) / d;
+      const double l1 = ((25.0 - 1.0) * (x - 4.0) + (2.2 - 4.0) * (y - 25.0)) / d;
+      const double l2 = 1 - l0 - l1;
+      if (l0 > 0.1 && l1 > 0.1 && l2 > 0.1) { EXPECT_EQ(covered[y * 40 + x], 1) << x << "," << y; }
+      if (l0 < -0.2 || l1 < -0.2 || l2 < -0.2) { EXPECT_EQ(covered[y * 40 + x], 0) << x << "," << y; }
+    }
+  const float huge[6] = {-3e30f, -1e20f, 5e29f, 2.0f, 10.0f, 4e31f};
+  int rows = 0;
+  RasterizeTriangle(huge, 16, 8, [&](int y, int a, int b) {
+    ASSERT_TRUE(y >= 0 && y < 8 && a >= 0 && b <= 16 && a < b);
+    ++rows;
+  });
+  EXPECT_GT(rows, 0);
+}

@@ -14,6 +14,8 @@ namespace Korvane {
 class Delaunay final : public DelaunayTriangle {
  public:
   static constexpr uint32_t INVALID = 0xFFFFFFFFu;
+  // Largest point count whose half-edge indices still fit in 32 bits.
+  static constexpr uint32_t kMaxPoints = 0x2AAAAAA0u;
 
   Delaunay() = default;
   ~Delaunay() override = default;
@@ -30,6 +32,7 @@ class Delaunay final : public DelaunayTriangle {
   const uint32_t* HalfedgeData() const { return halfedges.data(); }
 
  private:
+  int32_t Build(float min_x, float min_y, float max_x, float max_y);
   int32_t SortPointsByDist();
   int32_t InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t seed_tri_p2);
   int32_t FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* prev_p, uint32_t* next_p);
@@ -56,9 +59,9 @@ class Delaunay final : public DelaunayTriangle {
   uint32_t hull_start = 0;
   float seed_center[2] = {0.0f, 0.0f};
 
-  // Sort scratch: distance keys and a second id buffer for the radix passes.
-  std::vector<uint32_t> m_sort_keys;
-  std::vector<uint32_t> m_sort_tmp;
+  // Sort scratch: (distance key, point index) pairs and the radix passes' copy.
+  std::vector<uint64_t> m_sort_keys;
+  std::vector<uint64_t> m_sort_tmp;
 };
 
 }  // namespace Korvane

@@ -22,14 +22,16 @@ class DelaunayTriangle {
 
   // Triangulates `count` points given as interleaved x, y floats. The array is
   // read only during the call. Returns S_OK; E_POINTER for a null array;
-  // E_INVALIDARG for fewer than 3 points, a non-finite coordinate, or points
-  // that form no triangle (all collinear or coincident). Points that duplicate
+  // E_INVALIDARG for fewer than 3 points (or more than about 715 million), a
+  // non-finite coordinate, or points that form no triangle (all collinear or
+  // coincident); E_OUTOFMEMORY when the working storage cannot be allocated. Points that duplicate
   // an earlier one within 0.0001, or that lie within the orientation tolerance
   // of the hull, are left out of the mesh.
   virtual int32_t Triangulate(const float* points, uint32_t count) = 0;
 
-  // Number of triangles of the last successful Triangulate (0 after Reset or
-  // a failed call).
+  // Number of triangles of the last triangulation: 0 after Reset or after a
+  // call that found no seed triangle; a call refused for its arguments (null,
+  // too few points, non-finite values) leaves the previous result in place.
   virtual uint32_t GetTriangleCount() const = 0;
 
   // Copies the triangles, three point indices each, in creation order into

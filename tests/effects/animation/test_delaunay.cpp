@@ -1,0 +1,311 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <map>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "effects/animation/Delaunay.h"
+
+using namespace Korvane;
+
+namespace {
+
+using Points = std::vector<float>;  // interleaved x, y
+constexpr uint32_t kNone = Delaunay::INVALID;
+
+double Cross(const float* a, const float* b, const float* c) {  // > 0: counter-clockwise on screen
+  return (double(b[1]) - a[1]) * (double(c[0]) - b[0]) - (double(b[0]) - a[0]) * (double(c[1]) - b[1]);
+}
+
+double HullArea(const Points& pts, const std::vector<uint32_t>& ids) {  // monotone chain, doubled area
+  std::vector<std::pair<double, double>> p;
+  for (uint32_t i : ids) p.emplace_back(pts[2 * i], pts[2 * i + 1]);
+  std::sort(p.begin(), p.end());
+  auto turn = [](auto& o, auto& a, auto& b) {
+    return (a.first - o.first) * (b.second - o.second) - (a.second - o.second) * (b.first - o.first);
+  };
+  std::vector<std::pair<double, double>> h(2 * p.size());
+  size_t k = 0;
+  for (size_t i = 0; i < p.size(); ++i) {
+    while (k >= 2 && turn(h[k - 2], h[k - 1], p[i]) <= 0) --k;
+    h[k++] = p[i];
+  }
+  for (size_t i = p.size() - 1, t = k + 1; i-- > 0;) {
+    while (k >= t && turn(h[k - 2], h[k - 1], p[i]) <= 0) --k;
+    h[k++] = p[i];
+  }
+  double area = 0;
+  for (size_t i = 0; i + 1 < k; ++i) area += h[i].first * h[i + 1].second - h[i + 1].first * h[i].second;
+  return std::fabs(area);
+}
+
+struct MeshInfo {
+  uint32_t triangles = 0, vertices = 0, hull = 0;
+  std::vector<bool> used;
+};
+
+// Checks the last triangulation in `d` of `pts` and returns its counts. The
+// structure is always checked: indices in range, mirrored half-edges, one hull
+// ring, Euler's count. Full checks add the geometry: positive winding, empty
+// circumcircles, and triangles covering exactly the convex hull of the points
+// kept (points within the orientation tolerance of the hull may leave slivers
+// uncovered, and sub-pixel detail bends the hull, so those sets skip them).
+enum Checks { kStructure, kFull };
+MeshInfo CheckMesh(const Delaunay& d, const Points& pts, Checks checks = kFull) {
+  const bool full = checks == kFull;
+  MeshInfo info;
+  const uint32_t n = static_cast<uint32_t>(pts.size() / 2);
+  info.triangles = d.GetTriangleCount();
+  std::vector<uint32_t> tri(3 * info.triangles + 3, 0xABCDu);
+  EXPECT_EQ(d.GetTriangles(tri.data(), static_cast<int32_t>(info.triangles) + 1), S_OK);
+  EXPECT_EQ(tri[3 * info.triangles], 0xABCDu) << "wrote past the triangles that exist";
+  const uint32_t* half = d.HalfedgeData();
+  const uint32_t m = 3 * info.triangles;
+  info.used.assign(n, false);
+  std::map<uint32_t, uint32_t> hull_next;
+  double area = 0;
+  for (uint32_t e = 0; e < m; ++e) {
+    const uint32_t a = tri[e], b = tri[e - e % 3 + (e + 1) % 3];
+    if (a >= n) return ADD_FAILURE() << "index out of range", info;
+    info.used[a] = true;
+    const uint32_t h = half[e];
+    if (h == kNone) {
+      EXPECT_TRUE(hull_next.emplace(a, b).second) << "vertex " << a << " starts two hull edges";
+      continue;
+    }
+    if (h >= m || half[h] != e || tri[h] != b || tri[h - h % 3 + (h + 1) % 3] != a)
+      return ADD_FAILURE() << "half-edge " << e << " not mirrored", info;
+    if (full && e < h) {  // the vertex across each inner edge lies outside the circle
+      const float *pa = &pts[2 * tri[e - e % 3]], *pb = &pts[2 * tri[e - e % 3 + 1]], *pc = &pts[2 * tri[e - e % 3 + 2]];
+      const float* q = &pts[2 * tri[h - h % 3 + (h + 2) % 3]];
+      double dx[3], dy[3], l[3], scale = 0;
+      const float* v[3] = {pa, pb, pc};
+      for (int i = 0; i < 3; ++i) {
+        dx[i] = double(v[i][0]) - q[0], dy[i] = double(v[i][1]) - q[1], l[i] = dx[i] * dx[i] + dy[i] * dy[i];
+        scale = std::max(scale, l[i]);
+      }
+      const double det = l[0] * (dx[1] * dy[2] - dx[2] * dy[1]) - l[1] * (dx[0] * dy[2] - dx[2] * dy[0]) +
+                         l[2] * (dx[0] * dy[1] - dx[1] * dy[0]);
+      EXPECT_GE(det, -1e-5 * scale * scale) << "edge " << e << " is not locally Delaunay";
+    }
+  }
+  for (uint32_t t = 0; t < info.triangles; ++t) {
+    const double c = Cross(&pts[2 * tri[3 * t]], &pts[2 * tri[3 * t + 1]], &pts[2 * tri[3 * t + 2]]);
+    if (full) {
+      EXPECT_GT(c, 0.0) << "triangle " << t << " is not wound counter-clockwise";
+    }
+    area += c;
+  }
+  info.hull = static_cast<uint32_t>(hull_next.size());
+  uint32_t v = hull_next.begin()->first, steps = 0;
+  do {
+    v = hull_next.count(v) ? hull_next[v] : kNone;
+  } while (v != hull_next.begin()->first && ++steps <= info.hull);
+  EXPECT_EQ(steps + 1, info.hull) << "hull edges do not form one ring";
+  std::vector<uint32_t> ids;
+  for (uint32_t i = 0; i < n; ++i)
+    if (info.used[i]) ids.push_back(i);
+  info.vertices = static_cast<uint32_t>(ids.size());
+  EXPECT_EQ(info.triangles, 2 * info.vertices - 2 - info.hull);
+  if (full) {
+    EXPECT_NEAR(area, HullArea(pts, ids), 1e-6 * area) << "the triangles do not cover the convex hull";
+  }
+  return info;
+}
+
+Points Uniform(uint32_t n, float size, uint32_t seed, float offset = 0) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> u(0.0f, size);
+  Points p(2 * n);
+  for (float& v : p) v = u(rng) + offset;
+  return p;
+}
+
+Points Grid(int w, int h, double angle_deg = 0, double spacing = 1) {
+  const double c = std::cos(angle_deg * M_PI / 180), s = std::sin(angle_deg * M_PI / 180);
+  Points p;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      p.push_back(static_cast<float>((x * c - y * s) * spacing));
+      p.push_back(static_cast<float>((x * s + y * c) * spacing));
+    }
+  return p;
+}
+
+// Runs the triangulation on another thread and fails hard if it does not end
+// in time: a hang must not stall the whole test run.
+int32_t TriangulateWithin(Delaunay& d, const Points& pts, int seconds = 20) {
+  auto job = std::async(std::launch::async, [&] { return d.Triangulate(pts.data(), uint32_t(pts.size() / 2)); });
+  if (job.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
+    std::fprintf(stderr, "Triangulate did not finish within %d s\n", seconds);
+    std::_Exit(1);
+  }
+  return job.get();
+}
+
+}  // namespace
+
+TEST(Delaunay, RandomGridAndClusteredSetsGiveValidMeshes) {
+  Delaunay d;
+  for (uint32_t n : {4u, 5u, 10u, 100u, 1000u, 20000u}) {
+    const Points pts = Uniform(n, 4096.0f, n);
+    ASSERT_EQ(d.Triangulate(pts.data(), n), S_OK) << n;
+    const MeshInfo m = CheckMesh(d, pts);
+    EXPECT_EQ(m.vertices, n) << "points in general position are all kept";
+  }
+  for (double angle : {0.0, 30.0, 45.0}) {  // cocircular quads and collinear hull sides
+    const Points pts = Grid(60, 40, angle, 7.0);
+    ASSERT_EQ(d.Triangulate(pts.data(), 2400), S_OK) << angle;
+    EXPECT_EQ(CheckMesh(d, pts).vertices, 2400u) << angle;
+  }
+  std::mt19937 rng(7);
+  std::normal_distribution<float> g(0.0f, 30.0f);
+  Points clusters;
+  for (int c = 0; c < 20; ++c)
+    for (int i = 0; i < 300; ++i) clusters.insert(clusters.end(), {c * 970.0f + g(rng), (c % 5) * 2110.0f + g(rng)});
+  ASSERT_EQ(d.Triangulate(clusters.data(), 6000), S_OK);
+  EXPECT_EQ(CheckMesh(d, clusters).vertices, 6000u);
+}
+
+TEST(Delaunay, SmallCasesAndTolerance) {
+  Delaunay d;
+  const float tri[] = {0, 0, 0, 10, 10, 0};  // clockwise on screen: stored the other way round
+  ASSERT_EQ(d.Triangulate(tri, 3), S_OK);
+  uint32_t t[3];
+  ASSERT_EQ(d.GetTriangleCount(), 1u);
+  ASSERT_EQ(d.GetTriangles(t, 1), S_OK);
+  EXPECT_GT(Cross(&tri[2 * t[0]], &tri[2 * t[1]], &tri[2 * t[2]]), 0.1);
+
+  const float line[] = {0, 0, 1, 1, 2, 2, 3, 3};
+  EXPECT_EQ(d.Triangulate(line, 3), E_INVALIDARG);
+  EXPECT_EQ(d.Triangulate(line, 4), E_INVALIDARG);
+  const float same[] = {5, 5, 5, 5, 5, 5};
+  EXPECT_EQ(d.Triangulate(same, 3), E_INVALIDARG);
+  EXPECT_EQ(d.GetTriangleCount(), 0u);
+
+  // D lies 0.00004 below the line of the seed edge AB, past B: it sees BC but
+  // is not joined across AB (that would be a sliver of area 0.0004).
+  const Points p = {0, 0, 10, 0, 5, 8, 30, -0.00004f};
+  ASSERT_EQ(d.Triangulate(p.data(), 4), S_OK);
+  const MeshInfo m = CheckMesh(d, p, kStructure);
+  EXPECT_EQ(m.triangles, 2u);
+}
+
+TEST(Delaunay, NearDuplicatesAndSeedPointsAreDropped) {
+  Delaunay d;
+  Points pts = Uniform(500, 1000.0f, 3);
+  Points doubled = pts;
+  for (size_t i = 0; i < pts.size(); ++i) doubled.push_back(pts[i] + (i % 2 ? 0.00006f : -0.00005f));
+  ASSERT_EQ(d.Triangulate(doubled.data(), 1000), S_OK);
+  const MeshInfo m = CheckMesh(d, doubled);
+  EXPECT_EQ(m.vertices, 500u);
+  for (uint32_t i = 0; i < 500; ++i) EXPECT_NE(m.used[i], m.used[i + 500]) << "exactly one of each pair is kept";
+  ASSERT_EQ(d.Triangulate(pts.data(), 500), S_OK);
+  EXPECT_EQ(d.GetTriangleCount(), m.triangles);
+}
+
+TEST(Delaunay, NegativeCoordinatesKeepTheBoundingBoxQuirk) {
+  // The box maxima start at FLT_MIN, so with all-negative points the centre is
+  // half the minima, not the middle of the box; the seed's first vertex is
+  // the point nearest to it, and the first triangle starts with it.
+  Points pts = Uniform(400, 1000.0f, 11, -1200.0f);
+  float min_x = 1e9f, min_y = 1e9f;
+  for (size_t i = 0; i < pts.size(); i += 2) min_x = std::min(min_x, pts[i]), min_y = std::min(min_y, pts[i + 1]);
+  const float cx = (min_x + 1.17549435e-38f) * 0.5f, cy = (min_y + 1.17549435e-38f) * 0.5f;
+  uint32_t nearest = 0;
+  for (uint32_t i = 1; i < 400; ++i)
+    if (std::hypot(pts[2 * i] - cx, pts[2 * i + 1] - cy) < std::hypot(pts[2 * nearest] - cx, pts[2 * nearest + 1] - cy))
+      nearest = i;
+  Delaunay d;
+  ASSERT_EQ(d.Triangulate(pts.data(), 400), S_OK);
+  EXPECT_EQ(CheckMesh(d, pts).vertices, 400u);
+  EXPECT_EQ(d.TriangleData()[0], nearest);
+}
+
+TEST(Delaunay, InterfaceCodes) {
+  Delaunay d;
+  uint32_t out[6] = {7, 7, 7, 7, 7, 7};
+  EXPECT_EQ(d.GetTriangles(out, 0), S_OK);  // nothing to copy
+  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_POINTER);
+  EXPECT_EQ(d.Triangulate(static_cast<const float*>(nullptr), 10), E_POINTER);
+  const Points ok = {0, 0, 10, 0, 5, 8};
+  EXPECT_EQ(d.Triangulate(ok.data(), 2), E_INVALIDARG);
+  ASSERT_EQ(d.Triangulate(ok.data(), 3), S_OK);
+  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_INVALIDARG);  // the capacity is checked before the pointer
+  EXPECT_EQ(d.GetTriangles(out, -1), E_INVALIDARG);
+  EXPECT_EQ(d.GetTriangles(nullptr, 1), E_POINTER);
+  EXPECT_EQ(d.GetTriangles(out, 2), S_OK);
+  EXPECT_EQ(out[3], 7u) << "a larger capacity copies only the triangles that exist";
+
+  // Non-finite coordinates are refused before any work: the last mesh stays.
+  for (float bad : {NAN, INFINITY, -INFINITY}) {
+    const Points p = {0, 0, 10, 0, 5, bad, 3, 3};
+    EXPECT_EQ(d.Triangulate(p.data(), 4), E_INVALIDARG);
+    EXPECT_EQ(d.GetTriangleCount(), 1u);
+  }
+  EXPECT_EQ(d.Reset(), S_OK);
+  EXPECT_EQ(d.GetTriangleCount(), 0u);
+}
+
+TEST(Delaunay, ReusedObjectMatchesFreshOne) {
+  // Storage is reused between runs; stale ring or hash entries must not leak
+  // into a later, smaller or larger, triangulation.
+  Delaunay reused;
+  for (uint32_t n : {3000u, 50u, 7000u, 4u, 3000u}) {
+    const Points pts = Uniform(n, 500.0f, n + 1);
+    Delaunay fresh;
+    ASSERT_EQ(reused.Triangulate(pts.data(), n), S_OK);
+    ASSERT_EQ(fresh.Triangulate(pts.data(), n), S_OK);
+    ASSERT_EQ(reused.GetTriangleCount(), fresh.GetTriangleCount());
+    EXPECT_TRUE(std::equal(reused.TriangleData(), reused.TriangleData() + 3 * reused.GetTriangleCount(),
+                           fresh.TriangleData()));
+  }
+}
+
+TEST(Delaunay, AdversarialSetsTerminateWithAMeshOrACode) {
+  std::vector<std::pair<const char*, Points>> sets;
+  sets.emplace_back("collinear", Grid(100000, 1, 0, 0.5));
+  Points slanted = Grid(50000, 1, 33.0, 1.0);  // rounding scatters the points just off the line
+  sets.emplace_back("slanted line", slanted);
+  slanted.insert(slanted.end(), {100.0f, -40.0f, 20000.0f, 30000.0f});
+  sets.emplace_back("line plus two", slanted);
+  sets.emplace_back("rotated grid", Grid(300, 300, 17.0, 1.0));
+  sets.emplace_back("grid far from the origin", Grid(200, 200, 0, 1.0));
+  for (size_t i = 0; i < sets.back().second.size(); ++i) sets.back().second[i] += 3.0e6f;
+  Points repeated;
+  for (int i = 0; i < 40000; ++i) repeated.insert(repeated.end(), {float(i % 5 * 10), float(i % 5 * i % 3)});
+  sets.emplace_back("repeated", repeated);
+  sets.emplace_back("tiny", Uniform(5000, 1e-3f, 5));
+  sets.emplace_back("huge", Uniform(5000, 3.0e38f, 6, -1.5e38f));
+  Points mixed = Uniform(5000, 1e30f, 8);
+  for (size_t i = 0; i < mixed.size(); i += 7) mixed[i] *= 1e-35f;
+  sets.emplace_back("mixed scales", mixed);
+  Points circle;
+  for (int i = 0; i < 20000; ++i)
+    circle.insert(circle.end(), {float(1000 + 900 * std::cos(i * 0.000314159)), float(1000 + 900 * std::sin(i * 0.000314159))});
+  sets.emplace_back("arc", circle);
+  Points dense;  // spacing far below the tolerance of 0.1 square pixels
+  std::normal_distribution<float> g(0.0f, 3.0f);
+  std::mt19937 rng(9);
+  for (int c = 0; c < 20; ++c)
+    for (int i = 0; i < 300; ++i) dense.insert(dense.end(), {c * 97.0f + g(rng), (c % 5) * 211.0f + g(rng)});
+  sets.emplace_back("dense clusters", dense);
+
+  Delaunay d;
+  for (auto& [name, pts] : sets) {
+    const int32_t hr = TriangulateWithin(d, pts);
+    if (hr == S_OK) {
+      SCOPED_TRACE(name);
+      if (d.GetTriangleCount() > 0) CheckMesh(d, pts, kStructure);
+    } else {
+      EXPECT_EQ(hr, E_INVALIDARG) << name;
+    }
+  }
+}

@@ -8,6 +8,7 @@
 #include "engine/CpuProbe.h"
 
 // Effect implementations, one line per type code.
+#include "effects/animation/Delaunay.h"
 #include "effects/animation/PhotoAnimator.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 #include "effects/glitch/GlitchEffect.h"
@@ -59,6 +60,7 @@ int32_t KorvaneEngineImp::Make(void** p_effect_inst, int32_t type) {
 
 int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
   switch (type) {
+    case Korvane::EFFECT_DELAUNAY_TRIANGLE: return Make<Korvane::DelaunayTriangle, Korvane::Delaunay>(p_effect_inst, type);
     case Korvane::EFFECT_ANIMATION: return Make<Korvane::Animation, Korvane::PhotoAnimator>(p_effect_inst, type);
     case Korvane::EFFECT_GLITCH: return Make<Korvane::Glitch, Korvane::GlitchEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLOW: return Make<Korvane::Glow, Korvane::GlowEffect>(p_effect_inst, type);

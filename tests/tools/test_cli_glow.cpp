@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "ImageIO.h"
+#include "SheetLayout.h"
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+// Dark noise with a few bright blocks that glow; opaque.
+Image GlowPhoto(int w, int h, uint32_t seed) {
+  Image img(w, h, 4);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = img.at(x, y);
+      const bool bright = (x / 8 + y / 8) % 4 == 0;
+      for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>(bright ? 200 + rng() % 56 : rng() % 90);
+      p[3] = 255;
+    }
+  return img;
+}
+
+std::string Save(const std::string& dir, const std::string& name, const Image& img) {
+  std::string err;
+  const std::string path = dir + "/" + name;
+  EXPECT_TRUE(SaveImage(path, img, 90, err)) << err;
+  return path;
+}
+
+Image Load(const std::string& path) {
+  Image img;
+  std::string err;
+  EXPECT_TRUE(LoadImage(path, img, err)) << err;
+  return img;
+}
+
+}  // namespace
+
+TEST(CliGlow, BlackGlowKeepsThePhotoAndAGlowBrightensIt) {
+  const std::string dir = Scratch();
+  const Image photo = GlowPhoto(64, 48, 1);
+  const std::string in = Save(dir, "photo.png", photo);
+  CliResult r = RunCli("glow " + in + " --brightness 0 --mode addition -o " + dir + "/black.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_EQ(Load(dir + "/black.png").pixels, photo.pixels);
+
+  r = RunCli("glow " + in + " --intensity 0.8 --radius 4 -o " + dir + "/glow.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("screen"), std::string::npos) << r.output;
+  const Image out = Load(dir + "/glow.png");
+  ASSERT_EQ(out.pixels.size(), photo.pixels.size());
+  long gained = 0;
+  for (size_t i = 0; i < out.pixels.size(); ++i) {
+    ASSERT_GE(out.pixels[i], photo.pixels[i]);  // screen never darkens
+    gained += out.pixels[i] - photo.pixels[i];
+  }
+  EXPECT_GT(gained, 64L * 48 * 3 * 10);
+}
+
+TEST(CliGlow, ModesByNameAndByNumberAgree) {
+  const std::string dir = Scratch();
+  const std::string in = Save(dir, "photo.png", GlowPhoto(40, 30, 2));
+  const std::pair<std::string, std::string> same[] = {
+      {"soft-light", "16"}, {"Colour_Dodge", "18"}, {"hard-mix", "21"}, {"saturation", "12"}, {"normal-alt", "0"}};
+  for (const auto& [name, number] : same) {
+    ASSERT_EQ(RunCli("glow " + in + " --mode " + name + " -o " + dir + "/a.png").exit_code, 0) << name;
+    ASSERT_EQ(RunCli("glow " + in + " --mode " + number + " -o " + dir + "/b.png").exit_code, 0) << number;
+    EXPECT_EQ(Load(dir + "/a.png").pixels, Load(dir + "/b.png").pixels) << name;
+  }
+  const CliResult r = RunCli("glow " + in + " --mode sparkly -o " + dir + "/c.png");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("unknown blend mode 'sparkly'"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("22 reflect"), std::string::npos) << r.output;
+  EXPECT_EQ(RunCli("glow " + in + " --mode 29 -o " + dir + "/c.png").exit_code, 1);
+}
+
+TEST(CliGlow, RoiWritesJustThatRectangle) {
+  const std::string dir = Scratch();
+  const std::string in = Save(dir, "photo.png", GlowPhoto(50, 40, 3));
+  ASSERT_EQ(RunCli("glow " + in + " -o " + dir + "/whole.png").exit_code, 0);
+  const CliResult r = RunCli("glow " + in + " --roi 10,5,42,33 -o " + dir + "/part.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  const Image whole = Load(dir + "/whole.png"), part = Load(dir + "/part.png");
+  ASSERT_EQ(part.width, 32);
+  ASSERT_EQ(part.height, 28);
+  // Where the SSE4.1 blend runs, the rectangle is exactly the crop of the whole render.
+  if (RunCli("info").output.find("in use") != std::string::npos) {
+    for (int y = 0; y < part.height; ++y)
+      for (int x = 0; x < part.width; ++x)
+        for (int c = 0; c < 4; ++c) ASSERT_EQ(part.at(x, y)[c], whole.at(x + 10, y + 5)[c]) << x << "," << y;
+  }
+  for (const char* bad : {"10,5,51,33", "10,5,10,33", "1,2,3", "a,b,c,d"}) {
+    const CliResult e = RunCli("glow " + in + " --roi " + bad + " -o " + dir + "/bad.png");
+    EXPECT_EQ(e.exit_code, 1) << bad;
+    EXPECT_NE(e.output.find("--roi"), std::string::npos) << e.output;
+  }
+}
+
+TEST(CliGlow, MaskDecidesWhereTheGlowComesFrom) {
+  const std::string dir = Scratch();
+  const std::string in = Save(dir, "photo.png", GlowPhoto(48, 32, 4));
+  const std::string black = Save(dir, "black.png", Image(48, 32, 1, 0));
+  ASSERT_EQ(RunCli("glow " + in + " --mask " + black + " -o " + dir + "/masked.png").exit_code, 0);
+  ASSERT_EQ(RunCli("glow " + in + " --threshold 255 -o " + dir + "/none.png").exit_code, 0);
+  EXPECT_EQ(Load(dir + "/masked.png").pixels, Load(dir + "/none.png").pixels);
+
+  const std::string small = Save(dir, "small.png", Image(47, 32, 1, 255));
+  const CliResult r = RunCli("glow " + in + " --mask " + small + " -o " + dir + "/x.png");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("mask is 47x32, photo is 48x32"), std::string::npos) << r.output;
+}
+
+TEST(CliGlow, LibraryRefusalsAreExplained) {
+  const std::string dir = Scratch();
+  const std::string in = Save(dir, "photo.png", GlowPhoto(48, 32, 5));
+  const CliResult r = RunCli("glow " + in + " --radius 7 -o " + dir + "/x.png");  // at most 48 / 8 = 6
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("E_INVALIDARG (0x80070057)"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("--radius is at most 6"), std::string::npos) << r.output;
+  EXPECT_NE(RunCli("glow " + in + " --intensity 1.5 -o " + dir + "/x.png").exit_code, 0);
+  EXPECT_EQ(RunCli("glow " + in + " -o " + in).exit_code, 1);  // never overwrites the photo
+}
+
+TEST(CliGlow, ModeSheetHasATileForEveryMode) {
+  const std::string dir = Scratch();
+  const std::string in = Save(dir, "photo.png", GlowPhoto(120, 80, 6));
+  const CliResult r = RunCli("glow " + in + " --mode-sheet --tile-width 60 --columns 6 -o " + dir + "/sheet.png");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("all 29 blend modes"), std::string::npos) << r.output;
+  // The same layout as 29 tiles of the shrunk photo (60 x 40) in six columns.
+  const Image expected = MakeSheet(std::vector<Image>(29, Image(60, 40, 4)), {}, 6);
+  const Image sheet = Load(dir + "/sheet.png");
+  EXPECT_EQ(sheet.width, expected.width);
+  EXPECT_EQ(sheet.height, expected.height);
+  EXPECT_EQ(RunCli("glow " + in + " --mode-sheet --roi 0,0,10,10 -o " + dir + "/s2.png").exit_code, 1);
+}

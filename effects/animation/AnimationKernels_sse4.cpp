@@ -8,28 +8,23 @@ namespace Korvane {
 
 namespace {
 
-// Per-pixel 16-bit weights [w(p) x4, w(q) x4] for pixels p, q of a group of
-// four, from four 32-bit weights.
-inline void SpreadWeights(__m128i w, __m128i& w01, __m128i& w23) {
-  const __m128i w16 = _mm_packs_epi32(w, w);      // w0 w1 w2 w3 w0 w1 w2 w3
-  const __m128i pairs = _mm_unpacklo_epi16(w16, w16);  // w0 w0 w1 w1 w2 w2 w3 w3
-  w01 = _mm_unpacklo_epi32(pairs, pairs);
-  w23 = _mm_unpackhi_epi32(pairs, pairs);
-}
-
-inline __m128i Gather(const unsigned char* const* p) {
-  uint32_t v[4];
-  for (int i = 0; i < 4; ++i) std::memcpy(&v[i], p[i], 4);
-  return _mm_setr_epi32(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]),
-                        static_cast<int>(v[3]));
+// Two adjacent BGRA pixels from each of two addresses: [a0, b0, a1, b1].
+inline __m128i LoadPairs(const unsigned char* p0, const unsigned char* p1) {
+  const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p0));
+  return _mm_castpd_si128(_mm_loadh_pd(_mm_castsi128_pd(lo), reinterpret_cast<const double*>(p1)));
 }
 
 }  // namespace
 
-void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
-                   int32_t x_end, unsigned char* dst_row) {
-  const float fy = static_cast<float>(y);
-  const float cx = m[1] * fy + m[2], cy = m[4] * fy + m[5];
+namespace {
+
+// Four pixels at a time from x while x + 4 <= x_end; returns where it stopped.
+// kInside: every source position of the span lies inside the image, away
+// from the last row and column, so mirroring, clamping and the edge fix-up
+// would change nothing and are skipped.
+template <bool kInside>
+int32_t WarpSpan4(const WarpSource& src, const float m[6], float cx, float cy, int32_t x, int32_t x_end,
+                  unsigned char* dst_row) {
   const float fw = static_cast<float>(src.width - 1), fh = static_cast<float>(src.height - 1);
   const __m128 m0 = _mm_set1_ps(m[0]), m3 = _mm_set1_ps(m[3]);
   const __m128 vcx = _mm_set1_ps(cx), vcy = _mm_set1_ps(cy);
@@ -38,58 +33,100 @@ void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x
   const __m128 abs_mask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
   const __m128 c256 = _mm_set1_ps(256.0f), half = _mm_set1_ps(0.5f);
-  const __m128i i256 = _mm_set1_epi32(256), ione = _mm_set1_epi32(1), izero = _mm_setzero_si128();
-  const __m128i max_x = _mm_set1_epi32(src.width - 1), max_y = _mm_set1_epi32(src.height - 1);
-  const __m128i alpha = _mm_set1_epi32(static_cast<int>(0xFF000000u));
+  const __m128i i256 = _mm_set1_epi32(256), izero = _mm_setzero_si128();
+  const __m128i last_x = _mm_set1_epi32(src.width - 1), before_last_x = _mm_set1_epi32(src.width - 2);
+  const __m128i last_y = _mm_set1_epi32(src.height - 1);
+  const __m128i stride = _mm_set1_epi32(static_cast<int32_t>(src.stride));
+  const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
+  // Interleaves the channels of a pixel pair: B a, B b, G a, G b, ...
+  const __m128i interleave = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
   const __m128 step = _mm_set1_ps(4.0f);
-
-  int32_t x = x_begin;
+  const unsigned char* d = src.data;
   __m128 xs = _mm_setr_ps(static_cast<float>(x), static_cast<float>(x + 1), static_cast<float>(x + 2),
                           static_cast<float>(x + 3));
   for (; x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, step)) {
     __m128 sx = _mm_add_ps(_mm_mul_ps(m0, xs), vcx);
     __m128 sy = _mm_add_ps(_mm_mul_ps(m3, xs), vcy);
-    sx = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_x, sx), _mm_and_ps(sx, abs_mask)), zero), lim_x);
-    sy = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_y, sy), _mm_and_ps(sy, abs_mask)), zero), lim_y);
-    const __m128i ix = _mm_cvttps_epi32(sx), iy = _mm_cvttps_epi32(sy);
-    const __m128 fx = _mm_sub_ps(sx, _mm_cvtepi32_ps(ix)), fy4 = _mm_sub_ps(sy, _mm_cvtepi32_ps(iy));
-    const __m128 gx = _mm_sub_ps(one, fx), gy = _mm_sub_ps(one, fy4);
-    const __m128i w10 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, fx), c256), half));
-    const __m128i w01 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gx, fy4), c256), half));
-    const __m128i w00 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, gx), c256), half));
-    const __m128i w11 =
-        _mm_max_epi32(_mm_sub_epi32(i256, _mm_add_epi32(_mm_add_epi32(w00, w10), w01)), izero);
-    const __m128i ix1 = _mm_min_epi32(_mm_add_epi32(ix, ione), max_x);
-    const __m128i iy1 = _mm_min_epi32(_mm_add_epi32(iy, ione), max_y);
-
-    alignas(16) int32_t cx0[4], cx1[4], ry0[4], ry1[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(cx0), ix);
-    _mm_store_si128(reinterpret_cast<__m128i*>(cx1), ix1);
-    _mm_store_si128(reinterpret_cast<__m128i*>(ry0), iy);
-    _mm_store_si128(reinterpret_cast<__m128i*>(ry1), iy1);
-    const unsigned char *p00[4], *p10[4], *p01[4], *p11[4];
-    for (int i = 0; i < 4; ++i) {
-      const unsigned char* r0 = src.data + static_cast<size_t>(ry0[i]) * src.stride;
-      const unsigned char* r1 = src.data + static_cast<size_t>(ry1[i]) * src.stride;
-      p00[i] = r0 + static_cast<size_t>(cx0[i]) * 4;
-      p10[i] = r0 + static_cast<size_t>(cx1[i]) * 4;
-      p01[i] = r1 + static_cast<size_t>(cx0[i]) * 4;
-      p11[i] = r1 + static_cast<size_t>(cx1[i]) * 4;
+    if (!kInside) {
+      sx = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_x, sx), _mm_and_ps(sx, abs_mask)), zero), lim_x);
+      sy = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_y, sy), _mm_and_ps(sy, abs_mask)), zero), lim_y);
     }
-    __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
-    auto accumulate = [&](const unsigned char* const* p, __m128i w) {
-      const __m128i px = Gather(p);
-      __m128i wa, wb;
-      SpreadWeights(w, wa, wb);
-      lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_unpacklo_epi8(px, izero), wa));
-      hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_unpackhi_epi8(px, izero), wb));
-    };
-    accumulate(p00, w00);
-    accumulate(p10, w10);
-    accumulate(p01, w01);
-    accumulate(p11, w11);
-    const __m128i out = _mm_or_si128(_mm_packus_epi16(_mm_srli_epi16(lo, 8), _mm_srli_epi16(hi, 8)), alpha);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4), out);
+    const __m128i ix = _mm_cvttps_epi32(sx), iy = _mm_cvttps_epi32(sy);
+    const __m128 fx = _mm_sub_ps(sx, _mm_cvtepi32_ps(ix)), fy = _mm_sub_ps(sy, _mm_cvtepi32_ps(iy));
+    const __m128 gx = _mm_sub_ps(one, fx), gy = _mm_sub_ps(one, fy);
+    const __m128i w10 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, fx), c256), half));
+    const __m128i w01 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gx, fy), c256), half));
+    const __m128i w00 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, gx), c256), half));
+    const __m128i w11 = _mm_max_epi32(_mm_sub_epi32(i256, _mm_add_epi32(_mm_add_epi32(w00, w10), w01)), izero);
+    // Weight pairs for madd: (w00, w10) on the upper row, (w01, w11) on the lower.
+    const __m128i w_top = _mm_or_si128(w00, _mm_slli_epi32(w10, 16));
+    const __m128i w_bottom = _mm_or_si128(w01, _mm_slli_epi32(w11, 16));
+
+    __m128i top, bottom;
+    __m128i at_edge = izero;
+    if (kInside) {
+      top = _mm_add_epi32(_mm_mullo_epi32(iy, stride), _mm_slli_epi32(ix, 2));
+      bottom = _mm_add_epi32(top, stride);
+    } else {
+      // Pairs start one pixel early in the last column, whose right
+      // neighbour is itself: the pair is then fixed up to (last, last).
+      at_edge = _mm_cmpeq_epi32(ix, last_x);
+      const __m128i start_x = _mm_min_epi32(ix, before_last_x);
+      const __m128i down = _mm_and_si128(_mm_cmplt_epi32(iy, last_y), stride);
+      top = _mm_add_epi32(_mm_mullo_epi32(iy, stride), _mm_slli_epi32(start_x, 2));
+      bottom = _mm_add_epi32(top, down);
+    }
+    alignas(16) uint32_t ot[4], ob[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(ot), top);
+    _mm_store_si128(reinterpret_cast<__m128i*>(ob), bottom);
+    __m128i t01 = LoadPairs(d + ot[0], d + ot[1]), t23 = LoadPairs(d + ot[2], d + ot[3]);
+    __m128i b01 = LoadPairs(d + ob[0], d + ob[1]), b23 = LoadPairs(d + ob[2], d + ob[3]);
+    if (!kInside) {
+      const __m128i edge01 = _mm_unpacklo_epi32(at_edge, at_edge), edge23 = _mm_unpackhi_epi32(at_edge, at_edge);
+      const int kRight = _MM_SHUFFLE(3, 3, 1, 1);
+      t01 = _mm_blendv_epi8(t01, _mm_shuffle_epi32(t01, kRight), edge01);
+      t23 = _mm_blendv_epi8(t23, _mm_shuffle_epi32(t23, kRight), edge23);
+      b01 = _mm_blendv_epi8(b01, _mm_shuffle_epi32(b01, kRight), edge01);
+      b23 = _mm_blendv_epi8(b23, _mm_shuffle_epi32(b23, kRight), edge23);
+    }
+    t01 = _mm_shuffle_epi8(t01, interleave);
+    t23 = _mm_shuffle_epi8(t23, interleave);
+    b01 = _mm_shuffle_epi8(b01, interleave);
+    b23 = _mm_shuffle_epi8(b23, interleave);
+    const __m128i s0 = _mm_add_epi32(_mm_madd_epi16(_mm_cvtepu8_epi16(t01), _mm_shuffle_epi32(w_top, 0x00)),
+                                     _mm_madd_epi16(_mm_cvtepu8_epi16(b01), _mm_shuffle_epi32(w_bottom, 0x00)));
+    const __m128i s1 = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(t01, izero), _mm_shuffle_epi32(w_top, 0x55)),
+                                     _mm_madd_epi16(_mm_unpackhi_epi8(b01, izero), _mm_shuffle_epi32(w_bottom, 0x55)));
+    const __m128i s2 = _mm_add_epi32(_mm_madd_epi16(_mm_cvtepu8_epi16(t23), _mm_shuffle_epi32(w_top, 0xAA)),
+                                     _mm_madd_epi16(_mm_cvtepu8_epi16(b23), _mm_shuffle_epi32(w_bottom, 0xAA)));
+    const __m128i s3 = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(t23, izero), _mm_shuffle_epi32(w_top, 0xFF)),
+                                     _mm_madd_epi16(_mm_unpackhi_epi8(b23, izero), _mm_shuffle_epi32(w_bottom, 0xFF)));
+    const __m128i s01 = _mm_packs_epi32(_mm_srli_epi32(s0, 8), _mm_srli_epi32(s1, 8));
+    const __m128i s23 = _mm_packs_epi32(_mm_srli_epi32(s2, 8), _mm_srli_epi32(s3, 8));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4),
+                     _mm_or_si128(_mm_packus_epi16(s01, s23), opaque));
+  }
+  return x;
+}
+
+}  // namespace
+
+void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
+                   int32_t x_end, unsigned char* dst_row) {
+  const float fy = static_cast<float>(y);
+  const float cx = m[1] * fy + m[2], cy = m[4] * fy + m[5];
+  int32_t x = x_begin;
+  // The vector path reads pixel pairs and computes byte offsets in 32 bits.
+  if (x_end - x_begin >= 4 && src.width >= 2 && static_cast<uint64_t>(src.height) * src.stride < 0x7FFFFFFFu) {
+    // Source positions are monotonic along the span (the float products and
+    // sums round monotonically), so its two ends bound them all.
+    const float x0 = static_cast<float>(x_begin), x1 = static_cast<float>(x_end - 1);
+    const float sx0 = m[0] * x0 + cx, sx1 = m[0] * x1 + cx, sy0 = m[3] * x0 + cy, sy1 = m[3] * x1 + cy;
+    const float lx = static_cast<float>(src.width - 1), ly = static_cast<float>(src.height - 1);
+    const bool inside = sx0 > 0.0f && sx1 > 0.0f && sx0 < lx && sx1 < lx && sy0 > 0.0f && sy1 > 0.0f &&
+                        sy0 < ly && sy1 < ly;
+    x = inside ? WarpSpan4<true>(src, m, cx, cy, x, x_end, dst_row)
+               : WarpSpan4<false>(src, m, cx, cy, x, x_end, dst_row);
   }
   for (; x < x_end; ++x) {
     const float fx = static_cast<float>(x);

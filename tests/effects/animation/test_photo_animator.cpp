@@ -390,6 +390,10 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
         // Rotations, scales and shifts that reach past every border, plus
         // non-finite matrices.
         float m[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
+        if (trial < 4) {  // spans that stay inside the image
+          const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.1f * trial, 0.4f};
+          std::copy(inside, inside + 6, m);
+        }
         if (trial == 18) m[2] = NAN;
         if (trial == 19) m[0] = INFINITY;
         const int y = static_cast<int>(rng() % (h + 4)) - 2;

@@ -88,9 +88,10 @@ void AccumulateRowPlain(const float* const* rows, const float* taps, int32_t tap
 
 const GaussianRowKernels kPlainKernels = {ConvertRowPlain, AccumulateRowPlain};
 
-// Columns per ring of converted rows in the vertical pass: 2n - 1 rows of this
-// many pixels stay in the second-level cache.
-constexpr int32_t kColumnChunk = 64;
+// Pixels in the ring of converted rows of the vertical pass (2n - 1 rows of a
+// chunk of columns): 128 KiB of floats, which stays in the second-level cache.
+// Short kernels get wide chunks, so the source is read in long runs.
+constexpr int32_t kRingPixels = 8192;
 constexpr int32_t kMaxTaps = 2 * kGaussianHalfTaps - 1;
 
 // Checks what both passes need; S_OK with `skip` set when there is nothing to do.
@@ -123,13 +124,29 @@ void SymmetricTaps(const float* w, int32_t n, float* taps) {
   for (int32_t k = 0; k < 2 * n - 1; ++k) taps[k] = w[std::abs(k - (n - 1))];
 }
 
+// The private buffer a band writes into holds this many pixels; it is pasted
+// back whenever it is full, so it stays in the cache.
+constexpr int32_t kBlockPixels = 16384;
+
+// A view of the first `rows` rows of `block`, `width` pixels each (packed).
+SmartBuffer BlockView(const SmartBuffer& block, int32_t width, int32_t rows) {
+  SmartBuffer v = block;
+  v.width = width;
+  v.height = rows;
+  v.stride = width * 4;
+  return v;
+}
+
 int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKernels& kernels) {
   const SmartBuffer& buf = p.buffer;
   const int32_t n = p.kernel_length;
   const int32_t width = buf.width;
-  const int32_t band_w = r.right - r.left, band_h = r.bottom - r.top;
-  SmartBuffer band;
-  int32_t hr = CreateSmartBufferData(band, band_w, band_h, PIXEL_BGRA32);
+  const int32_t band_w = r.right - r.left;
+  // Each row depends only on itself, so finished rows can be pasted back
+  // block by block.
+  const int32_t block_rows = std::max(1, kBlockPixels / band_w);
+  SmartBuffer block;
+  int32_t hr = CreateSmartBufferData(block, band_w, block_rows, PIXEL_BGRA32);
   if (hr < 0) return hr;
 
   // One converted row with n - 1 zero pixels on each side: taps past the
@@ -145,32 +162,41 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
   SymmetricTaps(p.weights.get(), n, taps);
   for (int32_t k = 0; k < 2 * n - 1; ++k) rows[k] = row.data() + static_cast<size_t>(k + r.left) * 4;
 
-  const uint8_t* pixels = buf.data.get();
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    const uint8_t* src = pixels + static_cast<size_t>(y) * buf.stride;
-    const bool* mask = p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
-    kernels.convert(src, mask, row.data() + static_cast<size_t>(n - 1) * 4, width);
-    kernels.accumulate(rows, taps, 2 * n - 1, mask + r.left, src + static_cast<size_t>(r.left) * 4,
-                       band.data.get() + static_cast<size_t>(y - r.top) * band.stride, band_w);
-  }
   SmartBuffer target = buf;
-  return PasteSmartBufferDataWithROI(band, target, r);
+  const uint8_t* pixels = buf.data.get();
+  for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
+    const int32_t rows_here = std::min(block_rows, r.bottom - y0);
+    for (int32_t y = y0; y < y0 + rows_here; ++y) {
+      const uint8_t* src = pixels + static_cast<size_t>(y) * buf.stride;
+      const bool* mask = p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
+      kernels.convert(src, mask, row.data() + static_cast<size_t>(n - 1) * 4, width);
+      kernels.accumulate(rows, taps, 2 * n - 1, mask + r.left, src + static_cast<size_t>(r.left) * 4,
+                         block.data.get() + static_cast<size_t>(y - y0) * band_w * 4, band_w);
+    }
+    hr = PasteSmartBufferDataWithROI(BlockView(block, band_w, rows_here), target,
+                                     Rect{r.left, y0, r.right, y0 + rows_here});
+    if (hr < 0) return hr;
+  }
+  return S_OK;
 }
 
 int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRowKernels& kernels) {
   const SmartBuffer& buf = p.buffer;
   const int32_t n = p.kernel_length;
   const int32_t width = buf.width, height = buf.height;
-  const int32_t band_w = r.right - r.left, band_h = r.bottom - r.top;
-  SmartBuffer band;
-  int32_t hr = CreateSmartBufferData(band, band_w, band_h, PIXEL_BGRA32);
-  if (hr < 0) return hr;
 
   // A ring of the 2n - 1 converted rows around the current one, for a chunk
-  // of columns at a time; row i lives in slot i mod (2n - 1).
+  // of columns at a time; row i lives in slot i mod (2n - 1). Every source
+  // row is converted before any output row that could overwrite it is
+  // pasted back, so finished rows can go back block by block.
   const int32_t ring_rows = 2 * n - 1;
-  const size_t slot = static_cast<size_t>(kColumnChunk) * 4;
+  const int32_t chunk = std::max(64, kRingPixels / ring_rows / 8 * 8);
+  const size_t slot = static_cast<size_t>(chunk) * 4;
   std::vector<float> ring(slot * ring_rows);
+  const int32_t block_rows = std::max(1, kBlockPixels / chunk);
+  SmartBuffer block;
+  int32_t hr = CreateSmartBufferData(block, chunk, block_rows, PIXEL_BGRA32);
+  if (hr < 0) return hr;
   std::unique_ptr<bool[]> all_true;
   if (!p.mask) {
     all_true.reset(new bool[static_cast<size_t>(width)]);
@@ -184,31 +210,41 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
     return p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
   };
 
-  for (int32_t cx = r.left; cx < r.right; cx += kColumnChunk) {
-    const int32_t cw = std::min(kColumnChunk, r.right - cx);
+  SmartBuffer target = buf;
+  for (int32_t cx = r.left; cx < r.right; cx += chunk) {
+    const int32_t cw = std::min(chunk, r.right - cx);
     int32_t next = std::max(0, r.top - (n - 1));  // next row to convert
-    for (int32_t y = r.top; y < r.bottom; ++y) {
-      const int32_t last = std::min(height - 1, y + n - 1);
-      for (; next <= last; ++next) {
-        kernels.convert(pixels + static_cast<size_t>(next) * buf.stride + static_cast<size_t>(cx) * 4,
-                        mask_row(next) + cx, ring.data() + slot * (next % ring_rows), cw);
+    for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
+      const int32_t rows_here = std::min(block_rows, r.bottom - y0);
+      for (int32_t y = y0; y < y0 + rows_here; ++y) {
+        const int32_t last = std::min(height - 1, y + n - 1);
+        for (; next <= last; ++next) {
+          // Rows are far apart in memory: ask for the next few early.
+          if (next + 4 < height) {
+            const uint8_t* ahead = pixels + static_cast<size_t>(next + 4) * buf.stride + static_cast<size_t>(cx) * 4;
+            for (int32_t b = 0; b < cw * 4; b += 64) __builtin_prefetch(ahead + b);
+          }
+          kernels.convert(pixels + static_cast<size_t>(next) * buf.stride + static_cast<size_t>(cx) * 4,
+                          mask_row(next) + cx, ring.data() + slot * (next % ring_rows), cw);
+        }
+        // Rows outside the image contribute nothing: leave their taps out.
+        const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
+        int32_t m = 0;
+        for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++m) {
+          taps[m] = w[std::abs(i)];
+          rows[m] = ring.data() + slot * s;
+          if (++s == ring_rows) s = 0;
+        }
+        kernels.accumulate(rows, taps, m, mask_row(y) + cx,
+                           pixels + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(cx) * 4,
+                           block.data.get() + static_cast<size_t>(y - y0) * cw * 4, cw);
       }
-      // Rows outside the image contribute nothing: leave their taps out.
-      int32_t m = 0;
-      for (int32_t i = std::max(-(n - 1), -y); i <= std::min(n - 1, height - 1 - y); ++i) {
-        taps[m] = w[std::abs(i)];
-        rows[m] = ring.data() + slot * ((y + i) % ring_rows);
-        ++m;
-      }
-      kernels.accumulate(rows, taps, m, mask_row(y) + cx,
-                         pixels + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(cx) * 4,
-                         band.data.get() + static_cast<size_t>(y - r.top) * band.stride +
-                             static_cast<size_t>(cx - r.left) * 4,
-                         cw);
+      hr = PasteSmartBufferDataWithROI(BlockView(block, cw, rows_here), target,
+                                       Rect{cx, y0, cx + cw, y0 + rows_here});
+      if (hr < 0) return hr;
     }
   }
-  SmartBuffer target = buf;
-  return PasteSmartBufferDataWithROI(band, target, r);
+  return S_OK;
 }
 
 int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels, bool columns) {

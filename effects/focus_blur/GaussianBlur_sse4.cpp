@@ -21,7 +21,25 @@ inline __m128 ConvertPixel(const uint8_t* src, bool masked) {
 }
 
 void ConvertRowSse(const uint8_t* src, const bool* mask, float* dst, int32_t count) {
-  for (int32_t x = 0; x < count; ++x) _mm_storeu_ps(dst + 4 * x, ConvertPixel(src + 4 * x, mask[x]));
+  const __m128i colour = _mm_set1_epi32(0x00FFFFFF);
+  const __m128i one = _mm_set1_epi32(0x01000000);
+  const __m128i zero = _mm_setzero_si128();
+  int32_t x = 0;
+  for (; x + 4 <= count; x += 4) {
+    // Four pixels: alpha byte replaced by 1, unmasked pixels zeroed, then
+    // widened to floats one pixel at a time.
+    int32_t m;
+    std::memcpy(&m, mask + x, 4);
+    const __m128i keep = _mm_cmpgt_epi32(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(m)), zero);
+    __m128i px = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 4 * x));
+    px = _mm_and_si128(_mm_or_si128(_mm_and_si128(px, colour), one), keep);
+    float* d = dst + 4 * x;
+    _mm_storeu_ps(d, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(px)));
+    _mm_storeu_ps(d + 4, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_srli_si128(px, 4))));
+    _mm_storeu_ps(d + 8, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_srli_si128(px, 8))));
+    _mm_storeu_ps(d + 12, _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_srli_si128(px, 12))));
+  }
+  for (; x < count; ++x) _mm_storeu_ps(dst + 4 * x, ConvertPixel(src + 4 * x, mask[x]));
 }
 
 // Sums / weight, truncated to bytes, with the source pixel's alpha.
@@ -39,26 +57,24 @@ inline void Put(uint8_t* dst, uint32_t v) { std::memcpy(dst, &v, 4); }
 void AccumulateRowSse(const float* const* rows, const float* taps, int32_t tap_count, const bool* mask,
                       const uint8_t* src, uint8_t* dst, int32_t count) {
   int32_t x = 0;
-  for (; x + 4 <= count; x += 4) {
-    uint32_t any;
-    std::memcpy(&any, mask + x, 4);
+  for (; x + 8 <= count; x += 8) {
+    uint64_t any;
+    std::memcpy(&any, mask + x, 8);
     if (any == 0) {
-      std::memcpy(dst + 4 * x, src + 4 * x, 16);
+      std::memcpy(dst + 4 * x, src + 4 * x, 32);
       continue;
     }
-    // Four pixels at once: independent chains keep the adders busy.
-    __m128 a0 = _mm_setzero_ps(), a1 = a0, a2 = a0, a3 = a0;
+    // Eight pixels at once: independent chains keep the adders and the
+    // loads from the cache busy.
+    __m128 acc[8];
+    for (int32_t j = 0; j < 8; ++j) acc[j] = _mm_setzero_ps();
     const size_t off = static_cast<size_t>(x) * 4;
     for (int32_t k = 0; k < tap_count; ++k) {
       const __m128 w = _mm_set1_ps(taps[k]);
       const float* p = rows[k] + off;
-      a0 = _mm_add_ps(a0, _mm_mul_ps(w, _mm_loadu_ps(p)));
-      a1 = _mm_add_ps(a1, _mm_mul_ps(w, _mm_loadu_ps(p + 4)));
-      a2 = _mm_add_ps(a2, _mm_mul_ps(w, _mm_loadu_ps(p + 8)));
-      a3 = _mm_add_ps(a3, _mm_mul_ps(w, _mm_loadu_ps(p + 12)));
+      for (int32_t j = 0; j < 8; ++j) acc[j] = _mm_add_ps(acc[j], _mm_mul_ps(w, _mm_loadu_ps(p + 4 * j)));
     }
-    const __m128 acc[4] = {a0, a1, a2, a3};
-    for (int32_t j = 0; j < 4; ++j) {
+    for (int32_t j = 0; j < 8; ++j) {
       const uint8_t* s = src + 4 * (x + j);
       if (mask[x + j]) {
         Put(dst + 4 * (x + j), Finish(acc[j], s));

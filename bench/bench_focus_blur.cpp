@@ -1,0 +1,113 @@
+// Focus blur of a 4000x3000 photo against an OpenCV pipeline doing the same
+// work: two Gaussian blurs with the matching sigmas and kernel sizes, then the
+// per-pixel blend between photo, weak and strong blur by the guide's distance
+// from the focus value. Both use the same number of threads.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+
+#include "BenchSupport.h"
+#include "effects/focus_blur/FocusBlend.h"
+#include "effects/focus_blur/FocusBlurEffect.h"
+#include "effects/focus_blur/GaussianBlur.h"
+
+#if KORVANE_BENCH_OPENCV
+#include <opencv2/imgproc.hpp>
+#endif
+
+namespace {
+
+constexpr int kWidth = 4000, kHeight = 3000;
+constexpr int kFocus = 200, kRange = 12;
+
+struct Inputs {
+  std::vector<uint8_t> photo = KorvaneBench::MakeImage(kWidth, kHeight, 4);
+  std::vector<uint8_t> guide;
+  std::vector<uint8_t> out = std::vector<uint8_t>(static_cast<size_t>(kWidth) * kHeight * 4);
+  Inputs() {
+    // A depth ramp from far (top) to near (bottom) with some texture: about
+    // a tenth of the picture is in focus.
+    guide.resize(static_cast<size_t>(kWidth) * kHeight);
+    for (int y = 0; y < kHeight; ++y)
+      for (int x = 0; x < kWidth; ++x)
+        guide[static_cast<size_t>(y) * kWidth + x] = static_cast<uint8_t>(y * 255 / kHeight + ((x / 16) & 3));
+  }
+};
+
+Inputs& Shared() {
+  static Inputs in;
+  return in;
+}
+
+void BM_Korvane(benchmark::State& state) {
+  const int level = static_cast<int>(state.range(0));
+  Inputs& in = Shared();
+  Korvane::FocusBlurEffect fx(&KorvaneBench::Pool());
+  fx.SetSystemInfo(KorvaneBench::MachineInfo());
+  Korvane::FocusBlurParam p;
+  p.input = Korvane::MakeImageBuffer(in.photo.data(), kWidth, kHeight);
+  p.mask = Korvane::MakeImageBuffer(in.guide.data(), kWidth, kHeight, Korvane::PIXEL_GRAY8);
+  p.output = Korvane::MakeImageBuffer(in.out.data(), kWidth, kHeight);
+  p.blur_level = level;
+  p.focus_value = kFocus;
+  p.focus_range = kRange;
+  float w[Korvane::kGaussianHalfTaps];
+  state.counters["taps"] = Korvane::MakeGaussianWeights(level, kWidth, kHeight, w);
+  for (auto _ : state) {
+    fx.Process(&p);
+    benchmark::DoNotOptimize(in.out.data());
+  }
+}
+
+#if KORVANE_BENCH_OPENCV
+void BM_OpenCV(benchmark::State& state) {
+  const int level = static_cast<int>(state.range(0));
+  KorvaneBench::Pool();  // sets OpenCV's thread count
+  Inputs& in = Shared();
+  const cv::Mat photo(kHeight, kWidth, CV_8UC4, in.photo.data());
+  const cv::Mat guide(kHeight, kWidth, CV_8UC1, in.guide.data());
+  cv::Mat out(kHeight, kWidth, CV_8UC4, in.out.data());
+  float w[Korvane::kGaussianHalfTaps];
+  const int n = Korvane::MakeGaussianWeights(level, kWidth, kHeight, w);
+  const int nw = Korvane::MakeGaussianWeights(level / 6, kWidth, kHeight, w);
+  const double sigma = std::min(kWidth, kHeight) * (level * 0.02 / 100);
+  const double sigma_w = std::min(kWidth, kHeight) * ((level / 6) * 0.02 / 100);
+  // Per guide value: the first image's weight in 255ths, and whether the
+  // first image is the strong blur rather than the photo.
+  int32_t t[256];
+  Korvane::MakeBlendTable(kFocus, t);
+  cv::Mat wa_lut(1, 256, CV_32F), ww_lut(1, 256, CV_32F), far_lut(1, 256, CV_8U);
+  for (int v = 0; v < 256; ++v) {
+    const int wa = t[v] > 127 ? 2 * t[v] - 255 : 255 - 2 * t[v];
+    wa_lut.at<float>(v) = wa / 255.0f;
+    ww_lut.at<float>(v) = (255 - wa) / 255.0f;
+    far_lut.at<uint8_t>(v) = t[v] > 127 ? 255 : 0;
+  }
+  cv::Mat strong, weak, first, wa, ww, far;
+  for (auto _ : state) {
+    cv::GaussianBlur(photo, strong, cv::Size(2 * n - 1, 2 * n - 1), sigma, sigma, cv::BORDER_REPLICATE);
+    if (nw > 1) {
+      cv::GaussianBlur(photo, weak, cv::Size(2 * nw - 1, 2 * nw - 1), sigma_w, sigma_w, cv::BORDER_REPLICATE);
+    } else {
+      photo.copyTo(weak);
+    }
+    cv::LUT(guide, far_lut, far);
+    cv::LUT(guide, wa_lut, wa);
+    cv::LUT(guide, ww_lut, ww);
+    photo.copyTo(first);
+    strong.copyTo(first, far);
+    cv::blendLinear(first, weak, wa, ww, out);
+    benchmark::DoNotOptimize(out.data);
+  }
+  state.counters["taps"] = n;
+}
+BENCHMARK(BM_OpenCV)->Name("opencv/focusblur_4000x3000_level60")->Arg(60)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_OpenCV)->Name("opencv/focusblur_4000x3000_level6")->Arg(6)->Unit(benchmark::kMillisecond)->UseRealTime();
+#endif
+
+BENCHMARK(BM_Korvane)->Name("korvane/focusblur_4000x3000_level60")->Arg(60)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_Korvane)->Name("korvane/focusblur_4000x3000_level6")->Arg(6)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();

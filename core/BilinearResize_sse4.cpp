@@ -1,7 +1,250 @@
-// SSE4.1 forms of the bilinear resize (temporary: plain arithmetic).
+// SSE4.1 forms of the byte resize. Each source row a destination row needs
+// is first interpolated horizontally into a 16-bit row (kept while
+// consecutive destination rows share it), then two such rows are mixed
+// vertically. Both steps are a + ((b - a) * f) >> 8 on 16-bit lanes:
+// _mm_mulhi_epi16((b - a) * 2, f * 128) yields exactly the floor of
+// (b - a) * f / 256, the arithmetic shift of the plain form.
+#include <smmintrin.h>
+
+#include <cstring>
+#include <new>
+#include <vector>
+
 #include "core/BilinearResize.h"
+#include "core/BilinearResizePlan.h"
+#include "core/ResultCode.h"
 
 namespace Korvane {
-int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result) { return BilinearResize_8uc4(job, result); }
-int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result) { return BilinearResize_8uc1(job, result); }
+
+namespace {
+
+using resize_detail::Lerp8;
+using resize_detail::PlanResize;
+using resize_detail::ResizePlan;
+
+inline __m128i Load64(const unsigned char* p) {
+  return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+}
+
+inline __m128i Lerp16(__m128i a, __m128i b, __m128i f128) {
+  return _mm_add_epi16(a, _mm_mulhi_epi16(_mm_slli_epi16(_mm_sub_epi16(b, a), 1), f128));
+}
+
+// Horizontal pass of one BGRA source row into `out` (four 16-bit values a
+// pixel). `fx128` holds each column's fraction x 128 four times.
+void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
+                       int16_t* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const int32_t paired = plan.x_paired - plan.x_begin;
+  int32_t i = 0;
+  for (; i + 2 <= paired; i += 2) {
+    // Left and right neighbours of two columns: [l0 r0] and [l1 r1].
+    const __m128i v = _mm_unpacklo_epi32(Load64(row + plan.x0[i]), Load64(row + plan.x0[i + 1]));
+    const __m128i l = _mm_cvtepu8_epi16(v);
+    const __m128i r = _mm_cvtepu8_epi16(_mm_srli_si128(v, 8));
+    const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), Lerp16(l, r, f));
+  }
+  for (; i < nx; ++i) {
+    const unsigned char* a = row + plan.x0[i];
+    const unsigned char* b = row + plan.x1[i];
+    for (int c = 0; c < 4; ++c) out[4 * i + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
+  }
+}
+
+// Horizontal pass of one gray source row, eight columns at a time.
+void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
+                       int16_t* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const int32_t paired = plan.x_paired - plan.x_begin;
+  const int32_t* x0 = plan.x0.data();
+  int32_t i = 0;
+  auto pair = [row](int32_t offset) {
+    uint16_t v;
+    std::memcpy(&v, row + offset, 2);
+    return static_cast<int>(v);
+  };
+  const __m128i low_bytes = _mm_set1_epi16(0x00FF);
+  for (; i + 8 <= paired; i += 8) {
+    __m128i v = _mm_cvtsi32_si128(pair(x0[i]));
+    v = _mm_insert_epi16(v, pair(x0[i + 1]), 1);
+    v = _mm_insert_epi16(v, pair(x0[i + 2]), 2);
+    v = _mm_insert_epi16(v, pair(x0[i + 3]), 3);
+    v = _mm_insert_epi16(v, pair(x0[i + 4]), 4);
+    v = _mm_insert_epi16(v, pair(x0[i + 5]), 5);
+    v = _mm_insert_epi16(v, pair(x0[i + 6]), 6);
+    v = _mm_insert_epi16(v, pair(x0[i + 7]), 7);
+    const __m128i l = _mm_and_si128(v, low_bytes);
+    const __m128i r = _mm_srli_epi16(v, 8);
+    const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), Lerp16(l, r, f));
+  }
+  for (; i < nx; ++i) out[i] = static_cast<int16_t>(Lerp8(row[plan.x0[i]], row[plan.x1[i]], plan.fx[i]));
+}
+
+// Both rows and the vertical mix in one sweep, for reductions, where
+// consecutive destination rows seldom share a source row: no 16-bit rows are
+// stored and the two source rows stream in together.
+void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
+                  const int16_t* fx128, int32_t fy, unsigned char* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const int32_t paired = plan.x_paired - plan.x_begin;
+  const int32_t* x0 = plan.x0.data();
+  const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
+  auto two = [&](int32_t i) {
+    const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i));
+    const __m128i v0 = _mm_unpacklo_epi32(Load64(r0 + x0[i]), Load64(r0 + x0[i + 1]));
+    const __m128i v1 = _mm_unpacklo_epi32(Load64(r1 + x0[i]), Load64(r1 + x0[i + 1]));
+    const __m128i top = Lerp16(_mm_cvtepu8_epi16(v0), _mm_cvtepu8_epi16(_mm_srli_si128(v0, 8)), f);
+    const __m128i bottom = Lerp16(_mm_cvtepu8_epi16(v1), _mm_cvtepu8_epi16(_mm_srli_si128(v1, 8)), f);
+    return Lerp16(top, bottom, fyv);
+  };
+  int32_t i = 0;
+  for (; i + 4 <= paired; i += 4) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), _mm_packus_epi16(two(i), two(i + 2)));
+  }
+  for (; i < nx; ++i) {
+    const int32_t fx = plan.fx[i];
+    for (int c = 0; c < 4; ++c) {
+      const int32_t top = Lerp8(r0[plan.x0[i] + c], r0[plan.x1[i] + c], fx);
+      const int32_t bottom = Lerp8(r1[plan.x0[i] + c], r1[plan.x1[i] + c], fx);
+      out[4 * i + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
+    }
+  }
+}
+
+void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
+                  const int16_t* fx128, int32_t fy, unsigned char* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const int32_t paired = plan.x_paired - plan.x_begin;
+  const int32_t* x0 = plan.x0.data();
+  const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
+  const __m128i low_bytes = _mm_set1_epi16(0x00FF);
+  auto pairs = [x0](const unsigned char* row, int32_t i) {
+    auto at = [row](int32_t offset) {
+      uint16_t v;
+      std::memcpy(&v, row + offset, 2);
+      return static_cast<int>(v);
+    };
+    __m128i v = _mm_cvtsi32_si128(at(x0[i]));
+    v = _mm_insert_epi16(v, at(x0[i + 1]), 1);
+    v = _mm_insert_epi16(v, at(x0[i + 2]), 2);
+    v = _mm_insert_epi16(v, at(x0[i + 3]), 3);
+    v = _mm_insert_epi16(v, at(x0[i + 4]), 4);
+    v = _mm_insert_epi16(v, at(x0[i + 5]), 5);
+    v = _mm_insert_epi16(v, at(x0[i + 6]), 6);
+    return _mm_insert_epi16(v, at(x0[i + 7]), 7);
+  };
+  auto eight = [&](int32_t i) {
+    const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
+    const __m128i v0 = pairs(r0, i), v1 = pairs(r1, i);
+    const __m128i top = Lerp16(_mm_and_si128(v0, low_bytes), _mm_srli_epi16(v0, 8), f);
+    const __m128i bottom = Lerp16(_mm_and_si128(v1, low_bytes), _mm_srli_epi16(v1, 8), f);
+    return Lerp16(top, bottom, fyv);
+  };
+  int32_t i = 0;
+  for (; i + 16 <= paired; i += 16) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(eight(i), eight(i + 8)));
+  }
+  for (; i < nx; ++i) {
+    const int32_t top = Lerp8(r0[plan.x0[i]], r0[plan.x1[i]], plan.fx[i]);
+    const int32_t bottom = Lerp8(r1[plan.x0[i]], r1[plan.x1[i]], plan.fx[i]);
+    out[i] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
+  }
+}
+
+// Vertical mix of two horizontal rows into `count` output bytes.
+void VerticalRow(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t count,
+                 unsigned char* out) {
+  const __m128i f = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
+  int32_t i = 0;
+  for (; i + 16 <= count; i += 16) {
+    const __m128i t0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(top + i));
+    const __m128i t1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(top + i + 8));
+    const __m128i b0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bottom + i));
+    const __m128i b1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bottom + i + 8));
+    const __m128i v = _mm_packus_epi16(Lerp16(t0, b0, f), Lerp16(t1, b1, f));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), v);
+  }
+  for (; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+}
+
+template <int kChannels>
+int32_t ResizeSse(ThreadJob* job, int32_t* result) {
+  ResizePlan plan;
+  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, kChannels, false, &plan);
+  if (hr < 0 || plan.x_begin == plan.x_end) {
+    *result = hr;
+    return hr;
+  }
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const size_t values = static_cast<size_t>(nx) * kChannels;
+  const ResizeParam& param = *static_cast<const ResizeParam*>(job->param);
+  const bool fused = param.dst.height < param.src.height;
+  std::vector<int16_t> fx128, rows;
+  try {
+    fx128.resize(values);
+    if (!fused) rows.resize(2 * values);
+  } catch (const std::bad_alloc&) {
+    *result = E_OUTOFMEMORY;
+    return E_OUTOFMEMORY;
+  }
+  for (int32_t i = 0; i < nx; ++i)
+    for (int c = 0; c < kChannels; ++c) fx128[i * kChannels + c] = static_cast<int16_t>(plan.fx[i] * 128);
+  if (fused) {
+    for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+      const int32_t iy = dy - plan.y_begin;
+      const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
+      const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+      unsigned char* out = plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels;
+      if (kChannels == 4) {
+        FusedRow8uc4(plan, r0, r1, fx128.data(), plan.fy[iy], out);
+      } else {
+        FusedRow8uc1(plan, r0, r1, fx128.data(), plan.fy[iy], out);
+      }
+    }
+    *result = S_OK;
+    return S_OK;
+  }
+  int16_t* slot[2] = {rows.data(), rows.data() + values};
+  int32_t tag[2] = {-1, -1};
+  auto horizontal = [&](int32_t y, int s) {
+    const unsigned char* row = plan.src + y * plan.src_stride;
+    if (kChannels == 4) {
+      HorizontalRow8uc4(plan, row, fx128.data(), slot[s]);
+    } else {
+      HorizontalRow8uc1(plan, row, fx128.data(), slot[s]);
+    }
+    tag[s] = y;
+  };
+  for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const int32_t y0 = plan.y0[iy], y1 = plan.y1[iy];
+    // Keep a row computed for the previous destination row when it is needed again.
+    int s0 = tag[0] == y0 ? 0 : tag[1] == y0 ? 1 : -1;
+    if (s0 < 0) {
+      s0 = tag[0] == y1 ? 1 : 0;
+      horizontal(y0, s0);
+    }
+    int s1 = s0;
+    if (y1 != y0) {
+      s1 = tag[0] == y1 ? 0 : tag[1] == y1 ? 1 : -1;
+      if (s1 < 0) {
+        s1 = 1 - s0;
+        horizontal(y1, s1);
+      }
+    }
+    VerticalRow(slot[s0], slot[s1], plan.fy[iy], static_cast<int32_t>(values),
+                plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels);
+  }
+  *result = S_OK;
+  return S_OK;
+}
+
+}  // namespace
+
+int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result) { return ResizeSse<4>(job, result); }
+
+int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result) { return ResizeSse<1>(job, result); }
+
 }  // namespace Korvane

@@ -7,11 +7,6 @@ namespace Korvane {
 
 namespace {
 
-// n / d rounded to nearest (halves away from zero), d > 0.
-inline int64_t DivRound(int64_t n, int64_t d) {
-  return n >= 0 ? (n + d / 2) / d : -((-n + d / 2) / d);
-}
-
 // Places chroma c, the intermediate x and 0 into (r, g, b) by hue sector.
 template <class T>
 inline void FromSector(int32_t sector, T c, T x, T& r, T& g, T& b) {
@@ -26,47 +21,6 @@ inline void FromSector(int32_t sector, T c, T x, T& r, T& g, T& b) {
 }
 
 }  // namespace
-
-void RgbToHsv(int32_t r, int32_t g, int32_t b, int32_t& h, int32_t& s, int32_t& v) {
-  const int32_t mx = std::max(r, std::max(g, b));
-  const int32_t mn = std::min(r, std::min(g, b));
-  const int32_t c = mx - mn;
-  v = mx * 128;
-  s = mx > 0 ? static_cast<int32_t>(DivRound(static_cast<int64_t>(c) * kHsvMax, mx)) : 0;
-  if (c == 0) {
-    h = 0;
-    return;
-  }
-  int64_t hue;
-  if (mx == r) {
-    hue = DivRound(static_cast<int64_t>(kHueSector) * (g - b), c);
-    if (hue < 0) hue += kHueFull;
-  } else if (mx == g) {
-    hue = 2 * kHueSector + DivRound(static_cast<int64_t>(kHueSector) * (b - r), c);
-  } else {
-    hue = 4 * kHueSector + DivRound(static_cast<int64_t>(kHueSector) * (r - g), c);
-  }
-  h = static_cast<int32_t>(hue >= kHueFull ? hue - kHueFull : hue);
-}
-
-void HsvToRgb(int32_t h, int32_t s, int32_t v, int32_t& r, int32_t& g, int32_t& b) {
-  h %= kHueFull;
-  if (h < 0) h += kHueFull;
-  s = std::min(std::max(s, 0), kHsvMax);
-  v = std::min(std::max(v, 0), kHsvMax);
-  // Work on the value scale (x 128) and round back to bytes at the end; the
-  // extra bits are what make the round trip exact.
-  const int32_t c = (v * s + kHsvMax / 2) / kHsvMax;
-  const int32_t sector = h / kHueSector;
-  const int32_t f = h - sector * kHueSector;
-  const int32_t x = ((sector & 1) ? c * (kHueSector - f) : c * f) + kHueSector / 2;
-  int32_t r7, g7, b7;
-  FromSector(sector, c, x / kHueSector, r7, g7, b7);
-  const int32_t m = v - c;
-  r = std::min((r7 + m + 64) >> 7, 255);
-  g = std::min((g7 + m + 64) >> 7, 255);
-  b = std::min((b7 + m + 64) >> 7, 255);
-}
 
 void RgbToHsvF(float r, float g, float b, float& h, float& s, float& v) {
   const float mx = std::max(r, std::max(g, b));

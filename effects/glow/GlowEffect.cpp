@@ -214,7 +214,9 @@ int32_t GlowEffect::SoftenHighlight(bool to_bytes) {
   const Rect region{0, 0, m_scaled_img_w, m_scaled_img_h};
   GlowConvertParam conv{&m_scaled_hlr, &m_scaled_img_f};
   int32_t hr;
-  if ((hr = RunStage("convert BYTE to Float", GlowByteToFloat, &conv, region)) < 0) return hr;
+  const ThreadTask to_float =
+      PickKernel<ThreadTask>(m_system_info, GlowByteToFloat, KORVANE_SSE41(GlowByteToFloat_SSE4));
+  if ((hr = RunStage("convert BYTE to Float", to_float, &conv, region)) < 0) return hr;
 
   GlowLightParam light{&m_scaled_img_f, m_param.glow_intensity * 20.0f, (m_param.glow_contrast - 2.0f) * 0.5f};
   if ((hr = RunStage("adjust light", GlowAdjustLight, &light, region)) < 0) return hr;
@@ -235,7 +237,9 @@ int32_t GlowEffect::SoftenHighlight(bool to_bytes) {
     }
   }
   if (!to_bytes) return S_OK;
-  return RunStage("convert Float to BYTE", GlowFloatToByte, &conv, region);
+  const ThreadTask to_byte_task =
+      PickKernel<ThreadTask>(m_system_info, GlowFloatToByte, KORVANE_SSE41(GlowFloatToByte_SSE4));
+  return RunStage("convert Float to BYTE", to_byte_task, &conv, region);
 }
 
 int32_t GlowEffect::AdjustColor(bool floats) {

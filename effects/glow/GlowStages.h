@@ -43,17 +43,25 @@ struct GlowConvertParam {
 };
 int32_t GlowByteToFloat(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte(ThreadJob* job, int32_t* result);
+// SSE4.1 forms: the same values, four pixels at a time.
+int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result);
+int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result);
 
-// "adjust light": every float x becomes gain * curve(x) + 0.0625, the curve
-// being the three-stage sigmoid with the middle strength k in [-0.5, 0.5].
+// "adjust light": every float x becomes gain * curve(x) + 0.0625. The curve
+// is three sigmoid stages S(u, k) = (u - u k) / (k - 2 |u| k + 1): on x with
+// strength k_in, on 2x - 1 with the contrast strength k in [-0.5, 0.5], and
+// on the result with k_out. The outer strengths are 0 in the effect (no
+// change); they are where further curve controls attach.
 struct GlowLightParam {
   SmartBuffer* img = nullptr;  // FLOAT96
   float gain = 0.0f;
   float k = 0.0f;
+  float k_in = 0.0f;
+  float k_out = 0.0f;
 };
 int32_t GlowAdjustLight(ThreadJob* job, int32_t* result);
 // The tone curve itself, for one sample (the stage applies exactly this).
-float GlowToneCurve(float x, float gain, float k);
+float GlowToneCurve(float x, float gain, float k, float k_in = 0.0f, float k_out = 0.0f);
 
 // "adjust color": tint towards the colour of hue `hue` (0..1 of a turn) with
 // weight `strength`, scale the saturation by (1 + saturation), multiply by

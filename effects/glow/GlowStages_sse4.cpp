@@ -46,4 +46,105 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
   return S_OK;
 }
 
+namespace {
+
+// The checks the plain conversions make; true when the band may be vectorised.
+bool ConvertBand(const ThreadJob* job, Rect& r) {
+  const auto* p = static_cast<const GlowConvertParam*>(job->param);
+  if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data || p->bytes->pix_fmt != PIXEL_BGRA32 ||
+      p->floats->pix_fmt != PIXEL_FLOAT96) {
+    return false;
+  }
+  r.left = std::max(job->rect.left, 0);
+  r.top = std::max(job->rect.top, 0);
+  r.right = std::min(job->rect.right, std::min(p->bytes->width, p->floats->width));
+  r.bottom = std::min(job->rect.bottom, std::min(p->bytes->height, p->floats->height));
+  return true;
+}
+
+}  // namespace
+
+int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result) {
+  Rect r;
+  if (!ConvertBand(job, r)) return GlowByteToFloat(job, result);
+  const auto* p = static_cast<const GlowConvertParam*>(job->param);
+  const __m128 scale = _mm_set1_ps(0.003921569f);
+  const __m128 zero = _mm_setzero_ps();
+  // B, G, R of four pixels, alpha dropped, as three groups of four bytes.
+  const __m128i pick0 = _mm_setr_epi8(0, 1, 2, 4, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m128i pick1 = _mm_setr_epi8(5, 6, 8, 9, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  const __m128i pick2 = _mm_setr_epi8(10, 12, 13, 14, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    const unsigned char* s = p->bytes->data.get() + static_cast<ptrdiff_t>(y) * p->bytes->stride + r.left * 4;
+    float* d = reinterpret_cast<float*>(p->floats->data.get() + static_cast<ptrdiff_t>(y) * p->floats->stride) +
+               r.left * 3;
+    const int32_t n = r.right - r.left;
+    int32_t x = 0;
+    for (; x + 4 <= n; x += 4) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
+      const __m128 f0 = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_shuffle_epi8(v, pick0)));
+      const __m128 f1 = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_shuffle_epi8(v, pick1)));
+      const __m128 f2 = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_shuffle_epi8(v, pick2)));
+      _mm_storeu_ps(d + 3 * x, _mm_add_ps(_mm_mul_ps(f0, scale), zero));
+      _mm_storeu_ps(d + 3 * x + 4, _mm_add_ps(_mm_mul_ps(f1, scale), zero));
+      _mm_storeu_ps(d + 3 * x + 8, _mm_add_ps(_mm_mul_ps(f2, scale), zero));
+    }
+    for (; x < n; ++x) {
+      for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
+    }
+  }
+  *result = S_OK;
+  return S_OK;
+}
+
+namespace {
+
+// Four floats to four ints: x * 255 in double (exact), clamped to 0..255
+// (NaN to 0), truncated.
+inline __m128i ToBytes4(__m128 f) {
+  const __m128d k255 = _mm_set1_pd(255.0);
+  const __m128d zero = _mm_setzero_pd();
+  __m128d lo = _mm_mul_pd(_mm_cvtps_pd(f), k255);
+  __m128d hi = _mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(f, f)), k255);
+  lo = _mm_min_pd(_mm_max_pd(_mm_add_pd(lo, zero), zero), k255);
+  hi = _mm_min_pd(_mm_max_pd(_mm_add_pd(hi, zero), zero), k255);
+  return _mm_unpacklo_epi64(_mm_cvttpd_epi32(lo), _mm_cvttpd_epi32(hi));
+}
+
+}  // namespace
+
+int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result) {
+  Rect r;
+  if (!ConvertBand(job, r)) return GlowFloatToByte(job, result);
+  const auto* p = static_cast<const GlowConvertParam*>(job->param);
+  // Twelve bytes b0 g0 r0 b1 ... r3 spread to B, G, R of four pixels; the
+  // alpha lanes come from the pixels already there.
+  const __m128i spread = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+  const __m128i alpha = _mm_set1_epi32(static_cast<int32_t>(0xFF000000u));
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    const float* s = reinterpret_cast<const float*>(p->floats->data.get() +
+                                                    static_cast<ptrdiff_t>(y) * p->floats->stride) + r.left * 3;
+    unsigned char* d = p->bytes->data.get() + static_cast<ptrdiff_t>(y) * p->bytes->stride + r.left * 4;
+    const int32_t n = r.right - r.left;
+    int32_t x = 0;
+    for (; x + 4 <= n; x += 4) {
+      const __m128i i0 = ToBytes4(_mm_loadu_ps(s + 3 * x));
+      const __m128i i1 = ToBytes4(_mm_loadu_ps(s + 3 * x + 4));
+      const __m128i i2 = ToBytes4(_mm_loadu_ps(s + 3 * x + 8));
+      const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(i0, i1), _mm_packs_epi32(i2, i2));
+      __m128i* out = reinterpret_cast<__m128i*>(d + 4 * x);
+      const __m128i old = _mm_loadu_si128(out);
+      _mm_storeu_si128(out, _mm_blendv_epi8(_mm_shuffle_epi8(packed, spread), old, alpha));
+    }
+    for (; x < n; ++x) {
+      for (int32_t c = 0; c < 3; ++c) {
+        const double v = std::min(std::max(0.0, s[3 * x + c] * 255.0 + 0.0), 255.0);
+        d[4 * x + c] = static_cast<unsigned char>(static_cast<int32_t>(v));
+      }
+    }
+  }
+  *result = S_OK;
+  return S_OK;
+}
+
 }  // namespace Korvane

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <random>
@@ -464,6 +465,25 @@ TEST(GlowStages, ToneCurveKeepsItsEndsAndMiddleAndBendsWithTheContrast) {
       prev = v;
     }
   }
+  // The stage gives exactly the curve's values, with and without outer strengths.
+  std::mt19937 rng(4);
+  std::uniform_real_distribution<float> unit(-0.2f, 1.3f);
+  const int n = 333;
+  std::vector<float> xs(n * 3);
+  for (float& x : xs) x = unit(rng);
+  for (float k_in : {0.0f, 0.25f}) {
+    std::vector<float> img = xs;
+    SmartBuffer b = MakeSmartBufferView(reinterpret_cast<unsigned char*>(img.data()), n, 1, PIXEL_FLOAT96);
+    GlowLightParam p{&b, 7.5f, -0.35f, k_in, -0.1f * (k_in > 0)};
+    ThreadJob job;
+    job.param = &p;
+    job.rect = Rect{0, 0, n, 1};
+    int32_t result = 1;
+    GlowAdjustLight(&job, &result);
+    ASSERT_EQ(result, S_OK);
+    for (int i = 0; i < n * 3; ++i) ASSERT_EQ(img[i], GlowToneCurve(xs[i], 7.5f, -0.35f, p.k_in, p.k_out)) << i;
+  }
+  EXPECT_NE(GlowToneCurve(0.3f, 1.0f, 0.0f, 0.4f), GlowToneCurve(0.3f, 1.0f, 0.0f));
   // Neutral at k = 0, steeper around the middle below it, flatter above it.
   EXPECT_NEAR(GlowToneCurve(0.75f, 2.0f, 0.0f), 2.0f * 0.75f + 0.0625f, 1e-6f);
   EXPECT_GT(GlowToneCurve(0.6f, 1.0f, -0.5f), GlowToneCurve(0.6f, 1.0f, 0.0f) + 0.05f);
@@ -573,4 +593,46 @@ TEST(GlowStages, FloatAdjustColorFollowsTheByteStage) {
       // The byte stage truncates at three steps; the float one does not.
       ASSERT_NEAR(floats[j + c] * 255.0f, bytes[i + c], 3.5f) << i / 4 << " " << c;
     }
+}
+
+TEST(GlowStages, Sse41ConversionsMatchThePlainOnesBitForBit) {
+  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 forms not built";
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<float> wide(-0.5f, 1.5f);
+  for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 17, 31, 64, 67}) {
+    const int h = 3;
+    std::vector<float> floats(static_cast<size_t>(w) * h * 3);
+    for (size_t i = 0; i < floats.size(); ++i) {
+      // Values on and next to the byte boundaries, out of range, and NaN.
+      switch (i % 5) {
+        case 0: floats[i] = static_cast<float>(rng() % 256) * 0.003921569f; break;
+        case 1: floats[i] = std::nextafter(static_cast<float>(rng() % 256) / 255.0f, 0.0f); break;
+        case 2: floats[i] = wide(rng); break;
+        case 3: floats[i] = (rng() % 7 == 0) ? std::nanf("") : wide(rng) * 30.0f; break;
+        default: floats[i] = static_cast<float>(rng() % 256) / 255.0f; break;
+      }
+    }
+    const std::vector<uint8_t> bytes = Noise(static_cast<size_t>(w) * h * 4, rng());
+    std::vector<uint8_t> out_plain = bytes, out_sse = bytes;
+    std::vector<float> f_plain(floats.size(), -7.0f), f_sse(floats.size(), 9.0f);
+    std::vector<float> in_plain = floats, in_sse = floats;
+    std::vector<uint8_t> b_plain = bytes, b_sse = bytes;
+    SmartBuffer bp = MakeSmartBufferView(out_plain.data(), w, h), bs = MakeSmartBufferView(out_sse.data(), w, h);
+    SmartBuffer fp = MakeSmartBufferView(reinterpret_cast<unsigned char*>(in_plain.data()), w, h, PIXEL_FLOAT96);
+    SmartBuffer fs = MakeSmartBufferView(reinterpret_cast<unsigned char*>(in_sse.data()), w, h, PIXEL_FLOAT96);
+    GlowConvertParam cp{&bp, &fp}, cs{&bs, &fs};
+    const Rect all{0, 0, w, h};
+    ASSERT_EQ(RunTask(GlowFloatToByte, &cp, all), S_OK);
+    ASSERT_EQ(RunTask(KORVANE_SSE41(GlowFloatToByte_SSE4), &cs, all), S_OK);
+    ASSERT_EQ(out_plain, out_sse) << "float to byte, width " << w;
+    for (size_t i = 3; i < bytes.size(); i += 4) ASSERT_EQ(out_sse[i], bytes[i]);  // alpha kept
+
+    SmartBuffer bp2 = MakeSmartBufferView(b_plain.data(), w, h), bs2 = MakeSmartBufferView(b_sse.data(), w, h);
+    SmartBuffer fp2 = MakeSmartBufferView(reinterpret_cast<unsigned char*>(f_plain.data()), w, h, PIXEL_FLOAT96);
+    SmartBuffer fs2 = MakeSmartBufferView(reinterpret_cast<unsigned char*>(f_sse.data()), w, h, PIXEL_FLOAT96);
+    GlowConvertParam cp2{&bp2, &fp2}, cs2{&bs2, &fs2};
+    ASSERT_EQ(RunTask(GlowByteToFloat, &cp2, all), S_OK);
+    ASSERT_EQ(RunTask(KORVANE_SSE41(GlowByteToFloat_SSE4), &cs2, all), S_OK);
+    ASSERT_EQ(0, std::memcmp(f_plain.data(), f_sse.data(), f_plain.size() * sizeof(float))) << "width " << w;
+  }
 }

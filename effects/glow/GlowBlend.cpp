@@ -19,9 +19,8 @@ void GlowBlend8_SSE4(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t c
 
 namespace {
 
-constexpr int32_t kModeToSlot[kGlowBlendModeCount] = {0,  1,  2,  4,  5,  6,  8,  9,  11, 12,
-                                                      13, 14, 15, 16, 17, 18, 19, 21, 23, 25,
-                                                      26, 27, 28, 30, 32, 34, 35, 36, 37};
+constexpr int32_t kModeToSlot[kGlowBlendModeCount] = {0,  1,  2,  4,  5,  6,  8,  9,  11, 12, 13, 14, 15, 16, 17,
+                                                      18, 19, 21, 23, 25, 26, 27, 28, 30, 32, 34, 35, 36, 37};
 
 bool ImageHolds(const SmartBuffer* b, int32_t pix_fmt, const Rect& r, int32_t* code) {
   if (!b || !b->data) {
@@ -32,8 +31,8 @@ bool ImageHolds(const SmartBuffer* b, int32_t pix_fmt, const Rect& r, int32_t* c
     *code = E_NOTIMPL;
     return false;
   }
-  if (b->width < 0 || b->height < 0 || b->stride < b->width * BytesPerPixel(pix_fmt) ||
-      r.left < 0 || r.top < 0 || r.right > b->width || r.bottom > b->height) {
+  if (b->width < 0 || b->height < 0 || b->stride < b->width * BytesPerPixel(pix_fmt) || r.left < 0 || r.top < 0 ||
+      r.right > b->width || r.bottom > b->height) {
     *code = E_INVALIDARG;
     return false;
   }
@@ -178,9 +177,7 @@ int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBan
   return S_OK;
 }
 
-int32_t GlowBlendSlot(int32_t mode) {
-  return (mode >= 0 && mode < kGlowBlendModeCount) ? kModeToSlot[mode] : -1;
-}
+int32_t GlowBlendSlot(int32_t mode) { return (mode >= 0 && mode < kGlowBlendModeCount) ? kModeToSlot[mode] : -1; }
 
 void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask kernels[kGlowBlendSlotCount]) {
   for (int32_t m = 0; m < kGlowBlendModeCount; ++m) mode_to_slot[m] = kModeToSlot[m];
@@ -197,8 +194,8 @@ void GlowBlendFunction(int32_t slot, const uint8_t* s, const uint8_t* d, int32_t
   }
 }
 
-void GlowBlendPixel(int32_t slot, const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t opacity,
-                    bool alpha_mul, bool raw) {
+void GlowBlendPixel(int32_t slot, const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t opacity, bool alpha_mul,
+                    bool raw) {
   if (slot < 0 || slot >= kGlowBlendSlotCount) return;
   opacity = std::min(opacity, 255);
   if (!IsGlowFloatSlot(slot)) {

@@ -134,8 +134,12 @@ inline bool Ge(int32_t a, int32_t b) { return a >= b; }
 inline bool Eq(int32_t a, int32_t b) { return a == b; }
 inline bool Or(bool a, bool b) { return a || b; }
 inline int32_t Sel(bool c, int32_t a, int32_t b) { return c ? a : b; }
-// Truncating division of n >= 0 by q > 0.
+// Truncating division of n >= 0 by q > 0. Every numerator the formulas
+// divide stays below 2^24 in the lanes whose result is used, which keeps the
+// vector form (a single-precision quotient) exact.
 inline int32_t Div(int32_t n, int32_t q) { return n / q; }
+// n / 255 for 0 <= n <= 65534.
+inline int32_t Div255(int32_t n) { return n / 255; }
 // (int)(16 * sqrt(d)) in single precision, as the vector form computes it.
 inline int32_t Sqrt16(int32_t d) { return static_cast<int32_t>(16.0f * std::sqrt(static_cast<float>(d))); }
 
@@ -206,11 +210,11 @@ struct BlendMode;
 
 KORVANE_GLOW_SEPARABLE(0, s)
 KORVANE_GLOW_SEPARABLE(1, Min(s, d))
-KORVANE_GLOW_SEPARABLE(2, Div(s * d, 255))
+KORVANE_GLOW_SEPARABLE(2, Div255(s * d))
 KORVANE_GLOW_SEPARABLE(3, Max(s + d - 255, 0))
 KORVANE_GLOW_SEPARABLE(4, s + d - 255)
 KORVANE_GLOW_SEPARABLE(5, Max(s, d))
-KORVANE_GLOW_SEPARABLE(6, 255 - Div((255 - s) * (255 - d), 255))
+KORVANE_GLOW_SEPARABLE(6, 255 - Div255((255 - s) * (255 - d)))
 KORVANE_GLOW_SEPARABLE(7, 255 - Abs(255 - s - d))
 KORVANE_GLOW_SEPARABLE(8, Min(s + d, 255))
 KORVANE_GLOW_SEPARABLE(9, Sel(Lt(d, 128), Div(2 * s * d, 255), 255 - Div(2 * (255 - s) * (255 - d), 255)))
@@ -301,9 +305,9 @@ inline Composited<T> Composite(const T* s, T as, const T* d, T ad, const T* f, T
   Composited<T> r;
   const T a = (as * opacity) >> 8;
   r.write = Gt(a, 0);
-  const T wd = Div((255 - a) * ad, 255);
-  const T ws = Div((255 - ad) * a, 255);
-  const T wb = Div(ad * a, 255);
+  const T wd = Div255((255 - a) * ad);
+  const T ws = Div255((255 - ad) * a);
+  const T wb = Div255(ad * a);
   const T ao = (a + wd) & 255;
   const T aq = Max(ao, 1);
   for (int k = 0; k < 3; ++k) r.out[k] = Min(Div(Max(d[k] * wd + s[k] * ws + wb * f[k], 0), aq), 255);

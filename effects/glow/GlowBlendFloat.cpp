@@ -1,12 +1,11 @@
 // Float blend modes of the glow (hue and saturation): non-separable, computed
 // in floats on the 0..1536 hue scale, composited through the byte frame.
 #define KORVANE_GLOW_BLEND_FORMULAS 1
-#include "effects/glow/GlowBlend.h"
-
 #include <cmath>
 #include <cstddef>
 
 #include "core/ResultCode.h"
+#include "effects/glow/GlowBlend.h"
 
 namespace Korvane {
 namespace {

@@ -335,7 +335,9 @@ struct Runner {
     adapter.Init(&pool);
     FillGlowBlendTables(map, kernels);
   }
-  int32_t Run(int32_t slot, GlowBlendParam& p) { return adapter.RunTaskByMultiThread(kernels[slot], &p, nullptr, p.roi); }
+  int32_t Run(int32_t slot, GlowBlendParam& p) {
+    return adapter.RunTaskByMultiThread(kernels[slot], &p, nullptr, p.roi);
+  }
 };
 
 bool HaveSse41() { return KORVANE_HAVE_SSE41 != 0; }
@@ -381,6 +383,47 @@ TEST(GlowBlendRows, EightPixelPathMatchesPerPixelPath) {
       }
     }
   }
+}
+
+// All 256 x 256 (glow, photo) values in the blue channel, other channels
+// varied, alphas varied or all opaque (the common case, with its own fast
+// form), so every division and branch of the vector forms meets the values
+// the per-pixel forms see.
+TEST(GlowBlendRows, EightPixelPathMatchesOverAllValuePairs) {
+  if (!HaveSse41()) GTEST_SKIP() << "built without SSE4.1 kernels";
+  for (bool opaque : {false, true})
+    for (int32_t opacity : {255, 200, 1}) {
+      Image glow(256, 256), photo(256, 256);
+      for (int y = 0; y < 256; ++y) {
+        for (int x = 0; x < 256; ++x) {
+          uint8_t* s = &glow.px[(y * 256 + x) * 4];
+          uint8_t* d = &photo.px[(y * 256 + x) * 4];
+          s[0] = Px(y), s[1] = Px(255 - y), s[2] = Px(x * 5 + y), s[3] = Px(opaque ? 255 : 255 - (x & 7) * 9);
+          d[0] = Px(x), d[1] = Px(x * 3 + 1), d[2] = Px(255 - x), d[3] = Px(opaque ? 255 : 255 - (y & 3) * 60);
+        }
+      }
+      // 264 columns wide so all 256 real ones go through the eight-pixel loop.
+      Image glow_w(264, 256), photo_w(264, 256);
+      for (int y = 0; y < 256; ++y) {
+        std::memcpy(&glow_w.px[y * 264 * 4], &glow.px[y * 256 * 4], 256 * 4);
+        std::memcpy(&photo_w.px[y * 264 * 4], &photo.px[y * 256 * 4], 256 * 4);
+      }
+      SmartBuffer gv = glow_w.View(), pv = photo_w.View();
+      Runner r(2);
+      for (int32_t slot = 0; slot < kGlowBlendSlotCount; ++slot) {
+        if (IsGlowFloatSlot(slot)) continue;
+        Image plain(264, 256), sse(264, 256);
+        SmartBuffer ov = plain.View(), sv = sse.View();
+        std::fill(sse.px.begin(), sse.px.end(), 0x33);
+        std::fill(plain.px.begin(), plain.px.end(), 0x33);
+        GlowBlendParam p;
+        p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, 264, 256}, p.opacity = opacity;
+        ASSERT_EQ(r.Run(slot, p), S_OK);
+        p.dst = &sv, p.use_sse41 = true;
+        ASSERT_EQ(r.Run(slot, p), S_OK);
+        ASSERT_EQ(plain.px, sse.px) << "slot " << slot << " opaque " << opaque << " opacity " << opacity;
+      }
+    }
 }
 
 TEST(GlowBlendRows, SameOutputForOneTwoAndEightWorkers) {

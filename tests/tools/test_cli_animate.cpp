@@ -1,0 +1,150 @@
+#include <gif_lib.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "ImageIO.h"
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+// A small photo with texture, a still square and a flow file that moves the
+// left half to the right.
+struct AnimateFixture {
+  std::string dir, photo, still, flows;
+  Image img;
+
+  AnimateFixture() : dir(Scratch()) {
+    img = Image(64, 40, 4);
+    Image mask(64, 40, 1, 0);
+    for (int y = 0; y < 40; ++y)
+      for (int x = 0; x < 64; ++x) {
+        uint8_t* p = img.at(x, y);
+        p[0] = static_cast<uint8_t>(128 + 120 * std::sin(x * 0.5)), p[1] = static_cast<uint8_t>(y * 6),
+        p[2] = static_cast<uint8_t>(x * 4), p[3] = 255;
+        if (x >= 44 && x < 56 && y >= 10 && y < 22) *mask.at(x, y) = 255;
+      }
+    std::string err;
+    photo = dir + "/photo.png";
+    still = dir + "/still.png";
+    EXPECT_TRUE(SaveImage(photo, img, 100, err)) << err;
+    EXPECT_TRUE(SaveImage(still, mask, 100, err)) << err;
+    flows = Write("flows.json",
+                  R"({"flows": [
+                    {"type": "path", "points": [[2, 10], [12, 10], [22, 11], [32, 10]]},
+                    {"type": "stroke", "points": [[2, 30], [30, 31]]},
+                    {"type": "anchor", "points": [[40, 20]]}]})");
+  }
+  std::string Write(const std::string& name, const std::string& text) const {
+    std::ofstream(dir + "/" + name) << text;
+    return dir + "/" + name;
+  }
+  std::string Args(const std::string& flow_file, const std::string& out) const {
+    return "animate \"" + photo + "\" --flows \"" + flow_file + "\" --still \"" + still + "\" -o \"" + out + "\"";
+  }
+};
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+}  // namespace
+
+TEST(CliAnimate, WritesPngFramesWhoseFirstIsThePhotoAndStillPartNeverMoves) {
+  AnimateFixture fx;
+  const CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/frames") + " --frames 6");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("PNG sequence, 6 frames"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find("rendering ["), std::string::npos) << "progress bar without a terminal";
+  size_t changed = 0;
+  for (int f = 0; f < 6; ++f) {
+    char name[32];
+    std::snprintf(name, sizeof(name), "/frames/frame_%04d.png", f);
+    Image frame;
+    std::string err;
+    ASSERT_TRUE(LoadImage(fx.dir + name, frame, err)) << err;
+    for (int y = 0; y < 40; ++y)
+      for (int x = 0; x < 64; ++x) {
+        const bool same = std::memcmp(frame.at(x, y), fx.img.at(x, y), 4) == 0;
+        if (f == 0 || (x >= 44 && x < 56 && y >= 10 && y < 22)) {
+          ASSERT_TRUE(same) << "frame " << f << " at " << x << "," << y;
+        }
+        changed += !same;
+      }
+  }
+  EXPECT_GT(changed, 200u) << "the flows should move something";
+}
+
+TEST(CliAnimate, WritesLoopingGifAndAnimatedWebP) {
+  AnimateFixture fx;
+  CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.gif") + " --frames 5 --fps 20");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  int code = 0;
+  GifFileType* gif = DGifOpenFileName((fx.dir + "/loop.gif").c_str(), &code);
+  ASSERT_NE(gif, nullptr);
+  ASSERT_EQ(DGifSlurp(gif), GIF_OK);
+  EXPECT_EQ(gif->ImageCount, 5);
+  EXPECT_EQ(gif->SWidth, 64);
+  GraphicsControlBlock gcb;
+  ASSERT_EQ(DGifSavedExtensionToGCB(gif, 1, &gcb), GIF_OK);
+  EXPECT_EQ(gcb.DelayTime, 5);  // hundredths of a second at 20 fps
+  DGifCloseFile(gif, &code);
+  EXPECT_NE(ReadAll(fx.dir + "/loop.gif").find("NETSCAPE2.0"), std::string::npos) << "loops forever";
+
+  r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.webp") + " --frames 4");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  const std::string webp = ReadAll(fx.dir + "/loop.webp");
+  ASSERT_GT(webp.size(), 12u);
+  EXPECT_EQ(webp.substr(0, 4), "RIFF");
+  EXPECT_EQ(webp.substr(8, 4), "WEBP");
+  EXPECT_NE(webp.find("ANIM"), std::string::npos);
+  EXPECT_NE(webp.find("ANMF"), std::string::npos);
+}
+
+TEST(CliAnimate, MalformedFlowFilesNameTheProblem) {
+  AnimateFixture fx;
+  const struct {
+    const char* text;
+    const char* message;
+  } cases[] = {
+      {"{\"flows\": [", "not valid JSON"},
+      {"[1, 2]", "\"flows\" array"},
+      {"{\"flows\": [{\"type\": \"river\", \"points\": [[1, 2], [3, 4]]}]}", "flows[0].type is \"river\""},
+      {"{\"flows\": [{\"type\": \"path\"}]}", "flows[0] needs \"points\""},
+      {"{\"flows\": [{\"type\": \"anchor\", \"points\": [[1, 2]]}, {\"type\": \"path\", \"points\": [[1, 2], [3]]}]}",
+       "flows[1].points[1] must be [x, y]"},
+      {"{\"flows\": [{\"type\": \"path\", \"points\": [[1, 2]]}]}", "a path needs at least 2 points"},
+  };
+  for (const auto& c : cases) {
+    const std::string file = fx.Write("bad.json", c.text);
+    const CliResult r = RunCli(fx.Args(file, fx.dir + "/out.webp"));
+    EXPECT_NE(r.exit_code, 0) << c.text;
+    EXPECT_NE(r.output.find(c.message), std::string::npos) << c.text << "\n" << r.output;
+    EXPECT_FALSE(std::filesystem::exists(fx.dir + "/out.webp"));
+  }
+}
+
+TEST(CliAnimate, RefusesMismatchedMaskUnknownFormatAndOverwritingInput) {
+  AnimateFixture fx;
+  std::string err;
+  ASSERT_TRUE(SaveImage(fx.dir + "/small.png", Image(10, 10, 1), 100, err));
+  CliResult r = RunCli("animate \"" + fx.photo + "\" --flows \"" + fx.flows + "\" --still \"" + fx.dir +
+                       "/small.png\" -o \"" + fx.dir + "/a.webp\"");
+  EXPECT_NE(r.exit_code, 0);
+  EXPECT_NE(r.output.find("still mask is 10x10"), std::string::npos) << r.output;
+  r = RunCli(fx.Args(fx.flows, fx.dir + "/a.mp4"));
+  EXPECT_NE(r.exit_code, 0);
+  EXPECT_NE(r.output.find("cannot write .mp4"), std::string::npos) << r.output;
+  r = RunCli(fx.Args(fx.flows, fx.flows));
+  EXPECT_NE(r.exit_code, 0);
+  EXPECT_NE(ReadAll(fx.flows).find("stroke"), std::string::npos) << "the flow file was overwritten";
+}

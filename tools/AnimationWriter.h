@@ -1,0 +1,31 @@
+// Writing a sequence of frames as one animation file: animated WebP, a
+// looping GIF, or numbered PNG files in a folder.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "ImageIO.h"
+
+namespace KorvaneTool {
+
+class AnimationWriter {
+ public:
+  virtual ~AnimationWriter() = default;
+  // Adds the next frame (BGRA, the size given at opening).
+  virtual bool AddFrame(const Image& frame, std::string& error) = 0;
+  // Completes the file; nothing is usable before this returns true.
+  virtual bool Finish(std::string& error) = 0;
+  // What was written, for messages ("animated WebP", "GIF", "PNG sequence").
+  virtual std::string Kind() const = 0;
+};
+
+// Picks the format from `path`: ".webp" writes an animated WebP (lossy at
+// `quality`, or lossless at 100), ".gif" a looping GIF with a median-cut
+// palette taken from the first frame, anything else is a folder (created if
+// missing) of frame_0000.png, frame_0001.png, ... Both animations loop
+// forever at `fps` frames a second. Returns nullptr with a reason in `error`.
+std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
+                                                     int quality, std::string& error);
+
+}  // namespace KorvaneTool

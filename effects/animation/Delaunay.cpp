@@ -178,7 +178,7 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
   hull_prev[seed_tri_p0] = seed_tri_p2;
   hull_prev[seed_tri_p1] = seed_tri_p0;
   for (uint32_t v : {seed_tri_p0, seed_tri_p1, seed_tri_p2}) {
-    const float* p = Pt(points, v);
+    const float* p = Pt(m_geom, v);
     hull_hash[HashKey(p[0], p[1])] = v;
   }
   hull_tri[seed_tri_p0] = 0;
@@ -188,7 +188,7 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
 }
 
 int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* prev_p, uint32_t* next_p) {
-  const float* p = Pt(points, add_point);
+  const float* p = Pt(m_geom, add_point);
   const uint32_t key = HashKey(p[0], p[1]);
   uint32_t start = INVALID;
   for (uint32_t j = 0; j < hash_size; ++j) {
@@ -206,7 +206,7 @@ int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* 
   // The ring never holds more than point_count vertices; the bound only
   // guards against a damaged ring turning into an endless walk.
   uint32_t steps = 0;
-  while (!(Orient(p, Pt(points, e), Pt(points, q)) < -kOrientTolerance)) {
+  while (!(Orient(p, Pt(m_geom, e), Pt(m_geom, q)) < -kOrientTolerance)) {
     e = q;
     if (e == start || ++steps > point_count) {
       e = INVALID;
@@ -264,7 +264,7 @@ uint32_t Delaunay::Legalize(uint32_t a) {
     const uint32_t pl = triangles[al];
     const uint32_t p1 = triangles[bl];
 
-    if (!InCircle(Pt(points, p0), Pt(points, pr), Pt(points, pl), Pt(points, p1))) {
+    if (!InCircle(Pt(m_geom, p0), Pt(m_geom, pr), Pt(m_geom, pl), Pt(m_geom, p1))) {
       if (i == 0) break;
       a = edge_stack[--i];
       continue;
@@ -273,7 +273,9 @@ uint32_t Delaunay::Legalize(uint32_t a) {
     triangles[a] = p1;
     triangles[b] = p0;
     const uint32_t hbl = halfedges[bl];
-    if (hbl == INVALID) {
+    if (hbl == INVALID && hull_tri[p1] == bl) {
+      hull_tri[p1] = a;  // the hull edge bl starts at p1, so p1 holds its record
+    } else if (hbl == INVALID) {
       // The flipped edge was on the hull: move the hull vertex's record from
       // bl to a. Walking the previous-links reaches every hull vertex even
       // while the current insertion has cut some out of the forward ring.
@@ -334,6 +336,7 @@ int32_t Delaunay::Triangulate(const float* pts, uint32_t count) {
     hr = E_OUTOFMEMORY;
   }
   points = nullptr;
+  m_geom = nullptr;
   point_count = 0;
   return hr;
 }
@@ -396,14 +399,32 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   if (!std::isfinite(seed_center[0]) || !std::isfinite(seed_center[1])) return E_INVALIDARG;
 
   if (KORVANE_FAILED(SortPointsByDist())) return hr;
-  const uint32_t seed_tri_p0 = i0, seed_tri_p1 = i1, seed_tri_p2 = i2;
+
+  // From here on a point is named by its rank in the insertion order, and its
+  // coordinates are copied in that order: the hull front and the triangles
+  // next to it then involve recent ranks only, which keeps the working set in
+  // cache. Triangles are renamed to the caller's indices at the end.
+  m_coords.resize(2 * static_cast<size_t>(n));
+  uint32_t seed_tri_p0 = INVALID, seed_tri_p1 = INVALID, seed_tri_p2 = INVALID;
+  for (uint32_t k = 0; k < n; ++k) {
+    const uint32_t id = sorted_ids[k];
+    m_coords[2 * static_cast<size_t>(k)] = points[2 * static_cast<size_t>(id)];
+    m_coords[2 * static_cast<size_t>(k) + 1] = points[2 * static_cast<size_t>(id) + 1];
+    if (id == i0) seed_tri_p0 = k;
+    if (id == i1) seed_tri_p1 = k;
+    if (id == i2) seed_tri_p2 = k;
+  }
+  m_geom = m_coords.data();
   if (KORVANE_FAILED(InitHull(seed_tri_p0, seed_tri_p1, seed_tri_p2))) return hr;
+  i0 = seed_tri_p0;
+  i1 = seed_tri_p1;
+  i2 = seed_tri_p2;
   AddTriangle(i0, i1, i2, INVALID, INVALID, INVALID);
 
   double prev_x = FLT_MAX, prev_y = FLT_MAX;
   for (uint32_t k = 0; k < n; ++k) {
-    const uint32_t i = sorted_ids[k];
-    const float* p = Pt(points, i);
+    const uint32_t i = k;
+    const float* p = Pt(m_geom, i);
 
     // Near-duplicates of the previous accepted point are dropped. Seed points
     // never become the previous point.
@@ -428,7 +449,7 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     uint32_t n_v = next_p;
     for (;;) {
       const uint32_t r = hull_next[n_v];
-      if (r == e || !(Orient(p, Pt(points, n_v), Pt(points, r)) < -kOrientTolerance)) break;
+      if (r == e || !(Orient(p, Pt(m_geom, n_v), Pt(m_geom, r)) < -kOrientTolerance)) break;
       t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
       hull_tri[i] = Legalize(t + 2);
       hull_next[n_v] = n_v;  // removed from the hull
@@ -442,7 +463,7 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     if (e == start_p) {
       for (;;) {
         const uint32_t r = hull_prev[e];
-        if (r == n_v || !(Orient(p, Pt(points, r), Pt(points, e)) < -kOrientTolerance)) break;
+        if (r == n_v || !(Orient(p, Pt(m_geom, r), Pt(m_geom, e)) < -kOrientTolerance)) break;
         t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
         Legalize(t + 2);
         hull_tri[r] = t;
@@ -457,9 +478,11 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     hull_prev[n_v] = i;
     hull_next[i] = n_v;
     hull_hash[HashKey(p[0], p[1])] = i;
-    const float* pe = Pt(points, e);
+    const float* pe = Pt(m_geom, e);
     hull_hash[HashKey(pe[0], pe[1])] = e;
   }
+
+  for (uint32_t t = 0; t < triangle_index_count; ++t) triangles[t] = sorted_ids[triangles[t]];
   return S_OK;
 }
 
@@ -486,7 +509,9 @@ int32_t Delaunay::Reset() {
   edge_stack.clear();
   m_sort_keys.clear();
   m_sort_tmp.clear();
+  m_coords.clear();
   points = nullptr;
+  m_geom = nullptr;
   point_count = 0;
   triangle_index_count = 0;
   hash_size = 0;

@@ -44,6 +44,9 @@ class Delaunay final : public DelaunayTriangle {
     if (b != INVALID) halfedges[b] = a;
   }
 
+  // While a run is in progress the hull vectors, the hash and the triangles
+  // name points by insertion rank; triangles are renamed to the caller's
+  // indices when the run ends.
   std::vector<uint32_t> hull_next;   // next hull vertex; a removed vertex points to itself
   std::vector<uint32_t> hull_prev;   // previous hull vertex
   std::vector<uint32_t> hull_tri;    // half-edge of the hull triangle starting at each hull vertex
@@ -62,6 +65,10 @@ class Delaunay final : public DelaunayTriangle {
   // Sort scratch: (distance key, point index) pairs and the radix passes' copy.
   std::vector<uint64_t> m_sort_keys;
   std::vector<uint64_t> m_sort_tmp;
+  // Coordinates in insertion order; during the insertion phase every vertex
+  // index (in the hull ring, the hash and the triangles) is a position in it.
+  std::vector<float> m_coords;
+  const float* m_geom = nullptr;
 };
 
 }  // namespace Korvane

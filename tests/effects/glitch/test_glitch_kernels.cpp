@@ -62,3 +62,26 @@ TEST(GlitchKernels, BandsWriteOnlyTheirOwnRows) {
 }
 
 }  // namespace
+
+// Images past the caches take non-temporal stores from the first 16-byte
+// boundary of each row: the same bytes from any starting alignment.
+TEST(GlitchKernels, LargeImagesGiveTheSameBytesAtAnyAlignment) {
+  const int32_t w = 2051, h = 2048;
+  const size_t n = size_t(w) * h;
+  const auto bgra = RandomBytes(n * 4, 11), planes = RandomBytes(n * 3, 12);
+  const GlitchSource src{bgra.data(), w, h, w * 4};
+  for (int32_t sx : {3, -5}) {
+    std::vector<uint8_t> plain(n, 0x11), simd(n, 0xEE);
+    ShiftChannel(src, 2, sx, 7, plain.data(), 0, h);
+    ShiftChannel_SSE(src, 2, sx, 7, simd.data(), 0, h);
+    EXPECT_EQ(plain, simd) << sx;
+  }
+  std::vector<uint8_t> want(n * 4 + 8, 0x11);
+  MergePlanes(src, &planes[0], &planes[n], &planes[2 * n], want.data(), w * 4, 0, h);
+  for (size_t shift : {4, 1}) {  // 4-byte aligned streams; 1 falls back to ordinary stores
+    std::vector<uint8_t> got(n * 4 + 8, 0x11);
+    MergePlanes_SSE(src, &planes[0], &planes[n], &planes[2 * n], got.data() + shift, w * 4, 0, h);
+    EXPECT_TRUE(std::equal(want.begin(), want.begin() + n * 4, got.begin() + shift)) << shift;
+    EXPECT_EQ(got[n * 4 + shift], 0x11);
+  }
+}

@@ -1,6 +1,6 @@
 // Pixel kernels of the photo animator: rasterising a mesh triangle into row
-// spans, filling spans with bilinear samples of an affine-warped source, and
-// cross-fading two frames. The SSE4.1 forms give bit-identical results.
+// spans, and filling spans with bilinear samples of an affine-warped source,
+// alone or cross-faded with a second warp of it. The SSE4.1 forms give bit-identical results.
 #pragma once
 
 #include <cmath>
@@ -36,12 +36,17 @@ void WarpSpan(const WarpSource& src, const float m[6], int32_t y, int32_t x_begi
 void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
                    int32_t x_end, unsigned char* dst_row);
 
-// next = (next·(256 − alpha) + pre·alpha) >> 8 for B, G, R, alpha byte 255,
-// over `count` pixels; alpha is 0..256.
-using BlendRowFn = void (*)(unsigned char* next, const unsigned char* pre, int32_t count,
-                            int32_t alpha);
-void BlendRow(unsigned char* next, const unsigned char* pre, int32_t count, int32_t alpha);
-void BlendRow_SSE4(unsigned char* next, const unsigned char* pre, int32_t count, int32_t alpha);
+// The past and future samples of each pixel, cross-faded:
+// (future·(256 − alpha) + past·alpha) >> 8 for B, G, R, alpha byte 255.
+// Both samples are taken as by WarpSpan, with the matrices m_past and
+// m_future; alpha is 0..256.
+using WarpBlendSpanFn = void (*)(const WarpSource& src, const float m_past[6], const float m_future[6],
+                                 int32_t alpha, int32_t y, int32_t x_begin, int32_t x_end,
+                                 unsigned char* dst_row);
+void WarpBlendSpan(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+                   int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row);
+void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row);
 
 namespace animation_detail {
 
@@ -82,10 +87,24 @@ static inline void WarpPixel(const WarpSource& src, float sx, float sy, unsigned
   out[3] = 255;
 }
 
+// next = (next·(256 − alpha) + pre·alpha) >> 8 for B, G, R; alpha byte 255.
 static inline void BlendPixel(unsigned char* next, const unsigned char* pre, int32_t alpha) {
   const int32_t keep = 256 - alpha;
   for (int c = 0; c < 3; ++c) next[c] = static_cast<unsigned char>((next[c] * keep + pre[c] * alpha) >> 8);
   next[3] = 255;
+}
+
+// Whether every source position of row y, columns x_begin .. x_end - 1,
+// lies strictly inside the image (away from the last row and column), where
+// mirroring and clamping change nothing. The positions are monotonic along
+// the row (the float products and sums round monotonically), so the two ends
+// bound them all.
+static inline bool SpanInside(const WarpSource& src, const float m[6], float cx, float cy, int32_t x_begin,
+                              int32_t x_end) {
+  const float x0 = static_cast<float>(x_begin), x1 = static_cast<float>(x_end - 1);
+  const float sx0 = m[0] * x0 + cx, sx1 = m[0] * x1 + cx, sy0 = m[3] * x0 + cy, sy1 = m[3] * x1 + cy;
+  const float lx = static_cast<float>(src.width - 1), ly = static_cast<float>(src.height - 1);
+  return sx0 > 0.0f && sx1 > 0.0f && sx0 < lx && sx1 < lx && sy0 > 0.0f && sy1 > 0.0f && sy0 < ly && sy1 < ly;
 }
 
 // A span edge clamped into -1 .. limit before truncation, so far-away

@@ -14,42 +14,37 @@ inline __m128i LoadPairs(const unsigned char* p0, const unsigned char* p1) {
   return _mm_castpd_si128(_mm_loadh_pd(_mm_castsi128_pd(lo), reinterpret_cast<const double*>(p1)));
 }
 
-}  // namespace
+// Bilinear samples of four consecutive pixels of one row through one affine
+// map. Needs a source at least 2 pixels wide whose byte offsets fit in 32 bits.
+class Sampler4 {
+ public:
+  Sampler4(const WarpSource& src, const float m[6], float cx, float cy)
+      : m_m0(_mm_set1_ps(m[0])), m_m3(_mm_set1_ps(m[3])), m_cx(_mm_set1_ps(cx)), m_cy(_mm_set1_ps(cy)),
+        m_lim_x(_mm_set1_ps(static_cast<float>(src.width - 1))),
+        m_lim_y(_mm_set1_ps(static_cast<float>(src.height - 1))),
+        m_twice_x(_mm_set1_ps(static_cast<float>(src.width - 1) + static_cast<float>(src.width - 1))),
+        m_twice_y(_mm_set1_ps(static_cast<float>(src.height - 1) + static_cast<float>(src.height - 1))),
+        m_last_x(_mm_set1_epi32(src.width - 1)), m_before_last_x(_mm_set1_epi32(src.width - 2)),
+        m_last_y(_mm_set1_epi32(src.height - 1)), m_stride(_mm_set1_epi32(static_cast<int32_t>(src.stride))),
+        m_data(src.data) {}
 
-namespace {
+  // The four pixels at columns xs (B, G, R; the alpha byte is left undefined).
+  // kInside: every position lies strictly inside the image, so mirroring,
+  // clamping and the last-column fix-up would change nothing and are skipped.
+  template <bool kInside>
+  __m128i Sample(__m128 xs) const {
+    const __m128 abs_mask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    const __m128 c256 = _mm_set1_ps(256.0f), half = _mm_set1_ps(0.5f);
+    const __m128i i256 = _mm_set1_epi32(256), izero = _mm_setzero_si128();
+    // Interleaves the channels of a pixel pair: B a, B b, G a, G b, ...
+    const __m128i interleave = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
 
-// Four pixels at a time from x while x + 4 <= x_end; returns where it stopped.
-// kInside: every source position of the span lies inside the image, away
-// from the last row and column, so mirroring, clamping and the edge fix-up
-// would change nothing and are skipped.
-template <bool kInside>
-int32_t WarpSpan4(const WarpSource& src, const float m[6], float cx, float cy, int32_t x, int32_t x_end,
-                  unsigned char* dst_row) {
-  const float fw = static_cast<float>(src.width - 1), fh = static_cast<float>(src.height - 1);
-  const __m128 m0 = _mm_set1_ps(m[0]), m3 = _mm_set1_ps(m[3]);
-  const __m128 vcx = _mm_set1_ps(cx), vcy = _mm_set1_ps(cy);
-  const __m128 lim_x = _mm_set1_ps(fw), lim_y = _mm_set1_ps(fh);
-  const __m128 twice_x = _mm_set1_ps(fw + fw), twice_y = _mm_set1_ps(fh + fh);
-  const __m128 abs_mask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
-  const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
-  const __m128 c256 = _mm_set1_ps(256.0f), half = _mm_set1_ps(0.5f);
-  const __m128i i256 = _mm_set1_epi32(256), izero = _mm_setzero_si128();
-  const __m128i last_x = _mm_set1_epi32(src.width - 1), before_last_x = _mm_set1_epi32(src.width - 2);
-  const __m128i last_y = _mm_set1_epi32(src.height - 1);
-  const __m128i stride = _mm_set1_epi32(static_cast<int32_t>(src.stride));
-  const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
-  // Interleaves the channels of a pixel pair: B a, B b, G a, G b, ...
-  const __m128i interleave = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
-  const __m128 step = _mm_set1_ps(4.0f);
-  const unsigned char* d = src.data;
-  __m128 xs = _mm_setr_ps(static_cast<float>(x), static_cast<float>(x + 1), static_cast<float>(x + 2),
-                          static_cast<float>(x + 3));
-  for (; x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, step)) {
-    __m128 sx = _mm_add_ps(_mm_mul_ps(m0, xs), vcx);
-    __m128 sy = _mm_add_ps(_mm_mul_ps(m3, xs), vcy);
+    __m128 sx = _mm_add_ps(_mm_mul_ps(m_m0, xs), m_cx);
+    __m128 sy = _mm_add_ps(_mm_mul_ps(m_m3, xs), m_cy);
     if (!kInside) {
-      sx = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_x, sx), _mm_and_ps(sx, abs_mask)), zero), lim_x);
-      sy = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(twice_y, sy), _mm_and_ps(sy, abs_mask)), zero), lim_y);
+      sx = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(m_twice_x, sx), _mm_and_ps(sx, abs_mask)), zero), m_lim_x);
+      sy = _mm_min_ps(_mm_max_ps(_mm_min_ps(_mm_sub_ps(m_twice_y, sy), _mm_and_ps(sy, abs_mask)), zero), m_lim_y);
     }
     const __m128i ix = _mm_cvttps_epi32(sx), iy = _mm_cvttps_epi32(sy);
     const __m128 fx = _mm_sub_ps(sx, _mm_cvtepi32_ps(ix)), fy = _mm_sub_ps(sy, _mm_cvtepi32_ps(iy));
@@ -62,23 +57,23 @@ int32_t WarpSpan4(const WarpSource& src, const float m[6], float cx, float cy, i
     const __m128i w_top = _mm_or_si128(w00, _mm_slli_epi32(w10, 16));
     const __m128i w_bottom = _mm_or_si128(w01, _mm_slli_epi32(w11, 16));
 
-    __m128i top, bottom;
-    __m128i at_edge = izero;
+    __m128i top, bottom, at_edge = izero;
     if (kInside) {
-      top = _mm_add_epi32(_mm_mullo_epi32(iy, stride), _mm_slli_epi32(ix, 2));
-      bottom = _mm_add_epi32(top, stride);
+      top = _mm_add_epi32(_mm_mullo_epi32(iy, m_stride), _mm_slli_epi32(ix, 2));
+      bottom = _mm_add_epi32(top, m_stride);
     } else {
       // Pairs start one pixel early in the last column, whose right
       // neighbour is itself: the pair is then fixed up to (last, last).
-      at_edge = _mm_cmpeq_epi32(ix, last_x);
-      const __m128i start_x = _mm_min_epi32(ix, before_last_x);
-      const __m128i down = _mm_and_si128(_mm_cmplt_epi32(iy, last_y), stride);
-      top = _mm_add_epi32(_mm_mullo_epi32(iy, stride), _mm_slli_epi32(start_x, 2));
+      at_edge = _mm_cmpeq_epi32(ix, m_last_x);
+      const __m128i start_x = _mm_min_epi32(ix, m_before_last_x);
+      const __m128i down = _mm_and_si128(_mm_cmplt_epi32(iy, m_last_y), m_stride);
+      top = _mm_add_epi32(_mm_mullo_epi32(iy, m_stride), _mm_slli_epi32(start_x, 2));
       bottom = _mm_add_epi32(top, down);
     }
     alignas(16) uint32_t ot[4], ob[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(ot), top);
     _mm_store_si128(reinterpret_cast<__m128i*>(ob), bottom);
+    const unsigned char* d = m_data;
     __m128i t01 = LoadPairs(d + ot[0], d + ot[1]), t23 = LoadPairs(d + ot[2], d + ot[3]);
     __m128i b01 = LoadPairs(d + ob[0], d + ob[1]), b23 = LoadPairs(d + ob[2], d + ob[3]);
     if (!kInside) {
@@ -103,8 +98,50 @@ int32_t WarpSpan4(const WarpSource& src, const float m[6], float cx, float cy, i
                                      _mm_madd_epi16(_mm_unpackhi_epi8(b23, izero), _mm_shuffle_epi32(w_bottom, 0xFF)));
     const __m128i s01 = _mm_packs_epi32(_mm_srli_epi32(s0, 8), _mm_srli_epi32(s1, 8));
     const __m128i s23 = _mm_packs_epi32(_mm_srli_epi32(s2, 8), _mm_srli_epi32(s3, 8));
+    return _mm_packus_epi16(s01, s23);
+  }
+
+ private:
+  __m128 m_m0, m_m3, m_cx, m_cy, m_lim_x, m_lim_y, m_twice_x, m_twice_y;
+  __m128i m_last_x, m_before_last_x, m_last_y, m_stride;
+  const unsigned char* m_data;
+};
+
+inline __m128 Columns(int32_t x) {
+  return _mm_setr_ps(static_cast<float>(x), static_cast<float>(x + 1), static_cast<float>(x + 2),
+                     static_cast<float>(x + 3));
+}
+
+bool VectorFits(const WarpSource& src) {
+  return src.width >= 2 && static_cast<uint64_t>(src.height) * src.stride < 0x7FFFFFFFu;
+}
+
+template <bool kInside>
+int32_t WarpSpan4(const Sampler4& s, int32_t x, int32_t x_end, unsigned char* dst_row) {
+  const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
+  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4),
-                     _mm_or_si128(_mm_packus_epi16(s01, s23), opaque));
+                     _mm_or_si128(s.Sample<kInside>(xs), opaque));
+  }
+  return x;
+}
+
+template <bool kPastInside, bool kFutureInside>
+int32_t WarpBlendSpan4(const Sampler4& past, const Sampler4& future, int32_t alpha, int32_t x, int32_t x_end,
+                       unsigned char* dst_row) {
+  const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
+  const __m128i wn = _mm_set1_epi16(static_cast<int16_t>(256 - alpha));
+  const __m128i wp = _mm_set1_epi16(static_cast<int16_t>(alpha));
+  const __m128i zero = _mm_setzero_si128();
+  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
+    const __m128i p = past.Sample<kPastInside>(xs);
+    const __m128i n = future.Sample<kFutureInside>(xs);
+    const __m128i lo = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_cvtepu8_epi16(n), wn),
+                                                    _mm_mullo_epi16(_mm_cvtepu8_epi16(p), wp)), 8);
+    const __m128i hi = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(n, zero), wn),
+                                                    _mm_mullo_epi16(_mm_unpackhi_epi8(p, zero), wp)), 8);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4),
+                     _mm_or_si128(_mm_packus_epi16(lo, hi), opaque));
   }
   return x;
 }
@@ -116,17 +153,10 @@ void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x
   const float fy = static_cast<float>(y);
   const float cx = m[1] * fy + m[2], cy = m[4] * fy + m[5];
   int32_t x = x_begin;
-  // The vector path reads pixel pairs and computes byte offsets in 32 bits.
-  if (x_end - x_begin >= 4 && src.width >= 2 && static_cast<uint64_t>(src.height) * src.stride < 0x7FFFFFFFu) {
-    // Source positions are monotonic along the span (the float products and
-    // sums round monotonically), so its two ends bound them all.
-    const float x0 = static_cast<float>(x_begin), x1 = static_cast<float>(x_end - 1);
-    const float sx0 = m[0] * x0 + cx, sx1 = m[0] * x1 + cx, sy0 = m[3] * x0 + cy, sy1 = m[3] * x1 + cy;
-    const float lx = static_cast<float>(src.width - 1), ly = static_cast<float>(src.height - 1);
-    const bool inside = sx0 > 0.0f && sx1 > 0.0f && sx0 < lx && sx1 < lx && sy0 > 0.0f && sy1 > 0.0f &&
-                        sy0 < ly && sy1 < ly;
-    x = inside ? WarpSpan4<true>(src, m, cx, cy, x, x_end, dst_row)
-               : WarpSpan4<false>(src, m, cx, cy, x, x_end, dst_row);
+  if (x_end - x_begin >= 4 && VectorFits(src)) {
+    const Sampler4 s(src, m, cx, cy);
+    x = animation_detail::SpanInside(src, m, cx, cy, x_begin, x_end) ? WarpSpan4<true>(s, x, x_end, dst_row)
+                                                                      : WarpSpan4<false>(s, x, x_end, dst_row);
   }
   for (; x < x_end; ++x) {
     const float fx = static_cast<float>(x);
@@ -134,22 +164,34 @@ void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x
   }
 }
 
-void BlendRow_SSE4(unsigned char* next, const unsigned char* pre, int32_t count, int32_t alpha) {
-  const __m128i wn = _mm_set1_epi16(static_cast<int16_t>(256 - alpha));
-  const __m128i wp = _mm_set1_epi16(static_cast<int16_t>(alpha));
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
-  int32_t i = 0;
-  for (; i + 4 <= count; i += 4) {
-    const __m128i n = _mm_loadu_si128(reinterpret_cast<const __m128i*>(next + 4 * i));
-    const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pre + 4 * i));
-    const __m128i lo = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(n, zero), wn),
-                                                    _mm_mullo_epi16(_mm_unpacklo_epi8(p, zero), wp)), 8);
-    const __m128i hi = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(n, zero), wn),
-                                                    _mm_mullo_epi16(_mm_unpackhi_epi8(p, zero), wp)), 8);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(next + 4 * i), _mm_or_si128(_mm_packus_epi16(lo, hi), opaque));
+void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row) {
+  const float fy = static_cast<float>(y);
+  const float px = m_past[1] * fy + m_past[2], py = m_past[4] * fy + m_past[5];
+  const float nx = m_future[1] * fy + m_future[2], ny = m_future[4] * fy + m_future[5];
+  int32_t x = x_begin;
+  if (x_end - x_begin >= 4 && VectorFits(src)) {
+    const Sampler4 past(src, m_past, px, py), future(src, m_future, nx, ny);
+    const bool past_in = animation_detail::SpanInside(src, m_past, px, py, x_begin, x_end);
+    const bool future_in = animation_detail::SpanInside(src, m_future, nx, ny, x_begin, x_end);
+    if (past_in && future_in) {
+      x = WarpBlendSpan4<true, true>(past, future, alpha, x, x_end, dst_row);
+    } else if (past_in) {
+      x = WarpBlendSpan4<true, false>(past, future, alpha, x, x_end, dst_row);
+    } else if (future_in) {
+      x = WarpBlendSpan4<false, true>(past, future, alpha, x, x_end, dst_row);
+    } else {
+      x = WarpBlendSpan4<false, false>(past, future, alpha, x, x_end, dst_row);
+    }
   }
-  for (; i < count; ++i) animation_detail::BlendPixel(next + 4 * i, pre + 4 * i, alpha);
+  for (; x < x_end; ++x) {
+    const float fx = static_cast<float>(x);
+    unsigned char past[4];
+    unsigned char* out = dst_row + static_cast<size_t>(x) * 4;
+    animation_detail::WarpPixel(src, m_past[0] * fx + px, m_past[3] * fx + py, past);
+    animation_detail::WarpPixel(src, m_future[0] * fx + nx, m_future[3] * fx + ny, out);
+    animation_detail::BlendPixel(out, past, alpha);
+  }
 }
 
 }  // namespace Korvane

@@ -110,12 +110,10 @@ int32_t PhotoAnimator::Init(const AnimationParam* p_param) {
 int32_t PhotoAnimator::PrepareBuffer(int32_t w, int32_t h) {
   int32_t hr;
   m_background = SmartBuffer();
-  m_pre_img = SmartBuffer();
   m_next_img = SmartBuffer();
   m_image_width = 0;
   m_image_height = 0;
   if (KORVANE_FAILED(CreateSmartBufferData(m_background, w, h, PIXEL_BGRA32))) return hr;
-  if (KORVANE_FAILED(CreateSmartBufferData(m_pre_img, w, h, PIXEL_BGRA32))) return hr;
   if (KORVANE_FAILED(CreateSmartBufferData(m_next_img, w, h, PIXEL_BGRA32))) return hr;
   m_image_width = static_cast<uint32_t>(w);
   m_image_height = static_cast<uint32_t>(h);
@@ -189,7 +187,6 @@ int32_t PhotoAnimator::Uninit() {
   m_spans.clear();
   m_span_begin.clear();
   m_background = SmartBuffer();
-  m_pre_img = SmartBuffer();
   m_next_img = SmartBuffer();
   m_image_width = 0;
   m_image_height = 0;
@@ -427,19 +424,34 @@ int32_t PhotoAnimator::WarpMovingTask(ThreadJob* job, int32_t* result) {
   int32_t hr = S_OK;
   for (uint32_t k; (k = self.NextTriangle()) != kNoTriangle;) {
     const int32_t* t = &self.moving_triangles[3 * static_cast<size_t>(k)];
-    float dst_tri[6], src_tri[6], transform_mat[6];
+    float dst_tri[6], past_tri[6], future_tri[6], transform_mat[6], past_mat[6];
     for (int i = 0; i < 3; ++i) {
       dst_tri[2 * i] = self.mesh_points[t[i]].x;
       dst_tri[2 * i + 1] = self.mesh_points[t[i]].y;
-      src_tri[2 * i] = wp.points[t[i]].x;
-      src_tri[2 * i + 1] = wp.points[t[i]].y;
+      past_tri[2 * i] = wp.past[t[i]].x;
+      past_tri[2 * i + 1] = wp.past[t[i]].y;
+      future_tri[2 * i] = wp.future[t[i]].x;
+      future_tri[2 * i + 1] = wp.future[t[i]].y;
     }
+    const float* src_tri = past_tri;
     if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) break;
+    std::memcpy(past_mat, transform_mat, sizeof(past_mat));
+    src_tri = future_tri;
+    if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) break;
+    // With no weight on the past image, or both images warped alike, the
+    // cross-fade gives the future sample exactly: one warp is enough.
+    const bool single = wp.alpha == 0 || std::memcmp(past_mat, transform_mat, sizeof(past_mat)) == 0;
     for (uint32_t s = self.m_span_begin[k]; s < self.m_span_begin[k + 1]; ++s) {
       const Span& span = self.m_spans[s];
       if (span.y < roi.top || span.y >= roi.bottom) continue;
       const int32_t x0 = std::max(span.x_begin, roi.left), x1 = std::min(span.x_end, roi.right);
-      if (x0 < x1) wp.warp(src, transform_mat, span.y, x0, x1, dst + static_cast<size_t>(span.y) * dst_stride);
+      if (x0 >= x1) continue;
+      unsigned char* row = dst + static_cast<size_t>(span.y) * dst_stride;
+      if (single) {
+        wp.warp(src, transform_mat, span.y, x0, x1, row);
+      } else {
+        wp.warp_blend(src, past_mat, transform_mat, wp.alpha, span.y, x0, x1, row);
+      }
     }
   }
   *result = hr;
@@ -460,10 +472,15 @@ int32_t PhotoAnimator::WarpStaticTask(ThreadJob* job, int32_t* result) {
       const Span& span = self.m_spans[s];
       if (span.y < roi.top || span.y >= roi.bottom) continue;
       const int32_t x0 = std::max(span.x_begin, roi.left), x1 = std::min(span.x_end, roi.right);
-      if (x0 < x1) {
-        std::memcpy(dst + static_cast<size_t>(span.y) * dst_stride + static_cast<size_t>(x0) * 4,
-                    src + static_cast<size_t>(span.y) * src_stride + static_cast<size_t>(x0) * 4,
-                    static_cast<size_t>(x1 - x0) * 4);
+      // Past and future are both the unmoved pixel here, so their
+      // cross-fade is that pixel, made opaque like every blended one.
+      const unsigned char* in = src + static_cast<size_t>(span.y) * src_stride;
+      unsigned char* out = dst + static_cast<size_t>(span.y) * dst_stride;
+      for (int32_t x = x0; x < x1; ++x) {
+        uint32_t v;
+        std::memcpy(&v, in + static_cast<size_t>(x) * 4, 4);
+        v |= 0xFF000000u;
+        std::memcpy(out + static_cast<size_t>(x) * 4, &v, 4);
       }
     }
   }
@@ -471,16 +488,20 @@ int32_t PhotoAnimator::WarpStaticTask(ThreadJob* job, int32_t* result) {
   return S_OK;
 }
 
-int32_t PhotoAnimator::WarpImage(const std::vector<MeshPoint>& points, SmartBuffer& dst) {
+int32_t PhotoAnimator::WarpImage(int32_t alpha, SmartBuffer& dst) {
   int32_t hr;
   WarpParam warp_param;
   warp_param.self = this;
-  warp_param.points = points.data();
+  warp_param.past = past_points.data();
+  warp_param.future = future_points.data();
   warp_param.dst = &dst;
+  warp_param.alpha = alpha;
   warp_param.warp = PickKernel<WarpSpanFn>(m_system_info, &WarpSpan, KORVANE_SSE41(WarpSpan_SSE4));
+  warp_param.warp_blend =
+      PickKernel<WarpBlendSpanFn>(m_system_info, &WarpBlendSpan, KORVANE_SSE41(WarpBlendSpan_SSE4));
   const Rect process_region{0, 0, static_cast<int32_t>(m_image_width), static_cast<int32_t>(m_image_height)};
 
-  // Pass 1: moving triangles, each warped by its own affine map.
+  // Pass 1: moving triangles, each warped by its own affine maps.
   ThreadTask p_thread_task = WarpMovingTask;
   {
     std::lock_guard<std::mutex> lock(m_triangle_mutex);
@@ -500,22 +521,6 @@ int32_t PhotoAnimator::WarpImage(const std::vector<MeshPoint>& points, SmartBuff
   if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(p_thread_task, &warp_param, NULL, process_region))) {
     return hr;
   }
-  return S_OK;
-}
-
-int32_t PhotoAnimator::BlendTask(ThreadJob* job, int32_t* result) {
-  const RowParam& rp = *static_cast<const RowParam*>(job->param);
-  PhotoAnimator& self = *rp.self;
-  const Rect& r = job->rect;
-  const int32_t count = r.right - r.left;
-  if (count > 0) {
-    const size_t stride = static_cast<size_t>(self.m_next_img.stride);
-    for (int32_t y = r.top; y < r.bottom; ++y) {
-      const size_t at = static_cast<size_t>(y) * stride + static_cast<size_t>(r.left) * 4;
-      rp.blend(self.m_next_img.data.get() + at, self.m_pre_img.data.get() + at, count, rp.alpha);
-    }
-  }
-  *result = S_OK;
   return S_OK;
 }
 
@@ -581,28 +586,18 @@ int32_t PhotoAnimator::Animate(const AnimationParam* p_param, int32_t frame_inde
       past_points[k] = {mesh_points[k].x - a * flow_dx[k], mesh_points[k].y - a * flow_dy[k]};
       future_points[k] = {mesh_points[k].x - b * flow_dx[k], mesh_points[k].y - b * flow_dy[k]};
     }
-    if ((hr = WarpImage(past_points, m_pre_img)) < 0) {
+    // The frame is the cross-fade of the photo warped to the past and to the
+    // future positions; the past image's weight grows over the loop.
+    const float weight = static_cast<float>(frame_index) * m_blend_step;
+    const int32_t alpha = std::min(static_cast<int32_t>(weight * 256.0f), 256);
+    if ((hr = WarpImage(alpha, m_next_img)) < 0) {
       KORVANE_LOG_FAILED_STEP("Get Past Image", hr);
       KORVANE_LOG_FAILED_STEP("Animating", hr);
       return hr;
     }
-    if ((hr = WarpImage(future_points, m_next_img)) < 0) {
-      KORVANE_LOG_FAILED_STEP("Get Future Image", hr);
-      KORVANE_LOG_FAILED_STEP("Animating", hr);
-      return hr;
-    }
-
-    const float weight = static_cast<float>(frame_index) * m_blend_step;
     RowParam row_param;
     row_param.self = this;
     row_param.param = &param;
-    row_param.alpha = std::min(static_cast<int32_t>(weight * 256.0f), 256);
-    const bool accelerate = UseSse41();
-    row_param.blend = PickKernel<BlendRowFn>(m_system_info, &BlendRow, KORVANE_SSE41(BlendRow_SSE4));
-    if ((hr = m_thread_adapter.RunTaskByMultiThread(BlendTask, &row_param, this, m_output_roi)) < 0) {
-      KORVANE_LOG_FAILED_STEP(accelerate ? "Blend_Accelerate Next Image" : "Blend Next Image", hr);
-      return hr;
-    }
     if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(PasteStillTask, &row_param, this, m_output_roi))) {
       return hr;
     }

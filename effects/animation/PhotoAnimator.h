@@ -1,6 +1,6 @@
 // The photo animator: meshes the flow points, warps the still-region-filled
-// photo triangle by triangle into a past and a future image each frame,
-// cross-fades them and pastes the still region back from the photo.
+// photo triangle by triangle to a past and a future position each frame,
+// cross-fades the two and pastes the still region back from the photo.
 #pragma once
 
 #include <cstdint>
@@ -54,15 +54,16 @@ class PhotoAnimator final : public Animation, public EffectCore {
   // What the warp tasks share during one pass.
   struct WarpParam {
     PhotoAnimator* self = nullptr;
-    const MeshPoint* points = nullptr;  // displaced vertex positions
+    const MeshPoint* past = nullptr;    // vertex positions of the past image
+    const MeshPoint* future = nullptr;  // and of the future image
     SmartBuffer* dst = nullptr;
+    int32_t alpha = 0;                  // weight of the past image, 0..256
     WarpSpanFn warp = nullptr;
+    WarpBlendSpanFn warp_blend = nullptr;
   };
   struct RowParam {
     PhotoAnimator* self = nullptr;
     const AnimationParam* param = nullptr;
-    int32_t alpha = 0;
-    BlendRowFn blend = nullptr;
   };
 
   int32_t CheckFlows(const AnimationParam& param) const;
@@ -75,12 +76,13 @@ class PhotoAnimator final : public Animation, public EffectCore {
   // Rasterises every triangle once and gives each covered pixel to exactly
   // one triangle, so the warp workers never write the same pixel.
   void BuildSpans();
-  int32_t WarpImage(const std::vector<MeshPoint>& points, SmartBuffer& dst);
+  // Renders the blended frame into dst: moving triangles warped to their past
+  // and future positions and cross-faded, then static triangles copied.
+  int32_t WarpImage(int32_t alpha, SmartBuffer& dst);
   uint32_t NextTriangle();
 
   static int32_t WarpMovingTask(ThreadJob* job, int32_t* result);
   static int32_t WarpStaticTask(ThreadJob* job, int32_t* result);
-  static int32_t BlendTask(ThreadJob* job, int32_t* result);
   static int32_t PasteStillTask(ThreadJob* job, int32_t* result);
 
   std::unique_ptr<Delaunay> mesh;
@@ -100,7 +102,6 @@ class PhotoAnimator final : public Animation, public EffectCore {
   std::vector<uint32_t> m_span_begin;
 
   SmartBuffer m_background;
-  SmartBuffer m_pre_img;
   SmartBuffer m_next_img;
   Rect m_output_roi;
   int32_t loop_mode = 0;

@@ -376,40 +376,70 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
   for (int x = 0; x < w; ++x) EXPECT_EQ(0, std::memcmp(&row[x * 4], pix(x, h - 1), 3));
 }
 
+TEST(AnimationKernels, CrossFadeIsTheBlendOfTwoWarps) {
+  const int w = 23, h = 7;
+  std::vector<uint8_t> img = RandomBytes(w * h * 4, 8);
+  const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
+  const float past[6] = {1.1f, 0.1f, -2.5f, 0.05f, 0.9f, 1.3f}, future[6] = {0.95f, -0.1f, 3.2f, 0, 1, -0.7f};
+  for (int alpha : {0, 77, 256}) {
+    std::vector<uint8_t> p(w * 4), n(w * 4), fused(w * 4);
+    WarpSpan(src, past, 3, 0, w, p.data());
+    WarpSpan(src, future, 3, 0, w, n.data());
+    WarpBlendSpan(src, past, future, alpha, 3, 0, w, fused.data());
+    for (int i = 0; i < w * 4; ++i) {
+      const int expect = i % 4 == 3 ? 255 : (n[i] * (256 - alpha) + p[i] * alpha) >> 8;
+      ASSERT_EQ(fused[i], expect) << "alpha " << alpha << " byte " << i;
+    }
+  }
+}
+
 TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
   if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 kernels not built";
   WarpSpanFn sse_warp = KORVANE_SSE41(WarpSpan_SSE4);
-  BlendRowFn sse_blend = KORVANE_SSE41(BlendRow_SSE4);
+  WarpBlendSpanFn sse_warp_blend = KORVANE_SSE41(WarpBlendSpan_SSE4);
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+  auto random_matrix = [&](int trial, int w, int h, float* m) {
+    // Rotations, scales and shifts that reach past every border, spans that
+    // stay inside the image, and non-finite matrices.
+    const float any[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
+    std::copy(any, any + 6, m);
+    if (trial % 5 == 1) {
+      const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.01f * trial, 0.4f};
+      std::copy(inside, inside + 6, m);
+    }
+    if (trial == 38) m[2] = NAN;
+    if (trial == 39) m[0] = INFINITY;
+  };
   for (int w : {1, 2, 3, 5, 7, 13, 33}) {
-    for (int h : {1, 4, 9}) {
+    for (int h : {1, 2, 4, 9}) {
       std::vector<uint8_t> img = RandomBytes(static_cast<size_t>(w) * h * 4, w * 100 + h);
       const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
-      for (int trial = 0; trial < 20; ++trial) {
-        // Rotations, scales and shifts that reach past every border, plus
-        // non-finite matrices.
-        float m[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
-        if (trial < 4) {  // spans that stay inside the image
-          const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.1f * trial, 0.4f};
-          std::copy(inside, inside + 6, m);
-        }
-        if (trial == 18) m[2] = NAN;
-        if (trial == 19) m[0] = INFINITY;
+      for (int trial = 0; trial < 40; ++trial) {
+        float m[6], m2[6];
+        random_matrix(trial, w, h, m);
+        random_matrix(39 - trial, w, h, m2);
         const int y = static_cast<int>(rng() % (h + 4)) - 2;
         const int x0 = static_cast<int>(rng() % w), x1 = x0 + static_cast<int>(rng() % (w - x0 + 1));
-        std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
-        WarpSpan(src, m, y, x0, x1, a.data());
-        sse_warp(src, m, y, x0, x1, b.data());
-        for (int x = x0; x < x1; ++x) ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x;
-        for (int x = 0; x < x0; ++x) ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
-      }
-      std::vector<uint8_t> pre = RandomBytes(static_cast<size_t>(w) * 4, w + 1);
-      for (int alpha : {0, 1, 100, 255, 256}) {
-        std::vector<uint8_t> n1 = RandomBytes(static_cast<size_t>(w) * 4 + 4, w + 2), n2 = n1;
-        BlendRow(n1.data(), pre.data(), w, alpha);
-        sse_blend(n2.data(), pre.data(), w, alpha);
-        ASSERT_EQ(n1, n2) << "width " << w << " alpha " << alpha;
+        const int alpha = static_cast<int>(rng() % 257);
+        for (int fused = 0; fused < 2; ++fused) {
+          std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
+          if (fused) {
+            WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data());
+            sse_warp_blend(src, m, m2, alpha, y, x0, x1, b.data());
+          } else {
+            WarpSpan(src, m, y, x0, x1, a.data());
+            sse_warp(src, m, y, x0, x1, b.data());
+          }
+          for (int x = x0; x < x1; ++x) {
+            ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x << " fused " << fused;
+          }
+          for (int x = 0; x < w; ++x) {
+            if (x < x0 || x >= x1) {
+              ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
+            }
+          }
+        }
       }
     }
   }

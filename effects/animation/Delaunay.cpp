@@ -187,7 +187,7 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
   return S_OK;
 }
 
-int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* prev_p, uint32_t* next_p) {
+int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p) {
   const float* p = Pt(m_geom, add_point);
   const uint32_t key = HashKey(p[0], p[1]);
   uint32_t start = INVALID;
@@ -214,9 +214,9 @@ int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* 
     }
     q = hull_next[e];
   }
-  *start_p = start;
-  *prev_p = e;
-  *next_p = e == INVALID ? INVALID : q;
+  start_p = start;
+  prev_p = e;
+  next_p = e == INVALID ? INVALID : q;
   return S_OK;
 }
 
@@ -332,9 +332,9 @@ int32_t Delaunay::Triangulate(const float* pts, uint32_t count) {
     hr = Build(min_x, min_y, max_x, max_y);
   } catch (const std::bad_alloc& e) {
     DebugLog("Triangulate - %s caught!", e.what());
-    triangle_index_count = 0;
     hr = E_OUTOFMEMORY;
   }
+  if (hr < 0) triangle_index_count = 0;  // a failed run leaves no half-built mesh
   points = nullptr;
   m_geom = nullptr;
   point_count = 0;
@@ -435,7 +435,7 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     prev_y = p[1];
 
     uint32_t add_point = i, start_p = INVALID, prev_p = INVALID, next_p = INVALID;
-    if (KORVANE_FAILED(FindFrontier(add_point, &start_p, &prev_p, &next_p))) return hr;
+    if (KORVANE_FAILED(FindFrontier(add_point, start_p, prev_p, next_p))) return hr;
     uint32_t e = prev_p;
     if (e == INVALID) continue;  // sees no hull edge: inside, or within the tolerance
 

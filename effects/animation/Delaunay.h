@@ -35,7 +35,7 @@ class Delaunay final : public DelaunayTriangle {
   int32_t Build(float min_x, float min_y, float max_x, float max_y);
   int32_t SortPointsByDist();
   int32_t InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t seed_tri_p2);
-  int32_t FindFrontier(uint32_t add_point, uint32_t* start_p, uint32_t* prev_p, uint32_t* next_p);
+  int32_t FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p);
   uint32_t Legalize(uint32_t a);
   uint32_t AddTriangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a, uint32_t b, uint32_t c);
   uint32_t HashKey(float x, float y) const;

@@ -86,7 +86,8 @@ void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const i
 // consecutive destination rows seldom share a source row: no 16-bit rows are
 // stored and the two source rows stream in together.
 void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
-                  const int16_t* fx128, int32_t fy, unsigned char* out) {
+                  const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
+                  int32_t fy, unsigned char* out) {
   const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
@@ -99,9 +100,33 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
     const __m128i bottom = Lerp16(_mm_cvtepu8_epi16(v1), _mm_cvtepu8_epi16(_mm_srli_si128(v1, 8)), f);
     return Lerp16(top, bottom, fyv);
   };
+  // Four columns whose neighbour pairs are consecutive source pixels (a
+  // halving): two 16-byte loads per row, split into left and right pixels.
+  auto halved = [&](int32_t i) {
+    const __m128i f0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i));
+    const __m128i f1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i + 8));
+    auto row = [&](const unsigned char* src, __m128i* lo, __m128i* hi) {
+      const __m128 a = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x0[i])));
+      const __m128 b = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x0[i] + 16)));
+      const __m128i l = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+      const __m128i r = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+      const __m128i z = _mm_setzero_si128();
+      *lo = Lerp16(_mm_unpacklo_epi8(l, z), _mm_unpacklo_epi8(r, z), f0);
+      *hi = Lerp16(_mm_unpackhi_epi8(l, z), _mm_unpackhi_epi8(r, z), f1);
+    };
+    __m128i t0, t1, b0, b1;
+    row(r0, &t0, &t1);
+    row(r1, &b0, &b1);
+    return _mm_packus_epi16(Lerp16(t0, b0, fyv), Lerp16(t1, b1, fyv));
+  };
   int32_t i = 0;
   for (; i + 4 <= paired; i += 4) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), _mm_packus_epi16(two(i), two(i + 2)));
+    // The next destination row's source rows are fetched during this one.
+    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
+    const bool consecutive = x0[i + 1] == x0[i] + 8 && x0[i + 2] == x0[i] + 16 && x0[i + 3] == x0[i] + 24;
+    const __m128i v = consecutive ? halved(i) : _mm_packus_epi16(two(i), two(i + 2));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), v);
   }
   for (; i < nx; ++i) {
     const int32_t fx = plan.fx[i];
@@ -114,7 +139,8 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
 }
 
 void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
-                  const int16_t* fx128, int32_t fy, unsigned char* out) {
+                  const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
+                  int32_t fy, unsigned char* out) {
   const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
@@ -144,6 +170,8 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
   };
   int32_t i = 0;
   for (; i + 16 <= paired; i += 16) {
+    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(eight(i), eight(i + 8)));
   }
   for (; i < nx; ++i) {
@@ -196,11 +224,14 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
       const int32_t iy = dy - plan.y_begin;
       const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
       const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+      const int32_t next = dy + 1 < plan.y_end ? iy + 1 : iy;
+      const unsigned char* n0 = plan.src + plan.y0[next] * plan.src_stride;
+      const unsigned char* n1 = plan.src + plan.y1[next] * plan.src_stride;
       unsigned char* out = plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels;
       if (kChannels == 4) {
-        FusedRow8uc4(plan, r0, r1, fx128.data(), plan.fy[iy], out);
+        FusedRow8uc4(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
       } else {
-        FusedRow8uc1(plan, r0, r1, fx128.data(), plan.fy[iy], out);
+        FusedRow8uc1(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
       }
     }
     *result = S_OK;

@@ -124,7 +124,7 @@ struct OutInt {
 // pixel (horizontal pass) or a run of `count` pixels of one row (vertical
 // pass); `step` is the byte distance between consecutive positions.
 template <class L, class Out>
-struct LineOps {
+struct LineOps : StepByStep<LineOps<L, Out>> {
   using S = typename L::Sample;
   using A = typename L::Acc;
   unsigned char* first;
@@ -152,8 +152,15 @@ struct LineOps {
       for (int c = 0; c < L::kCh; ++c) {
         const int32_t i = j * L::kCh + c;
         A s = sums[i];
-        if (kSub) s -= static_cast<A>(saved[i]);
-        if (kAdd) s += static_cast<A>(in[j * L::kPs + c]);
+        // The entering and leaving samples are combined first: one
+        // dependent addition per step, and the order the SSE forms copy.
+        if constexpr (kAdd && kSub) {
+          s += static_cast<A>(in[j * L::kPs + c]) - static_cast<A>(saved[i]);
+        } else if constexpr (kSub) {
+          s -= static_cast<A>(saved[i]);
+        } else if constexpr (kAdd) {
+          s += static_cast<A>(in[j * L::kPs + c]);
+        }
         sums[i] = s;
         const S orig = e[j * L::kPs + c];
         saved[i] = orig;
@@ -180,7 +187,7 @@ int32_t BlurLines(const BlurJob& job, bool rows, const Out& out) {
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-  LineOps<L, Out> ops{nullptr, 0, 1, r, sums.data(), ring.data(), out};
+  LineOps<L, Out> ops{{}, nullptr, 0, 1, r, sums.data(), ring.data(), out};
   constexpr ptrdiff_t kPixelBytes = L::kPs * sizeof(S);
   for (int32_t k = job.begin; k < job.end; k += chunk) {
     const int32_t count = (job.end - k) < chunk ? (job.end - k) : chunk;

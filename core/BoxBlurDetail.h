@@ -65,49 +65,58 @@ int32_t BlurPlain(const BlurJob& job, bool rows);
 // both ends: position p gets the mean of [max(0, p - r + 1), min(len - 1,
 // p + r - 1)], so a window wider than the line simply covers all of it.
 // Ops provides:
-//   Prime(i)                      add position i (first min(r, len) positions)
-//   Step<kAdd, kSub>(p, slot, n)  subtract the ring entry `slot` (position
-//                                 p - r) when kSub, add position p + r - 1
-//                                 when kAdd, save position p into the ring
-//                                 entry `slot`, then write position p as the
-//                                 mean of n samples.
+//   Prime(i)   add position i (the first min(r, len) positions)
+//   Phase<kAdd, kSub>(from, to, n, dn, slot, r)
+//              for p in [from, to): subtract the ring entry `slot` (position
+//              p - r) when kSub, add position p + r - 1 when kAdd, save
+//              position p into the ring entry `slot`, then write position p
+//              as the mean of n samples; n changes by dn and slot advances
+//              cyclically (modulo r) from one position to the next.
 // The ring has min(r, len) entries; entry p % r holds position p's original
-// value until it leaves the window.
+// value until it leaves the window. Running a whole phase in one call lets
+// the kernels keep their sums in registers.
 template <class Ops>
 inline void WalkWindow(Ops& ops, int32_t len, int32_t r) {
   const int32_t primed = r < len ? r : len;
   for (int32_t i = 0; i < primed; ++i) ops.Prime(i);
   int32_t n = primed;
-  int32_t slot = 0;
-  auto advance = [&slot, r] { slot = (slot + 1 == r) ? 0 : slot + 1; };
-  ops.template Step<false, false>(0, slot, n);
-  advance();
+  ops.template Phase<false, false>(0, 1, n, 0, 0, r);
   int32_t p = 1;
   // Growing edge: the window's right end enters, its left end is still 0.
   const int32_t grow_end = (r - 1 < len - r) ? r - 1 : len - r;
-  for (; p <= grow_end; ++p) {
-    ++n;
-    ops.template Step<true, false>(p, slot, n);
-    advance();
+  if (p <= grow_end) {
+    ops.template Phase<true, false>(p, grow_end + 1, n + 1, 1, p % r, r);
+    n += grow_end - p + 1;
+    p = grow_end + 1;
   }
   // Full window.
-  for (; p <= len - r; ++p) {
-    ops.template Step<true, true>(p, slot, n);
-    advance();
+  if (p <= len - r) {
+    ops.template Phase<true, true>(p, len - r + 1, n, 0, p % r, r);
+    p = len - r + 1;
   }
   // A window wider than the line: it covers the whole line for a while.
   const int32_t whole_end = (r - 1 < len - 1) ? r - 1 : len - 1;
-  for (; p <= whole_end; ++p) {
-    ops.template Step<false, false>(p, slot, n);
-    advance();
+  if (p <= whole_end) {
+    ops.template Phase<false, false>(p, whole_end + 1, n, 0, p % r, r);
+    p = whole_end + 1;
   }
   // Shrinking edge.
-  for (; p < len; ++p) {
-    --n;
-    ops.template Step<false, true>(p, slot, n);
-    advance();
-  }
+  if (p < len) ops.template Phase<false, true>(p, len, n - 1, -1, p % r, r);
 }
+
+// Phase() for kernels that work one position at a time through
+// Step<kAdd, kSub>(p, slot, n).
+template <class Derived>
+struct StepByStep {
+  template <bool kAdd, bool kSub>
+  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t slot, int32_t r) {
+    Derived& d = static_cast<Derived&>(*this);
+    for (int32_t p = from; p < to; ++p, n += dn) {
+      d.template Step<kAdd, kSub>(p, slot, n);
+      slot = (slot + 1 == r) ? 0 : slot + 1;
+    }
+  }
+};
 
 // Number of columns the vertical pass handles together: enough for long
 // contiguous row segments, few enough for the ring of min(r, height) row

@@ -8,9 +8,9 @@
 // The vertical pass runs down a strip of columns with one sum per byte (or
 // float) of a row segment, so each step is plain vector arithmetic across
 // columns. The horizontal pass transposes a group of rows (16 gray rows, or
-// 4 BGRA / 4 FLOAT32 rows) so that one vector holds the same position of
-// every row of the group, runs the same column-wise arithmetic along the
-// positions, and transposes the result back. FLOAT96 rows go one at a time.
+// 4 BGRA / FLOAT32 / FLOAT96 rows) so that one vector holds the same sample
+// of every row of the group, runs the same column-wise arithmetic along the
+// positions, and transposes the result back.
 #include <smmintrin.h>
 
 #include <cstring>
@@ -205,14 +205,14 @@ void ScatterLines(const __m128i* t, int32_t len, int elem, unsigned char* const*
 
 // ---------------------------------------------------------------------------
 // Horizontal pass, 8-bit: WalkWindow over gathered positions. t holds the
-// original vectors (it doubles as the ring), out receives the results.
+// original vectors (it doubles as the ring), out receives the results. The
+// sums live in registers for a whole phase.
+template <bool kAlpha, bool kMask>
 struct Gathered8Ops {
   const __m128i* t;
   __m128i* out;
   const Div16* div;
   const uint32_t* mask4;  // masked variant: the 4 rows' mask bytes of each position
-  int32_t r;
-  bool keep_alpha;
   __m128i s0, s1;
 
   void Prime(int32_t i) {
@@ -222,31 +222,63 @@ struct Gathered8Ops {
   }
 
   template <bool kAdd, bool kSub>
-  void Step(int32_t p, int32_t, int32_t n) {
+  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
     const __m128i z = _mm_setzero_si128();
-    if (kSub) {
-      s0 = _mm_sub_epi16(s0, _mm_unpacklo_epi8(t[p - r], z));
-      s1 = _mm_sub_epi16(s1, _mm_unpackhi_epi8(t[p - r], z));
+    __m128i a = s0, b = s1;
+    auto step = [&](int32_t p, const Div16& d) {
+      if constexpr (kSub) {
+        a = _mm_sub_epi16(a, _mm_unpacklo_epi8(t[p - r], z));
+        b = _mm_sub_epi16(b, _mm_unpackhi_epi8(t[p - r], z));
+      }
+      if constexpr (kAdd) {
+        a = _mm_add_epi16(a, _mm_unpacklo_epi8(t[p + r - 1], z));
+        b = _mm_add_epi16(b, _mm_unpackhi_epi8(t[p + r - 1], z));
+      }
+      __m128i q0 = Divide16(a, d);
+      __m128i q1 = Divide16(b, d);
+      if constexpr (kMask) {
+        // Each row's mask byte spread over its pixel's four 16-bit lanes.
+        const __m128i m = _mm_cvtsi32_si128(static_cast<int>(mask4[p]));
+        const __m128i m0 = _mm_shuffle_epi8(m, _mm_setr_epi8(0, -1, 0, -1, 0, -1, 0, -1, 1, -1, 1, -1, 1, -1, 1, -1));
+        const __m128i m1 = _mm_shuffle_epi8(m, _mm_setr_epi8(2, -1, 2, -1, 2, -1, 2, -1, 3, -1, 3, -1, 3, -1, 3, -1));
+        q0 = MixByMask16(_mm_unpacklo_epi8(t[p], z), q0, m0);
+        q1 = MixByMask16(_mm_unpackhi_epi8(t[p], z), q1, m1);
+      }
+      __m128i v = _mm_packus_epi16(q0, q1);
+      if constexpr (kAlpha) v = _mm_blendv_epi8(v, t[p], AlphaBytes());
+      out[p] = v;
+    };
+    if (dn == 0) {
+      const Div16 d = div[n];
+      for (int32_t p = from; p < to; ++p) step(p, d);
+    } else {
+      for (int32_t p = from; p < to; ++p, n += dn) step(p, div[n]);
     }
-    if (kAdd) {
-      s0 = _mm_add_epi16(s0, _mm_unpacklo_epi8(t[p + r - 1], z));
-      s1 = _mm_add_epi16(s1, _mm_unpackhi_epi8(t[p + r - 1], z));
-    }
-    __m128i q0 = Divide16(s0, div[n]);
-    __m128i q1 = Divide16(s1, div[n]);
-    if (mask4) {
-      // Each row's mask byte spread over its pixel's four 16-bit lanes.
-      const __m128i m = _mm_cvtsi32_si128(static_cast<int>(mask4[p]));
-      const __m128i m0 = _mm_shuffle_epi8(m, _mm_setr_epi8(0, -1, 0, -1, 0, -1, 0, -1, 1, -1, 1, -1, 1, -1, 1, -1));
-      const __m128i m1 = _mm_shuffle_epi8(m, _mm_setr_epi8(2, -1, 2, -1, 2, -1, 2, -1, 3, -1, 3, -1, 3, -1, 3, -1));
-      q0 = MixByMask16(_mm_unpacklo_epi8(t[p], z), q0, m0);
-      q1 = MixByMask16(_mm_unpackhi_epi8(t[p], z), q1, m1);
-    }
-    __m128i v = _mm_packus_epi16(q0, q1);
-    if (keep_alpha) v = _mm_blendv_epi8(v, t[p], AlphaBytes());
-    out[p] = v;
+    s0 = a;
+    s1 = b;
   }
 };
+
+template <bool kAlpha, bool kMask>
+void Horizontal8Groups(const BlurJob& job, const Div16* div, __m128i* t, __m128i* out,
+                       uint32_t* mask4, int32_t group, int32_t* y) {
+  const int32_t w = job.width;
+  for (; *y + group <= job.end; *y += group) {
+    unsigned char* lines[16];
+    for (int k = 0; k < group; ++k) lines[k] = job.data + (*y + k) * job.stride;
+    GatherLines(lines, w, group == 16 ? 1 : 4, t);
+    if constexpr (kMask) {
+      for (int32_t p = 0; p < w; ++p) {
+        uint32_t m = 0;
+        for (int k = 0; k < 4; ++k) m |= uint32_t{job.mask[static_cast<ptrdiff_t>(*y + k) * w + p]} << (8 * k);
+        mask4[p] = m;
+      }
+    }
+    Gathered8Ops<kAlpha, kMask> ops{t, out, div, mask4, _mm_setzero_si128(), _mm_setzero_si128()};
+    WalkWindow(ops, w, job.radius);
+    ScatterLines(out, w, group == 16 ? 1 : 4, lines);
+  }
+}
 
 int32_t Horizontal8(const BlurJob& job) {
   const bool gray = job.variant == Variant::kGray;
@@ -264,21 +296,16 @@ int32_t Horizontal8(const BlurJob& job) {
     return E_OUTOFMEMORY;
   }
   int32_t y = job.begin;
-  for (; y + group <= job.end; y += group) {
-    unsigned char* lines[16];
-    for (int k = 0; k < group; ++k) lines[k] = job.data + (y + k) * job.stride;
-    GatherLines(lines, w, gray ? 1 : 4, Vecs(t));
-    if (!mask4.empty()) {
-      for (int32_t p = 0; p < w; ++p) {
-        uint32_t m = 0;
-        for (int k = 0; k < 4; ++k) m |= uint32_t{job.mask[static_cast<ptrdiff_t>(y + k) * w + p]} << (8 * k);
-        mask4[p] = m;
-      }
-    }
-    Gathered8Ops ops{Vecs(t), Vecs(out), div.data(), mask4.empty() ? nullptr : mask4.data(),
-                     job.radius, !gray, _mm_setzero_si128(), _mm_setzero_si128()};
-    WalkWindow(ops, w, job.radius);
-    ScatterLines(Vecs(out), w, gray ? 1 : 4, lines);
+  switch (job.variant) {
+    case Variant::kGray:
+      Horizontal8Groups<false, false>(job, div.data(), Vecs(t), Vecs(out), nullptr, group, &y);
+      break;
+    case Variant::kBgra:
+      Horizontal8Groups<true, false>(job, div.data(), Vecs(t), Vecs(out), nullptr, group, &y);
+      break;
+    default:
+      Horizontal8Groups<true, true>(job, div.data(), Vecs(t), Vecs(out), mask4.data(), group, &y);
+      break;
   }
   if (y < job.end) {
     BlurJob rest = job;
@@ -291,12 +318,13 @@ int32_t Horizontal8(const BlurJob& job) {
 // ---------------------------------------------------------------------------
 // Vertical pass, 8-bit: a strip of `bytes` bytes per row, one 16-bit sum per
 // byte; the ring keeps the original row segments until they leave the window.
-struct Strip8Ops {
+struct Strip8Ops : boxblur_detail::StepByStep<Strip8Ops> {
   unsigned char* first;     // first byte of the strip in row 0
   ptrdiff_t stride;
   int32_t bytes;            // strip width in bytes
   int32_t vec_bytes;        // the part done 16 bytes at a time
   int32_t r;
+  int32_t len;              // rows
   uint16_t* sums;
   unsigned char* ring;
   const Div16* div;
@@ -326,7 +354,10 @@ struct Strip8Ops {
     const Div16& d = div[n];
     const __m128i z = _mm_setzero_si128();
     int32_t j = 0;
+    // The row added at the next step is fetched while this one is worked on.
+    const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in + stride) : nullptr;
     for (; j < vec_bytes; j += 16) {
+      if (ahead && (j & 63) == 0) _mm_prefetch(ahead + j, _MM_HINT_T0);
       __m128i* s = reinterpret_cast<__m128i*>(sums + j);
       __m128i s0 = _mm_load_si128(s), s1 = _mm_load_si128(s + 1);
       if (kSub) {
@@ -396,6 +427,7 @@ int32_t Vertical8(const BlurJob& job) {
     ops.bytes = cw * bpp;
     ops.vec_bytes = ops.bytes / 16 * 16;
     ops.r = r;
+    ops.len = h;
     ops.sums = reinterpret_cast<uint16_t*>(sums_vec.data());
     ops.ring = reinterpret_cast<unsigned char*>(ring_vec.data());
     ops.div = div.data();
@@ -419,13 +451,30 @@ std::vector<double> Reciprocals(int32_t len, int32_t r) {
   return inv;
 }
 
+// One window step on four float samples held as two double pairs: the
+// entering sample minus the leaving one is added (the plain code's order).
+template <bool kAdd, bool kSub>
+inline void Update(__m128d& s0, __m128d& s1, __m128 in, __m128 out) {
+  if constexpr (kAdd && kSub) {
+    s0 = _mm_add_pd(s0, _mm_sub_pd(_mm_cvtps_pd(in), _mm_cvtps_pd(out)));
+    s1 = _mm_add_pd(s1, _mm_sub_pd(_mm_cvtps_pd(_mm_movehl_ps(in, in)), _mm_cvtps_pd(_mm_movehl_ps(out, out))));
+  } else if constexpr (kSub) {
+    s0 = _mm_sub_pd(s0, _mm_cvtps_pd(out));
+    s1 = _mm_sub_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(out, out)));
+  } else if constexpr (kAdd) {
+    s0 = _mm_add_pd(s0, _mm_cvtps_pd(in));
+    s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(in, in)));
+  }
+}
+
 // Vertical pass over a strip of `count` floats per row.
-struct StripFloatOps {
+struct StripFloatOps : boxblur_detail::StepByStep<StripFloatOps> {
   unsigned char* first;
   ptrdiff_t stride;
   int32_t count;
   int32_t vec_count;
   int32_t r;
+  int32_t len;  // rows
   double* sums;
   float* ring;
   const double* inv;
@@ -450,19 +499,13 @@ struct StripFloatOps {
     float* saved = ring + static_cast<ptrdiff_t>(slot) * count;
     const double k = inv[n];
     const __m128d kv = _mm_set1_pd(k);
+    const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in) + stride : nullptr;
     int32_t j = 0;
     for (; j < vec_count; j += 4) {
+      if (ahead && (j & 15) == 0) _mm_prefetch(ahead + 4 * j, _MM_HINT_T0);
       __m128d s0 = _mm_loadu_pd(sums + j), s1 = _mm_loadu_pd(sums + j + 2);
-      if (kSub) {
-        const __m128 v = _mm_loadu_ps(saved + j);
-        s0 = _mm_sub_pd(s0, _mm_cvtps_pd(v));
-        s1 = _mm_sub_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(v, v)));
-      }
-      if (kAdd) {
-        const __m128 v = _mm_loadu_ps(in + j);
-        s0 = _mm_add_pd(s0, _mm_cvtps_pd(v));
-        s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(v, v)));
-      }
+      Update<kAdd, kSub>(s0, s1, kAdd ? _mm_loadu_ps(in + j) : _mm_setzero_ps(),
+                         kSub ? _mm_loadu_ps(saved + j) : _mm_setzero_ps());
       _mm_storeu_pd(sums + j, s0);
       _mm_storeu_pd(sums + j + 2, s1);
       _mm_storeu_ps(saved + j, _mm_loadu_ps(row + j));
@@ -471,8 +514,13 @@ struct StripFloatOps {
     }
     for (; j < count; ++j) {
       double s = sums[j];
-      if (kSub) s -= static_cast<double>(saved[j]);
-      if (kAdd) s += static_cast<double>(in[j]);
+      if constexpr (kAdd && kSub) {
+        s += static_cast<double>(in[j]) - static_cast<double>(saved[j]);
+      } else if constexpr (kSub) {
+        s -= static_cast<double>(saved[j]);
+      } else if constexpr (kAdd) {
+        s += static_cast<double>(in[j]);
+      }
       sums[j] = s;
       saved[j] = row[j];
       row[j] = static_cast<float>(s * k);
@@ -497,118 +545,94 @@ int32_t VerticalFloat(const BlurJob& job) {
   }
   for (int32_t c = job.begin; c < job.end; c += chunk) {
     const int32_t cw = (job.end - c) < chunk ? (job.end - c) : chunk;
-    StripFloatOps ops{job.data + static_cast<ptrdiff_t>(c) * 4 * ch, job.stride, cw * ch, cw * ch / 4 * 4,
-                      r, sums.data(), ring.data(), inv.data()};
+    StripFloatOps ops{{}, job.data + static_cast<ptrdiff_t>(c) * 4 * ch, job.stride, cw * ch, cw * ch / 4 * 4,
+                      r, h, sums.data(), ring.data(), inv.data()};
     std::fill(sums.begin(), sums.end(), 0.0);
     WalkWindow(ops, h, r);
   }
   return S_OK;
 }
 
-// Horizontal FLOAT32: four rows gathered per position.
+// Horizontal float passes: four rows gathered per sample, so t[p * kCh + c]
+// holds channel c of pixel p in each of the four rows. Each channel keeps
+// its own sums (two double pairs, one per two rows) in registers.
+template <int kCh>
 struct GatheredFloatOps {
   const __m128i* t;
   __m128i* out;
   const double* inv;
-  int32_t r;
-  __m128d s0, s1;
+  __m128d s0[kCh], s1[kCh];
 
   void Prime(int32_t i) {
-    const __m128 v = _mm_castsi128_ps(t[i]);
-    s0 = _mm_add_pd(s0, _mm_cvtps_pd(v));
-    s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(v, v)));
+    for (int c = 0; c < kCh; ++c) {
+      const __m128 v = _mm_castsi128_ps(t[i * kCh + c]);
+      s0[c] = _mm_add_pd(s0[c], _mm_cvtps_pd(v));
+      s1[c] = _mm_add_pd(s1[c], _mm_cvtps_pd(_mm_movehl_ps(v, v)));
+    }
   }
 
   template <bool kAdd, bool kSub>
-  void Step(int32_t p, int32_t, int32_t n) {
-    if (kSub) {
-      const __m128 v = _mm_castsi128_ps(t[p - r]);
-      s0 = _mm_sub_pd(s0, _mm_cvtps_pd(v));
-      s1 = _mm_sub_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(v, v)));
+  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
+    __m128d a0 = s0[0], b0 = s1[0];
+    __m128d a1 = s0[kCh - 1], b1 = s1[kCh - 1];
+    __m128d a2 = s0[kCh - 1], b2 = s1[kCh - 1];
+    if (kCh == 3) {
+      a1 = s0[1];
+      b1 = s1[1];
     }
-    if (kAdd) {
-      const __m128 v = _mm_castsi128_ps(t[p + r - 1]);
-      s0 = _mm_add_pd(s0, _mm_cvtps_pd(v));
-      s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(v, v)));
+    auto one = [&](__m128d& a, __m128d& b, int32_t p, int c, const __m128d& k) {
+      Update<kAdd, kSub>(a, b, kAdd ? _mm_castsi128_ps(t[(p + r - 1) * kCh + c]) : _mm_setzero_ps(),
+                         kSub ? _mm_castsi128_ps(t[(p - r) * kCh + c]) : _mm_setzero_ps());
+      const __m128 o = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(a, k)), _mm_cvtpd_ps(_mm_mul_pd(b, k)));
+      out[p * kCh + c] = _mm_castps_si128(o);
+    };
+    for (int32_t p = from; p < to; ++p, n += dn) {
+      const __m128d k = _mm_set1_pd(inv[n]);
+      one(a0, b0, p, 0, k);
+      if (kCh == 3) {
+        one(a1, b1, p, 1, k);
+        one(a2, b2, p, 2, k);
+      }
     }
-    const __m128d k = _mm_set1_pd(inv[n]);
-    const __m128 o = _mm_movelh_ps(_mm_cvtpd_ps(_mm_mul_pd(s0, k)), _mm_cvtpd_ps(_mm_mul_pd(s1, k)));
-    out[p] = _mm_castps_si128(o);
-  }
-};
-
-// Horizontal FLOAT96, one row at a time: the row's original pixels are
-// copied first (the copy serves as the ring).
-struct RowFloat96Ops {
-  const float* t;  // original row, 3 floats a pixel
-  float* row;
-  const double* inv;
-  int32_t r;
-  __m128d bg, rr;
-
-  static __m128d LoadBg(const float* p) {
-    return _mm_cvtps_pd(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p))));
-  }
-  static __m128d LoadR(const float* p) { return _mm_cvtss_sd(_mm_setzero_pd(), _mm_load_ss(p + 2)); }
-
-  void Prime(int32_t i) {
-    bg = _mm_add_pd(bg, LoadBg(t + 3 * i));
-    rr = _mm_add_sd(rr, LoadR(t + 3 * i));
-  }
-
-  template <bool kAdd, bool kSub>
-  void Step(int32_t p, int32_t, int32_t n) {
-    if (kSub) {
-      bg = _mm_sub_pd(bg, LoadBg(t + 3 * (p - r)));
-      rr = _mm_sub_sd(rr, LoadR(t + 3 * (p - r)));
+    s0[0] = a0;
+    s1[0] = b0;
+    if (kCh == 3) {
+      s0[1] = a1;
+      s1[1] = b1;
+      s0[kCh - 1] = a2;
+      s1[kCh - 1] = b2;
     }
-    if (kAdd) {
-      bg = _mm_add_pd(bg, LoadBg(t + 3 * (p + r - 1)));
-      rr = _mm_add_sd(rr, LoadR(t + 3 * (p + r - 1)));
-    }
-    const __m128d k = _mm_set1_pd(inv[n]);
-    const __m128 obg = _mm_cvtpd_ps(_mm_mul_pd(bg, k));
-    const __m128 orr = _mm_cvtpd_ps(_mm_mul_sd(rr, k));
-    _mm_store_sd(reinterpret_cast<double*>(row + 3 * p), _mm_castps_pd(obg));
-    _mm_store_ss(row + 3 * p + 2, orr);
   }
 };
 
 int32_t HorizontalFloat(const BlurJob& job) {
   const int32_t w = job.width;
   const int32_t r = job.radius;
+  const int32_t ch = job.variant == Variant::kFloat96 ? 3 : 1;
+  const int32_t samples = w * ch;
   std::vector<double> inv;
   std::vector<Block> t, out;
-  std::vector<float> copy;
-  const bool f96 = job.variant == Variant::kFloat96;
   try {
     inv = Reciprocals(w, r);
-    if (f96) {
-      copy.resize(static_cast<size_t>(w) * 3);
-    } else {
-      t.resize(static_cast<size_t>(w));
-      out.resize(static_cast<size_t>(w));
-    }
+    t.resize(static_cast<size_t>(samples));
+    out.resize(static_cast<size_t>(samples));
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
   int32_t y = job.begin;
-  if (f96) {
-    for (; y < job.end; ++y) {
-      float* row = reinterpret_cast<float*>(job.data + y * job.stride);
-      std::memcpy(copy.data(), row, copy.size() * sizeof(float));
-      RowFloat96Ops ops{copy.data(), row, inv.data(), r, _mm_setzero_pd(), _mm_setzero_pd()};
-      WalkWindow(ops, w, r);
-    }
-    return S_OK;
-  }
   for (; y + 4 <= job.end; y += 4) {
     unsigned char* lines[4];
     for (int k = 0; k < 4; ++k) lines[k] = job.data + (y + k) * job.stride;
-    GatherLines(lines, w, 4, Vecs(t));
-    GatheredFloatOps ops{Vecs(t), Vecs(out), inv.data(), r, _mm_setzero_pd(), _mm_setzero_pd()};
-    WalkWindow(ops, w, r);
-    ScatterLines(Vecs(out), w, 4, lines);
+    GatherLines(lines, samples, 4, Vecs(t));
+    const __m128d z = _mm_setzero_pd();
+    if (ch == 3) {
+      GatheredFloatOps<3> ops{Vecs(t), Vecs(out), inv.data(), {z, z, z}, {z, z, z}};
+      WalkWindow(ops, w, r);
+    } else {
+      GatheredFloatOps<1> ops{Vecs(t), Vecs(out), inv.data(), {z}, {z}};
+      WalkWindow(ops, w, r);
+    }
+    ScatterLines(Vecs(out), samples, 4, lines);
   }
   if (y < job.end) {
     BlurJob rest = job;

@@ -240,6 +240,9 @@ TEST(BilinearResize, Sse4MatchesPlainOnAwkwardSizes) {
   sizes.push_back({1001, 7, 333, 5});
   sizes.push_back({251, 3, 1023, 9});
   sizes.push_back({4, 4, 1, 1});
+  sizes.push_back({80, 6, 40, 3});   // exact halving: consecutive neighbour pairs
+  sizes.push_back({86, 9, 43, 4});
+  sizes.push_back({77, 3, 38, 1});
   for (int fmt : {PIXEL_BGRA32, PIXEL_GRAY8}) {
     for (const auto& s : sizes) {
       Image src(s[0], s[1], fmt), plain(s[2], s[3], fmt, 0x11), sse(s[2], s[3], fmt, 0xEE);

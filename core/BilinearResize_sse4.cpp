@@ -85,9 +85,19 @@ void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const i
 // Both rows and the vertical mix in one sweep, for reductions, where
 // consecutive destination rows seldom share a source row: no 16-bit rows are
 // stored and the two source rows stream in together.
+// floor((a + b) / 2) per byte, which is the bilinear step at fraction 128.
+inline __m128i HalfSum(__m128i a, __m128i b) {
+  return _mm_sub_epi8(_mm_avg_epu8(a, b), _mm_and_si128(_mm_xor_si128(a, b), _mm_set1_epi8(1)));
+}
+
+// Kinds of four-column groups of a reduction row: neighbour pairs that are
+// consecutive source pixels (a halving), and of those the ones whose four
+// fractions are all 128 (an exact halving: the mean of each pair).
+enum : uint8_t { kQuadGather = 0, kQuadConsecutive = 1, kQuadMidpoints = 2 };
+
 void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
                   const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
-                  int32_t fy, unsigned char* out) {
+                  const uint8_t* quads, int32_t fy, unsigned char* out) {
   const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
@@ -124,8 +134,21 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
     // The next destination row's source rows are fetched during this one.
     _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T0);
     _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
-    const bool consecutive = x0[i + 1] == x0[i] + 8 && x0[i + 2] == x0[i] + 16 && x0[i + 3] == x0[i] + 24;
-    const __m128i v = consecutive ? halved(i) : _mm_packus_epi16(two(i), two(i + 2));
+    const uint8_t kind = quads[i / 4];
+    __m128i v;
+    if (kind == kQuadMidpoints && fy == 128) {
+      auto mids = [&](const unsigned char* src) {
+        const __m128 a = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x0[i])));
+        const __m128 b = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x0[i] + 16)));
+        return HalfSum(_mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0))),
+                       _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1))));
+      };
+      v = HalfSum(mids(r0), mids(r1));
+    } else if (kind != kQuadGather) {
+      v = halved(i);
+    } else {
+      v = _mm_packus_epi16(two(i), two(i + 2));
+    }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), v);
   }
   for (; i < nx; ++i) {
@@ -220,6 +243,21 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
   for (int32_t i = 0; i < nx; ++i)
     for (int c = 0; c < kChannels; ++c) fx128[i * kChannels + c] = static_cast<int16_t>(plan.fx[i] * 128);
   if (fused) {
+    std::vector<uint8_t> quads;
+    try {
+      quads.resize(static_cast<size_t>(nx) / 4 + 1, kQuadGather);
+    } catch (const std::bad_alloc&) {
+      *result = E_OUTOFMEMORY;
+      return E_OUTOFMEMORY;
+    }
+    const int32_t paired = plan.x_paired - plan.x_begin;
+    for (int32_t i = 0; kChannels == 4 && i + 4 <= paired; i += 4) {
+      const int32_t* x0 = plan.x0.data() + i;
+      if (x0[1] == x0[0] + 8 && x0[2] == x0[0] + 16 && x0[3] == x0[0] + 24) {
+        const uint8_t* f = plan.fx.data() + i;
+        quads[i / 4] = (f[0] == 128 && f[1] == 128 && f[2] == 128 && f[3] == 128) ? kQuadMidpoints : kQuadConsecutive;
+      }
+    }
     for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
       const int32_t iy = dy - plan.y_begin;
       const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
@@ -229,7 +267,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
       const unsigned char* n1 = plan.src + plan.y1[next] * plan.src_stride;
       unsigned char* out = plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels;
       if (kChannels == 4) {
-        FusedRow8uc4(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
+        FusedRow8uc4(plan, r0, r1, n0, n1, fx128.data(), quads.data(), plan.fy[iy], out);
       } else {
         FusedRow8uc1(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
       }

@@ -13,7 +13,15 @@ namespace Korvane {
 
 namespace {
 
-constexpr float kOrientTolerance = 0.1f;   // squared pixels; points this close to a hull edge's line do not see it
+// Squared pixels. A point must see a hull edge by more than this to be added
+// at all, so points nearly on the hull (or nearly on top of a hull vertex) are
+// left out instead of making slivers. Once a point is in, the walks along the
+// hull join every edge it sees by sign: an edge left hidden within the
+// tolerance would make the hull ring bend inwards there, and on large dense
+// sets later points then see such bends from inside the mesh and fold the
+// ring over itself, giving overlapping triangles. The triangle added instead
+// is thin but correctly wound, and the ring stays convex.
+constexpr float kOrientTolerance = 0.1f;
 constexpr double kDuplicateDistance = 0.0001;
 
 inline const float* Pt(const float* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
@@ -449,27 +457,26 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     uint32_t n_v = next_p;
     for (;;) {
       const uint32_t r = hull_next[n_v];
-      if (r == e || !(Orient(p, Pt(m_geom, n_v), Pt(m_geom, r)) < -kOrientTolerance)) break;
+      if (r == e || !(Orient(p, Pt(m_geom, n_v), Pt(m_geom, r)) < 0.0f)) break;
       t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
       hull_tri[i] = Legalize(t + 2);
       hull_next[n_v] = n_v;  // removed from the hull
       n_v = r;
     }
 
-    // Backward, only when the edge found first was the search's start: edges
-    // before it may be visible too. It stops short of n for the same reason.
-    // n keeps its old previous-link until the ring is closed below, so the
-    // hull repair walk in Legalize can still reach every hull vertex.
-    if (e == start_p) {
-      for (;;) {
-        const uint32_t r = hull_prev[e];
-        if (r == n_v || !(Orient(p, Pt(m_geom, r), Pt(m_geom, e)) < -kOrientTolerance)) break;
-        t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
-        Legalize(t + 2);
-        hull_tri[r] = t;
-        hull_next[e] = e;
-        e = r;
-      }
+    // Backward. When the edge found first was not the search's start, the
+    // edges before it were seen as hidden within the tolerance, but may still
+    // face p. The walk stops short of n for the same reason as above. n keeps
+    // its old previous-link until the ring is closed below, so the hull
+    // repair walk in Legalize can still reach every hull vertex.
+    for (;;) {
+      const uint32_t r = hull_prev[e];
+      if (r == n_v || !(Orient(p, Pt(m_geom, r), Pt(m_geom, e)) < 0.0f)) break;
+      t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
+      Legalize(t + 2);
+      hull_tri[r] = t;
+      hull_next[e] = e;
+      e = r;
     }
 
     hull_start = e;

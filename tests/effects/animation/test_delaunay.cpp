@@ -174,6 +174,18 @@ TEST(Delaunay, RandomGridAndClusteredSetsGiveValidMeshes) {
   EXPECT_EQ(CheckMesh(d, clusters).vertices, 6000u);
 }
 
+TEST(Delaunay, RegressionDenseSetDoesNotFoldTheHull) {
+  // Hull edges that a new point faced only within the tolerance used to stay
+  // on the hull, bending it inwards; from about 300k uniform points on, later
+  // points folded the ring over those bends and triangles overlapped.
+  const Points pts = Uniform(300000, 4096.0f, 2024);
+  Delaunay d;
+  ASSERT_EQ(d.Triangulate(pts.data(), 300000), S_OK);
+  const MeshInfo m = CheckMesh(d, pts);
+  EXPECT_GT(m.vertices, 299900u);
+  EXPECT_LT(m.hull, 100u);
+}
+
 TEST(Delaunay, SmallCasesAndTolerance) {
   Delaunay d;
   const float tri[] = {0, 0, 0, 10, 10, 0};  // clockwise on screen: stored the other way round
@@ -190,12 +202,18 @@ TEST(Delaunay, SmallCasesAndTolerance) {
   EXPECT_EQ(d.Triangulate(same, 3), E_INVALIDARG);
   EXPECT_EQ(d.GetTriangleCount(), 0u);
 
-  // D lies 0.00004 below the line of the seed edge AB, past B: it sees BC but
-  // is not joined across AB (that would be a sliver of area 0.0004).
-  const Points p = {0, 0, 10, 0, 5, 8, 30, -0.00004f};
+  // X sits 0.001 outside the hull next to B: it sees BC only within the 0.1
+  // tolerance, so it is left out rather than joined by a sliver.
+  const Points p = {0, 0, 10, 0, 5, 8, 10.001f, 0.0005f};
   ASSERT_EQ(d.Triangulate(p.data(), 4), S_OK);
-  const MeshInfo m = CheckMesh(d, p, kStructure);
-  EXPECT_EQ(m.triangles, 2u);
+  const MeshInfo m = CheckMesh(d, p);
+  EXPECT_EQ(m.triangles, 1u);
+  EXPECT_FALSE(m.used[3]);
+  // Y lies 0.00004 outside the line of AB, past B: it clearly sees BC and is
+  // also joined across AB, which it faces, so the hull stays convex.
+  const Points q = {0, 0, 10, 0, 5, 8, 30, -0.00004f};
+  ASSERT_EQ(d.Triangulate(q.data(), 4), S_OK);
+  EXPECT_EQ(CheckMesh(d, q).triangles, 3u);
 }
 
 TEST(Delaunay, NearDuplicatesAndSeedPointsAreDropped) {

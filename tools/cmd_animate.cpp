@@ -213,6 +213,14 @@ RegisterDemoStep demo(80, "animate: the sea and clouds in a seamless loop", [](D
     for (const auto& p : f.points) l.points.insert(l.points.end(), {p.first, p.second});
     lines.push_back(std::move(l));
   }
+  // The sun sits between the drifting clouds and the anchored shore; a ring
+  // of anchors keeps it round instead of cross-fading two displaced suns.
+  const float w = static_cast<float>(ctx.scene.photo.width), h = static_cast<float>(ctx.scene.photo.height);
+  const float sun_x = 0.26f * w, sun_y = 0.49f * h, ring = 0.08f * h;
+  for (int i = 0; i < 8; ++i) {
+    const float a = static_cast<float>(i) * 0.785398f;
+    lines.push_back({Korvane::FLOW_ANCHOR, {sun_x + ring * std::cos(a), sun_y + ring * std::sin(a)}});
+  }
   Image photo = ctx.scene.photo, still = ctx.scene.still;
   for (const char* name : {"animation.webp", "animation.gif"}) {
     AnimateOptions o;

@@ -26,10 +26,10 @@ struct Candidate {
   uint32_t colour;
 };
 
-// Picks the nearest of `n` candidates over the starting best, and averages
-// the colours of the candidates within one diagonal step of it. With
-// `own_counts` false the starting best (the pixel's own value) is never part
-// of the mean, even when it stays the nearest.
+// Picks the nearest of `n` candidates over the starting best (strictly
+// nearer wins, so ties keep the earlier one), then averages the colours of
+// the candidates within one diagonal step of it when there are two or more.
+// The starting best itself is never part of the mean.
 inline void ChooseColour(const Candidate* cand, int n, uint32_t diag, uint32_t& best_dist,
                          uint32_t& best_colour) {
   bool found = false;

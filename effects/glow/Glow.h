@@ -79,9 +79,12 @@ class Glow {
   virtual int32_t Initialize(int32_t width, int32_t height) = 0;
 
   // Renders roi of the glowing photo into param.dst. Returns 0 or the code of
-  // the first failure: E_INVALIDARG for sizes, ranges and a mode outside 0..28,
-  // E_NOTIMPL for src or dst not PIXEL_BGRA32, E_POINTER for missing pixels,
-  // E_FAIL before Initialize. Photos need at least 2 x 2 pixels.
+  // the first failure: E_INVALIDARG for a photo that is not the size given to
+  // Initialize (so also before it), other size, rectangle and range errors
+  // and a mode outside 0..28; E_NOTIMPL for src or dst not PIXEL_BGRA32;
+  // E_POINTER for a dst without pixels; E_FAIL when Initialize has not
+  // prepared the working images (0 x 0 photos). Photos need at least 2 x 2
+  // pixels. Modes 11 and 12 keep the glow in floats from the tone curve on.
   virtual int32_t Process(const GlowParam& param) = 0;
 
   // Frees the working images; Initialize must be called again before Process.

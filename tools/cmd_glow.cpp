@@ -240,6 +240,7 @@ RegisterDemoStep demo(60, "glow: blooming highlights", [](DemoContext& ctx) {
   o.color_strength = 0.5f;
   o.hue = 0.08f;
   o.intensity = 0.3f;
+  o.threshold = 190;
   if (int rc = Render(fx, photo, nullptr, result, Korvane::GLOW_BLEND_ADDITION, all, o, &ms)) return rc;
   if (int rc = ctx.Save("glow-warm-addition.png", result, ms)) return rc;
   void* p = fx;

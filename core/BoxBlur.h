@@ -15,10 +15,12 @@
 // Rounding:
 // - 8-bit variants: exact integer sums; each output is trunc(sum / n + 0.5),
 //   computed with an exact fixed-point reciprocal (no division per sample).
-// - FLOAT32 / FLOAT96: running sums in double, each sample subtracted and
-//   added in window order; output float(sum * (1.0 / n)). The SSE forms do
-//   the same operations in the same order, so the results are bit-identical.
-//   A NaN or infinity spreads along the rest of its line.
+// - FLOAT32 / FLOAT96: running sums in double; a step where one sample
+//   enters and one leaves adds (double(entering) - double(leaving)) to the
+//   sum, the window's edges add or subtract single samples; output
+//   float(sum * (1.0 / n)). The SSE forms do the same operations in the same
+//   order, so the results are bit-identical. A NaN or infinity spreads along
+//   the rest of its line.
 // - INT32: exact 64-bit sums; output floor(sum / n + 1/2) (halves round up).
 // - Masked BGRA32: the mask (one byte a pixel, rows packed, the image's
 //   width and height) sets how much of the blur each pixel takes:
@@ -51,7 +53,9 @@ struct BoxBlurParam {
 // changes nothing.
 int32_t BoxBlurH(ThreadJob* job, int32_t* result);
 int32_t BoxBlurV(ThreadJob* job, int32_t* result);
-// SSE forms: bit-identical results.
+// SSE forms: bit-identical results. They vectorise BGRA32, GRAY8, the masked
+// form (windows up to 185 samples, where 16-bit sums stay exact), FLOAT32
+// and FLOAT96; INT32 images and longer 8-bit windows run the plain code.
 int32_t BoxBlurH_SSE(ThreadJob* job, int32_t* result);
 int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result);
 

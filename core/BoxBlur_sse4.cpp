@@ -7,10 +7,11 @@
 //
 // The vertical pass runs down a strip of columns with one sum per byte (or
 // float) of a row segment, so each step is plain vector arithmetic across
-// columns. The horizontal pass transposes a group of rows (16 gray rows, or
-// 4 BGRA / FLOAT32 / FLOAT96 rows) so that one vector holds the same sample
-// of every row of the group, runs the same column-wise arithmetic along the
-// positions, and transposes the result back.
+// columns. The 8-bit horizontal pass works on a copy of each row: in the
+// full-window stretch, 8 gray or 2 BGRA sums at a time come from a prefix
+// sum of (entering - leaving) samples. The float horizontal pass transposes
+// four rows so that one vector holds the same sample of each of them, runs
+// the column-wise arithmetic along the positions, and transposes back.
 #include <smmintrin.h>
 
 #include <cstring>
@@ -105,31 +106,6 @@ inline __m128i AlphaBytes() { return _mm_set1_epi32(static_cast<int32_t>(0xFF000
 // ---------------------------------------------------------------------------
 // Transposes.
 
-// 16 x 16 bytes; its own inverse.
-void Transpose16x16(__m128i v[16]) {
-  __m128i a[16], b[16];
-  for (int i = 0; i < 8; ++i) {
-    a[2 * i] = _mm_unpacklo_epi8(v[2 * i], v[2 * i + 1]);
-    a[2 * i + 1] = _mm_unpackhi_epi8(v[2 * i], v[2 * i + 1]);
-  }
-  for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 2; ++j) {
-      b[4 * i + 2 * j] = _mm_unpacklo_epi16(a[4 * i + j], a[4 * i + j + 2]);
-      b[4 * i + 2 * j + 1] = _mm_unpackhi_epi16(a[4 * i + j], a[4 * i + j + 2]);
-    }
-  }
-  for (int i = 0; i < 2; ++i) {
-    for (int j = 0; j < 4; ++j) {
-      a[8 * i + 2 * j] = _mm_unpacklo_epi32(b[8 * i + j], b[8 * i + j + 4]);
-      a[8 * i + 2 * j + 1] = _mm_unpackhi_epi32(b[8 * i + j], b[8 * i + j + 4]);
-    }
-  }
-  for (int j = 0; j < 8; ++j) {
-    v[2 * j] = _mm_unpacklo_epi64(a[j], a[j + 8]);
-    v[2 * j + 1] = _mm_unpackhi_epi64(a[j], a[j + 8]);
-  }
-}
-
 // 4 x 4 32-bit elements; its own inverse.
 inline void Transpose4x4(__m128i v[4]) {
   const __m128i t0 = _mm_unpacklo_epi32(v[0], v[1]);
@@ -142,177 +118,197 @@ inline void Transpose4x4(__m128i v[4]) {
   v[3] = _mm_unpackhi_epi64(t1, t3);
 }
 
-// Gathers `rows` lines of `len` elements (`elem` bytes each: 1 for 16 rows,
-// 4 for 4 rows) into t: t[p] holds element p of every line.
-void GatherLines(unsigned char* const* lines, int32_t len, int elem, __m128i* t) {
+// Gathers four lines of `len` 4-byte elements into t: t[p] holds element p
+// of each line.
+void GatherLines(unsigned char* const* lines, int32_t len, __m128i* t) {
   int32_t p = 0;
-  if (elem == 1) {
-    for (; p + 16 <= len; p += 16) {
-      __m128i v[16];
-      for (int k = 0; k < 16; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lines[k] + p));
-      Transpose16x16(v);
-      for (int k = 0; k < 16; ++k) t[p + k] = v[k];
+  for (; p + 4 <= len; p += 4) {
+    // Four rows stream in at once; ask for them ahead of the hardware.
+    if ((p & 15) == 0 && p + 4 * 64 < len) {
+      for (int k = 0; k < 4; ++k) _mm_prefetch(reinterpret_cast<const char*>(lines[k] + 4 * p + 1024), _MM_HINT_T0);
     }
-    for (; p < len; ++p) {
-      alignas(16) unsigned char b[16];
-      for (int k = 0; k < 16; ++k) b[k] = lines[k][p];
-      t[p] = _mm_load_si128(reinterpret_cast<const __m128i*>(b));
-    }
-  } else {
-    for (; p + 4 <= len; p += 4) {
-      __m128i v[4];
-      for (int k = 0; k < 4; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lines[k] + 4 * p));
-      Transpose4x4(v);
-      for (int k = 0; k < 4; ++k) t[p + k] = v[k];
-    }
-    for (; p < len; ++p) {
-      alignas(16) unsigned char b[16];
-      for (int k = 0; k < 4; ++k) std::memcpy(b + 4 * k, lines[k] + 4 * p, 4);
-      t[p] = _mm_load_si128(reinterpret_cast<const __m128i*>(b));
-    }
+    __m128i v[4];
+    for (int k = 0; k < 4; ++k) v[k] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(lines[k] + 4 * p));
+    Transpose4x4(v);
+    for (int k = 0; k < 4; ++k) t[p + k] = v[k];
+  }
+  for (; p < len; ++p) {
+    alignas(16) unsigned char b[16];
+    for (int k = 0; k < 4; ++k) std::memcpy(b + 4 * k, lines[k] + 4 * p, 4);
+    t[p] = _mm_load_si128(reinterpret_cast<const __m128i*>(b));
   }
 }
 
 // The reverse of GatherLines.
-void ScatterLines(const __m128i* t, int32_t len, int elem, unsigned char* const* lines) {
+void ScatterLines(const __m128i* t, int32_t len, unsigned char* const* lines) {
   int32_t p = 0;
-  if (elem == 1) {
-    for (; p + 16 <= len; p += 16) {
-      __m128i v[16];
-      for (int k = 0; k < 16; ++k) v[k] = t[p + k];
-      Transpose16x16(v);
-      for (int k = 0; k < 16; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(lines[k] + p), v[k]);
-    }
-    for (; p < len; ++p) {
-      alignas(16) unsigned char b[16];
-      _mm_store_si128(reinterpret_cast<__m128i*>(b), t[p]);
-      for (int k = 0; k < 16; ++k) lines[k][p] = b[k];
-    }
-  } else {
-    for (; p + 4 <= len; p += 4) {
-      __m128i v[4];
-      for (int k = 0; k < 4; ++k) v[k] = t[p + k];
-      Transpose4x4(v);
-      for (int k = 0; k < 4; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(lines[k] + 4 * p), v[k]);
-    }
-    for (; p < len; ++p) {
-      alignas(16) unsigned char b[16];
-      _mm_store_si128(reinterpret_cast<__m128i*>(b), t[p]);
-      for (int k = 0; k < 4; ++k) std::memcpy(lines[k] + 4 * p, b + 4 * k, 4);
-    }
+  for (; p + 4 <= len; p += 4) {
+    __m128i v[4];
+    for (int k = 0; k < 4; ++k) v[k] = t[p + k];
+    Transpose4x4(v);
+    for (int k = 0; k < 4; ++k) _mm_storeu_si128(reinterpret_cast<__m128i*>(lines[k] + 4 * p), v[k]);
+  }
+  for (; p < len; ++p) {
+    alignas(16) unsigned char b[16];
+    _mm_store_si128(reinterpret_cast<__m128i*>(b), t[p]);
+    for (int k = 0; k < 4; ++k) std::memcpy(lines[k] + 4 * p, b + 4 * k, 4);
   }
 }
 
 // ---------------------------------------------------------------------------
-// Horizontal pass, 8-bit: WalkWindow over gathered positions. t holds the
-// original vectors (it doubles as the ring), out receives the results. The
-// sums live in registers for a whole phase.
-template <bool kAlpha, bool kMask>
-struct Gathered8Ops {
-  const __m128i* t;
-  __m128i* out;
+// Horizontal pass, GRAY8, one row at a time from a copy of the row. In the
+// full-window stretch eight sums come out of one prefix sum: with
+// d[k] = in[p + k + r - 1] - in[p + k - r], sum[p + k] = sum[p - 1] + d[0] + ... + d[k].
+struct GrayRowOps {
+  const unsigned char* t;  // the row's original bytes
+  unsigned char* row;
   const Div16* div;
-  const uint32_t* mask4;  // masked variant: the 4 rows' mask bytes of each position
-  __m128i s0, s1;
+  uint32_t s;
+
+  void Prime(int32_t i) { s += t[i]; }
+
+  template <bool kAdd, bool kSub>
+  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
+    int32_t p = from;
+    if (kAdd && kSub) {
+      const Div16 d = div[n];
+      const __m128i z = _mm_setzero_si128();
+      // The running sum stays in a vector: every lane holds sum[p - 1].
+      __m128i carry = _mm_set1_epi16(static_cast<int16_t>(s));
+      for (; p + 8 <= to; p += 8) {
+        const __m128i in = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p + r - 1)), z);
+        const __m128i out = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p - r)), z);
+        __m128i v = _mm_sub_epi16(in, out);
+        v = _mm_add_epi16(v, _mm_slli_si128(v, 2));
+        v = _mm_add_epi16(v, _mm_slli_si128(v, 4));
+        v = _mm_add_epi16(v, _mm_slli_si128(v, 8));
+        v = _mm_add_epi16(v, carry);
+        const __m128i top = _mm_shufflehi_epi16(v, _MM_SHUFFLE(3, 3, 3, 3));
+        carry = _mm_unpackhi_epi64(top, top);
+        const __m128i q = Divide16(v, d);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(row + p), _mm_packus_epi16(q, q));
+      }
+      s = static_cast<uint16_t>(_mm_cvtsi128_si32(carry));
+    }
+    for (; p < to; ++p, n += dn) {
+      if (kSub) s -= t[p - r];
+      if (kAdd) s += t[p + r - 1];
+      row[p] = static_cast<unsigned char>(Divide8(s, div[n].scalar));
+    }
+  }
+};
+
+// Horizontal pass, BGRA32 (and its masked form), one row at a time from a
+// copy of the row, with the same prefix-sum stretch two pixels per vector.
+template <bool kMask>
+struct BgraRowOps {
+  const unsigned char* t;  // the row's original bytes
+  unsigned char* row;
+  const unsigned char* mask;  // the row's mask bytes
+  const Div16* div;
+  uint32_t s[4];
 
   void Prime(int32_t i) {
-    const __m128i z = _mm_setzero_si128();
-    s0 = _mm_add_epi16(s0, _mm_unpacklo_epi8(t[i], z));
-    s1 = _mm_add_epi16(s1, _mm_unpackhi_epi8(t[i], z));
+    for (int c = 0; c < 4; ++c) s[c] += t[4 * i + c];
+  }
+
+  void Put(int32_t p, __m128i q, __m128i orig) const {
+    if constexpr (kMask) {
+      const __m128i z = _mm_setzero_si128();
+      const __m128i m = _mm_shuffle_epi8(_mm_cvtsi32_si128(mask[p] | (mask[p + 1] << 8)),
+                                         _mm_setr_epi8(0, -1, 0, -1, 0, -1, 0, -1, 1, -1, 1, -1, 1, -1, 1, -1));
+      q = MixByMask16(_mm_unpacklo_epi8(orig, z), q, m);
+    }
+    __m128i v = _mm_packus_epi16(q, q);
+    v = _mm_blendv_epi8(v, orig, AlphaBytes());
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(row + 4 * p), v);
   }
 
   template <bool kAdd, bool kSub>
   void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
-    const __m128i z = _mm_setzero_si128();
-    __m128i a = s0, b = s1;
-    auto step = [&](int32_t p, const Div16& d) {
-      if constexpr (kSub) {
-        a = _mm_sub_epi16(a, _mm_unpacklo_epi8(t[p - r], z));
-        b = _mm_sub_epi16(b, _mm_unpackhi_epi8(t[p - r], z));
-      }
-      if constexpr (kAdd) {
-        a = _mm_add_epi16(a, _mm_unpacklo_epi8(t[p + r - 1], z));
-        b = _mm_add_epi16(b, _mm_unpackhi_epi8(t[p + r - 1], z));
-      }
-      __m128i q0 = Divide16(a, d);
-      __m128i q1 = Divide16(b, d);
-      if constexpr (kMask) {
-        // Each row's mask byte spread over its pixel's four 16-bit lanes.
-        const __m128i m = _mm_cvtsi32_si128(static_cast<int>(mask4[p]));
-        const __m128i m0 = _mm_shuffle_epi8(m, _mm_setr_epi8(0, -1, 0, -1, 0, -1, 0, -1, 1, -1, 1, -1, 1, -1, 1, -1));
-        const __m128i m1 = _mm_shuffle_epi8(m, _mm_setr_epi8(2, -1, 2, -1, 2, -1, 2, -1, 3, -1, 3, -1, 3, -1, 3, -1));
-        q0 = MixByMask16(_mm_unpacklo_epi8(t[p], z), q0, m0);
-        q1 = MixByMask16(_mm_unpackhi_epi8(t[p], z), q1, m1);
-      }
-      __m128i v = _mm_packus_epi16(q0, q1);
-      if constexpr (kAlpha) v = _mm_blendv_epi8(v, t[p], AlphaBytes());
-      out[p] = v;
-    };
-    if (dn == 0) {
+    int32_t p = from;
+    if (kAdd && kSub) {
       const Div16 d = div[n];
-      for (int32_t p = from; p < to; ++p) step(p, d);
-    } else {
-      for (int32_t p = from; p < to; ++p, n += dn) step(p, div[n]);
+      const __m128i z = _mm_setzero_si128();
+      // Every pixel slot of `carry` holds the four sums of pixel p - 1.
+      __m128i carry = _mm_set_epi16(0, 0, 0, 0, static_cast<int16_t>(s[3]), static_cast<int16_t>(s[2]),
+                                    static_cast<int16_t>(s[1]), static_cast<int16_t>(s[0]));
+      carry = _mm_unpacklo_epi64(carry, carry);
+      for (; p + 4 <= to; p += 4) {
+        const __m128i in = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p + r - 1)));
+        const __m128i out = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p - r)));
+        __m128i a = _mm_sub_epi16(_mm_unpacklo_epi8(in, z), _mm_unpacklo_epi8(out, z));
+        __m128i b = _mm_sub_epi16(_mm_unpackhi_epi8(in, z), _mm_unpackhi_epi8(out, z));
+        a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
+        b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
+        a = _mm_add_epi16(a, carry);
+        b = _mm_add_epi16(b, _mm_unpackhi_epi64(a, a));
+        carry = _mm_unpackhi_epi64(b, b);
+        const __m128i orig = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * p));
+        Put(p, Divide16(a, d), orig);
+        Put(p + 2, Divide16(b, d), _mm_srli_si128(orig, 8));
+      }
+      alignas(16) uint16_t last[8];
+      _mm_store_si128(reinterpret_cast<__m128i*>(last), carry);
+      for (int c = 0; c < 4; ++c) s[c] = last[c];
     }
-    s0 = a;
-    s1 = b;
+    for (; p < to; ++p, n += dn) {
+      for (int c = 0; c < 3; ++c) {
+        if (kSub) s[c] -= t[4 * (p - r) + c];
+        if (kAdd) s[c] += t[4 * (p + r - 1) + c];
+        uint32_t q = Divide8(s[c], div[n].scalar);
+        if constexpr (kMask) q = boxblur_detail::MixByMask(t[4 * p + c], q, mask[p]);
+        row[4 * p + c] = static_cast<unsigned char>(q);
+      }
+      // The alpha sum is kept too (the vector stretch carries it) but never written.
+      if (kSub) s[3] -= t[4 * (p - r) + 3];
+      if (kAdd) s[3] += t[4 * (p + r - 1) + 3];
+    }
   }
 };
 
-template <bool kAlpha, bool kMask>
-void Horizontal8Groups(const BlurJob& job, const Div16* div, __m128i* t, __m128i* out,
-                       uint32_t* mask4, int32_t group, int32_t* y) {
-  const int32_t w = job.width;
-  for (; *y + group <= job.end; *y += group) {
-    unsigned char* lines[16];
-    for (int k = 0; k < group; ++k) lines[k] = job.data + (*y + k) * job.stride;
-    GatherLines(lines, w, group == 16 ? 1 : 4, t);
-    if constexpr (kMask) {
-      for (int32_t p = 0; p < w; ++p) {
-        uint32_t m = 0;
-        for (int k = 0; k < 4; ++k) m |= uint32_t{job.mask[static_cast<ptrdiff_t>(*y + k) * w + p]} << (8 * k);
-        mask4[p] = m;
-      }
-    }
-    Gathered8Ops<kAlpha, kMask> ops{t, out, div, mask4, _mm_setzero_si128(), _mm_setzero_si128()};
-    WalkWindow(ops, w, job.radius);
-    ScatterLines(out, w, group == 16 ? 1 : 4, lines);
-  }
-}
-
-int32_t Horizontal8(const BlurJob& job) {
-  const bool gray = job.variant == Variant::kGray;
-  const int group = gray ? 16 : 4;
-  const int32_t w = job.width;
-  const std::vector<Div16> div = MakeDividers(w, job.radius);
-  if (div.empty()) return BlurPlain(job, true);
-  std::vector<Block> t, out;
-  std::vector<uint32_t> mask4;
+template <bool kMask>
+int32_t HorizontalBgra(const BlurJob& job, const std::vector<Div16>& div) {
+  std::vector<unsigned char> copy;
   try {
-    t.resize(static_cast<size_t>(w));
-    out.resize(static_cast<size_t>(w));
-    if (job.variant == Variant::kBgraMasked) mask4.resize(static_cast<size_t>(w));
+    copy.resize(static_cast<size_t>(job.width) * 4);
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-  int32_t y = job.begin;
-  switch (job.variant) {
-    case Variant::kGray:
-      Horizontal8Groups<false, false>(job, div.data(), Vecs(t), Vecs(out), nullptr, group, &y);
-      break;
-    case Variant::kBgra:
-      Horizontal8Groups<true, false>(job, div.data(), Vecs(t), Vecs(out), nullptr, group, &y);
-      break;
-    default:
-      Horizontal8Groups<true, true>(job, div.data(), Vecs(t), Vecs(out), mask4.data(), group, &y);
-      break;
-  }
-  if (y < job.end) {
-    BlurJob rest = job;
-    rest.begin = y;
-    return BlurPlain(rest, true);
+  for (int32_t y = job.begin; y < job.end; ++y) {
+    unsigned char* row = job.data + y * job.stride;
+    std::memcpy(copy.data(), row, copy.size());
+    BgraRowOps<kMask> ops{copy.data(), row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
+                          div.data(), {0, 0, 0, 0}};
+    WalkWindow(ops, job.width, job.radius);
   }
   return S_OK;
+}
+
+int32_t HorizontalGray(const BlurJob& job, const std::vector<Div16>& div) {
+  std::vector<unsigned char> copy;
+  try {
+    copy.resize(static_cast<size_t>(job.width));
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  for (int32_t y = job.begin; y < job.end; ++y) {
+    unsigned char* row = job.data + y * job.stride;
+    std::memcpy(copy.data(), row, copy.size());
+    GrayRowOps ops{copy.data(), row, div.data(), 0};
+    WalkWindow(ops, job.width, job.radius);
+  }
+  return S_OK;
+}
+
+int32_t Horizontal8(const BlurJob& job) {
+  const std::vector<Div16> div = MakeDividers(job.width, job.radius);
+  if (div.empty()) return BlurPlain(job, true);
+  switch (job.variant) {
+    case Variant::kGray: return HorizontalGray(job, div);
+    case Variant::kBgra: return HorizontalBgra<false>(job, div);
+    default: return HorizontalBgra<true>(job, div);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -623,7 +619,7 @@ int32_t HorizontalFloat(const BlurJob& job) {
   for (; y + 4 <= job.end; y += 4) {
     unsigned char* lines[4];
     for (int k = 0; k < 4; ++k) lines[k] = job.data + (y + k) * job.stride;
-    GatherLines(lines, samples, 4, Vecs(t));
+    GatherLines(lines, samples, Vecs(t));
     const __m128d z = _mm_setzero_pd();
     if (ch == 3) {
       GatheredFloatOps<3> ops{Vecs(t), Vecs(out), inv.data(), {z, z, z}, {z, z, z}};
@@ -632,7 +628,7 @@ int32_t HorizontalFloat(const BlurJob& job) {
       GatheredFloatOps<1> ops{Vecs(t), Vecs(out), inv.data(), {z}, {z}};
       WalkWindow(ops, w, r);
     }
-    ScatterLines(Vecs(out), samples, 4, lines);
+    ScatterLines(Vecs(out), samples, lines);
   }
   if (y < job.end) {
     BlurJob rest = job;

@@ -162,6 +162,7 @@ void ScatterLines(const __m128i* t, int32_t len, unsigned char* const* lines) {
 struct GrayRowOps {
   const unsigned char* t;  // the row's original bytes
   unsigned char* row;
+  const unsigned char* next;  // the next row, fetched while this one is worked on
   const Div16* div;
   uint32_t s;
 
@@ -176,6 +177,7 @@ struct GrayRowOps {
       // The running sum stays in a vector: every lane holds sum[p - 1].
       __m128i carry = _mm_set1_epi16(static_cast<int16_t>(s));
       for (; p + 8 <= to; p += 8) {
+        if ((p & 63) < 8) _mm_prefetch(reinterpret_cast<const char*>(next + p), _MM_HINT_T0);
         const __m128i in = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p + r - 1)), z);
         const __m128i out = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p - r)), z);
         __m128i v = _mm_sub_epi16(in, out);
@@ -204,6 +206,7 @@ template <bool kMask>
 struct BgraRowOps {
   const unsigned char* t;  // the row's original bytes
   unsigned char* row;
+  const unsigned char* next;  // the next row, fetched while this one is worked on
   const unsigned char* mask;  // the row's mask bytes
   const Div16* div;
   uint32_t s[4];
@@ -235,6 +238,7 @@ struct BgraRowOps {
                                     static_cast<int16_t>(s[1]), static_cast<int16_t>(s[0]));
       carry = _mm_unpacklo_epi64(carry, carry);
       for (; p + 4 <= to; p += 4) {
+        if ((p & 15) < 4) _mm_prefetch(reinterpret_cast<const char*>(next + 4 * p), _MM_HINT_T0);
         const __m128i in = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p + r - 1)));
         const __m128i out = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p - r)));
         __m128i a = _mm_sub_epi16(_mm_unpacklo_epi8(in, z), _mm_unpacklo_epi8(out, z));
@@ -278,7 +282,7 @@ int32_t HorizontalBgra(const BlurJob& job, const std::vector<Div16>& div) {
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
     std::memcpy(copy.data(), row, copy.size());
-    BgraRowOps<kMask> ops{copy.data(), row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
+    BgraRowOps<kMask> ops{copy.data(), row, y + 1 < job.end ? row + job.stride : row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
                           div.data(), {0, 0, 0, 0}};
     WalkWindow(ops, job.width, job.radius);
   }
@@ -295,7 +299,7 @@ int32_t HorizontalGray(const BlurJob& job, const std::vector<Div16>& div) {
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
     std::memcpy(copy.data(), row, copy.size());
-    GrayRowOps ops{copy.data(), row, div.data(), 0};
+    GrayRowOps ops{copy.data(), row, y + 1 < job.end ? row + job.stride : row, div.data(), 0};
     WalkWindow(ops, job.width, job.radius);
   }
   return S_OK;

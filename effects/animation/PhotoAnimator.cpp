@@ -529,14 +529,24 @@ int32_t PhotoAnimator::PasteStillTask(ThreadJob* job, int32_t* result) {
   PhotoAnimator& self = *rp.self;
   const ImageBuffer& input = *rp.param->input;
   const ImageBuffer& mask = *rp.param->mask;
-  const Rect& r = job->rect;
-  const size_t stride = static_cast<size_t>(self.m_next_img.stride);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    const unsigned char* m = mask.data + static_cast<size_t>(y) * static_cast<size_t>(mask.stride);
-    const unsigned char* in = input.data + static_cast<size_t>(y) * static_cast<size_t>(input.stride);
-    unsigned char* out = self.m_next_img.data.get() + static_cast<size_t>(y) * stride;
-    for (int32_t x = r.left; x < r.right; ++x) {
-      if (m[x] != 0) std::memcpy(out + static_cast<size_t>(x) * 4, in + static_cast<size_t>(x) * 4, 4);
+  const ImageBuffer& output = *rp.param->output;
+  const Rect& r = job->rect;  // rows of the region, all of its columns
+  const Rect& roi = self.m_output_roi;
+  const int32_t count = r.right - r.left;
+  if (count > 0) {
+    const size_t stride = static_cast<size_t>(self.m_next_img.stride);
+    for (int32_t y = r.top; y < r.bottom; ++y) {
+      const unsigned char* m = mask.data + static_cast<size_t>(y) * static_cast<size_t>(mask.stride);
+      const unsigned char* in = input.data + static_cast<size_t>(y) * static_cast<size_t>(input.stride);
+      const unsigned char* frame = self.m_next_img.data.get() + static_cast<size_t>(y) * stride;
+      // The region's row of the frame goes to the output, and the still
+      // pixels of the row are taken from the photo on the way.
+      unsigned char* out = output.data + static_cast<size_t>(y - roi.top) * static_cast<size_t>(output.stride) +
+                           static_cast<size_t>(r.left - roi.left) * 4;
+      std::memcpy(out, frame + static_cast<size_t>(r.left) * 4, static_cast<size_t>(count) * 4);
+      for (int32_t x = r.left; x < r.right; ++x) {
+        if (m[x] != 0) std::memcpy(out + static_cast<size_t>(x - r.left) * 4, in + static_cast<size_t>(x) * 4, 4);
+      }
     }
   }
   *result = S_OK;
@@ -601,8 +611,6 @@ int32_t PhotoAnimator::Animate(const AnimationParam* p_param, int32_t frame_inde
     if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(PasteStillTask, &row_param, this, m_output_roi))) {
       return hr;
     }
-    SmartBuffer output = SmartBufferView(*param.output);
-    if (KORVANE_FAILED(CopySmartBufferDataWithROI(m_next_img, output, m_output_roi))) return hr;
     return S_OK;
   } catch (const std::exception& e) {
     DebugLog("Animate - %s caught!", e.what());

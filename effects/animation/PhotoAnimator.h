@@ -83,6 +83,7 @@ class PhotoAnimator final : public Animation, public EffectCore {
 
   static int32_t WarpMovingTask(ThreadJob* job, int32_t* result);
   static int32_t WarpStaticTask(ThreadJob* job, int32_t* result);
+  // Writes the region of the frame to the output, still pixels from the photo.
   static int32_t PasteStillTask(ThreadJob* job, int32_t* result);
 
   std::unique_ptr<Delaunay> mesh;

@@ -274,6 +274,21 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
   const ThreadTask v = PickKernel<ThreadTask>(info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
   const bool sse = h != &BoxBlurH;
   void* const boxblur_param = static_cast<void*>(&param);
+#if KORVANE_HAVE_SSE41
+  // A single pass each way can run as one sweep that reads and writes the
+  // image once; it declines (E_NOTIMPL) whatever it does not cover.
+  if (sse && passes == 1) {
+    const int32_t hr = boxblur_detail::FusedBlur8(adapter, param, roi);
+    if (hr != E_NOTIMPL) {
+      if (hr < 0) {
+        DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(BoxBlurHV_SSE, (void*)&boxblur_param, "
+                 "nullptr, roi) Error! - Return Code: %x",
+                 static_cast<unsigned>(hr));
+      }
+      return hr;
+    }
+  }
+#endif
   for (int i = 0; i < passes; ++i) {
     const int32_t hr = adapter.RunTaskByMultiThread(h, boxblur_param, nullptr, roi);
     if (hr < 0) {

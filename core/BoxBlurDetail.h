@@ -57,6 +57,13 @@ inline uint32_t MixByMask(uint32_t orig, uint32_t blurred, uint32_t m) {
   return (x + 1u + (x >> 8)) >> 8;
 }
 
+// One horizontal and one vertical SSE pass over the whole image in one
+// sweep per row band, with the same bytes as the two passes (8-bit BGRA32
+// and GRAY8, windows the 16-bit sums cover, roi covering the image).
+// E_NOTIMPL, before touching anything, for every other case. Only built
+// with the SSE4.1 kernels.
+int32_t FusedBlur8(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi);
+
 // The plain kernels, also used by the SSE forms for variants and lines they
 // leave to the plain code.
 int32_t BlurPlain(const BlurJob& job, bool rows);

@@ -224,30 +224,54 @@ void AdjustColorBand(const GlowColorParam& p, const Rect& r) {
     const int32_t sat = ClampToInt(w * kHsvMax, 0, kHsvMax);
     for (int32_t v = 0; v < 256; ++v) HsvToRgb(hue, sat, v << 7, tint[v][0], tint[v][1], tint[v][2]);
   }
+  // B, G, R packed into the low three bytes, in and out.
+  auto adjust = [&](uint32_t bgr) -> uint32_t {
+    int32_t b = bgr & 255, g = (bgr >> 8) & 255, rr = (bgr >> 16) & 255;
+    if (kTint) {
+      const int32_t* t = tint[std::max(b, std::max(g, rr))];
+      rr = ClampToInt(rr * keep + t[0] * w, kTintFloor, 255);
+      g = ClampToInt(g * keep + t[1] * w, kTintFloor, 255);
+      b = ClampToInt(b * keep + t[2] * w, kTintFloor, 255);
+    }
+    if (kHsv) {
+      int32_t h, s, v;
+      RgbToHsv(rr, g, b, h, s, v);
+      s = ClampToInt(static_cast<float>(s) * sat_gain, 0, kHsvMax);
+      HsvToRgb(h, s, v, rr, g, b);
+    }
+    if (kScale) {
+      rr = static_cast<int32_t>(rr * beta);
+      g = static_cast<int32_t>(g * beta);
+      b = static_cast<int32_t>(b * beta);
+    }
+    return static_cast<uint32_t>(b) | static_cast<uint32_t>(g) << 8 | static_cast<uint32_t>(rr) << 16;
+  };
+  // The result depends on the colour alone. With the HSV round trip in the
+  // way, a small memo of recent colours pays: a softened glow repeats its
+  // colours from pixel to pixel. (4096 entries: 32 KB of stack.)
+  constexpr int32_t kMemoBits = kHsv ? 12 : 0;
+  uint32_t memo_key[1 << kMemoBits], memo_val[1 << kMemoBits];
+  if (kHsv) std::fill_n(memo_key, 1 << kMemoBits, 0xFFFFFFFFu);  // no colour has a top byte
   for (int32_t y = r.top; y < r.bottom; ++y) {
     unsigned char* px = Row(*p.img, y) + r.left * 4;
     for (int32_t x = r.left; x < r.right; ++x, px += 4) {
-      int32_t b = px[0], g = px[1], rr = px[2];
-      if (kTint) {
-        const int32_t* t = tint[std::max(b, std::max(g, rr))];
-        rr = ClampToInt(rr * keep + t[0] * w, kTintFloor, 255);
-        g = ClampToInt(g * keep + t[1] * w, kTintFloor, 255);
-        b = ClampToInt(b * keep + t[2] * w, kTintFloor, 255);
-      }
+      const uint32_t key = px[0] | static_cast<uint32_t>(px[1]) << 8 | static_cast<uint32_t>(px[2]) << 16;
+      uint32_t out;
       if (kHsv) {
-        int32_t h, s, v;
-        RgbToHsv(rr, g, b, h, s, v);
-        s = ClampToInt(static_cast<float>(s) * sat_gain, 0, kHsvMax);
-        HsvToRgb(h, s, v, rr, g, b);
+        const uint32_t slot = (key * 2654435761u) >> (32 - kMemoBits);
+        if (memo_key[slot] == key) {
+          out = memo_val[slot];
+        } else {
+          out = adjust(key);
+          memo_key[slot] = key;
+          memo_val[slot] = out;
+        }
+      } else {
+        out = adjust(key);
       }
-      if (kScale) {
-        rr = static_cast<int32_t>(rr * beta);
-        g = static_cast<int32_t>(g * beta);
-        b = static_cast<int32_t>(b * beta);
-      }
-      px[0] = static_cast<unsigned char>(b);
-      px[1] = static_cast<unsigned char>(g);
-      px[2] = static_cast<unsigned char>(rr);
+      px[0] = static_cast<unsigned char>(out);
+      px[1] = static_cast<unsigned char>(out >> 8);
+      px[2] = static_cast<unsigned char>(out >> 16);
     }
   }
 }

@@ -460,6 +460,7 @@ TEST(GlowStages, AdjustColorMatchesTheStepByStepRecipeForEverySettingShape) {
   Bytes base = Noise(static_cast<size_t>(w) * h * 4, 5);
   const uint8_t pure[][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {10, 200, 90}};
   for (int i = 0; i < 6; ++i) std::copy(pure[i], pure[i] + 3, &base[i * 4]);
+  std::copy_n(base.begin(), 2 * w * 4, base.begin() + 3 * w * 4);  // repeated colours (the stage memoises)
   for (float strength : {0.0f, 0.35f, 1.0f, 1.8f})
     for (float sat : {0.0f, -1.0f, 0.6f, 1.0f})
       for (float beta : {1.0f, 0.55f}) {

@@ -14,8 +14,8 @@ namespace Korvane {
 
 namespace {
 
-// Largest side Initialize accepts: keeps every row of every working image
-// (12 bytes a pixel at most) and every byte offset inside 32 bits' reach.
+// Largest side Initialize accepts: keeps the row size of every working image
+// (12 bytes a pixel at most) inside 32 bits.
 constexpr int32_t kMaxSide = 1 << 26;
 
 inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
@@ -39,8 +39,10 @@ GlowEffect::GlowEffect(CThreadPool* pool) : EffectCore(pool) {
 int32_t GlowEffect::CalBlurRadius(float glow_radius) const {
   // glow_radius rounded half up, in half-size pixels, kept small enough that
   // the window fits the half-size image.
-  const int32_t r = static_cast<int32_t>(m_scale * glow_radius * 2.0f + 0.5f);
-  return std::min(r, (std::min(m_scaled_img_w, m_scaled_img_h) - 1) / 2);
+  const int32_t limit = (std::min(m_scaled_img_w, m_scaled_img_h) - 1) / 2;
+  const float rounded = m_scale * glow_radius * 2.0f + 0.5f;
+  if (!(rounded >= 0.0f)) return 0;  // also NaN
+  return rounded < static_cast<float>(limit) ? static_cast<int32_t>(rounded) : limit;
 }
 
 bool GlowEffect::BuffersReady() const {

@@ -61,7 +61,10 @@ int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result);
 
 // Runs `passes` horizontal passes and then `passes` vertical passes over
 // `roi` with the plain or SSE form chosen from info, logging a failure with
-// the call's text. Returns the first failure.
+// the call's text. Returns the first failure. With the SSE forms, one pass
+// each way over a whole 8-bit BGRA32 or GRAY8 image runs as a single sweep
+// per row band (the image is read and written once); the bytes are those of
+// the two passes.
 int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam& param, Rect roi,
                    int passes = 1);
 

@@ -96,8 +96,12 @@ int32_t PlanResize(const ResizeParam& param, const Rect& band, int32_t bpp, bool
   return S_OK;
 }
 
-void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to) {
+namespace {
+
+// The byte resize over rows [y_from, y_to) and columns [x_from, x_to),
+// kChannels interpolated bytes a pixel.
+template <int kChannels>
+void ResizeSpan8(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from, int32_t x_to) {
   for (int32_t dy = y_from; dy < y_to; ++dy) {
     const int32_t iy = dy - plan.y_begin;
     const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
@@ -106,36 +110,30 @@ void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_
     unsigned char* out = plan.dst + dy * plan.dst_stride;
     for (int32_t dx = x_from; dx < x_to; ++dx) {
       const int32_t ix = dx - plan.x_begin;
-      const unsigned char* a0 = r0 + plan.x0[ix];
-      const unsigned char* b0 = r0 + plan.x1[ix];
-      const unsigned char* a1 = r1 + plan.x0[ix];
-      const unsigned char* b1 = r1 + plan.x1[ix];
+      const unsigned char* a = r0 + plan.x0[ix];
+      const unsigned char* b = r0 + plan.x1[ix];
+      const unsigned char* c = r1 + plan.x0[ix];
+      const unsigned char* d = r1 + plan.x1[ix];
       const int32_t fx = plan.fx[ix];
-      for (int c = 0; c < 4; ++c) {
-        const int32_t top = Lerp8(a0[c], b0[c], fx);
-        const int32_t bottom = Lerp8(a1[c], b1[c], fx);
-        out[dx * 4 + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
+      for (int k = 0; k < kChannels; ++k) {
+        const int32_t top = Lerp8(a[k], b[k], fx);
+        const int32_t bottom = Lerp8(c[k], d[k], fx);
+        out[dx * kChannels + k] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
       }
     }
   }
 }
 
+}  // namespace
+
+void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
+                    int32_t x_to) {
+  ResizeSpan8<4>(plan, y_from, y_to, x_from, x_to);
+}
+
 void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
                     int32_t x_to) {
-  for (int32_t dy = y_from; dy < y_to; ++dy) {
-    const int32_t iy = dy - plan.y_begin;
-    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
-    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
-    const int32_t fy = plan.fy[iy];
-    unsigned char* out = plan.dst + dy * plan.dst_stride;
-    for (int32_t dx = x_from; dx < x_to; ++dx) {
-      const int32_t ix = dx - plan.x_begin;
-      const int32_t fx = plan.fx[ix];
-      const int32_t top = Lerp8(r0[plan.x0[ix]], r0[plan.x1[ix]], fx);
-      const int32_t bottom = Lerp8(r1[plan.x0[ix]], r1[plan.x1[ix]], fx);
-      out[dx] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-    }
-  }
+  ResizeSpan8<1>(plan, y_from, y_to, x_from, x_to);
 }
 
 }  // namespace resize_detail

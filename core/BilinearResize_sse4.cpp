@@ -52,6 +52,24 @@ void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const i
   }
 }
 
+// The neighbour pairs (left byte low, right byte high) of eight gray
+// columns whose pairs are consecutive bytes at row + x0[0..7].
+inline __m128i GatherPairs8(const unsigned char* row, const int32_t* x0) {
+  auto at = [row](int32_t offset) {
+    uint16_t v;
+    std::memcpy(&v, row + offset, 2);
+    return static_cast<int>(v);
+  };
+  __m128i v = _mm_cvtsi32_si128(at(x0[0]));
+  v = _mm_insert_epi16(v, at(x0[1]), 1);
+  v = _mm_insert_epi16(v, at(x0[2]), 2);
+  v = _mm_insert_epi16(v, at(x0[3]), 3);
+  v = _mm_insert_epi16(v, at(x0[4]), 4);
+  v = _mm_insert_epi16(v, at(x0[5]), 5);
+  v = _mm_insert_epi16(v, at(x0[6]), 6);
+  return _mm_insert_epi16(v, at(x0[7]), 7);
+}
+
 // Horizontal pass of one gray source row, eight columns at a time.
 void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
                        int16_t* out) {
@@ -59,21 +77,9 @@ void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const i
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   int32_t i = 0;
-  auto pair = [row](int32_t offset) {
-    uint16_t v;
-    std::memcpy(&v, row + offset, 2);
-    return static_cast<int>(v);
-  };
   const __m128i low_bytes = _mm_set1_epi16(0x00FF);
   for (; i + 8 <= paired; i += 8) {
-    __m128i v = _mm_cvtsi32_si128(pair(x0[i]));
-    v = _mm_insert_epi16(v, pair(x0[i + 1]), 1);
-    v = _mm_insert_epi16(v, pair(x0[i + 2]), 2);
-    v = _mm_insert_epi16(v, pair(x0[i + 3]), 3);
-    v = _mm_insert_epi16(v, pair(x0[i + 4]), 4);
-    v = _mm_insert_epi16(v, pair(x0[i + 5]), 5);
-    v = _mm_insert_epi16(v, pair(x0[i + 6]), 6);
-    v = _mm_insert_epi16(v, pair(x0[i + 7]), 7);
+    const __m128i v = GatherPairs8(row, x0 + i);
     const __m128i l = _mm_and_si128(v, low_bytes);
     const __m128i r = _mm_srli_epi16(v, 8);
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
@@ -169,24 +175,9 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
   const int32_t* x0 = plan.x0.data();
   const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
   const __m128i low_bytes = _mm_set1_epi16(0x00FF);
-  auto pairs = [x0](const unsigned char* row, int32_t i) {
-    auto at = [row](int32_t offset) {
-      uint16_t v;
-      std::memcpy(&v, row + offset, 2);
-      return static_cast<int>(v);
-    };
-    __m128i v = _mm_cvtsi32_si128(at(x0[i]));
-    v = _mm_insert_epi16(v, at(x0[i + 1]), 1);
-    v = _mm_insert_epi16(v, at(x0[i + 2]), 2);
-    v = _mm_insert_epi16(v, at(x0[i + 3]), 3);
-    v = _mm_insert_epi16(v, at(x0[i + 4]), 4);
-    v = _mm_insert_epi16(v, at(x0[i + 5]), 5);
-    v = _mm_insert_epi16(v, at(x0[i + 6]), 6);
-    return _mm_insert_epi16(v, at(x0[i + 7]), 7);
-  };
   auto eight = [&](int32_t i) {
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
-    const __m128i v0 = pairs(r0, i), v1 = pairs(r1, i);
+    const __m128i v0 = GatherPairs8(r0, x0 + i), v1 = GatherPairs8(r1, x0 + i);
     const __m128i top = Lerp16(_mm_and_si128(v0, low_bytes), _mm_srli_epi16(v0, 8), f);
     const __m128i bottom = Lerp16(_mm_and_si128(v1, low_bytes), _mm_srli_epi16(v1, 8), f);
     return Lerp16(top, bottom, fyv);

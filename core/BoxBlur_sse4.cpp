@@ -156,10 +156,25 @@ void ScatterLines(const __m128i* t, int32_t len, unsigned char* const* lines) {
 }
 
 // ---------------------------------------------------------------------------
+// The walk of a row blurred from its copy: the full-window stretch goes to
+// Derived::Stretch (vectors; returns the first position it left, its running
+// sums brought up to date), the window's edges and the stretch's tail to
+// Derived::Step one position at a time.
+template <class Derived>
+struct CopiedRowOps {
+  template <bool kAdd, bool kSub>
+  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
+    Derived& d = static_cast<Derived&>(*this);
+    int32_t p = from;
+    if (kAdd && kSub) p = d.Stretch(p, to, d.div[n], r);
+    for (; p < to; ++p, n += dn) d.template Step<kAdd, kSub>(p, n, r);
+  }
+};
+
 // Horizontal pass, GRAY8, one row at a time from a copy of the row. In the
 // full-window stretch eight sums come out of one prefix sum: with
 // d[k] = in[p + k + r - 1] - in[p + k - r], sum[p + k] = sum[p - 1] + d[0] + ... + d[k].
-struct GrayRowOps {
+struct GrayRowOps : CopiedRowOps<GrayRowOps> {
   const unsigned char* t;  // the row's original bytes
   unsigned char* row;
   const unsigned char* next;  // the next row, fetched while this one is worked on
@@ -168,42 +183,40 @@ struct GrayRowOps {
 
   void Prime(int32_t i) { s += t[i]; }
 
+  int32_t Stretch(int32_t p, int32_t to, const Div16& d, int32_t r) {
+    const __m128i z = _mm_setzero_si128();
+    // The running sum stays in a vector: every lane holds sum[p - 1].
+    __m128i carry = _mm_set1_epi16(static_cast<int16_t>(s));
+    for (; p + 8 <= to; p += 8) {
+      if ((p & 63) < 8) _mm_prefetch(reinterpret_cast<const char*>(next + p), _MM_HINT_T0);
+      const __m128i in = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p + r - 1)), z);
+      const __m128i out = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p - r)), z);
+      __m128i v = _mm_sub_epi16(in, out);
+      v = _mm_add_epi16(v, _mm_slli_si128(v, 2));
+      v = _mm_add_epi16(v, _mm_slli_si128(v, 4));
+      v = _mm_add_epi16(v, _mm_slli_si128(v, 8));
+      v = _mm_add_epi16(v, carry);
+      const __m128i top = _mm_shufflehi_epi16(v, _MM_SHUFFLE(3, 3, 3, 3));
+      carry = _mm_unpackhi_epi64(top, top);
+      const __m128i q = Divide16(v, d);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(row + p), _mm_packus_epi16(q, q));
+    }
+    s = static_cast<uint16_t>(_mm_cvtsi128_si32(carry));
+    return p;
+  }
+
   template <bool kAdd, bool kSub>
-  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
-    int32_t p = from;
-    if (kAdd && kSub) {
-      const Div16 d = div[n];
-      const __m128i z = _mm_setzero_si128();
-      // The running sum stays in a vector: every lane holds sum[p - 1].
-      __m128i carry = _mm_set1_epi16(static_cast<int16_t>(s));
-      for (; p + 8 <= to; p += 8) {
-        if ((p & 63) < 8) _mm_prefetch(reinterpret_cast<const char*>(next + p), _MM_HINT_T0);
-        const __m128i in = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p + r - 1)), z);
-        const __m128i out = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(t + p - r)), z);
-        __m128i v = _mm_sub_epi16(in, out);
-        v = _mm_add_epi16(v, _mm_slli_si128(v, 2));
-        v = _mm_add_epi16(v, _mm_slli_si128(v, 4));
-        v = _mm_add_epi16(v, _mm_slli_si128(v, 8));
-        v = _mm_add_epi16(v, carry);
-        const __m128i top = _mm_shufflehi_epi16(v, _MM_SHUFFLE(3, 3, 3, 3));
-        carry = _mm_unpackhi_epi64(top, top);
-        const __m128i q = Divide16(v, d);
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(row + p), _mm_packus_epi16(q, q));
-      }
-      s = static_cast<uint16_t>(_mm_cvtsi128_si32(carry));
-    }
-    for (; p < to; ++p, n += dn) {
-      if (kSub) s -= t[p - r];
-      if (kAdd) s += t[p + r - 1];
-      row[p] = static_cast<unsigned char>(Divide8(s, div[n].scalar));
-    }
+  void Step(int32_t p, int32_t n, int32_t r) {
+    if (kSub) s -= t[p - r];
+    if (kAdd) s += t[p + r - 1];
+    row[p] = static_cast<unsigned char>(Divide8(s, div[n].scalar));
   }
 };
 
 // Horizontal pass, BGRA32 (and its masked form), one row at a time from a
 // copy of the row, with the same prefix-sum stretch two pixels per vector.
 template <bool kMask>
-struct BgraRowOps {
+struct BgraRowOps : CopiedRowOps<BgraRowOps<kMask>> {
   const unsigned char* t;  // the row's original bytes
   unsigned char* row;
   const unsigned char* next;  // the next row, fetched while this one is worked on
@@ -227,47 +240,45 @@ struct BgraRowOps {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(row + 4 * p), v);
   }
 
+  int32_t Stretch(int32_t p, int32_t to, const Div16& d, int32_t r) {
+    const __m128i z = _mm_setzero_si128();
+    // Every pixel slot of `carry` holds the four sums of pixel p - 1.
+    __m128i carry = _mm_set_epi16(0, 0, 0, 0, static_cast<int16_t>(s[3]), static_cast<int16_t>(s[2]),
+                                  static_cast<int16_t>(s[1]), static_cast<int16_t>(s[0]));
+    carry = _mm_unpacklo_epi64(carry, carry);
+    for (; p + 4 <= to; p += 4) {
+      if ((p & 15) < 4) _mm_prefetch(reinterpret_cast<const char*>(next + 4 * p), _MM_HINT_T0);
+      const __m128i in = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p + r - 1)));
+      const __m128i out = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p - r)));
+      __m128i a = _mm_sub_epi16(_mm_unpacklo_epi8(in, z), _mm_unpacklo_epi8(out, z));
+      __m128i b = _mm_sub_epi16(_mm_unpackhi_epi8(in, z), _mm_unpackhi_epi8(out, z));
+      a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
+      b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
+      a = _mm_add_epi16(a, carry);
+      b = _mm_add_epi16(b, _mm_unpackhi_epi64(a, a));
+      carry = _mm_unpackhi_epi64(b, b);
+      const __m128i orig = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * p));
+      Put(p, Divide16(a, d), orig);
+      Put(p + 2, Divide16(b, d), _mm_srli_si128(orig, 8));
+    }
+    alignas(16) uint16_t last[8];
+    _mm_store_si128(reinterpret_cast<__m128i*>(last), carry);
+    for (int c = 0; c < 4; ++c) s[c] = last[c];
+    return p;
+  }
+
   template <bool kAdd, bool kSub>
-  void Phase(int32_t from, int32_t to, int32_t n, int32_t dn, int32_t, int32_t r) {
-    int32_t p = from;
-    if (kAdd && kSub) {
-      const Div16 d = div[n];
-      const __m128i z = _mm_setzero_si128();
-      // Every pixel slot of `carry` holds the four sums of pixel p - 1.
-      __m128i carry = _mm_set_epi16(0, 0, 0, 0, static_cast<int16_t>(s[3]), static_cast<int16_t>(s[2]),
-                                    static_cast<int16_t>(s[1]), static_cast<int16_t>(s[0]));
-      carry = _mm_unpacklo_epi64(carry, carry);
-      for (; p + 4 <= to; p += 4) {
-        if ((p & 15) < 4) _mm_prefetch(reinterpret_cast<const char*>(next + 4 * p), _MM_HINT_T0);
-        const __m128i in = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p + r - 1)));
-        const __m128i out = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * (p - r)));
-        __m128i a = _mm_sub_epi16(_mm_unpacklo_epi8(in, z), _mm_unpacklo_epi8(out, z));
-        __m128i b = _mm_sub_epi16(_mm_unpackhi_epi8(in, z), _mm_unpackhi_epi8(out, z));
-        a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
-        b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
-        a = _mm_add_epi16(a, carry);
-        b = _mm_add_epi16(b, _mm_unpackhi_epi64(a, a));
-        carry = _mm_unpackhi_epi64(b, b);
-        const __m128i orig = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t + 4 * p));
-        Put(p, Divide16(a, d), orig);
-        Put(p + 2, Divide16(b, d), _mm_srli_si128(orig, 8));
-      }
-      alignas(16) uint16_t last[8];
-      _mm_store_si128(reinterpret_cast<__m128i*>(last), carry);
-      for (int c = 0; c < 4; ++c) s[c] = last[c];
+  void Step(int32_t p, int32_t n, int32_t r) {
+    for (int c = 0; c < 3; ++c) {
+      if (kSub) s[c] -= t[4 * (p - r) + c];
+      if (kAdd) s[c] += t[4 * (p + r - 1) + c];
+      uint32_t q = Divide8(s[c], div[n].scalar);
+      if constexpr (kMask) q = boxblur_detail::MixByMask(t[4 * p + c], q, mask[p]);
+      row[4 * p + c] = static_cast<unsigned char>(q);
     }
-    for (; p < to; ++p, n += dn) {
-      for (int c = 0; c < 3; ++c) {
-        if (kSub) s[c] -= t[4 * (p - r) + c];
-        if (kAdd) s[c] += t[4 * (p + r - 1) + c];
-        uint32_t q = Divide8(s[c], div[n].scalar);
-        if constexpr (kMask) q = boxblur_detail::MixByMask(t[4 * p + c], q, mask[p]);
-        row[4 * p + c] = static_cast<unsigned char>(q);
-      }
-      // The alpha sum is kept too (the vector stretch carries it) but never written.
-      if (kSub) s[3] -= t[4 * (p - r) + 3];
-      if (kAdd) s[3] += t[4 * (p + r - 1) + 3];
-    }
+    // The alpha sum is kept too (the vector stretch carries it) but never written.
+    if (kSub) s[3] -= t[4 * (p - r) + 3];
+    if (kAdd) s[3] += t[4 * (p + r - 1) + 3];
   }
 };
 
@@ -282,7 +293,7 @@ int32_t HorizontalBgra(const BlurJob& job, const std::vector<Div16>& div) {
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
     std::memcpy(copy.data(), row, copy.size());
-    BgraRowOps<kMask> ops{copy.data(), row, y + 1 < job.end ? row + job.stride : row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
+    BgraRowOps<kMask> ops{{}, copy.data(), row, y + 1 < job.end ? row + job.stride : row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
                           div.data(), {0, 0, 0, 0}};
     WalkWindow(ops, job.width, job.radius);
   }
@@ -299,7 +310,7 @@ int32_t HorizontalGray(const BlurJob& job, const std::vector<Div16>& div) {
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
     std::memcpy(copy.data(), row, copy.size());
-    GrayRowOps ops{copy.data(), row, y + 1 < job.end ? row + job.stride : row, div.data(), 0};
+    GrayRowOps ops{{}, copy.data(), row, y + 1 < job.end ? row + job.stride : row, div.data(), 0};
     WalkWindow(ops, job.width, job.radius);
   }
   return S_OK;
@@ -734,10 +745,10 @@ void SweepBand(const FusedShared& f, int32_t top, int32_t bottom, unsigned char*
     const unsigned char* src = (q >= top && q < bottom) ? job.data + q * job.stride
                                                         : f.halo + static_cast<size_t>(f.halo_slot[q]) * f.row_bytes;
     if constexpr (kAlpha) {
-      BgraRowOps<false> ops{src, slot(q), src, nullptr, f.hdiv, {0, 0, 0, 0}};
+      BgraRowOps<false> ops{{}, src, slot(q), src, nullptr, f.hdiv, {0, 0, 0, 0}};
       WalkWindow(ops, job.width, r);
     } else {
-      GrayRowOps ops{src, slot(q), src, f.hdiv, 0};
+      GrayRowOps ops{{}, src, slot(q), src, f.hdiv, 0};
       WalkWindow(ops, job.width, r);
     }
     return slot(q);

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "effects/animation/DelaunayTriangle.h"
+#include "effects/focus_blur/FocusBlur.h"
 #include "engine/CpuProbe.h"
 #include "engine/KorvaneEngine.h"
 #include "engine/KorvaneEngineImp.h"
@@ -141,4 +143,44 @@ TEST(CpuProbe, LevelsFollowTheFeatureBits) {
   EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse41), 5);
   EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse41 | sse42), 6);
   EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse42), 4);
+}
+
+TEST_F(EngineFixture, BuildsTheImplementedEffectsAndNoOthers) {
+  EXPECT_EQ(BuiltTypes(), (std::vector<int>{EFFECT_DELAUNAY_TRIANGLE, EFFECT_ANIMATION, EFFECT_GLITCH,
+                                            EFFECT_GLOW, EFFECT_FOCUS_BLUR}));
+}
+
+TEST_F(EngineFixture, EffectsWorkThroughTheInterfacePointerTheFactoryReturns) {
+  void* p = nullptr;
+  ASSERT_EQ(engine->CreateEffect(&p, EFFECT_DELAUNAY_TRIANGLE), S_OK);
+  auto* mesh = static_cast<DelaunayTriangle*>(p);
+  const float square[] = {0, 0, 10, 0, 10, 10, 0, 10};
+  ASSERT_EQ(mesh->Triangulate(square, 4), S_OK);
+  ASSERT_EQ(mesh->GetTriangleCount(), 2u);
+  EXPECT_EQ(engine->DeleteEffect(&p, EFFECT_DELAUNAY_TRIANGLE), S_OK);
+
+  ASSERT_EQ(engine->CreateEffect(&p, EFFECT_FOCUS_BLUR), S_OK);
+  auto* blur = static_cast<FocusBlur*>(p);
+  const int w = 64, h = 32;
+  std::vector<uint8_t> in(w * h * 4), guide(w * h), out(w * h * 4, 0);
+  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<uint8_t>(i * 13);
+  for (size_t i = 0; i < guide.size(); ++i) guide[i] = (i % w) < w / 2 ? 200 : 0;
+  FocusBlurParam param;
+  param.input = MakeImageBuffer(in.data(), w, h);
+  param.mask = MakeImageBuffer(guide.data(), w, h, PIXEL_GRAY8);
+  param.output = MakeImageBuffer(out.data(), w, h);
+  param.focus_value = 200;
+  param.focus_range = 0;
+  param.blur_level = 100;
+  EXPECT_EQ(blur->Process(&param), S_OK);
+  // The in-focus left half is copied exactly; the right half is blurred.
+  const size_t row = w * 4, half = row / 2;
+  size_t changed = 0;
+  for (int y = 0; y < h; ++y)
+    for (size_t x = 0; x < row; ++x) {
+      if (x < half) EXPECT_EQ(out[y * row + x], in[y * row + x]);
+      else changed += out[y * row + x] != in[y * row + x];
+    }
+  EXPECT_GT(changed, half * h / 4);  // colour bytes move; alpha stays
+  EXPECT_EQ(engine->DeleteEffect(&p, EFFECT_FOCUS_BLUR), S_OK);
 }

@@ -1,17 +1,30 @@
-// A minimal application: loads the engine through the installed headers.
+// A minimal application: loads the engine and runs one effect through the
+// installed headers only.
 #include <cstdio>
+#include <vector>
 
 #include "core/ImageBuffer.h"
 #include "core/Version.h"
+#include "effects/focus_blur/FocusBlur.h"
 #include "engine/KorvaneEngine.h"
 
 int main() {
   KorvaneEngine* engine = nullptr;
   CreateKorvaneEngine(&engine);
   if (!engine) return 1;
-  void* effect = nullptr;
-  const int32_t hr = engine->CreateEffect(&effect, 0);  // unknown type: success, nothing made
+  void* p = nullptr;
+  int32_t hr = engine->CreateEffect(&p, Korvane::EFFECT_FOCUS_BLUR);
+  bool ok = hr == S_OK && p != nullptr;
+  if (ok) {
+    std::vector<unsigned char> in(64 * 32 * 4, 128), guide(64 * 32, 0), out(64 * 32 * 4, 0);
+    Korvane::FocusBlurParam param;
+    param.input = Korvane::MakeImageBuffer(in.data(), 64, 32);
+    param.mask = Korvane::MakeImageBuffer(guide.data(), 64, 32, Korvane::PIXEL_GRAY8);
+    param.output = Korvane::MakeImageBuffer(out.data(), 64, 32);
+    ok = static_cast<Korvane::FocusBlur*>(p)->Process(&param) == S_OK && out[0] != 0;
+    ok = engine->DeleteEffect(&p, Korvane::EFFECT_FOCUS_BLUR) == S_OK && ok;
+  }
   DeleteKorvaneEngine(&engine);
-  std::printf("korvane %s: %s\n", KORVANE_VERSION_STRING, hr == 0 && !effect ? "ok" : "failed");
-  return (hr == 0 && !effect && !engine) ? 0 : 1;
+  std::printf("korvane %s: %s\n", KORVANE_VERSION_STRING, ok ? "ok" : "failed");
+  return ok && !engine ? 0 : 1;
 }

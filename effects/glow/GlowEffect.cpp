@@ -168,7 +168,7 @@ int32_t GlowEffect::Process(const GlowParam& param) {
     m_param = param;
     ParamImagesGuard guard{m_param};
     const bool float_modes = m_param.blend_mode == GLOW_BLEND_HUE || m_param.blend_mode == GLOW_BLEND_SATURATION;
-    hr = float_modes ? RunFloatPipeline() : RunBytePipeline();
+    hr = RunPipeline(float_modes);
   } catch (const std::bad_alloc& e) {
     DebugLog("Process - %s caught!", e.what());
     hr = E_OUTOFMEMORY;
@@ -214,14 +214,16 @@ int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
 
 int32_t GlowEffect::SoftenHighlight(bool to_bytes) {
   const Rect region{0, 0, m_scaled_img_w, m_scaled_img_h};
-  GlowConvertParam conv{&m_scaled_hlr, &m_scaled_img_f};
+  // "adjust light" rides on the conversion: its curve of a converted byte is
+  // one of 256 floats.
+  GlowLightParam light{m_param.glow_intensity * 20.0f, (m_param.glow_contrast - 2.0f) * 0.5f};
+  float tone[256];
+  GlowToneTable(light, tone);
+  GlowConvertParam conv{&m_scaled_hlr, &m_scaled_img_f, tone};
   int32_t hr;
   const ThreadTask to_float =
       PickKernel<ThreadTask>(m_system_info, GlowByteToFloat, KORVANE_SSE41(GlowByteToFloat_SSE4));
   if ((hr = RunStage("convert BYTE to Float", to_float, &conv, region)) < 0) return hr;
-
-  GlowLightParam light{&m_scaled_img_f, m_param.glow_intensity * 20.0f, (m_param.glow_contrast - 2.0f) * 0.5f};
-  if ((hr = RunStage("adjust light", GlowAdjustLight, &light, region)) < 0) return hr;
 
   const int32_t r = CalBlurRadius(m_param.glow_radius);
   if (r > 0) {
@@ -241,6 +243,7 @@ int32_t GlowEffect::SoftenHighlight(bool to_bytes) {
   if (!to_bytes) return S_OK;
   const ThreadTask to_byte_task =
       PickKernel<ThreadTask>(m_system_info, GlowFloatToByte, KORVANE_SSE41(GlowFloatToByte_SSE4));
+  conv.tone = nullptr;
   return RunStage("convert Float to BYTE", to_byte_task, &conv, region);
 }
 
@@ -270,7 +273,7 @@ int32_t GlowEffect::Blend() {
   return RunStage("blending hlr to result", task, &p, roi);
 }
 
-int32_t GlowEffect::RunBytePipeline() {
+int32_t GlowEffect::RunPipeline(bool floats) {
   int32_t hr;
   if ((hr = CopySource()) < 0 || (hr = DetectHighlight()) < 0) return hr;
 
@@ -280,33 +283,12 @@ int32_t GlowEffect::RunBytePipeline() {
   down.src_roi = Rect{0, 0, m_img_w, m_img_h};
   if ((hr = Resize(down, Rect{0, 0, m_scaled_img_w, m_scaled_img_h}, "downsampling hlr")) < 0) return hr;
 
-  if ((hr = SoftenHighlight(true)) < 0 || (hr = AdjustColor(false)) < 0) return hr;
+  // The float modes keep the highlight in floats from here to the blend.
+  if ((hr = SoftenHighlight(!floats)) < 0 || (hr = AdjustColor(floats)) < 0) return hr;
 
   ResizeParam up;
-  up.src = m_scaled_hlr;
-  up.dst = m_aligned_hlr;
-  up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
-  if ((hr = Resize(up, Rect{0, 0, m_img_w, m_img_h}, "upsampling hlr")) < 0) return hr;
-
-  return Blend();
-}
-
-int32_t GlowEffect::RunFloatPipeline() {
-  int32_t hr;
-  if ((hr = CopySource()) < 0 || (hr = DetectHighlight()) < 0) return hr;
-
-  ResizeParam down;
-  down.src = m_aligned_hlr;
-  down.dst = m_scaled_hlr;
-  down.src_roi = Rect{0, 0, m_img_w, m_img_h};
-  if ((hr = Resize(down, Rect{0, 0, m_scaled_img_w, m_scaled_img_h}, "downsampling hlr")) < 0) return hr;
-
-  // The highlight stays in floats from here to the blend.
-  if ((hr = SoftenHighlight(false)) < 0 || (hr = AdjustColor(true)) < 0) return hr;
-
-  ResizeParam up;
-  up.src = m_scaled_img_f;
-  up.dst = m_img_f;
+  up.src = floats ? m_scaled_img_f : m_scaled_hlr;
+  up.dst = floats ? m_img_f : m_aligned_hlr;
   up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
   if ((hr = Resize(up, Rect{0, 0, m_img_w, m_img_h}, "upsampling hlr")) < 0) return hr;
 

@@ -33,8 +33,8 @@ class GlowEffect final : public Glow, public EffectCore {
   bool BuffersReady() const;
   void ReleaseAll();
 
-  int32_t RunBytePipeline();
-  int32_t RunFloatPipeline();
+  // floats: the float blend modes, whose highlight stays FLOAT96 to the blend.
+  int32_t RunPipeline(bool floats);
   // Stages shared by both pipelines.
   int32_t CopySource();
   int32_t DetectHighlight();

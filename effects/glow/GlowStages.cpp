@@ -116,19 +116,41 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
   return Done(result, S_OK);
 }
 
-int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
+const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r) {
   const auto* p = static_cast<const GlowConvertParam*>(job->param);
-  if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data) return Done(result, E_POINTER);
-  if (p->bytes->pix_fmt != PIXEL_BGRA32 || p->floats->pix_fmt != PIXEL_FLOAT96) {
-    return Done(result, E_INVALIDARG);
+  if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data) {
+    Done(result, E_POINTER);
+    return nullptr;
   }
-  const Rect r = Clip(job->rect, std::min(p->bytes->width, p->floats->width),
-                      std::min(p->bytes->height, p->floats->height));
-  if (Empty(r)) return Done(result, S_OK);
+  if (p->bytes->pix_fmt != PIXEL_BGRA32 || p->floats->pix_fmt != PIXEL_FLOAT96) {
+    Done(result, E_INVALIDARG);
+    return nullptr;
+  }
+  r = Clip(job->rect, std::min(p->bytes->width, p->floats->width), std::min(p->bytes->height, p->floats->height));
+  if (Empty(r)) {
+    Done(result, S_OK);
+    return nullptr;
+  }
+  return p;
+}
+
+int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
+  Rect r;
+  const GlowConvertParam* p = GlowConvertBand(job, result, r);
+  if (!p) return *result;
   for (int32_t y = r.top; y < r.bottom; ++y) {
     const unsigned char* s = Row(*p->bytes, y) + r.left * 4;
     float* d = RowF(*p->floats, y) + r.left * 3;
-    for (int32_t i = 0, n = r.right - r.left; i < n; ++i) {
+    const int32_t n = r.right - r.left;
+    if (p->tone) {
+      for (int32_t i = 0; i < n; ++i) {
+        d[3 * i + 0] = p->tone[s[4 * i + 0]];
+        d[3 * i + 1] = p->tone[s[4 * i + 1]];
+        d[3 * i + 2] = p->tone[s[4 * i + 2]];
+      }
+      continue;
+    }
+    for (int32_t i = 0; i < n; ++i) {
       d[3 * i + 0] = s[4 * i + 0] * 0.003921569f + 0.0f;
       d[3 * i + 1] = s[4 * i + 1] * 0.003921569f + 0.0f;
       d[3 * i + 2] = s[4 * i + 2] * 0.003921569f + 0.0f;
@@ -138,14 +160,9 @@ int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
 }
 
 int32_t GlowFloatToByte(ThreadJob* job, int32_t* result) {
-  const auto* p = static_cast<const GlowConvertParam*>(job->param);
-  if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data) return Done(result, E_POINTER);
-  if (p->bytes->pix_fmt != PIXEL_BGRA32 || p->floats->pix_fmt != PIXEL_FLOAT96) {
-    return Done(result, E_INVALIDARG);
-  }
-  const Rect r = Clip(job->rect, std::min(p->bytes->width, p->floats->width),
-                      std::min(p->bytes->height, p->floats->height));
-  if (Empty(r)) return Done(result, S_OK);
+  Rect r;
+  const GlowConvertParam* p = GlowConvertBand(job, result, r);
+  if (!p) return *result;
   // Converted in chunks through a small buffer: the contiguous conversion
   // loop vectorises, the scatter into B, G, R (alpha kept) is plain bytes.
   constexpr int32_t kChunk = 256;
@@ -180,30 +197,29 @@ float GlowToneCurve(float x, float gain, float k, float k_in, float k_out) {
   return gain * w + 0.0625f;
 }
 
-int32_t GlowAdjustLight(ThreadJob* job, int32_t* result) {
-  const auto* p = static_cast<const GlowLightParam*>(job->param);
-  if (!p->img || !p->img->data) return Done(result, E_POINTER);
-  if (p->img->pix_fmt != PIXEL_FLOAT96) return Done(result, E_INVALIDARG);
-  const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (Empty(r)) return Done(result, S_OK);
-  const float gain = p->gain, k = p->k, k_in = p->k_in, k_out = p->k_out;
+namespace {
+
+// The tone curve over n samples in place.
+void ToneCurveSamples(float* v, int32_t n, const GlowLightParam& p) {
+  const float gain = p.gain, k = p.k, k_in = p.k_in, k_out = p.k_out;
   // At strength 0 a stage is exactly the identity for finite values
   // ((u - 0) / 1), so the outer stages are skipped then: same bits, two
   // divisions fewer per sample.
-  const bool outer = k_in != 0.0f || k_out != 0.0f;
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    float* v = RowF(*p->img, y) + r.left * 3;
-    const int32_t n = (r.right - r.left) * 3;
-    if (outer) {
-      for (int32_t i = 0; i < n; ++i) v[i] = GlowToneCurve(v[i], gain, k, k_in, k_out);
-    } else {
-      for (int32_t i = 0; i < n; ++i) {
-        const float b = (Sigmoid(2.0f * v[i] - 1.0f, k) + 1.0f) * 0.5f;
-        v[i] = gain * (((2.0f * b - 1.0f) + 1.0f) * 0.5f) + 0.0625f;
-      }
-    }
+  if (k_in != 0.0f || k_out != 0.0f) {
+    for (int32_t i = 0; i < n; ++i) v[i] = GlowToneCurve(v[i], gain, k, k_in, k_out);
+    return;
   }
-  return Done(result, S_OK);
+  for (int32_t i = 0; i < n; ++i) {
+    const float b = (Sigmoid(2.0f * v[i] - 1.0f, k) + 1.0f) * 0.5f;
+    v[i] = gain * (((2.0f * b - 1.0f) + 1.0f) * 0.5f) + 0.0625f;
+  }
+}
+
+}  // namespace
+
+void GlowToneTable(const GlowLightParam& p, float table[256]) {
+  for (int32_t v = 0; v < 256; ++v) table[v] = v * 0.003921569f + 0.0f;
+  ToneCurveSamples(table, 256, p);
 }
 
 namespace {

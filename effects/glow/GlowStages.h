@@ -35,33 +35,41 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
 // SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
 int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
 
-// "convert BYTE to Float": B, G, R bytes to floats x 1/255.
+// "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
+// when given: the tone curve of "adjust light" depends on the byte alone, so
+// the two stages fold into one lookup (GlowToneTable), with the same floats.
 // "convert Float to BYTE": floats x 255, truncated and clamped to 0..255; alpha kept.
 struct GlowConvertParam {
   SmartBuffer* bytes = nullptr;   // BGRA
   SmartBuffer* floats = nullptr;  // FLOAT96, same width and height
+  const float* tone = nullptr;    // 256 floats, or nullptr for the plain x 1/255
 };
 int32_t GlowByteToFloat(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte(ThreadJob* job, int32_t* result);
 // SSE4.1 forms: the same values, four pixels at a time.
 int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result);
+// The checks of both conversions, and their band clipped to both images. Null
+// when the task is already done (*result set: an error, or nothing to convert).
+const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r);
 
 // "adjust light": every float x becomes gain * curve(x) + 0.0625. The curve
 // is three sigmoid stages S(u, k) = (u - u k) / (k - 2 |u| k + 1): on x with
 // strength k_in, on 2x - 1 with the contrast strength k in [-0.5, 0.5], and
 // on the result with k_out. The outer strengths are 0 in the effect (no
-// change); they are where further curve controls attach.
+// change); they are where further curve controls attach. The values are not
+// clamped: only the conversion back to bytes clamps.
 struct GlowLightParam {
-  SmartBuffer* img = nullptr;  // FLOAT96
   float gain = 0.0f;
   float k = 0.0f;
   float k_in = 0.0f;
   float k_out = 0.0f;
 };
-int32_t GlowAdjustLight(ThreadJob* job, int32_t* result);
-// The tone curve itself, for one sample (the stage applies exactly this).
+// The tone curve itself, for one sample.
 float GlowToneCurve(float x, float gain, float k, float k_in = 0.0f, float k_out = 0.0f);
+// "adjust light" of byte v converted to a float (v x 1/255), for v = 0..255;
+// equal to GlowToneCurve of that float.
+void GlowToneTable(const GlowLightParam& p, float table[256]);
 
 // "adjust color": tint towards the colour of hue `hue` (0..1 of a turn) with
 // weight `strength`, scale the saturation by (1 + saturation), multiply by

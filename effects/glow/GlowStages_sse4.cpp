@@ -46,28 +46,11 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
   return S_OK;
 }
 
-namespace {
-
-// The checks the plain conversions make; true when the band may be vectorised.
-bool ConvertBand(const ThreadJob* job, Rect& r) {
-  const auto* p = static_cast<const GlowConvertParam*>(job->param);
-  if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data || p->bytes->pix_fmt != PIXEL_BGRA32 ||
-      p->floats->pix_fmt != PIXEL_FLOAT96) {
-    return false;
-  }
-  r.left = std::max(job->rect.left, 0);
-  r.top = std::max(job->rect.top, 0);
-  r.right = std::min(job->rect.right, std::min(p->bytes->width, p->floats->width));
-  r.bottom = std::min(job->rect.bottom, std::min(p->bytes->height, p->floats->height));
-  return true;
-}
-
-}  // namespace
-
 int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result) {
   Rect r;
-  if (!ConvertBand(job, r)) return GlowByteToFloat(job, result);
-  const auto* p = static_cast<const GlowConvertParam*>(job->param);
+  const GlowConvertParam* p = GlowConvertBand(job, result, r);
+  if (!p) return *result;
+  if (p->tone) return GlowByteToFloat(job, result);  // a table lookup: nothing to vectorise
   const __m128 scale = _mm_set1_ps(0.003921569f);
   const __m128 zero = _mm_setzero_ps();
   // B, G, R of four pixels, alpha dropped, as three groups of four bytes.
@@ -115,8 +98,8 @@ inline __m128i ToBytes4(__m128 f) {
 
 int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result) {
   Rect r;
-  if (!ConvertBand(job, r)) return GlowFloatToByte(job, result);
-  const auto* p = static_cast<const GlowConvertParam*>(job->param);
+  const GlowConvertParam* p = GlowConvertBand(job, result, r);
+  if (!p) return *result;
   // Twelve bytes b0 g0 r0 b1 ... r3 spread to B, G, R of four pixels; the
   // alpha lanes come from the pixels already there.
   const __m128i spread = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);

@@ -2,8 +2,12 @@
 // would start, the same thread count for OpenCV, and deterministic images.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <ctime>
 #include <random>
 #include <vector>
 
@@ -51,6 +55,31 @@ inline std::vector<uint8_t> MakeImage(int width, int height, int channels, uint3
         img[(static_cast<size_t>(y) * width + x) * channels + c] = static_cast<uint8_t>(v);
       }
   return img;
+}
+
+// Processor time of the whole process (every worker) per iteration, in ms,
+// as the counter process_cpu_ms: steadier than wall time when other programs
+// share the machine.
+struct ProcessCpu {
+  std::clock_t start = std::clock();
+  void Report(benchmark::State& state) const {
+    const double ms = 1000.0 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+    state.counters["process_cpu_ms"] = ms / static_cast<double>(state.iterations());
+  }
+};
+
+// The floor of a whole-image effect: one memcpy of the image, every byte read
+// once and written once. Register it as "memcpy/<width>x<height>".
+inline void MemcpyFloor(benchmark::State& state, const std::vector<uint8_t>& src) {
+  std::vector<uint8_t> dst(src.size());
+  ProcessCpu cpu;
+  for (auto _ : state) {
+    std::memcpy(dst.data(), src.data(), src.size());
+    benchmark::DoNotOptimize(dst.data());
+    benchmark::ClobberMemory();
+  }
+  cpu.Report(state);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(src.size()));
 }
 
 }  // namespace KorvaneBench

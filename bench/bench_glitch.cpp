@@ -3,8 +3,6 @@
 // built in, the same split, shift and merge done with OpenCV.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
-#include <ctime>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -20,15 +18,7 @@ constexpr int kWidth = 4000;
 constexpr int kHeight = 3000;
 constexpr size_t kBytes = size_t{kWidth} * kHeight * 4;
 
-// Processor time of the whole process (every worker) per iteration, in ms:
-// steadier than wall time when other programs share the machine.
-struct ProcessCpu {
-  std::clock_t start = std::clock();
-  void Report(benchmark::State& state) const {
-    const double ms = 1000.0 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
-    state.counters["process_cpu_ms"] = ms / static_cast<double>(state.iterations());
-  }
-};
+using KorvaneBench::ProcessCpu;
 
 const std::vector<uint8_t>& Photo() {
   static const std::vector<uint8_t> img = KorvaneBench::MakeImage(kWidth, kHeight, 4);
@@ -64,18 +54,7 @@ void Glitch(benchmark::State& state, int32_t simd_level) {
 void BM_GlitchType6(benchmark::State& state) { Glitch(state, Korvane::SIMD_SSE42); }
 void BM_GlitchType6Plain(benchmark::State& state) { Glitch(state, Korvane::SIMD_NONE); }
 
-void BM_Memcpy(benchmark::State& state) {
-  const std::vector<uint8_t>& src = Photo();
-  std::vector<uint8_t> dst(kBytes);
-  ProcessCpu cpu;
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), kBytes);
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
-}
+void BM_Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Photo()); }
 
 #if KORVANE_BENCH_OPENCV
 // The same work with OpenCV: split, three replicate-border translations, merge.

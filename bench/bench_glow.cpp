@@ -4,7 +4,6 @@
 // and two vertical box blurs, resize back, add.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -53,11 +52,13 @@ void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, bool tint) 
     p.saturation = 0.2f;
   }
   p.blend_mode = mode;
+  KorvaneBench::ProcessCpu cpu;
   for (auto _ : state) {
     if (fx.Process(p) < 0) return state.SkipWithError("Process failed");
     benchmark::DoNotOptimize(dst.data());
     benchmark::ClobberMemory();
   }
+  cpu.Report(state);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
 }
 
@@ -67,16 +68,7 @@ void BM_GlowScreenTint(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN
 void BM_GlowHue(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, Korvane::SIMD_SSE42, false); }
 void BM_GlowScreenPlain(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, Korvane::SIMD_NONE, false); }
 
-void BM_Memcpy(benchmark::State& state) {
-  const std::vector<uint8_t>& src = Photo();
-  std::vector<uint8_t> dst(kBytes);
-  for (auto _ : state) {
-    std::memcpy(dst.data(), src.data(), kBytes);
-    benchmark::DoNotOptimize(dst.data());
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
-}
+void BM_Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Photo()); }
 
 #if KORVANE_BENCH_OPENCV
 void BM_OpenCvGlow(benchmark::State& state) {
@@ -85,6 +77,7 @@ void BM_OpenCvGlow(benchmark::State& state) {
   const cv::Mat src(kHeight, kWidth, CV_8UC4, src_bytes.data());
   cv::Mat hlr, small, big, dst;
   const int k = 2 * kRadius - 1;  // the same window at half size as the glow's blur
+  KorvaneBench::ProcessCpu cpu;
   for (auto _ : state) {
     cv::subtract(src, cv::Scalar(kThreshold, kThreshold, kThreshold, 0), hlr);
     cv::resize(hlr, small, cv::Size(kWidth / 2, kHeight / 2), 0, 0, cv::INTER_LINEAR);
@@ -96,6 +89,7 @@ void BM_OpenCvGlow(benchmark::State& state) {
     cv::add(src, big, dst);
     benchmark::DoNotOptimize(dst.data);
   }
+  cpu.Report(state);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
 }
 BENCHMARK(BM_OpenCvGlow)->Name("opencv/glow_4000x3000_r40")->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -45,6 +45,78 @@ inline V Div255(V n) {
 }
 inline V Sqrt16(V d) { return _mm_cvttps_epi32(_mm_mul_ps(_mm_sqrt_ps(_mm_cvtepi32_ps(d.v)), _mm_set1_ps(16.0f))); }
 
+// ---------------------------------------------------------------------------
+// Eight opaque pixels in 16-bit lanes. Over an opaque photo with an opaque
+// glow the frame is d * wd0 + f * wb0 with wd0 + wb0 = 255. For the slots
+// below F stays within 0..255, so the sum stays within 255 * 255 and needs
+// neither clamp nor 32-bit lanes; addition (F = s + d) reduces to
+// d + (s * wb0) / 255, saturated. Slots without such a form return false.
+
+// n / 255 for 0 <= n <= 65025 in unsigned 16-bit lanes (no overflow there).
+inline __m128i Div255U16(__m128i n) {
+  return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(n, _mm_set1_epi16(1)), _mm_srli_epi16(n, 8)), 8);
+}
+
+template <int Slot>
+struct Opaque16 {
+  static constexpr bool kOn = Slot == 0 || Slot == 1 || Slot == 2 || Slot == 3 || Slot == 5 || Slot == 6 ||
+                              Slot == 8 || Slot == 12 || Slot == 29 || Slot == 30 || Slot == 31 || Slot == 37;
+  // F on u16 lanes holding 0..255.
+  static __m128i F(__m128i s, __m128i d) {
+    const __m128i k255 = _mm_set1_epi16(255);
+    if constexpr (Slot == 1) return _mm_min_epu16(s, d);
+    if constexpr (Slot == 2) return Div255U16(_mm_mullo_epi16(s, d));
+    if constexpr (Slot == 3) return _mm_subs_epu16(_mm_add_epi16(s, d), k255);
+    if constexpr (Slot == 5) return _mm_max_epu16(s, d);
+    if constexpr (Slot == 6) {
+      return _mm_sub_epi16(k255, Div255U16(_mm_mullo_epi16(_mm_sub_epi16(k255, s), _mm_sub_epi16(k255, d))));
+    }
+    if constexpr (Slot == 8 || Slot == 29) return _mm_min_epu16(_mm_add_epi16(s, d), k255);
+    if constexpr (Slot == 12) return _mm_sub_epi16(_mm_max_epu16(s, d), _mm_min_epu16(s, d));
+    if constexpr (Slot == 31) return _mm_subs_epu16(d, s);
+    (void)d;
+    return s;  // 0, 37
+  }
+  // One channel of the composite; the pack to bytes saturates.
+  static __m128i Out(__m128i s, __m128i d, __m128i wd0, __m128i wb0) {
+    if constexpr (Slot == 30) return _mm_add_epi16(d, Div255U16(_mm_mullo_epi16(s, wb0)));
+    return Div255U16(_mm_add_epi16(_mm_mullo_epi16(d, wd0), _mm_mullo_epi16(F(s, d), wb0)));
+  }
+};
+
+// Blends eight pixels when all sixteen alphas are 255; false leaves them.
+template <int Slot>
+inline bool Blend8Opaque(const uint8_t* s, const uint8_t* d, uint8_t* out, __m128i wd0, __m128i wb0) {
+  const __m128i s0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+  const __m128i s1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16));
+  const __m128i d0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d));
+  const __m128i d1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + 16));
+  const __m128i all = _mm_and_si128(_mm_and_si128(s0, s1), _mm_and_si128(d0, d1));
+  if ((_mm_movemask_epi8(_mm_cmpeq_epi8(all, _mm_set1_epi8(-1))) & 0x8888) != 0x8888) return false;
+  // B, G, R, A planes of four pixels each, then B, G, R as eight u16 lanes.
+  const __m128i planes = _mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  const __m128i zero = _mm_setzero_si128();
+  auto split = [&](__m128i v0, __m128i v1, __m128i c[3]) {
+    const __m128i p0 = _mm_shuffle_epi8(v0, planes), p1 = _mm_shuffle_epi8(v1, planes);
+    const __m128i bg = _mm_unpacklo_epi32(p0, p1), ra = _mm_unpackhi_epi32(p0, p1);
+    c[0] = _mm_unpacklo_epi8(bg, zero);
+    c[1] = _mm_unpackhi_epi8(bg, zero);
+    c[2] = _mm_unpacklo_epi8(ra, zero);
+  };
+  __m128i sc[3], dc[3];
+  split(s0, s1, sc);
+  split(d0, d1, dc);
+  const __m128i b = Opaque16<Slot>::Out(sc[0], dc[0], wd0, wb0);
+  const __m128i g = Opaque16<Slot>::Out(sc[1], dc[1], wd0, wb0);
+  const __m128i r = Opaque16<Slot>::Out(sc[2], dc[2], wd0, wb0);
+  const __m128i bg = _mm_packus_epi16(b, g);                       // B0..7 G0..7
+  const __m128i ra = _mm_packus_epi16(r, _mm_set1_epi16(255));    // R0..7 A0..7
+  const __m128i br = _mm_unpacklo_epi8(bg, ra), ga = _mm_unpackhi_epi8(bg, ra);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi8(br, ga));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16), _mm_unpackhi_epi8(br, ga));
+  return true;
+}
+
 }  // namespace
 
 // `count` pixels, a multiple of 4 (the row tasks pass multiples of 8).
@@ -59,7 +131,14 @@ void GlowBlend8_SSE4(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t c
   const int32_t a0 = (255 * opacity) >> 8;
   const V wd0(255 - a0), wb0(a0);
   const bool constant_weights = a0 > 0;
+  const __m128i wd16 = _mm_set1_epi16(static_cast<int16_t>(255 - a0)), wb16 = _mm_set1_epi16(static_cast<int16_t>(a0));
   for (int32_t i = 0; i < count; i += 4) {
+    if constexpr (Opaque16<Slot>::kOn) {
+      if (constant_weights && i + 8 <= count && Blend8Opaque<Slot>(s + i * 4, d + i * 4, out + i * 4, wd16, wb16)) {
+        i += 4;
+        continue;
+      }
+    }
     const __m128i sp = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i * 4)), planes);
     const __m128i dp = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i * 4)), planes);
     const V sv[3] = {_mm_cvtepu8_epi32(sp), _mm_cvtepu8_epi32(_mm_srli_si128(sp, 4)),

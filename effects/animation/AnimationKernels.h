@@ -26,15 +26,15 @@ struct WarpSource {
 template <class Emit>
 void RasterizeTriangle(const float v[6], int32_t width, int32_t height, Emit&& emit);
 
-// Fills dst_row[x_begin .. x_end) of row y (BGRA) with src sampled at
-// (m0·x + m1·y + m2, m3·x + m4·y + m5): mirrored at the image borders,
-// bilinear with 8-bit weights, alpha 255.
+// Fills the x_end − x_begin BGRA pixels at dst (dst receives column
+// x_begin) of row y with src sampled at (m0·x + m1·y + m2, m3·x + m4·y + m5):
+// mirrored at the image borders, bilinear with 8-bit weights, alpha 255.
 using WarpSpanFn = void (*)(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
-                            int32_t x_end, unsigned char* dst_row);
+                            int32_t x_end, unsigned char* dst);
 void WarpSpan(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
-              unsigned char* dst_row);
+              unsigned char* dst);
 void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
-                   int32_t x_end, unsigned char* dst_row);
+                   int32_t x_end, unsigned char* dst);
 
 // The past and future samples of each pixel, cross-faded:
 // (future·(256 − alpha) + past·alpha) >> 8 for B, G, R, alpha byte 255.
@@ -42,11 +42,11 @@ void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x
 // m_future; alpha is 0..256.
 using WarpBlendSpanFn = void (*)(const WarpSource& src, const float m_past[6], const float m_future[6],
                                  int32_t alpha, int32_t y, int32_t x_begin, int32_t x_end,
-                                 unsigned char* dst_row);
+                                 unsigned char* dst);
 void WarpBlendSpan(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
-                   int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row);
+                   int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
 void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
-                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row);
+                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
 
 namespace animation_detail {
 
@@ -92,6 +92,31 @@ static inline void BlendPixel(unsigned char* next, const unsigned char* pre, int
   const int32_t keep = 256 - alpha;
   for (int c = 0; c < 3; ++c) next[c] = static_cast<unsigned char>((next[c] * keep + pre[c] * alpha) >> 8);
   next[3] = 255;
+}
+
+// Columns x .. x_end − 1 of a warped row, one pixel at a time, written from
+// `out` on; (cx, cy) is the row's constant term of the map m. The plain
+// forms are this loop, the SSE4.1 forms finish their rows with it.
+static inline void WarpPixels(const WarpSource& src, const float m[6], float cx, float cy, int32_t x,
+                              int32_t x_end, unsigned char* out) {
+  for (; x < x_end; ++x, out += 4) {
+    const float fx = static_cast<float>(x);
+    WarpPixel(src, m[0] * fx + cx, m[3] * fx + cy, out);
+  }
+}
+
+// The same for the cross-fade of a past (m_past, row term p) and a future
+// (m_future, row term n) warp.
+static inline void WarpBlendPixels(const WarpSource& src, const float m_past[6], float px, float py,
+                                   const float m_future[6], float nx, float ny, int32_t alpha, int32_t x,
+                                   int32_t x_end, unsigned char* out) {
+  for (; x < x_end; ++x, out += 4) {
+    const float fx = static_cast<float>(x);
+    unsigned char past[4];
+    WarpPixel(src, m_past[0] * fx + px, m_past[3] * fx + py, past);
+    WarpPixel(src, m_future[0] * fx + nx, m_future[3] * fx + ny, out);
+    BlendPixel(out, past, alpha);
+  }
 }
 
 // Whether every source position of row y, columns x_begin .. x_end - 1,

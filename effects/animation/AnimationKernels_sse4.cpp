@@ -116,56 +116,53 @@ bool VectorFits(const WarpSource& src) {
   return src.width >= 2 && static_cast<uint64_t>(src.height) * src.stride < 0x7FFFFFFFu;
 }
 
+// Both return the first column left for the one-pixel tail; dst receives
+// column x.
 template <bool kInside>
-int32_t WarpSpan4(const Sampler4& s, int32_t x, int32_t x_end, unsigned char* dst_row) {
+int32_t WarpSpan4(const Sampler4& s, int32_t x, int32_t x_end, unsigned char* dst) {
   const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
-  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4),
-                     _mm_or_si128(s.Sample<kInside>(xs), opaque));
+  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, dst += 16, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_or_si128(s.Sample<kInside>(xs), opaque));
   }
   return x;
 }
 
 template <bool kPastInside, bool kFutureInside>
 int32_t WarpBlendSpan4(const Sampler4& past, const Sampler4& future, int32_t alpha, int32_t x, int32_t x_end,
-                       unsigned char* dst_row) {
+                       unsigned char* dst) {
   const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
   const __m128i wn = _mm_set1_epi16(static_cast<int16_t>(256 - alpha));
   const __m128i wp = _mm_set1_epi16(static_cast<int16_t>(alpha));
   const __m128i zero = _mm_setzero_si128();
-  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
+  for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, dst += 16, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
     const __m128i p = past.Sample<kPastInside>(xs);
     const __m128i n = future.Sample<kFutureInside>(xs);
     const __m128i lo = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_cvtepu8_epi16(n), wn),
                                                     _mm_mullo_epi16(_mm_cvtepu8_epi16(p), wp)), 8);
     const __m128i hi = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(n, zero), wn),
                                                     _mm_mullo_epi16(_mm_unpackhi_epi8(p, zero), wp)), 8);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst_row + static_cast<size_t>(x) * 4),
-                     _mm_or_si128(_mm_packus_epi16(lo, hi), opaque));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_or_si128(_mm_packus_epi16(lo, hi), opaque));
   }
   return x;
 }
 
 }  // namespace
 
-void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
-                   int32_t x_end, unsigned char* dst_row) {
+void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
+                   unsigned char* dst) {
   const float fy = static_cast<float>(y);
   const float cx = m[1] * fy + m[2], cy = m[4] * fy + m[5];
   int32_t x = x_begin;
   if (x_end - x_begin >= 4 && VectorFits(src)) {
     const Sampler4 s(src, m, cx, cy);
-    x = animation_detail::SpanInside(src, m, cx, cy, x_begin, x_end) ? WarpSpan4<true>(s, x, x_end, dst_row)
-                                                                      : WarpSpan4<false>(s, x, x_end, dst_row);
+    x = animation_detail::SpanInside(src, m, cx, cy, x_begin, x_end) ? WarpSpan4<true>(s, x, x_end, dst)
+                                                                      : WarpSpan4<false>(s, x, x_end, dst);
   }
-  for (; x < x_end; ++x) {
-    const float fx = static_cast<float>(x);
-    animation_detail::WarpPixel(src, m[0] * fx + cx, m[3] * fx + cy, dst_row + static_cast<size_t>(x) * 4);
-  }
+  animation_detail::WarpPixels(src, m, cx, cy, x, x_end, dst + static_cast<size_t>(x - x_begin) * 4);
 }
 
 void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
-                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst_row) {
+                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst) {
   const float fy = static_cast<float>(y);
   const float px = m_past[1] * fy + m_past[2], py = m_past[4] * fy + m_past[5];
   const float nx = m_future[1] * fy + m_future[2], ny = m_future[4] * fy + m_future[5];
@@ -175,23 +172,17 @@ void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const floa
     const bool past_in = animation_detail::SpanInside(src, m_past, px, py, x_begin, x_end);
     const bool future_in = animation_detail::SpanInside(src, m_future, nx, ny, x_begin, x_end);
     if (past_in && future_in) {
-      x = WarpBlendSpan4<true, true>(past, future, alpha, x, x_end, dst_row);
+      x = WarpBlendSpan4<true, true>(past, future, alpha, x, x_end, dst);
     } else if (past_in) {
-      x = WarpBlendSpan4<true, false>(past, future, alpha, x, x_end, dst_row);
+      x = WarpBlendSpan4<true, false>(past, future, alpha, x, x_end, dst);
     } else if (future_in) {
-      x = WarpBlendSpan4<false, true>(past, future, alpha, x, x_end, dst_row);
+      x = WarpBlendSpan4<false, true>(past, future, alpha, x, x_end, dst);
     } else {
-      x = WarpBlendSpan4<false, false>(past, future, alpha, x, x_end, dst_row);
+      x = WarpBlendSpan4<false, false>(past, future, alpha, x, x_end, dst);
     }
   }
-  for (; x < x_end; ++x) {
-    const float fx = static_cast<float>(x);
-    unsigned char past[4];
-    unsigned char* out = dst_row + static_cast<size_t>(x) * 4;
-    animation_detail::WarpPixel(src, m_past[0] * fx + px, m_past[3] * fx + py, past);
-    animation_detail::WarpPixel(src, m_future[0] * fx + nx, m_future[3] * fx + ny, out);
-    animation_detail::BlendPixel(out, past, alpha);
-  }
+  animation_detail::WarpBlendPixels(src, m_past, px, py, m_future, nx, ny, alpha, x, x_end,
+                                    dst + static_cast<size_t>(x - x_begin) * 4);
 }
 
 }  // namespace Korvane

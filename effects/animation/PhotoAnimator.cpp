@@ -14,7 +14,7 @@ namespace Korvane {
 
 namespace {
 
-constexpr uint32_t kNoTriangle = 0xFFFFFFFFu;
+constexpr uint32_t kNone = 0xFFFFFFFFu;  // no triangle, no chunk left
 // Pixel coordinates must stay exact in single precision.
 constexpr int32_t kMaxSide = 1 << 24;
 
@@ -110,11 +110,9 @@ int32_t PhotoAnimator::Init(const AnimationParam* p_param) {
 int32_t PhotoAnimator::PrepareBuffer(int32_t w, int32_t h) {
   int32_t hr;
   m_background = SmartBuffer();
-  m_next_img = SmartBuffer();
   m_image_width = 0;
   m_image_height = 0;
   if (KORVANE_FAILED(CreateSmartBufferData(m_background, w, h, PIXEL_BGRA32))) return hr;
-  if (KORVANE_FAILED(CreateSmartBufferData(m_next_img, w, h, PIXEL_BGRA32))) return hr;
   m_image_width = static_cast<uint32_t>(w);
   m_image_height = static_cast<uint32_t>(h);
   return S_OK;
@@ -185,9 +183,10 @@ int32_t PhotoAnimator::Uninit() {
   static_triangles.clear();
   m_triangles.clear();
   m_spans.clear();
-  m_span_begin.clear();
+  m_row_begin.clear();
+  m_maps.clear();
+  m_single.clear();
   m_background = SmartBuffer();
-  m_next_img = SmartBuffer();
   m_image_width = 0;
   m_image_height = 0;
   if (mesh) mesh->Reset();
@@ -202,7 +201,7 @@ int32_t PhotoAnimator::PrepareDelaunayTri(const AnimationParam& param) {
   moving_triangles.clear();
   static_triangles.clear();
   m_spans.clear();
-  m_span_begin.clear();
+  m_row_begin.clear();
   mesh_points.clear();
   flow_dx.clear();
   flow_dy.clear();
@@ -345,7 +344,7 @@ void PhotoAnimator::BuildSpans() {
   const int32_t w = static_cast<int32_t>(m_image_width), h = static_cast<int32_t>(m_image_height);
   const uint32_t moving = static_cast<uint32_t>(moving_triangles.size() / 3);
   const uint32_t items = moving + static_cast<uint32_t>(static_triangles.size() / 3);
-  const uint32_t uncovered = items;  // the group of rows no triangle reached
+  const uint32_t uncovered = items;  // rows no triangle reached are copied
 
   // Every triangle's rows, moving triangles first, each in mesh order.
   std::vector<Run> raw;
@@ -372,184 +371,167 @@ void PhotoAnimator::BuildSpans() {
   // order owns the pixel, as if they were drawn one after another; pixels
   // between spans go to the span on their left (or right at a row's start).
   std::vector<uint32_t> owner(static_cast<size_t>(w));
-  std::vector<Run> runs;
-  runs.reserve(raw.size() + static_cast<size_t>(h));
+  m_spans.clear();
+  m_spans.reserve(raw.size() + static_cast<size_t>(h));
+  m_row_begin.assign(static_cast<size_t>(h) + 1, 0);
   for (int32_t y = 0; y < h; ++y) {
+    m_row_begin[y] = static_cast<uint32_t>(m_spans.size());
     if (row_begin[y] == row_begin[y + 1]) {
-      runs.push_back({y, 0, w, uncovered});
+      m_spans.push_back({0, w, uncovered});
       continue;
     }
-    std::fill(owner.begin(), owner.end(), kNoTriangle);
+    std::fill(owner.begin(), owner.end(), kNone);
     for (uint32_t i = row_begin[y]; i < row_begin[y + 1]; ++i) {
       const Run& r = raw[by_row[i]];
       std::fill(owner.begin() + r.x_begin, owner.begin() + r.x_end, r.item);
     }
     int32_t first = 0;
-    while (owner[first] == kNoTriangle) ++first;
+    while (owner[first] == kNone) ++first;
     std::fill(owner.begin(), owner.begin() + first, owner[first]);
     for (int32_t x = first + 1; x < w; ++x) {
-      if (owner[x] == kNoTriangle) owner[x] = owner[x - 1];
+      if (owner[x] == kNone) owner[x] = owner[x - 1];
     }
     int32_t start = 0;
     for (int32_t x = 1; x <= w; ++x) {
       if (x == w || owner[x] != owner[start]) {
-        runs.push_back({y, start, x, owner[start]});
+        m_spans.push_back({start, x, owner[start]});
         start = x;
       }
     }
   }
-  // Grouped by owner, rows ascending within a group.
-  m_span_begin.assign(static_cast<size_t>(items) + 2, 0);
-  for (const Run& r : runs) ++m_span_begin[r.item + 1];
-  for (uint32_t i = 0; i <= items; ++i) m_span_begin[i + 1] += m_span_begin[i];
-  m_spans.resize(runs.size());
-  std::vector<uint32_t> fill(m_span_begin.begin(), m_span_begin.end() - 1);
-  for (const Run& r : runs) m_spans[fill[r.item]++] = {r.y, r.x_begin, r.x_end};
+  m_row_begin[h] = static_cast<uint32_t>(m_spans.size());
 }
 
-uint32_t PhotoAnimator::NextTriangle() {
-  std::lock_guard<std::mutex> lock(m_triangle_mutex);
-  if (m_next_triangle >= m_pass_triangle_count) return kNoTriangle;
-  return m_next_triangle++;
+uint32_t PhotoAnimator::NextChunk() {
+  std::lock_guard<std::mutex> lock(m_chunk_mutex);
+  if (m_next_chunk >= m_chunk_count) return kNone;
+  return m_next_chunk++;
 }
 
-int32_t PhotoAnimator::WarpMovingTask(ThreadJob* job, int32_t* result) {
-  const WarpParam& wp = *static_cast<const WarpParam*>(job->param);
-  PhotoAnimator& self = *wp.self;
-  const Rect roi = self.m_output_roi;
-  const WarpSource src{self.m_background.data.get(), self.m_background.width, self.m_background.height,
-                       static_cast<size_t>(self.m_background.stride)};
-  unsigned char* dst = wp.dst->data.get();
-  const size_t dst_stride = static_cast<size_t>(wp.dst->stride);
-  int32_t hr = S_OK;
-  for (uint32_t k; (k = self.NextTriangle()) != kNoTriangle;) {
-    const int32_t* t = &self.moving_triangles[3 * static_cast<size_t>(k)];
-    float dst_tri[6], past_tri[6], future_tri[6], transform_mat[6], past_mat[6];
+int32_t PhotoAnimator::PrepareWarp(int32_t alpha) {
+  const size_t moving = moving_triangles.size() / 3;
+  m_maps.resize(moving * 12);
+  m_single.resize(moving);
+  for (size_t k = 0; k < moving; ++k) {
+    int32_t hr;
+    const int32_t* t = &moving_triangles[3 * k];
+    float dst_tri[6], past_tri[6], future_tri[6], transform_mat[6];
     for (int i = 0; i < 3; ++i) {
-      dst_tri[2 * i] = self.mesh_points[t[i]].x;
-      dst_tri[2 * i + 1] = self.mesh_points[t[i]].y;
-      past_tri[2 * i] = wp.past[t[i]].x;
-      past_tri[2 * i + 1] = wp.past[t[i]].y;
-      future_tri[2 * i] = wp.future[t[i]].x;
-      future_tri[2 * i + 1] = wp.future[t[i]].y;
+      dst_tri[2 * i] = mesh_points[t[i]].x;
+      dst_tri[2 * i + 1] = mesh_points[t[i]].y;
+      past_tri[2 * i] = past_points[t[i]].x;
+      past_tri[2 * i + 1] = past_points[t[i]].y;
+      future_tri[2 * i] = future_points[t[i]].x;
+      future_tri[2 * i + 1] = future_points[t[i]].y;
     }
+    float* maps = &m_maps[12 * k];
     const float* src_tri = past_tri;
-    if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) break;
-    std::memcpy(past_mat, transform_mat, sizeof(past_mat));
+    if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) return hr;
+    std::memcpy(maps, transform_mat, sizeof(transform_mat));
     src_tri = future_tri;
-    if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) break;
+    if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) return hr;
+    std::memcpy(maps + 6, transform_mat, sizeof(transform_mat));
     // With no weight on the past image, or both images warped alike, the
     // cross-fade gives the future sample exactly: one warp is enough.
-    const bool single = wp.alpha == 0 || std::memcmp(past_mat, transform_mat, sizeof(past_mat)) == 0;
-    for (uint32_t s = self.m_span_begin[k]; s < self.m_span_begin[k + 1]; ++s) {
-      const Span& span = self.m_spans[s];
-      if (span.y < roi.top || span.y >= roi.bottom) continue;
-      const int32_t x0 = std::max(span.x_begin, roi.left), x1 = std::min(span.x_end, roi.right);
-      if (x0 >= x1) continue;
-      unsigned char* row = dst + static_cast<size_t>(span.y) * dst_stride;
-      if (single) {
-        wp.warp(src, transform_mat, span.y, x0, x1, row);
-      } else {
-        wp.warp_blend(src, past_mat, transform_mat, wp.alpha, span.y, x0, x1, row);
-      }
-    }
+    m_single[k] = alpha == 0 || std::memcmp(maps, maps + 6, sizeof(transform_mat)) == 0;
   }
-  *result = hr;
-  return hr;
+  return S_OK;
 }
 
-int32_t PhotoAnimator::WarpStaticTask(ThreadJob* job, int32_t* result) {
-  const WarpParam& wp = *static_cast<const WarpParam*>(job->param);
-  PhotoAnimator& self = *wp.self;
+namespace {
+
+constexpr int32_t kChunkRows = 8;
+
+// Past and future are both the unmoved pixel in a static triangle, so their
+// cross-fade is that pixel, made opaque like every blended one.
+void CopyOpaque(const unsigned char* in, int32_t count, unsigned char* out) {
+  for (int32_t i = 0; i < count; ++i, in += 4, out += 4) {
+    uint32_t v;
+    std::memcpy(&v, in, 4);
+    v |= 0xFF000000u;
+    std::memcpy(out, &v, 4);
+  }
+}
+
+// Takes the pixels of columns x_begin .. x_end - 1 whose mask byte is set
+// from the photo row `in`; out receives column x_begin.
+void PasteStill(const unsigned char* mask, const unsigned char* in, int32_t x_begin, int32_t x_end,
+                unsigned char* out) {
+  int32_t x = x_begin;
+  // Still regions are compact: most runs of eight mask bytes are all zero.
+  for (; x + 8 <= x_end; x += 8) {
+    uint64_t any;
+    std::memcpy(&any, mask + x, 8);
+    if (any == 0) continue;
+    for (int32_t k = x; k < x + 8; ++k) {
+      if (mask[k] != 0) std::memcpy(out + static_cast<size_t>(k - x_begin) * 4, in + static_cast<size_t>(k) * 4, 4);
+    }
+  }
+  for (; x < x_end; ++x) {
+    if (mask[x] != 0) std::memcpy(out + static_cast<size_t>(x - x_begin) * 4, in + static_cast<size_t>(x) * 4, 4);
+  }
+}
+
+}  // namespace
+
+int32_t PhotoAnimator::FrameTask(ThreadJob* job, int32_t* result) {
+  const FrameParam& fp = *static_cast<const FrameParam*>(job->param);
+  PhotoAnimator& self = *fp.self;
   const Rect roi = self.m_output_roi;
-  const unsigned char* src = self.m_background.data.get();
-  const size_t src_stride = static_cast<size_t>(self.m_background.stride);
-  unsigned char* dst = wp.dst->data.get();
-  const size_t dst_stride = static_cast<size_t>(wp.dst->stride);
-  const uint32_t first = static_cast<uint32_t>(self.moving_triangles.size() / 3);
-  for (uint32_t k; (k = self.NextTriangle()) != kNoTriangle;) {
-    for (uint32_t s = self.m_span_begin[first + k]; s < self.m_span_begin[first + k + 1]; ++s) {
-      const Span& span = self.m_spans[s];
-      if (span.y < roi.top || span.y >= roi.bottom) continue;
-      const int32_t x0 = std::max(span.x_begin, roi.left), x1 = std::min(span.x_end, roi.right);
-      // Past and future are both the unmoved pixel here, so their
-      // cross-fade is that pixel, made opaque like every blended one.
-      const unsigned char* in = src + static_cast<size_t>(span.y) * src_stride;
-      unsigned char* out = dst + static_cast<size_t>(span.y) * dst_stride;
-      for (int32_t x = x0; x < x1; ++x) {
-        uint32_t v;
-        std::memcpy(&v, in + static_cast<size_t>(x) * 4, 4);
-        v |= 0xFF000000u;
-        std::memcpy(out + static_cast<size_t>(x) * 4, &v, 4);
+  const ImageBuffer& input = *fp.param->input;
+  const ImageBuffer& mask = *fp.param->mask;
+  const ImageBuffer& output = *fp.param->output;
+  const WarpSource src{self.m_background.data.get(), self.m_background.width, self.m_background.height,
+                       static_cast<size_t>(self.m_background.stride)};
+  const uint32_t moving = static_cast<uint32_t>(self.m_single.size());
+  // Whole rows at a time, left to right, so that the source rows a warp
+  // reads are streamed rather than revisited triangle by triangle.
+  for (uint32_t chunk; (chunk = self.NextChunk()) != kNone;) {
+    const int32_t y_begin = roi.top + static_cast<int32_t>(chunk) * kChunkRows;
+    const int32_t y_end = std::min(roi.bottom, y_begin + kChunkRows);
+    for (int32_t y = y_begin; y < y_end; ++y) {
+      unsigned char* out = output.data + static_cast<size_t>(y - roi.top) * static_cast<size_t>(output.stride);
+      const unsigned char* bg = src.data + static_cast<size_t>(y) * src.stride;
+      for (uint32_t s = self.m_row_begin[y]; s < self.m_row_begin[y + 1]; ++s) {
+        const Span& span = self.m_spans[s];
+        const int32_t x0 = std::max(span.x_begin, roi.left), x1 = std::min(span.x_end, roi.right);
+        if (x0 >= x1) continue;
+        unsigned char* o = out + static_cast<size_t>(x0 - roi.left) * 4;
+        if (span.item >= moving) {
+          CopyOpaque(bg + static_cast<size_t>(x0) * 4, x1 - x0, o);
+        } else if (self.m_single[span.item]) {
+          fp.warp(src, &self.m_maps[12 * static_cast<size_t>(span.item) + 6], y, x0, x1, o);
+        } else {
+          const float* maps = &self.m_maps[12 * static_cast<size_t>(span.item)];
+          fp.warp_blend(src, maps, maps + 6, fp.alpha, y, x0, x1, o);
+        }
       }
+      PasteStill(mask.data + static_cast<size_t>(y) * static_cast<size_t>(mask.stride),
+                 input.data + static_cast<size_t>(y) * static_cast<size_t>(input.stride), roi.left, roi.right, out);
     }
   }
   *result = S_OK;
   return S_OK;
 }
 
-int32_t PhotoAnimator::WarpImage(int32_t alpha, SmartBuffer& dst) {
+int32_t PhotoAnimator::RenderFrame(const AnimationParam& param, int32_t alpha) {
   int32_t hr;
-  WarpParam warp_param;
-  warp_param.self = this;
-  warp_param.past = past_points.data();
-  warp_param.future = future_points.data();
-  warp_param.dst = &dst;
-  warp_param.alpha = alpha;
-  warp_param.warp = PickKernel<WarpSpanFn>(m_system_info, &WarpSpan, KORVANE_SSE41(WarpSpan_SSE4));
-  warp_param.warp_blend =
+  FrameParam frame_param;
+  frame_param.self = this;
+  frame_param.param = &param;
+  frame_param.alpha = alpha;
+  frame_param.warp = PickKernel<WarpSpanFn>(m_system_info, &WarpSpan, KORVANE_SSE41(WarpSpan_SSE4));
+  frame_param.warp_blend =
       PickKernel<WarpBlendSpanFn>(m_system_info, &WarpBlendSpan, KORVANE_SSE41(WarpBlendSpan_SSE4));
+  {
+    std::lock_guard<std::mutex> lock(m_chunk_mutex);
+    m_next_chunk = 0;
+    m_chunk_count = static_cast<uint32_t>((m_output_roi.bottom - m_output_roi.top + kChunkRows - 1) / kChunkRows);
+  }
   const Rect process_region{0, 0, static_cast<int32_t>(m_image_width), static_cast<int32_t>(m_image_height)};
-
-  // Pass 1: moving triangles, each warped by its own affine maps.
-  ThreadTask p_thread_task = WarpMovingTask;
-  {
-    std::lock_guard<std::mutex> lock(m_triangle_mutex);
-    m_next_triangle = 0;
-    m_pass_triangle_count = static_cast<uint32_t>(moving_triangles.size() / 3);
-  }
-  if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(p_thread_task, &warp_param, NULL, process_region))) {
+  if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(FrameTask, &frame_param, NULL, process_region))) {
     return hr;
   }
-  // Pass 2: static triangles (and rows no triangle reached) copied unchanged.
-  p_thread_task = WarpStaticTask;
-  {
-    std::lock_guard<std::mutex> lock(m_triangle_mutex);
-    m_next_triangle = 0;
-    m_pass_triangle_count = static_cast<uint32_t>(static_triangles.size() / 3) + 1;
-  }
-  if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(p_thread_task, &warp_param, NULL, process_region))) {
-    return hr;
-  }
-  return S_OK;
-}
-
-int32_t PhotoAnimator::PasteStillTask(ThreadJob* job, int32_t* result) {
-  const RowParam& rp = *static_cast<const RowParam*>(job->param);
-  PhotoAnimator& self = *rp.self;
-  const ImageBuffer& input = *rp.param->input;
-  const ImageBuffer& mask = *rp.param->mask;
-  const ImageBuffer& output = *rp.param->output;
-  const Rect& r = job->rect;  // rows of the region, all of its columns
-  const Rect& roi = self.m_output_roi;
-  const int32_t count = r.right - r.left;
-  if (count > 0) {
-    const size_t stride = static_cast<size_t>(self.m_next_img.stride);
-    for (int32_t y = r.top; y < r.bottom; ++y) {
-      const unsigned char* m = mask.data + static_cast<size_t>(y) * static_cast<size_t>(mask.stride);
-      const unsigned char* in = input.data + static_cast<size_t>(y) * static_cast<size_t>(input.stride);
-      const unsigned char* frame = self.m_next_img.data.get() + static_cast<size_t>(y) * stride;
-      // The region's row of the frame goes to the output, and the still
-      // pixels of the row are taken from the photo on the way.
-      unsigned char* out = output.data + static_cast<size_t>(y - roi.top) * static_cast<size_t>(output.stride) +
-                           static_cast<size_t>(r.left - roi.left) * 4;
-      std::memcpy(out, frame + static_cast<size_t>(r.left) * 4, static_cast<size_t>(count) * 4);
-      for (int32_t x = r.left; x < r.right; ++x) {
-        if (m[x] != 0) std::memcpy(out + static_cast<size_t>(x - r.left) * 4, in + static_cast<size_t>(x) * 4, 4);
-      }
-    }
-  }
-  *result = S_OK;
   return S_OK;
 }
 
@@ -600,17 +582,12 @@ int32_t PhotoAnimator::Animate(const AnimationParam* p_param, int32_t frame_inde
     // future positions; the past image's weight grows over the loop.
     const float weight = static_cast<float>(frame_index) * m_blend_step;
     const int32_t alpha = std::min(static_cast<int32_t>(weight * 256.0f), 256);
-    if ((hr = WarpImage(alpha, m_next_img)) < 0) {
+    if ((hr = PrepareWarp(alpha)) < 0) {
       KORVANE_LOG_FAILED_STEP("Get Past Image", hr);
       KORVANE_LOG_FAILED_STEP("Animating", hr);
       return hr;
     }
-    RowParam row_param;
-    row_param.self = this;
-    row_param.param = &param;
-    if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(PasteStillTask, &row_param, this, m_output_roi))) {
-      return hr;
-    }
+    if (KORVANE_FAILED(RenderFrame(param, alpha))) return hr;
     return S_OK;
   } catch (const std::exception& e) {
     DebugLog("Animate - %s caught!", e.what());

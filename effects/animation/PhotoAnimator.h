@@ -45,25 +45,20 @@ class PhotoAnimator final : public Animation, public EffectCore {
   static int32_t GetAffineMat(float transform_mat[6], const float dst_tri[6], const float src_tri[6]);
 
  private:
-  // One row piece of a triangle's pixels: row y, columns x_begin .. x_end - 1.
+  // One row piece of the frame: columns x_begin .. x_end - 1, drawn by
+  // moving triangle `item` or, for item >= the moving count, copied.
   struct Span {
-    int32_t y;
     int32_t x_begin;
     int32_t x_end;
+    uint32_t item;
   };
-  // What the warp tasks share during one pass.
-  struct WarpParam {
-    PhotoAnimator* self = nullptr;
-    const MeshPoint* past = nullptr;    // vertex positions of the past image
-    const MeshPoint* future = nullptr;  // and of the future image
-    SmartBuffer* dst = nullptr;
-    int32_t alpha = 0;                  // weight of the past image, 0..256
-    WarpSpanFn warp = nullptr;
-    WarpBlendSpanFn warp_blend = nullptr;
-  };
-  struct RowParam {
+  // What the frame tasks share.
+  struct FrameParam {
     PhotoAnimator* self = nullptr;
     const AnimationParam* param = nullptr;
+    int32_t alpha = 0;  // weight of the past image, 0..256
+    WarpSpanFn warp = nullptr;
+    WarpBlendSpanFn warp_blend = nullptr;
   };
 
   int32_t CheckFlows(const AnimationParam& param) const;
@@ -73,18 +68,20 @@ class PhotoAnimator final : public Animation, public EffectCore {
   int32_t SetFlowPoints(const FlowData* p_flow, uint32_t flow_num);
   int32_t AddStroke(const FlowData& flow);
   int32_t AddCorner(uint32_t height, uint32_t width);
-  // Rasterises every triangle once and gives each covered pixel to exactly
-  // one triangle, so the warp workers never write the same pixel.
+  // Rasterises every triangle once and gives each pixel to exactly one span
+  // (rows no triangle reached get a copied span), so that workers never
+  // write the same pixel.
   void BuildSpans();
-  // Renders the blended frame into dst: moving triangles warped to their past
-  // and future positions and cross-faded, then static triangles copied.
-  int32_t WarpImage(int32_t alpha, SmartBuffer& dst);
-  uint32_t NextTriangle();
+  // The past and future affine maps of every moving triangle for this
+  // frame's vertex positions.
+  int32_t PrepareWarp(int32_t alpha);
+  // Renders the frame's region into the output: moving triangles warped to
+  // their past and future positions and cross-faded, static ones copied,
+  // still pixels taken from the photo.
+  int32_t RenderFrame(const AnimationParam& param, int32_t alpha);
+  uint32_t NextChunk();
 
-  static int32_t WarpMovingTask(ThreadJob* job, int32_t* result);
-  static int32_t WarpStaticTask(ThreadJob* job, int32_t* result);
-  // Writes the region of the frame to the output, still pixels from the photo.
-  static int32_t PasteStillTask(ThreadJob* job, int32_t* result);
+  static int32_t FrameTask(ThreadJob* job, int32_t* result);
 
   std::unique_ptr<Delaunay> mesh;
   std::vector<MeshPoint> mesh_points;  // flow vertices first, then the four corner anchors
@@ -96,14 +93,16 @@ class PhotoAnimator final : public Animation, public EffectCore {
   std::vector<int32_t> static_triangles;
   std::vector<uint32_t> m_triangles;      // the mesh as the triangulation returned it
 
-  // Pixels of each triangle: spans of moving triangle k are
-  // m_spans[m_span_begin[k] .. m_span_begin[k + 1]); static triangles follow
-  // the moving ones, and one last group holds rows no triangle reached.
+  // The frame's pixels in row order: row y is m_spans[m_row_begin[y] ..
+  // m_row_begin[y + 1]), left to right, covering the whole row.
   std::vector<Span> m_spans;
-  std::vector<uint32_t> m_span_begin;
+  std::vector<uint32_t> m_row_begin;
+  // Per moving triangle and frame: past then future map (12 floats), and
+  // whether the future map alone gives the cross-fade.
+  std::vector<float> m_maps;
+  std::vector<uint8_t> m_single;
 
   SmartBuffer m_background;
-  SmartBuffer m_next_img;
   Rect m_output_roi;
   int32_t loop_mode = 0;
   uint32_t m_image_height = 0;
@@ -115,9 +114,10 @@ class PhotoAnimator final : public Animation, public EffectCore {
   float m_blend_step = 0.0f;
   bool m_ready = false;
 
-  std::mutex m_triangle_mutex;
-  uint32_t m_next_triangle = 0;
-  uint32_t m_pass_triangle_count = 0;
+  // Workers take the region's rows a chunk at a time from this counter.
+  std::mutex m_chunk_mutex;
+  uint32_t m_next_chunk = 0;
+  uint32_t m_chunk_count = 0;
 };
 
 }  // namespace Korvane

@@ -368,7 +368,7 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
   WarpSpan(src, left, 2, 0, 1, row.data());
   EXPECT_EQ(0, std::memcmp(row.data(), pix(3, 2), 3));
   EXPECT_EQ(row[3], 255);
-  WarpSpan(src, right, 2, w - 1, w, row.data());
+  WarpSpan(src, right, 2, w - 1, w, row.data() + (w - 1) * 4);
   EXPECT_EQ(0, std::memcmp(&row[(w - 1) * 4], pix(w - 4, 2), 3));
   // The last column and row sample only themselves.
   const float ident[6] = {1, 0, 0, 0, 1, 0};
@@ -425,11 +425,11 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
         for (int fused = 0; fused < 2; ++fused) {
           std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
           if (fused) {
-            WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data());
-            sse_warp_blend(src, m, m2, alpha, y, x0, x1, b.data());
+            WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data() + x0 * 4);
+            sse_warp_blend(src, m, m2, alpha, y, x0, x1, b.data() + x0 * 4);
           } else {
-            WarpSpan(src, m, y, x0, x1, a.data());
-            sse_warp(src, m, y, x0, x1, b.data());
+            WarpSpan(src, m, y, x0, x1, a.data() + x0 * 4);
+            sse_warp(src, m, y, x0, x1, b.data() + x0 * 4);
           }
           for (int x = x0; x < x1; ++x) {
             ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x << " fused " << fused;

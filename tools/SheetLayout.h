@@ -5,6 +5,7 @@
 //   std::vector<Image> tiles = ...;                  // one size, BGRA
 //   Image sheet = MakeSheet(tiles, {"0 split", ...}, 4);
 //   DrawLabel(sheet, 8, 8, "note", 2, Colour{255, 255, 255, 255});
+//   return WriteSheet(path, tiles, labels, 4, 92, "all 8 types");  // or lay out and save in one
 #pragma once
 
 #include <cstdint>
@@ -40,5 +41,10 @@ Image ScaleToWidth(const Image& img, int width);
 // leave the strip empty). The label size follows the tile width. Tiles must
 // be BGRA and of one size; otherwise, or with no tiles, the result is empty.
 Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>& labels, int columns);
+
+// MakeSheet, then writes the sheet to `path` (JPEG at `quality`) and prints
+// "wrote <path> (<what>, <width>x<height>)". 0, or the exit code of a failure.
+int WriteSheet(const std::string& path, const std::vector<Image>& tiles, const std::vector<std::string>& labels,
+               int columns, int quality, const std::string& what);
 
 }  // namespace KorvaneTool

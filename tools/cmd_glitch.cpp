@@ -65,8 +65,6 @@ int Render(Korvane::Glitch* fx, Image& photo, Image& result, int type, const Gli
   return 0;
 }
 
-std::vector<std::string> SheetLabels() { return std::vector<std::string>(kTypeNames, kTypeNames + 8); }
-
 int RunGlitch(const GlitchOptions& o) {
   Image photo;
   std::string error;
@@ -92,10 +90,8 @@ int RunGlitch(const GlitchOptions& o) {
     if (int rc = Render(fx, photo, result, type, o, nullptr)) return rc;
     tiles.push_back(result);
   }
-  const Image sheet = MakeSheet(tiles, SheetLabels(), o.columns);
-  if (!SaveImage(o.output, sheet, o.quality, error)) return Fail(error);
-  std::printf("wrote %s (all 8 types, %dx%d)\n", o.output.c_str(), sheet.width, sheet.height);
-  return 0;
+  return WriteSheet(o.output, tiles, std::vector<std::string>(kTypeNames, kTypeNames + 8), o.columns, o.quality,
+                    "all 8 types");
 }
 
 RegisterCommand reg("glitch", "Split the colour channels of a photo (eight types, or a sheet of all)", [](CLI::App& sub) {

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <string>
 
+#include "ImageIO.h"
+
 namespace KorvaneToolTest {
 
 struct CliResult {
@@ -37,6 +39,22 @@ inline std::string Scratch() {
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
   return dir.string();
+}
+
+// Writes `img` as dir/name (PNG or JPEG by the extension) and returns the path.
+inline std::string WriteImage(const std::string& dir, const std::string& name, const KorvaneTool::Image& img) {
+  std::string err;
+  const std::string path = dir + "/" + name;
+  EXPECT_TRUE(KorvaneTool::SaveImage(path, img, 90, err)) << err;
+  return path;
+}
+
+// Reads an image file as BGRA; an empty image (and a test failure) if it cannot.
+inline KorvaneTool::Image ReadImage(const std::string& path) {
+  KorvaneTool::Image img;
+  std::string err;
+  EXPECT_TRUE(KorvaneTool::LoadImage(path, img, err)) << err;
+  return img;
 }
 
 }  // namespace KorvaneToolTest

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ImageIO.h"
 #include "tools/ToolTestSupport.h"
 
 using namespace KorvaneTool;
@@ -13,10 +12,9 @@ using namespace KorvaneToolTest;
 
 namespace {
 
-void WritePhoto(const std::string& path, int w, int h) {
-  Image img(w, h, 4, 128);
-  std::string err;
-  ASSERT_TRUE(SaveImage(path, img, 90, err)) << err;
+// A flat gray photo at dir/name.
+void WritePhoto(const std::string& dir, const std::string& name, int w, int h) {
+  WriteImage(dir, name, Image(w, h, 4, 128));
 }
 
 int Lines(const std::string& text) {
@@ -41,7 +39,7 @@ void ExpectFailure(const std::string& args, const std::string& needle, const std
 
 TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
   const std::string dir = Scratch();
-  WritePhoto(dir + "/photo.png", 20, 10);
+  WritePhoto(dir, "photo.png", 20, 10);
   const std::string out = dir + "/out.png";
   ExpectFailure("focus-blur " + dir + "/missing.png -o " + out, "missing.png: no such file", out);
   std::ofstream(dir + "/text.png") << "not an image at all";
@@ -56,8 +54,8 @@ TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
 
 TEST(CliErrors, GuideOfAnotherSizeShowsBothSizesAndTheCode) {
   const std::string dir = Scratch();
-  WritePhoto(dir + "/photo.png", 20, 10);
-  WritePhoto(dir + "/guide.png", 10, 20);
+  WritePhoto(dir, "photo.png", 20, 10);
+  WritePhoto(dir, "guide.png", 10, 20);
   ExpectFailure("focus-blur " + dir + "/photo.png --guide " + dir + "/guide.png -o " + dir + "/out.png",
                 "guide " + dir + "/guide.png is 10x20 but the photo is 20x10: E_INVALIDARG (0x80070057)",
                 dir + "/out.png");
@@ -65,7 +63,7 @@ TEST(CliErrors, GuideOfAnotherSizeShowsBothSizesAndTheCode) {
 
 TEST(CliErrors, OptionsOutOfRangeNameTheOptionAndTheCode) {
   const std::string dir = Scratch();
-  WritePhoto(dir + "/photo.png", 8, 8);
+  WritePhoto(dir, "photo.png", 8, 8);
   const std::string base = "focus-blur " + dir + "/photo.png -o " + dir + "/out.png ";
   ExpectFailure(base + "--level 101", "--level: 101 is outside 0..100: E_INVALIDARG");
   ExpectFailure(base + "--level -1", "--level");
@@ -81,8 +79,8 @@ TEST(CliErrors, OptionsOutOfRangeNameTheOptionAndTheCode) {
 
 TEST(CliErrors, TheInputIsNeverOverwritten) {
   const std::string dir = Scratch();
-  WritePhoto(dir + "/photo.png", 8, 8);
-  WritePhoto(dir + "/depth.png", 8, 8);
+  WritePhoto(dir, "photo.png", 8, 8);
+  WritePhoto(dir, "depth.png", 8, 8);
   const auto before = std::filesystem::file_size(dir + "/photo.png");
   ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/photo.png", "is the input file");
   ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/./photo.png", "is the input file");

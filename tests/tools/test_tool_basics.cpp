@@ -2,7 +2,6 @@
 
 #include <fstream>
 
-#include "ImageIO.h"
 #include "tools/ToolTestSupport.h"
 
 using namespace KorvaneTool;
@@ -12,19 +11,16 @@ TEST(ImageFiles, PngKeepsEveryByteAndGrayStaysGray) {
   const std::string dir = Scratch();
   Image img(7, 5, 4);
   for (size_t i = 0; i < img.pixels.size(); ++i) img.pixels[i] = static_cast<uint8_t>(i * 37 + 3);
-  std::string err;
-  ASSERT_TRUE(SaveImage(dir + "/a.png", img, 90, err)) << err;
-  Image back;
-  ASSERT_TRUE(LoadImage(dir + "/a.png", back, err)) << err;
+  const Image back = ReadImage(WriteImage(dir, "a.png", img));
   EXPECT_EQ(back.width, 7);
   EXPECT_EQ(back.height, 5);
   EXPECT_EQ(back.pixels, img.pixels);
 
   Image gray(3, 2, 1);
   for (size_t i = 0; i < gray.pixels.size(); ++i) gray.pixels[i] = static_cast<uint8_t>(i * 50);
-  ASSERT_TRUE(SaveImage(dir + "/g.png", gray, 90, err)) << err;
   Image g;
-  ASSERT_TRUE(LoadGray(dir + "/g.png", g, err)) << err;
+  std::string err;
+  ASSERT_TRUE(LoadGray(WriteImage(dir, "g.png", gray), g, err)) << err;
   EXPECT_EQ(g.pixels, gray.pixels);
 }
 
@@ -36,10 +32,7 @@ TEST(ImageFiles, JpegRoundTripIsClose) {
       uint8_t* p = img.at(x, y);
       p[0] = 200, p[1] = 100, p[2] = 50, p[3] = 255;
     }
-  std::string err;
-  ASSERT_TRUE(SaveImage(dir + "/a.JPG", img, 95, err)) << err;
-  Image back;
-  ASSERT_TRUE(LoadImage(dir + "/a.JPG", back, err)) << err;
+  const Image back = ReadImage(WriteImage(dir, "a.JPG", img));
   ASSERT_EQ(back.width, 16);
   EXPECT_NEAR(back.at(8, 8)[0], 200, 4);
   EXPECT_NEAR(back.at(8, 8)[2], 50, 4);
@@ -77,13 +70,17 @@ TEST(Cli, UnknownCommandAndMissingCommandFail) {
   EXPECT_NE(help.output.find("demo"), std::string::npos);
 }
 
-TEST(Cli, DemoRendersTheSceneIntoTheFolder) {
+TEST(Cli, DemoRendersTheSceneAndEachEffectIntoTheFolder) {
   const std::string dir = Scratch();
   const CliResult r = RunCli("demo --width 160 --height 120 -o " + dir + "/out");
   ASSERT_EQ(r.exit_code, 0) << r.output;
-  Image scene;
-  std::string err;
-  ASSERT_TRUE(LoadImage(dir + "/out/scene.png", scene, err)) << err;
+  const Image scene = ReadImage(dir + "/out/scene.png");
   EXPECT_EQ(scene.width, 160);
   EXPECT_EQ(scene.height, 120);
+  EXPECT_NE(r.output.find("focus-blur.png"), std::string::npos) << r.output;
+  for (const char* name : {"focus-blur.png", "glitch-split.png", "glitch-circle.png"}) {
+    const Image out = ReadImage(dir + "/out/" + name);
+    EXPECT_EQ(out.width, 160) << name;
+    EXPECT_NE(out.pixels, scene.pixels) << name;
+  }
 }

@@ -92,6 +92,12 @@ Bytes Render(int w, int h, int workers, int32_t simd, Tweak tweak) {
 
 const auto kNoTweak = [](GlowParam&, Bytes&) {};
 
+// No tint, no saturation change, full brightness: a grey glow.
+void Untinted(GlowParam& p) {
+  p.saturation = p.color_strength = 0.0f;
+  p.brightness = 1.0f;
+}
+
 // Runs a stage task over `region` as one band.
 int32_t RunTask(ThreadTask task, void* param, Rect region) {
   ThreadJob job;
@@ -230,27 +236,23 @@ TEST(GlowEffect, FailingStageIsLoggedByNameAndAsTotalProcess) {
 
 // ---------------------------------------------------------------- rendering
 
-TEST(GlowEffect, BlackGlowWithTheDefaultModeReturnsTheSourceExactly) {
+TEST(GlowEffect, BlackGlowKeepsThePhotoAndAFullThresholdLeavesTheToneOffset) {
+  const int w = 53, h = 37;
+  const Bytes src = Photo(w, h);
   for (int32_t simd : {0, 5}) {
-    const Bytes out = Render(53, 37, 2, simd, [](GlowParam& p, Bytes&) {
+    const Bytes out = Render(w, h, 2, simd, [](GlowParam& p, Bytes&) {
       p.brightness = 0.0f;
       p.opacity = 255;
       p.blend_mode = GlowParam().blend_mode;
     });
-    EXPECT_EQ(out, Photo(53, 37)) << "simd " << simd;
+    EXPECT_EQ(out, src) << "simd " << simd;
   }
-}
-
-TEST(GlowEffect, ThresholdAtFullStillLeavesTheToneOffset) {
   // Nothing passes the threshold, but "adjust light" adds 0.0625: the glow is
   // 15 everywhere (0.0625 x 255, truncated), which the normal mode at full
   // opacity shows with the photo kept at 1/255.
-  const int w = 32, h = 20;
-  const Bytes src = Photo(w, h);
   const Bytes out = Render(w, h, 2, 0, [](GlowParam& p, Bytes&) {
+    Untinted(p);
     p.hlr_threshold = 255;
-    p.saturation = p.color_strength = 0.0f;
-    p.brightness = 1.0f;
     p.opacity = 255;
     p.blend_mode = GLOW_BLEND_NORMAL;
   });
@@ -265,10 +267,9 @@ TEST(GlowEffect, HaloSpreadsFromTheHighlightAndAZeroMaskRemovesIt) {
     for (int x = 28; x < 36; ++x) std::fill_n(&src[(static_cast<size_t>(y) * w + x) * 4], 3, 250);
   Rig rig(w, h);
   GlowParam p = MakeParam(src, dst, w, h);
+  Untinted(p);
   p.hlr_threshold = 200;
   p.glow_intensity = 1.0f;
-  p.saturation = p.color_strength = 0.0f;
-  p.brightness = 1.0f;
   p.glow_radius = 6.0f;
   ASSERT_EQ(rig.fx->Process(p), S_OK);
   auto at = [&](int x, int y) { return dst[(static_cast<size_t>(y) * w + x) * 4 + 1]; };
@@ -291,46 +292,45 @@ TEST(GlowEffect, HaloSpreadsFromTheHighlightAndAZeroMaskRemovesIt) {
 }
 
 TEST(GlowEffect, SameOutputForOneTwoAndEightWorkers) {
-  for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE, GLOW_BLEND_SOFT_LIGHT}) {
-    auto tweak = [mode](GlowParam& p, Bytes& mask) {
-      p.blend_mode = mode;
-      p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
-    };
-    const Bytes one = Render(75, 41, 1, 0, tweak);
-    EXPECT_EQ(Render(75, 41, 2, 0, tweak), one) << mode;
-    EXPECT_EQ(Render(75, 41, 8, 0, tweak), one) << mode;
-  }
+  for (int32_t simd : {0, 5})
+    for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE, GLOW_BLEND_SOFT_LIGHT, GLOW_BLEND_LIGHTER_COLOR}) {
+      auto tweak = [mode](GlowParam& p, Bytes& mask) {
+        p.blend_mode = mode;
+        p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
+      };
+      const Bytes one = Render(75, 41, 1, simd, tweak);
+      EXPECT_EQ(Render(75, 41, 2, simd, tweak), one) << mode;
+      EXPECT_EQ(Render(75, 41, 8, simd, tweak), one) << mode;
+    }
 }
 
-// A record of the exact renderings, every mode, under settings that reach
-// each stage's special cases (no blur, strongest curves, a mask). Any speed
-// work on a stage must leave these bytes alone.
+// A record of the exact renderings, every mode, plain and SSE4.1, under
+// settings that reach each stage's special cases (no blur, strongest curves,
+// a mask). Any speed work on a stage must leave these bytes alone.
 TEST(GlowEffect, RenderingsMatchTheirRecordedDigests) {
   struct Case { float contrast, radius; bool mask; uint64_t digest; };
   const Case cases[] = {{1.6f, 5.0f, false, 0x63822ae089bc5609ull},
                         {1.0f, 0.0f, true, 0xa95aae27aa60dc48ull},
                         {3.0f, 8.0f, true, 0x7e64bc96dc9166feull}};
-  for (const Case& c : cases) {
-    uint64_t digest = 1469598103934665603ull;  // FNV-1a over all 29 modes' outputs
-    for (int32_t mode = 0; mode < 29; ++mode) {
-      const Bytes out = Render(67, 43, 2, 5, [&](GlowParam& p, Bytes& mask) {
-        p.glow_contrast = c.contrast;
-        p.glow_radius = c.radius;
-        if (c.mask) p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
-        p.blend_mode = mode;
-      });
-      for (uint8_t b : out) digest = (digest ^ b) * 1099511628211ull;
+  for (const Case& c : cases)
+    for (int32_t simd : {0, 5}) {
+      if (simd && !KORVANE_HAVE_SSE41) continue;
+      uint64_t digest = 1469598103934665603ull;  // FNV-1a over all 29 modes' outputs
+      for (int32_t mode = 0; mode < 29; ++mode) {
+        const Bytes out = Render(67, 43, 2, simd, [&](GlowParam& p, Bytes& mask) {
+          p.glow_contrast = c.contrast;
+          p.glow_radius = c.radius;
+          if (c.mask) p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
+          p.blend_mode = mode;
+        });
+        for (uint8_t b : out) digest = (digest ^ b) * 1099511628211ull;
+      }
+      EXPECT_EQ(digest, c.digest) << std::hex << "0x" << digest << " contrast " << c.contrast << " simd " << simd;
     }
-    EXPECT_EQ(digest, c.digest) << std::hex << "0x" << digest << " contrast " << c.contrast;
-  }
 }
 
-TEST(GlowEffect, PlainAndSse41AgreeForEveryModeAndSse41WritesTheRoiFromDstsOrigin) {
+TEST(GlowEffect, Sse41WritesTheRoiFromDstsOrigin) {
   if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 forms not built";
-  for (int32_t mode = 0; mode < 29; ++mode) {
-    auto tweak = [mode](GlowParam& p, Bytes&) { p.blend_mode = mode; };
-    EXPECT_EQ(Render(45, 29, 2, 0, tweak), Render(45, 29, 2, 5, tweak)) << "mode " << mode;
-  }
   const int w = 61, h = 35;
   const Rect roi{9, 5, 52, 30};
   const int rw = roi.right - roi.left, rh = roi.bottom - roi.top;
@@ -410,6 +410,8 @@ TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrastAndTheTableAppliesI
 TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> wide(-0.5f, 1.5f);
+  float tone[256];
+  GlowToneTable(GlowLightParam{3.0f, 0.25f}, tone);
   for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 17, 31, 67}) {
     const int h = 3;
     std::vector<float> floats(static_cast<size_t>(w) * h * 3);
@@ -420,15 +422,19 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
     }
     const Bytes bytes = Noise(static_cast<size_t>(w) * h * 4, rng());
     Bytes out[2] = {bytes, bytes};
-    std::vector<float> in[2] = {floats, floats}, back[2] = {std::vector<float>(floats.size(), -7.0f),
-                                                            std::vector<float>(floats.size(), 9.0f)};
+    // Back to floats plainly and through the tone table, into differently filled buffers.
+    std::vector<float> in[2] = {floats, floats}, back[2][2];
     for (int sse = 0; sse < 2; ++sse) {
       if (sse && !KORVANE_HAVE_SSE41) continue;
       SmartBuffer b = MakeSmartBufferView(out[sse].data(), w, h), f = FloatView(in[sse], w, h);
-      SmartBuffer f2 = FloatView(back[sse], w, h);
-      GlowConvertParam to_bytes{&b, &f}, to_floats{&b, &f2};
+      GlowConvertParam to_bytes{&b, &f};
       ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowFloatToByte_SSE4) : &GlowFloatToByte, &to_bytes, {0, 0, w, h}), S_OK);
-      ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowByteToFloat_SSE4) : &GlowByteToFloat, &to_floats, {0, 0, w, h}), S_OK);
+      for (int t = 0; t < 2; ++t) {
+        back[sse][t].assign(floats.size(), sse ? 9.0f : -7.0f);
+        SmartBuffer f2 = FloatView(back[sse][t], w, h);
+        GlowConvertParam to_floats{&b, &f2, t ? tone : nullptr};
+        ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowByteToFloat_SSE4) : &GlowByteToFloat, &to_floats, {0, 0, w, h}), S_OK);
+      }
     }
     for (size_t i = 0, j = 0; i < bytes.size(); i += 4, j += 3) {
       ASSERT_EQ(out[0][i + 3], bytes[i + 3]);  // alpha kept
@@ -436,19 +442,21 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
         const float x = floats[j + c];
         const int want = std::isnan(x) ? 0 : static_cast<int>(std::min(std::max(0.0, x * 255.0), 255.0));
         ASSERT_EQ(out[0][i + c], want) << x;
-        ASSERT_EQ(back[0][j + c], out[0][i + c] * 0.003921569f);
+        ASSERT_EQ(back[0][0][j + c], out[0][i + c] * 0.003921569f);
+        ASSERT_EQ(back[0][1][j + c], tone[out[0][i + c]]);
       }
     }
     if (KORVANE_HAVE_SSE41) {
       ASSERT_EQ(out[0], out[1]) << "float to byte, width " << w;
-      ASSERT_EQ(0, std::memcmp(back[0].data(), back[1].data(), back[0].size() * sizeof(float))) << "width " << w;
+      for (int t = 0; t < 2; ++t)
+        ASSERT_EQ(0, std::memcmp(back[0][t].data(), back[1][t].data(), floats.size() * sizeof(float))) << w;
     }
   }
   Bytes px(4);
-  std::vector<float> f(3);
   SmartBuffer b = MakeSmartBufferView(px.data(), 1, 1), not_float = b;
-  GlowConvertParam bad{&b, &not_float};
+  GlowConvertParam bad{&b, &not_float}, missing{&b, nullptr};
   EXPECT_EQ(RunTask(GlowByteToFloat, &bad, {0, 0, 1, 1}), E_INVALIDARG);
+  EXPECT_EQ(RunTask(GlowFloatToByte, &missing, {0, 0, 1, 1}), E_POINTER);
 }
 
 namespace {

@@ -8,10 +8,21 @@ namespace Korvane {
 
 namespace {
 
-// Two adjacent BGRA pixels from each of two addresses: [a0, b0, a1, b1].
-inline __m128i LoadPairs(const unsigned char* p0, const unsigned char* p1) {
-  const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p0));
-  return _mm_castpd_si128(_mm_loadh_pd(_mm_castsi128_pd(lo), reinterpret_cast<const double*>(p1)));
+// The 8 bytes at p (two adjacent BGRA pixels a, b) as the 16-bit words
+// a.B, b.B, a.G, b.G, a.R, b.R, a.A, b.A, ready for one multiply-add with a
+// (weight of a, weight of b) pair.
+inline __m128i LoadPair(const unsigned char* p) {
+  const __m128i interleave = _mm_setr_epi8(0, -1, 4, -1, 1, -1, 5, -1, 2, -1, 6, -1, 3, -1, 7, -1);
+  return _mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), interleave);
+}
+
+// B, G, R, A sums of one pixel: its upper pair times the weight pair in lane
+// `kLane` of w_top, plus its lower pair times that of w_bottom.
+template <int kLane>
+inline __m128i PixelSum(const unsigned char* top, const unsigned char* bottom, __m128i w_top, __m128i w_bottom) {
+  constexpr int kBroadcast = kLane * 0x55;
+  return _mm_add_epi32(_mm_madd_epi16(LoadPair(top), _mm_shuffle_epi32(w_top, kBroadcast)),
+                       _mm_madd_epi16(LoadPair(bottom), _mm_shuffle_epi32(w_bottom, kBroadcast)));
 }
 
 // Bilinear samples of four consecutive pixels of one row through one affine
@@ -26,19 +37,18 @@ class Sampler4 {
         m_twice_y(_mm_set1_ps(static_cast<float>(src.height - 1) + static_cast<float>(src.height - 1))),
         m_last_x(_mm_set1_epi32(src.width - 1)), m_before_last_x(_mm_set1_epi32(src.width - 2)),
         m_last_y(_mm_set1_epi32(src.height - 1)), m_stride(_mm_set1_epi32(static_cast<int32_t>(src.stride))),
-        m_data(src.data) {}
+        m_data(src.data), m_data_down(src.data + src.stride) {}
 
-  // The four pixels at columns xs (B, G, R; the alpha byte is left undefined).
+  // The four pixels at columns xs as 16-bit B, G, R, A words: pixels 0 and 1
+  // in px01, 2 and 3 in px23 (the alpha words are left undefined).
   // kInside: every position lies strictly inside the image, so mirroring,
-  // clamping and the last-column fix-up would change nothing and are skipped.
+  // clamping and the last-row and last-column cases are skipped.
   template <bool kInside>
-  __m128i Sample(__m128 xs) const {
+  void Sample(__m128 xs, __m128i& px01, __m128i& px23) const {
     const __m128 abs_mask = _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF));
     const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
     const __m128 c256 = _mm_set1_ps(256.0f), half = _mm_set1_ps(0.5f);
     const __m128i i256 = _mm_set1_epi32(256), izero = _mm_setzero_si128();
-    // Interleaves the channels of a pixel pair: B a, B b, G a, G b, ...
-    const __m128i interleave = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, 8, 12, 9, 13, 10, 14, 11, 15);
 
     __m128 sx = _mm_add_ps(_mm_mul_ps(m_m0, xs), m_cx);
     __m128 sy = _mm_add_ps(_mm_mul_ps(m_m3, xs), m_cy);
@@ -48,63 +58,61 @@ class Sampler4 {
     }
     const __m128i ix = _mm_cvttps_epi32(sx), iy = _mm_cvttps_epi32(sy);
     const __m128 fx = _mm_sub_ps(sx, _mm_cvtepi32_ps(ix)), fy = _mm_sub_ps(sy, _mm_cvtepi32_ps(iy));
-    const __m128 gx = _mm_sub_ps(one, fx), gy = _mm_sub_ps(one, fy);
-    const __m128i w10 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, fx), c256), half));
-    const __m128i w01 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gx, fy), c256), half));
-    const __m128i w00 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(_mm_mul_ps(gy, gx), c256), half));
+    // Scaling by 256 commutes with rounding, and (1 - fx)·256 is exactly
+    // 256 - fx·256, so these products round exactly like the plain form's
+    // ((1 - fy)·fx)·256, ((1 - fx)·fy)·256 and ((1 - fy)·(1 - fx))·256.
+    const __m128 fx256 = _mm_mul_ps(fx, c256);
+    const __m128 gx256 = _mm_sub_ps(c256, fx256), gy = _mm_sub_ps(one, fy);
+    const __m128i w10 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(gy, fx256), half));
+    const __m128i w01 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(fy, gx256), half));
+    const __m128i w00 = _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(gy, gx256), half));
     const __m128i w11 = _mm_max_epi32(_mm_sub_epi32(i256, _mm_add_epi32(_mm_add_epi32(w00, w10), w01)), izero);
-    // Weight pairs for madd: (w00, w10) on the upper row, (w01, w11) on the lower.
-    const __m128i w_top = _mm_or_si128(w00, _mm_slli_epi32(w10, 16));
-    const __m128i w_bottom = _mm_or_si128(w01, _mm_slli_epi32(w11, 16));
 
-    __m128i top, bottom, at_edge = izero;
+    __m128i top, w_top, w_bottom;
+    const unsigned char* d = m_data;
+    const unsigned char* d_down = m_data_down;
+    uint64_t down01 = 0, down23 = 0;
     if (kInside) {
       top = _mm_add_epi32(_mm_mullo_epi32(iy, m_stride), _mm_slli_epi32(ix, 2));
-      bottom = _mm_add_epi32(top, m_stride);
+      w_top = _mm_or_si128(w00, _mm_slli_epi32(w10, 16));
+      w_bottom = _mm_or_si128(w01, _mm_slli_epi32(w11, 16));
     } else {
-      // Pairs start one pixel early in the last column, whose right
-      // neighbour is itself: the pair is then fixed up to (last, last).
-      at_edge = _mm_cmpeq_epi32(ix, m_last_x);
+      // In the last column the pair starts one pixel early and its right
+      // pixel, the column itself, takes both weights; in the last row the
+      // lower pair is the upper one.
+      const __m128i at_edge = _mm_cmpeq_epi32(ix, m_last_x);
       const __m128i start_x = _mm_min_epi32(ix, m_before_last_x);
       const __m128i down = _mm_and_si128(_mm_cmplt_epi32(iy, m_last_y), m_stride);
       top = _mm_add_epi32(_mm_mullo_epi32(iy, m_stride), _mm_slli_epi32(start_x, 2));
-      bottom = _mm_add_epi32(top, down);
+      const __m128i w10e = _mm_add_epi32(w10, _mm_and_si128(at_edge, w00));
+      const __m128i w11e = _mm_add_epi32(w11, _mm_and_si128(at_edge, w01));
+      w_top = _mm_or_si128(_mm_andnot_si128(at_edge, w00), _mm_slli_epi32(w10e, 16));
+      w_bottom = _mm_or_si128(_mm_andnot_si128(at_edge, w01), _mm_slli_epi32(w11e, 16));
+      d_down = m_data;
+      down01 = static_cast<uint64_t>(_mm_cvtsi128_si64(down));
+      down23 = static_cast<uint64_t>(_mm_extract_epi64(down, 1));
     }
-    alignas(16) uint32_t ot[4], ob[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(ot), top);
-    _mm_store_si128(reinterpret_cast<__m128i*>(ob), bottom);
-    const unsigned char* d = m_data;
-    __m128i t01 = LoadPairs(d + ot[0], d + ot[1]), t23 = LoadPairs(d + ot[2], d + ot[3]);
-    __m128i b01 = LoadPairs(d + ob[0], d + ob[1]), b23 = LoadPairs(d + ob[2], d + ob[3]);
-    if (!kInside) {
-      const __m128i edge01 = _mm_unpacklo_epi32(at_edge, at_edge), edge23 = _mm_unpackhi_epi32(at_edge, at_edge);
-      const int kRight = _MM_SHUFFLE(3, 3, 1, 1);
-      t01 = _mm_blendv_epi8(t01, _mm_shuffle_epi32(t01, kRight), edge01);
-      t23 = _mm_blendv_epi8(t23, _mm_shuffle_epi32(t23, kRight), edge23);
-      b01 = _mm_blendv_epi8(b01, _mm_shuffle_epi32(b01, kRight), edge01);
-      b23 = _mm_blendv_epi8(b23, _mm_shuffle_epi32(b23, kRight), edge23);
-    }
-    t01 = _mm_shuffle_epi8(t01, interleave);
-    t23 = _mm_shuffle_epi8(t23, interleave);
-    b01 = _mm_shuffle_epi8(b01, interleave);
-    b23 = _mm_shuffle_epi8(b23, interleave);
-    const __m128i s0 = _mm_add_epi32(_mm_madd_epi16(_mm_cvtepu8_epi16(t01), _mm_shuffle_epi32(w_top, 0x00)),
-                                     _mm_madd_epi16(_mm_cvtepu8_epi16(b01), _mm_shuffle_epi32(w_bottom, 0x00)));
-    const __m128i s1 = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(t01, izero), _mm_shuffle_epi32(w_top, 0x55)),
-                                     _mm_madd_epi16(_mm_unpackhi_epi8(b01, izero), _mm_shuffle_epi32(w_bottom, 0x55)));
-    const __m128i s2 = _mm_add_epi32(_mm_madd_epi16(_mm_cvtepu8_epi16(t23), _mm_shuffle_epi32(w_top, 0xAA)),
-                                     _mm_madd_epi16(_mm_cvtepu8_epi16(b23), _mm_shuffle_epi32(w_bottom, 0xAA)));
-    const __m128i s3 = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi8(t23, izero), _mm_shuffle_epi32(w_top, 0xFF)),
-                                     _mm_madd_epi16(_mm_unpackhi_epi8(b23, izero), _mm_shuffle_epi32(w_bottom, 0xFF)));
-    const __m128i s01 = _mm_packs_epi32(_mm_srli_epi32(s0, 8), _mm_srli_epi32(s1, 8));
-    const __m128i s23 = _mm_packs_epi32(_mm_srli_epi32(s2, 8), _mm_srli_epi32(s3, 8));
-    return _mm_packus_epi16(s01, s23);
+    // Two offsets per 64-bit extraction; the lower row is a stride further
+    // (or, off the inside path, the extracted per-pixel step).
+    const uint64_t top01 = static_cast<uint64_t>(_mm_cvtsi128_si64(top));
+    const uint64_t top23 = static_cast<uint64_t>(_mm_extract_epi64(top, 1));
+    const size_t o0 = static_cast<uint32_t>(top01), o1 = static_cast<uint32_t>(top01 >> 32);
+    const size_t o2 = static_cast<uint32_t>(top23), o3 = static_cast<uint32_t>(top23 >> 32);
+    const size_t b0 = o0 + static_cast<uint32_t>(down01), b1 = o1 + static_cast<uint32_t>(down01 >> 32);
+    const size_t b2 = o2 + static_cast<uint32_t>(down23), b3 = o3 + static_cast<uint32_t>(down23 >> 32);
+    const __m128i s0 = PixelSum<0>(d + o0, d_down + b0, w_top, w_bottom);
+    const __m128i s1 = PixelSum<1>(d + o1, d_down + b1, w_top, w_bottom);
+    const __m128i s2 = PixelSum<2>(d + o2, d_down + b2, w_top, w_bottom);
+    const __m128i s3 = PixelSum<3>(d + o3, d_down + b3, w_top, w_bottom);
+    px01 = _mm_packs_epi32(_mm_srli_epi32(s0, 8), _mm_srli_epi32(s1, 8));
+    px23 = _mm_packs_epi32(_mm_srli_epi32(s2, 8), _mm_srli_epi32(s3, 8));
   }
 
  private:
   __m128 m_m0, m_m3, m_cx, m_cy, m_lim_x, m_lim_y, m_twice_x, m_twice_y;
   __m128i m_last_x, m_before_last_x, m_last_y, m_stride;
   const unsigned char* m_data;
+  const unsigned char* m_data_down;  // one row further: the lower pairs on the inside path
 };
 
 inline __m128 Columns(int32_t x) {
@@ -122,7 +130,9 @@ template <bool kInside>
 int32_t WarpSpan4(const Sampler4& s, int32_t x, int32_t x_end, unsigned char* dst) {
   const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
   for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, dst += 16, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_or_si128(s.Sample<kInside>(xs), opaque));
+    __m128i px01, px23;
+    s.Sample<kInside>(xs, px01, px23);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_or_si128(_mm_packus_epi16(px01, px23), opaque));
   }
   return x;
 }
@@ -133,14 +143,12 @@ int32_t WarpBlendSpan4(const Sampler4& past, const Sampler4& future, int32_t alp
   const __m128i opaque = _mm_set1_epi32(static_cast<int>(0xFF000000u));
   const __m128i wn = _mm_set1_epi16(static_cast<int16_t>(256 - alpha));
   const __m128i wp = _mm_set1_epi16(static_cast<int16_t>(alpha));
-  const __m128i zero = _mm_setzero_si128();
   for (__m128 xs = Columns(x); x + 4 <= x_end; x += 4, dst += 16, xs = _mm_add_ps(xs, _mm_set1_ps(4.0f))) {
-    const __m128i p = past.Sample<kPastInside>(xs);
-    const __m128i n = future.Sample<kFutureInside>(xs);
-    const __m128i lo = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_cvtepu8_epi16(n), wn),
-                                                    _mm_mullo_epi16(_mm_cvtepu8_epi16(p), wp)), 8);
-    const __m128i hi = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(n, zero), wn),
-                                                    _mm_mullo_epi16(_mm_unpackhi_epi8(p, zero), wp)), 8);
+    __m128i p01, p23, n01, n23;
+    past.Sample<kPastInside>(xs, p01, p23);
+    future.Sample<kFutureInside>(xs, n01, n23);
+    const __m128i lo = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(n01, wn), _mm_mullo_epi16(p01, wp)), 8);
+    const __m128i hi = _mm_srli_epi16(_mm_add_epi16(_mm_mullo_epi16(n23, wn), _mm_mullo_epi16(p23, wp)), 8);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_or_si128(_mm_packus_epi16(lo, hi), opaque));
   }
   return x;

@@ -183,23 +183,18 @@ int32_t GlowEffect::RunStage(const char* stage, ThreadTask task, void* param, Re
   return hr;
 }
 
-int32_t GlowEffect::CopySource() {
-  GlowCopyParam p{&m_param.src, &m_aligned_src};
-  return RunStage("copy src", GlowCopySrc, &p, Rect{0, 0, m_img_w, m_img_h});
-}
-
-int32_t GlowEffect::DetectHighlight() {
+int32_t GlowEffect::CopyAndDetectHighlight() {
   // Over the whole allocation: the columns and rows past the photo hold zeros.
-  GlowDetectParam p;
-  p.src = &m_aligned_src;
-  p.dst = &m_aligned_hlr;
-  p.mask = m_param.mask.data ? &m_param.mask : nullptr;
-  p.threshold = m_param.hlr_threshold;
-  p.cols = m_aligned_img_w;
-  p.rows = m_aligned_img_h;
-  const ThreadTask task = PickKernel<ThreadTask>(m_system_info, GlowDetectHighlight,
-                                                 KORVANE_SSE41(GlowDetectHighlight_SSE4));
-  return RunStage("detect hlr", task, &p, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
+  GlowCopyDetectParam p;
+  p.copy = GlowCopyParam{&m_param.src, &m_aligned_src};
+  p.detect.src = &m_aligned_src;
+  p.detect.dst = &m_aligned_hlr;
+  p.detect.mask = m_param.mask.data ? &m_param.mask : nullptr;
+  p.detect.threshold = m_param.hlr_threshold;
+  p.detect.cols = m_aligned_img_w;
+  p.detect.rows = m_aligned_img_h;
+  p.detect_task = PickKernel<ThreadTask>(m_system_info, GlowDetectHighlight, KORVANE_SSE41(GlowDetectHighlight_SSE4));
+  return RunStage("copy src", GlowCopyAndDetect, &p, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
 }
 
 int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
@@ -275,7 +270,8 @@ int32_t GlowEffect::Blend() {
 
 int32_t GlowEffect::RunPipeline(bool floats) {
   int32_t hr;
-  if ((hr = CopySource()) < 0 || (hr = DetectHighlight()) < 0) return hr;
+  // "copy src" and "detect hlr" share one sweep (failures are logged as "copy src").
+  if ((hr = CopyAndDetectHighlight()) < 0) return hr;
 
   ResizeParam down;
   down.src = m_aligned_hlr;

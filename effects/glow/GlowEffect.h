@@ -36,8 +36,7 @@ class GlowEffect final : public Glow, public EffectCore {
   // floats: the float blend modes, whose highlight stays FLOAT96 to the blend.
   int32_t RunPipeline(bool floats);
   // Stages shared by both pipelines.
-  int32_t CopySource();
-  int32_t DetectHighlight();
+  int32_t CopyAndDetectHighlight();
   int32_t Resize(ResizeParam& param, Rect region, const char* stage);
   int32_t SoftenHighlight(bool to_bytes);
   int32_t AdjustColor(bool floats);

@@ -35,6 +35,17 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
 // SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
 int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
 
+// "copy src" and "detect hlr" in one sweep: a few rows copied, then their
+// highlight detected while they are still in cache. The region is that of
+// the detection (the allocation); rows and columns past the photo are only
+// detected. `detect_task` is GlowDetectHighlight or its SSE4.1 form.
+struct GlowCopyDetectParam {
+  GlowCopyParam copy;
+  GlowDetectParam detect;
+  ThreadTask detect_task = nullptr;
+};
+int32_t GlowCopyAndDetect(ThreadJob* job, int32_t* result);
+
 // "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
 // when given: the tone curve of "adjust light" depends on the byte alone, so
 // the two stages fold into one lookup (GlowToneTable), with the same floats.

@@ -289,8 +289,20 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
     }
   }
 #endif
-  for (int i = 0; i < passes; ++i) {
-    const int32_t hr = adapter.RunTaskByMultiThread(h, boxblur_param, nullptr, roi);
+#if KORVANE_HAVE_SSE41
+  // Several horizontal passes run as one task per band.
+  boxblur_detail::RepeatedPasses repeated{&param, passes};
+  const bool repeat = sse && passes > 1;
+  const int h_runs = repeat ? 1 : passes;
+  const ThreadTask h_task = repeat ? &boxblur_detail::BoxBlurHRepeated_SSE : h;
+  void* const h_param = repeat ? static_cast<void*>(&repeated) : boxblur_param;
+#else
+  const int h_runs = passes;
+  const ThreadTask h_task = h;
+  void* const h_param = boxblur_param;
+#endif
+  for (int i = 0; i < h_runs; ++i) {
+    const int32_t hr = adapter.RunTaskByMultiThread(h_task, h_param, nullptr, roi);
     if (hr < 0) {
       DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, "
                "roi) Error! - Return Code: %x",

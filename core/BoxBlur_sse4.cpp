@@ -616,7 +616,7 @@ struct GatheredFloatOps {
   }
 };
 
-int32_t HorizontalFloat(const BlurJob& job) {
+int32_t HorizontalFloat(const BlurJob& job, int32_t passes) {
   const int32_t w = job.width;
   const int32_t r = job.radius;
   const int32_t ch = job.variant == Variant::kFloat96 ? 3 : 1;
@@ -635,20 +635,29 @@ int32_t HorizontalFloat(const BlurJob& job) {
     unsigned char* lines[4];
     for (int k = 0; k < 4; ++k) lines[k] = job.data + (y + k) * job.stride;
     GatherLines(lines, samples, Vecs(t));
-    const __m128d z = _mm_setzero_pd();
-    if (ch == 3) {
-      GatheredFloatOps<3> ops{Vecs(t), Vecs(out), inv.data(), {z, z, z}, {z, z, z}};
-      WalkWindow(ops, w, r);
-    } else {
-      GatheredFloatOps<1> ops{Vecs(t), Vecs(out), inv.data(), {z}, {z}};
-      WalkWindow(ops, w, r);
+    // Repeated passes stay transposed, going back and forth between t and out.
+    __m128i* from = Vecs(t);
+    __m128i* to = Vecs(out);
+    for (int32_t pass = 0; pass < passes; ++pass) {
+      const __m128d z = _mm_setzero_pd();
+      if (ch == 3) {
+        GatheredFloatOps<3> ops{from, to, inv.data(), {z, z, z}, {z, z, z}};
+        WalkWindow(ops, w, r);
+      } else {
+        GatheredFloatOps<1> ops{from, to, inv.data(), {z}, {z}};
+        WalkWindow(ops, w, r);
+      }
+      std::swap(from, to);
     }
-    ScatterLines(Vecs(out), samples, lines);
+    ScatterLines(from, samples, lines);
   }
   if (y < job.end) {
     BlurJob rest = job;
     rest.begin = y;
-    return BlurPlain(rest, true);
+    for (int32_t pass = 0; pass < passes; ++pass) {
+      const int32_t hr = BlurPlain(rest, true);
+      if (hr < 0) return hr;
+    }
   }
   return S_OK;
 }
@@ -864,24 +873,32 @@ int32_t FusedBlur8(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
 
 namespace {
 
-int32_t RunSsePass(ThreadJob* job, int32_t* result, bool rows) {
+// `passes` passes over the band. Lines are blurred independently, so passes
+// run band by band give the bytes of whole-image passes run in turn.
+int32_t RunSsePass(ThreadJob* job, int32_t* result, bool rows, int32_t passes = 1) {
   BlurJob b;
   int32_t hr = PrepareBlur(job, rows, &b);
   if (hr >= 0 && b.begin < b.end) {
     try {
-      switch (b.variant) {
-        case Variant::kBgra:
-        case Variant::kGray:
-        case Variant::kBgraMasked:
-          hr = rows ? Horizontal8(b) : Vertical8(b);
-          break;
-        case Variant::kFloat32:
-        case Variant::kFloat96:
-          hr = rows ? HorizontalFloat(b) : VerticalFloat(b);
-          break;
-        case Variant::kInt32:
-          hr = BlurPlain(b, rows);
-          break;
+      if (rows && (b.variant == Variant::kFloat32 || b.variant == Variant::kFloat96)) {
+        hr = HorizontalFloat(b, passes);
+      } else {
+        for (int32_t pass = 0; pass < passes && hr >= 0; ++pass) {
+          switch (b.variant) {
+            case Variant::kBgra:
+            case Variant::kGray:
+            case Variant::kBgraMasked:
+              hr = rows ? Horizontal8(b) : Vertical8(b);
+              break;
+            case Variant::kFloat32:
+            case Variant::kFloat96:
+              hr = VerticalFloat(b);
+              break;
+            case Variant::kInt32:
+              hr = BlurPlain(b, rows);
+              break;
+          }
+        }
       }
     } catch (const std::bad_alloc&) {
       hr = E_OUTOFMEMORY;
@@ -896,5 +913,16 @@ int32_t RunSsePass(ThreadJob* job, int32_t* result, bool rows) {
 int32_t BoxBlurH_SSE(ThreadJob* job, int32_t* result) { return RunSsePass(job, result, true); }
 
 int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result) { return RunSsePass(job, result, false); }
+
+namespace boxblur_detail {
+
+int32_t BoxBlurHRepeated_SSE(ThreadJob* job, int32_t* result) {
+  const auto* repeat = static_cast<const RepeatedPasses*>(job->param);
+  ThreadJob inner = *job;
+  inner.param = repeat->param;
+  return RunSsePass(&inner, result, true, repeat->passes);
+}
+
+}  // namespace boxblur_detail
 
 }  // namespace Korvane

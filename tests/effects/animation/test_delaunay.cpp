@@ -24,21 +24,17 @@ double Cross(const float* a, const float* b, const float* c) {  // > 0: counter-
 }
 
 double HullArea(const Points& pts, const std::vector<uint32_t>& ids) {  // monotone chain, doubled area
-  std::vector<std::pair<double, double>> p;
+  using P = std::pair<double, double>;
+  std::vector<P> p, h(2 * ids.size());
   for (uint32_t i : ids) p.emplace_back(pts[2 * i], pts[2 * i + 1]);
   std::sort(p.begin(), p.end());
-  auto turn = [](auto& o, auto& a, auto& b) {
-    return (a.first - o.first) * (b.second - o.second) - (a.second - o.second) * (b.first - o.first);
-  };
-  std::vector<std::pair<double, double>> h(2 * p.size());
+  auto turn = [](const P& o, const P& a, const P& b) { return (a.first - o.first) * (b.second - o.second) - (a.second - o.second) * (b.first - o.first); };
   size_t k = 0;
-  for (size_t i = 0; i < p.size(); ++i) {
-    while (k >= 2 && turn(h[k - 2], h[k - 1], p[i]) <= 0) --k;
-    h[k++] = p[i];
-  }
-  for (size_t i = p.size() - 1, t = k + 1; i-- > 0;) {
-    while (k >= t && turn(h[k - 2], h[k - 1], p[i]) <= 0) --k;
-    h[k++] = p[i];
+  for (size_t i = 0, t = 2; i < 2 * p.size() - 1; ++i) {  // lower chain, then upper chain
+    if (i == p.size()) t = k + 1;
+    const P& q = p[i < p.size() ? i : 2 * p.size() - 2 - i];
+    while (k >= t && turn(h[k - 2], h[k - 1], q) <= 0) --k;
+    h[k++] = q;
   }
   double area = 0;
   for (size_t i = 0; i + 1 < k; ++i) area += h[i].first * h[i + 1].second - h[i + 1].first * h[i].second;
@@ -132,6 +128,16 @@ Points Grid(int w, int h, double angle_deg = 0, double spacing = 1) {
   return p;
 }
 
+// 20 Gaussian clusters of 300 points, `sigma` wide, on a 4 x 5 lattice.
+Points Clusters(float sigma, float dx, float dy, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<float> g(0.0f, sigma);
+  Points p;
+  for (int c = 0; c < 20; ++c)
+    for (int i = 0; i < 300; ++i) p.insert(p.end(), {c * dx + g(rng), (c % 5) * dy + g(rng)});
+  return p;
+}
+
 // Runs the triangulation on another thread and fails hard if it does not end
 // in time: a hang must not stall the whole test run.
 int32_t TriangulateWithin(Delaunay& d, const Points& pts, int seconds = 20) {
@@ -158,11 +164,7 @@ TEST(Delaunay, RandomGridAndClusteredSetsGiveValidMeshes) {
     ASSERT_EQ(d.Triangulate(pts.data(), 2400), S_OK) << angle;
     EXPECT_EQ(CheckMesh(d, pts).vertices, 2400u) << angle;
   }
-  std::mt19937 rng(7);
-  std::normal_distribution<float> g(0.0f, 30.0f);
-  Points clusters;
-  for (int c = 0; c < 20; ++c)
-    for (int i = 0; i < 300; ++i) clusters.insert(clusters.end(), {c * 970.0f + g(rng), (c % 5) * 2110.0f + g(rng)});
+  const Points clusters = Clusters(30.0f, 970.0f, 2110.0f, 7);
   ASSERT_EQ(d.Triangulate(clusters.data(), 6000), S_OK);
   EXPECT_EQ(CheckMesh(d, clusters).vertices, 6000u);
 }
@@ -209,6 +211,31 @@ TEST(Delaunay, SmallCasesAndTolerance) {
   EXPECT_EQ(CheckMesh(d, q).triangles, 3u);
 }
 
+TEST(Delaunay, InterfaceCodes) {
+  Delaunay d;
+  uint32_t out[6] = {7, 7, 7, 7, 7, 7};
+  EXPECT_EQ(d.GetTriangles(out, 0), S_OK);  // nothing to copy
+  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_POINTER);
+  EXPECT_EQ(d.Triangulate(static_cast<const float*>(nullptr), 10), E_POINTER);
+  const Points ok = {0, 0, 10, 0, 5, 8};
+  EXPECT_EQ(d.Triangulate(ok.data(), 2), E_INVALIDARG);
+  ASSERT_EQ(d.Triangulate(ok.data(), 3), S_OK);
+  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_INVALIDARG);  // the capacity is checked before the pointer
+  EXPECT_EQ(d.GetTriangles(out, -1), E_INVALIDARG);
+  EXPECT_EQ(d.GetTriangles(nullptr, 1), E_POINTER);
+  EXPECT_EQ(d.GetTriangles(out, 2), S_OK);
+  EXPECT_EQ(out[3], 7u) << "a larger capacity copies only the triangles that exist";
+
+  // Non-finite coordinates are refused before any work: the last mesh stays.
+  for (float bad : {NAN, INFINITY, -INFINITY}) {
+    const Points p = {0, 0, 10, 0, 5, bad, 3, 3};
+    EXPECT_EQ(d.Triangulate(p.data(), 4), E_INVALIDARG);
+    EXPECT_EQ(d.GetTriangleCount(), 1u);
+  }
+  EXPECT_EQ(d.Reset(), S_OK);
+  EXPECT_EQ(d.GetTriangleCount(), 0u);
+}
+
 TEST(Delaunay, NearDuplicatesAndSeedPointsAreDropped) {
   Delaunay d;
   Points pts = Uniform(500, 1000.0f, 3);
@@ -240,31 +267,6 @@ TEST(Delaunay, NegativeCoordinatesKeepTheBoundingBoxQuirk) {
   EXPECT_EQ(d.TriangleData()[0], nearest);
 }
 
-TEST(Delaunay, InterfaceCodes) {
-  Delaunay d;
-  uint32_t out[6] = {7, 7, 7, 7, 7, 7};
-  EXPECT_EQ(d.GetTriangles(out, 0), S_OK);  // nothing to copy
-  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_POINTER);
-  EXPECT_EQ(d.Triangulate(static_cast<const float*>(nullptr), 10), E_POINTER);
-  const Points ok = {0, 0, 10, 0, 5, 8};
-  EXPECT_EQ(d.Triangulate(ok.data(), 2), E_INVALIDARG);
-  ASSERT_EQ(d.Triangulate(ok.data(), 3), S_OK);
-  EXPECT_EQ(d.GetTriangles(nullptr, 0), E_INVALIDARG);  // the capacity is checked before the pointer
-  EXPECT_EQ(d.GetTriangles(out, -1), E_INVALIDARG);
-  EXPECT_EQ(d.GetTriangles(nullptr, 1), E_POINTER);
-  EXPECT_EQ(d.GetTriangles(out, 2), S_OK);
-  EXPECT_EQ(out[3], 7u) << "a larger capacity copies only the triangles that exist";
-
-  // Non-finite coordinates are refused before any work: the last mesh stays.
-  for (float bad : {NAN, INFINITY, -INFINITY}) {
-    const Points p = {0, 0, 10, 0, 5, bad, 3, 3};
-    EXPECT_EQ(d.Triangulate(p.data(), 4), E_INVALIDARG);
-    EXPECT_EQ(d.GetTriangleCount(), 1u);
-  }
-  EXPECT_EQ(d.Reset(), S_OK);
-  EXPECT_EQ(d.GetTriangleCount(), 0u);
-}
-
 TEST(Delaunay, ReusedObjectMatchesFreshOne) {
   // Storage is reused between runs; stale ring or hash entries must not leak
   // into a later, smaller or larger, triangulation.
@@ -281,33 +283,20 @@ TEST(Delaunay, ReusedObjectMatchesFreshOne) {
 }
 
 TEST(Delaunay, AdversarialSetsTerminateWithAMeshOrACode) {
-  std::vector<std::pair<const char*, Points>> sets;
-  sets.emplace_back("collinear", Grid(100000, 1, 0, 0.5));
   Points slanted = Grid(50000, 1, 33.0, 1.0);  // rounding scatters the points just off the line
-  sets.emplace_back("slanted line", slanted);
-  slanted.insert(slanted.end(), {100.0f, -40.0f, 20000.0f, 30000.0f});
-  sets.emplace_back("line plus two", slanted);
-  sets.emplace_back("rotated grid", Grid(300, 300, 17.0, 1.0));
-  sets.emplace_back("grid far from the origin", Grid(200, 200, 0, 1.0));
-  for (size_t i = 0; i < sets.back().second.size(); ++i) sets.back().second[i] += 3.0e6f;
-  Points repeated;
-  for (int i = 0; i < 40000; ++i) repeated.insert(repeated.end(), {float(i % 5 * 10), float(i % 5 * i % 3)});
-  sets.emplace_back("repeated", repeated);
-  sets.emplace_back("tiny", Uniform(5000, 1e-3f, 5));
-  sets.emplace_back("huge", Uniform(5000, 3.0e38f, 6, -1.5e38f));
-  Points mixed = Uniform(5000, 1e30f, 8);
+  Points line_plus_two = slanted, far = Grid(200, 200, 0, 1.0), mixed = Uniform(5000, 1e30f, 8);
+  Points repeated, arc, dense = Clusters(3.0f, 97.0f, 211.0f, 9);  // spacing far below the 0.1 tolerance
+  line_plus_two.insert(line_plus_two.end(), {100.0f, -40.0f, 20000.0f, 30000.0f});
+  for (float& v : far) v += 3.0e6f;
   for (size_t i = 0; i < mixed.size(); i += 7) mixed[i] *= 1e-35f;
-  sets.emplace_back("mixed scales", mixed);
-  Points circle;
+  for (int i = 0; i < 40000; ++i) repeated.insert(repeated.end(), {float(i % 5 * 10), float(i % 5 * i % 3)});
   for (int i = 0; i < 20000; ++i)
-    circle.insert(circle.end(), {float(1000 + 900 * std::cos(i * 0.000314159)), float(1000 + 900 * std::sin(i * 0.000314159))});
-  sets.emplace_back("arc", circle);
-  Points dense;  // spacing far below the tolerance of 0.1 square pixels
-  std::normal_distribution<float> g(0.0f, 3.0f);
-  std::mt19937 rng(9);
-  for (int c = 0; c < 20; ++c)
-    for (int i = 0; i < 300; ++i) dense.insert(dense.end(), {c * 97.0f + g(rng), (c % 5) * 211.0f + g(rng)});
-  sets.emplace_back("dense clusters", dense);
+    arc.insert(arc.end(), {float(1000 + 900 * std::cos(i * 0.000314159)), float(1000 + 900 * std::sin(i * 0.000314159))});
+  const std::pair<const char*, Points> sets[] = {
+      {"collinear", Grid(100000, 1, 0, 0.5)}, {"slanted line", slanted}, {"line plus two", line_plus_two},
+      {"rotated grid", Grid(300, 300, 17.0, 1.0)}, {"grid far from the origin", far}, {"repeated", repeated},
+      {"tiny", Uniform(5000, 1e-3f, 5)}, {"huge", Uniform(5000, 3.0e38f, 6, -1.5e38f)}, {"mixed scales", mixed},
+      {"arc", arc}, {"dense clusters", dense}};
 
   Delaunay d;
   for (auto& [name, pts] : sets) {

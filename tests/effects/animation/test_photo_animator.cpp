@@ -11,49 +11,38 @@
 #include "core/ThreadPool.h"
 #include "effects/animation/AnimationKernels.h"
 #include "effects/animation/PhotoAnimator.h"
+#include "AnimationTestSupport.h"
 
 using namespace Korvane;
+using AnimationTest::RandomBytes;
 
 namespace {
 
-SystemInfo Info(int simd) {
-  SystemInfo s;
-  s.processor_count = 2;
-  s.simd_level = simd;
-  return s;
-}
-
-// A smooth, textured photo with non-opaque alpha, and a still disc.
+// A smooth, textured photo with non-opaque alpha, a still disc, and flows.
 struct Scene {
   int w, h;
   std::vector<uint8_t> photo, still;
   ImageBuffer input, mask;
   std::vector<std::vector<float>> points;
+  std::vector<uint32_t> types;
   std::vector<FlowData> flows;
 
-  Scene(int w_, int h_, bool with_still = true) : w(w_), h(h_), photo(static_cast<size_t>(w_) * h_ * 4), still(static_cast<size_t>(w_) * h_, 0) {
+  Scene(int w_, int h_, bool with_still = true) : w(w_), h(h_), photo(size_t(w_) * h_ * 4), still(size_t(w_) * h_, 0) {
     std::mt19937 rng(11);
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) {
-        uint8_t* p = &photo[(static_cast<size_t>(y) * w + x) * 4];
-        p[0] = static_cast<uint8_t>(x * 5 + y * 3 + rng() % 7);
-        p[1] = static_cast<uint8_t>(128 + 100 * std::sin(x * 0.21) * std::cos(y * 0.13));
-        p[2] = static_cast<uint8_t>((x ^ y) * 3);
-        p[3] = static_cast<uint8_t>(100 + (x + y) % 50);
+        const int b = int(128 + 100 * std::sin(x * 0.21) * std::cos(y * 0.13));
+        const uint8_t px[4] = {uint8_t(x * 5 + y * 3 + rng() % 7), uint8_t(b), uint8_t((x ^ y) * 3), uint8_t(100 + (x + y) % 50)};
+        std::memcpy(&photo[(size_t(y) * w + x) * 4], px, 4);
         const float dx = x - 0.7f * w, dy = y - 0.6f * h;
-        if (with_still && dx * dx + dy * dy < 0.02f * w * h) still[static_cast<size_t>(y) * w + x] = 255;
+        if (with_still && dx * dx + dy * dy < 0.02f * w * h) still[size_t(y) * w + x] = 255;
       }
     input = MakeImageBuffer(photo.data(), w, h, PIXEL_BGRA32);
     mask = MakeImageBuffer(still.data(), w, h, PIXEL_GRAY8);
   }
   void Add(uint32_t type, std::vector<float> pts) {
     points.push_back(std::move(pts));
-    flows.clear();
-    for (size_t i = 0; i < points.size(); ++i) {
-      const uint32_t t = i + 1 == points.size() ? type : flows_types[i];
-      flows.push_back({points[i].data(), static_cast<uint32_t>(points[i].size() / 2), t});
-    }
-    flows_types.push_back(type);
+    types.push_back(type);
   }
   // Rivers flowing right and up, an anchor and a stroke.
   void AddDefaultFlows() {
@@ -66,6 +55,8 @@ struct Scene {
     Add(FLOW_STROKE, {0.1f * w, 0.95f * h, 0.5f * w, 0.9f * h, 0.9f * w, 0.97f * h});
   }
   AnimationParam Param(ImageBuffer* out, uint32_t frames = 8, int32_t loop_mode = 2) {
+    flows.clear();
+    for (size_t i = 0; i < points.size(); ++i) flows.push_back({points[i].data(), uint32_t(points[i].size() / 2), types[i]});
     AnimationParam p;
     p.input = &input;
     p.mask = &mask;
@@ -73,35 +64,41 @@ struct Scene {
     p.loop_mode = loop_mode;
     p.anime_frame_count = frames;
     p.p_flow = flows.empty() ? nullptr : flows.data();
-    p.flow_num = static_cast<uint32_t>(flows.size());
+    p.flow_num = uint32_t(flows.size());
     return p;
   }
-  std::vector<uint32_t> flows_types;
 };
 
 struct Frame {
   std::vector<uint8_t> px;
   ImageBuffer buf;
-  Frame(int w, int h, uint8_t fill = 0x5A) : px(static_cast<size_t>(w) * h * 4, fill) { buf = MakeImageBuffer(px.data(), w, h, PIXEL_BGRA32); }
+  Frame(int w, int h, uint8_t fill = 0x5A) : px(size_t(w) * h * 4, fill) { buf = MakeImageBuffer(px.data(), w, h, PIXEL_BGRA32); }
 };
 
-std::unique_ptr<PhotoAnimator> MakeAnimator(CThreadPool& pool, int simd = 0) {
-  auto a = std::make_unique<PhotoAnimator>(&pool);
-  a->SetSystemInfo(Info(simd));
-  return a;
-}
-
-std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, uint32_t frames, uint8_t fill) {
+// An animator on its own pool of `workers`, plain (simd 0) or SSE4.1 (5).
+struct Rig {
   CThreadPool pool;
-  pool.Create(workers);
-  auto anim = MakeAnimator(pool, simd);
-  Frame out(s.w, s.h, fill);
+  std::unique_ptr<PhotoAnimator> anim;
+  explicit Rig(int workers = 2, int simd = 0) {
+    pool.Create(workers);
+    anim = std::make_unique<PhotoAnimator>(&pool);
+    anim->SetSystemInfo(SystemInfo{2, simd, 0});
+  }
+};
+
+// Every frame of a loop, rendered into an output pre-filled with `fill`;
+// with a region, the output is that region's size.
+std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, uint32_t frames, uint8_t fill,
+                                             const Rect* roi = nullptr) {
+  Rig rig(workers, simd);
+  Frame out(roi ? roi->right - roi->left : s.w, roi ? roi->bottom - roi->top : s.h, fill);
   AnimationParam p = s.Param(&out.buf, frames);
-  EXPECT_EQ(anim->Init(&p), S_OK);
+  EXPECT_EQ(rig.anim->Init(&p), S_OK);
+  p.p_output_roi = roi;
   std::vector<std::vector<uint8_t>> result;
   for (uint32_t f = 0; f < frames; ++f) {
     std::fill(out.px.begin(), out.px.end(), fill);
-    EXPECT_EQ(anim->Animate(&p, static_cast<int32_t>(f)), S_OK);
+    EXPECT_EQ(rig.anim->Animate(&p, int32_t(f)), S_OK);
     result.push_back(out.px);
   }
   return result;
@@ -110,18 +107,10 @@ std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, ui
 }  // namespace
 
 TEST(PhotoAnimator, NoFlowsCopiesTheRegionUnchanged) {
-  CThreadPool pool;
-  pool.Create(2);
   Scene s(37, 23);
-  auto anim = MakeAnimator(pool);
-  Frame out(10, 7);
-  AnimationParam p = s.Param(&out.buf, 4);
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  EXPECT_EQ(anim->MeshPoints().size(), 4u);
   const Rect roi{20, 9, 30, 16};
-  p.p_output_roi = &roi;
-  ASSERT_EQ(anim->Animate(&p, 3), S_OK);
-  for (int y = 0; y < 7; ++y) EXPECT_EQ(0, std::memcmp(&out.px[y * 40], &s.photo[((y + 9) * 37 + 20) * 4], 40));
+  for (const auto& frame : RenderLoop(s, 2, 0, 4, 0x5A, &roi))
+    for (int y = 0; y < 7; ++y) ASSERT_EQ(0, std::memcmp(&frame[y * 40], &s.photo[((y + 9) * 37 + 20) * 4], 40));
 }
 
 TEST(PhotoAnimator, FirstFrameIsThePhotoAndTheStillRegionNeverMoves) {
@@ -142,34 +131,43 @@ TEST(PhotoAnimator, FirstFrameIsThePhotoAndTheStillRegionNeverMoves) {
           moved += std::memcmp(o, in, 3) != 0;
         }
       }
-      if (f > 0) { EXPECT_GT(moved, static_cast<size_t>(s.w * s.h / 10)) << "frame " << f << " barely moves"; }
+      if (f > 0) { EXPECT_GT(moved, size_t(s.w * s.h / 10)) << "frame " << f << " barely moves"; }
     }
   }
 }
 
-TEST(PhotoAnimator, UniformFlowTranslatesTheContent) {
-  // A grid of paths all moving 8 pixels right. In loop mode 0 past and future
-  // coincide, so frame k of 4 shows the photo shifted by 2k pixels wherever
-  // the whole neighbourhood moves together.
-  CThreadPool pool;
-  pool.Create(2);
+TEST(PhotoAnimator, LoopModesShiftAndCrossFadeAUniformFlow) {
+  // A grid of paths all moving 8 pixels right: the past and future images
+  // are the photo shifted by 8a and 8b pixels, cross-faded with weight alpha
+  // on the past, wherever the whole neighbourhood moves together.
+  struct Case {
+    int32_t loop_mode, frame, past_shift, future_shift, alpha;
+  };
+  const Case cases[] = {{0, 2, 4, 4, 128}, {1, 2, 2, 6, 128}, {2, 2, -4, 4, 128}, {2, 1, -6, 2, 64}, {2, 0, -8, 0, 0}};
   Scene s(120, 80, false);
   for (float y = 0.0f; y <= 80.0f; y += 20.0f) {
     std::vector<float> path;
     for (float x = 0.0f; x <= 128.0f; x += 8.0f) path.insert(path.end(), {x, y});
     s.Add(FLOW_PATH, path);
   }
-  auto anim = MakeAnimator(pool);
-  Frame out(s.w, s.h);
-  AnimationParam p = s.Param(&out.buf, 4, 0);
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  ASSERT_EQ(anim->Animate(&p, 2), S_OK);
-  for (int y = 10; y < 70; ++y)
-    for (int x = 20; x < 100; ++x)
-      ASSERT_EQ(0, std::memcmp(&out.px[(y * 120 + x) * 4], &s.photo[(y * 120 + x - 4) * 4], 3)) << x << "," << y;
+  for (const Case& c : cases) {
+    Rig rig;
+    Frame out(s.w, s.h);
+    AnimationParam p = s.Param(&out.buf, 4, c.loop_mode);
+    ASSERT_EQ(rig.anim->Init(&p), S_OK);
+    ASSERT_EQ(rig.anim->Animate(&p, c.frame), S_OK);
+    for (int y = 10; y < 70; ++y)
+      for (int x = 20; x < 100; ++x)
+        for (int ch = 0; ch < 3; ++ch) {
+          const int past = s.photo[(y * 120 + x - c.past_shift) * 4 + ch];
+          const int future = s.photo[(y * 120 + x - c.future_shift) * 4 + ch];
+          ASSERT_EQ(out.px[(y * 120 + x) * 4 + ch], (future * (256 - c.alpha) + past * c.alpha) >> 8)
+              << "mode " << c.loop_mode << " frame " << c.frame << " at " << x << "," << y;
+        }
+  }
 }
 
-TEST(PhotoAnimator, SameFramesForAnyWorkerCountAndKernelForm) {
+TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormAndRegion) {
   Scene s(83, 57);
   s.AddDefaultFlows();
   const auto reference = RenderLoop(s, 1, 0, 5, 0x11);
@@ -179,183 +177,144 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountAndKernelForm) {
     EXPECT_EQ(RenderLoop(s, 3, 5, 5, 0x77), reference);
     EXPECT_EQ(RenderLoop(s, 8, 5, 5, 0xFF), reference);
   }
-}
-
-TEST(PhotoAnimator, RegionFrameIsTheSameCutOfTheFullFrame) {
-  CThreadPool pool;
-  pool.Create(3);
-  Scene s(70, 50);
-  s.AddDefaultFlows();
-  auto anim = MakeAnimator(pool, 5);
-  Frame full(70, 50), part(23, 17);
-  AnimationParam p = s.Param(&full.buf, 6, 1);
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  ASSERT_EQ(anim->Animate(&p, 4), S_OK);
+  // A region's frame is the same cut of the full frame, and nothing of the
+  // region-sized output is left unwritten.
   const Rect roi{41, 30, 64, 47};
-  p.output = &part.buf;
-  p.p_output_roi = &roi;
-  ASSERT_EQ(anim->Animate(&p, 4), S_OK);
-  for (int y = 0; y < 17; ++y) ASSERT_EQ(0, std::memcmp(&part.px[y * 23 * 4], &full.px[((y + 30) * 70 + 41) * 4], 23 * 4));
+  for (int simd : {0, 5}) {
+    const auto part = RenderLoop(s, 3, simd, 5, uint8_t(0x3C + simd), &roi);
+    for (size_t f = 0; f < part.size(); ++f)
+      for (int y = 0; y < 17; ++y)
+        ASSERT_EQ(0, std::memcmp(&part[f][y * 23 * 4], &reference[f][((y + 30) * 83 + 41) * 4], 23 * 4))
+            << "simd " << simd << " frame " << f << " row " << y;
+  }
 }
 
 TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
-  CThreadPool pool;
-  pool.Create(1);
+  Rig rig(1);
   Scene s(100, 100);
-  s.Add(FLOW_PATH, {10, 10});              // one point: nothing
-  s.Add(FLOW_ANCHOR, {50, 50, 60, 60});    // first point only
+  s.Add(FLOW_PATH, {10, 10});            // one point: nothing
+  s.Add(FLOW_ANCHOR, {50, 50, 60, 60});  // first point only
   s.Add(FLOW_PATH, {20, 30, 25, 33, 31, 30});
-  s.Add(7, {1, 2, 3, 4});                  // unknown kind: ignored
-  auto anim = MakeAnimator(pool);
+  s.Add(7, {1, 2, 3, 4});                // unknown kind: ignored
   Frame out(100, 100);
   AnimationParam p = s.Param(&out.buf);
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  const auto& v = anim->MeshPoints();
+  ASSERT_EQ(rig.anim->Init(&p), S_OK);
+  const auto& v = rig.anim->MeshPoints();
   ASSERT_EQ(v.size(), 7u);
-  EXPECT_EQ(v[0].x, 50);
-  EXPECT_EQ(anim->FlowDx()[0], 0);
-  EXPECT_EQ(v[1].x, 20);
-  EXPECT_EQ(anim->FlowDx()[1], 5);
-  EXPECT_EQ(anim->FlowDy()[2], -3);
-  EXPECT_EQ(v[3].x, -5);  // 100 / 50 is below the smallest margin of 5
-  EXPECT_EQ(v[3].y, -5);
-  EXPECT_EQ(v[6].x, 104);
-  EXPECT_EQ(v[6].y, 104);
+  EXPECT_TRUE(v[0].x == 50 && rig.anim->FlowDx()[0] == 0 && v[1].x == 20 && rig.anim->FlowDx()[1] == 5);
+  EXPECT_EQ(rig.anim->FlowDy()[2], -3);
+  // 100 / 50 is below the smallest margin of 5.
+  EXPECT_TRUE(v[3].x == -5 && v[3].y == -5 && v[6].x == 104 && v[6].y == 104);
 
   // A 5000-pixel side gets the largest margin, 50.
   Scene wide(5000, 6, false);
-  auto anim2 = MakeAnimator(pool);
   Frame out2(5000, 6);
   AnimationParam p2 = wide.Param(&out2.buf);
-  ASSERT_EQ(anim2->Init(&p2), S_OK);
-  EXPECT_EQ(anim2->MeshPoints()[1].x, 4999 + 50);
-  EXPECT_EQ(anim2->MeshPoints()[1].y, -5);
+  ASSERT_EQ(rig.anim->Init(&p2), S_OK);
+  EXPECT_EQ(rig.anim->MeshPoints()[1].x, 4999 + 50);
+  EXPECT_EQ(rig.anim->MeshPoints()[1].y, -5);
 }
 
 TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
-  CThreadPool pool;
-  pool.Create(1);
+  Rig rig(1);
   Scene s(200, 100);  // spacing 200 / 20 = 10 pixels
   // An L-shaped stroke, 60 + 40 pixels long, drawn with uneven points.
   s.Add(FLOW_STROKE, {10, 10, 13, 10, 70, 10, 70, 50});
-  auto anim = MakeAnimator(pool);
   Frame out(200, 100);
   AnimationParam p = s.Param(&out.buf);
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  const auto& v = anim->MeshPoints();
+  ASSERT_EQ(rig.anim->Init(&p), S_OK);
+  const auto& v = rig.anim->MeshPoints();
   ASSERT_EQ(v.size(), 10u + 4u);
   for (int i = 0; i < 10; ++i) {
-    EXPECT_NEAR(std::hypot(anim->FlowDx()[i], anim->FlowDy()[i]), 10.0, 1e-3) << i;
+    EXPECT_NEAR(std::hypot(rig.anim->FlowDx()[i], rig.anim->FlowDy()[i]), 10.0, 1e-3) << i;
     if (i < 6) { EXPECT_NEAR(v[i].x, 10 + 10 * i, 1e-3); }
     if (i > 6) { EXPECT_NEAR(v[i].y, 10 * (i - 5), 1e-3); }
   }
-  EXPECT_GT(anim->MovingTriangleCount(), 0u);
+  EXPECT_GT(rig.anim->MovingTriangleCount(), 0u);
 }
 
 TEST(PhotoAnimator, ResultCodes) {
-  CThreadPool pool;
-  pool.Create(2);
+  Rig rig;
+  PhotoAnimator& anim = *rig.anim;
   Scene s(40, 30);
   s.AddDefaultFlows();
-  auto anim = MakeAnimator(pool);
   Frame out(40, 30);
   AnimationParam p = s.Param(&out.buf, 8);
-  EXPECT_EQ(anim->Animate(&p, 0), E_FAIL);
-  EXPECT_EQ(anim->UpdateFlowPoints(&p), E_FAIL);
-  EXPECT_EQ(anim->Init(nullptr), E_POINTER);
+  EXPECT_EQ(anim.Animate(&p, 0), E_FAIL);
+  EXPECT_EQ(anim.UpdateFlowPoints(&p), E_FAIL);
+  EXPECT_EQ(anim.Init(nullptr), E_POINTER);
 
-  AnimationParam bad = p;
-  bad.p_flow = nullptr;
-  EXPECT_EQ(anim->Init(&bad), E_POINTER);
-  bad = p, bad.anime_frame_count = 1;
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-  bad = p, bad.loop_mode = 3;
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-  ImageBuffer gray = s.input;
+  // Each record differs from the good one in one field.
+  ImageBuffer gray = s.input, colour_mask = s.mask, small_mask = MakeImageBuffer(s.still.data(), 39, 30, PIXEL_GRAY8);
   gray.pix_fmt = PIXEL_GRAY8;
-  bad = p, bad.input = &gray;
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-  ImageBuffer small_mask = MakeImageBuffer(s.still.data(), 39, 30, PIXEL_GRAY8);
-  bad = p, bad.mask = &small_mask;
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-  std::vector<FlowData> flows = s.flows;
-  flows[1].point_num = 0;
-  bad = p, bad.p_flow = flows.data();
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-  std::vector<float> nan_path = {1, 2, NAN, 4};
-  flows[1] = {nan_path.data(), 2, FLOW_PATH};
-  EXPECT_EQ(anim->Init(&bad), E_INVALIDARG);
-
-  ASSERT_EQ(anim->Init(&p), S_OK);
-  bad = p, bad.anime_frame_count = 9;
-  EXPECT_EQ(anim->Animate(&bad, 0), E_NOTIMPL);
-  EXPECT_EQ(anim->Animate(&p, 8), E_INVALIDARG);
-  EXPECT_EQ(anim->Animate(&p, -1), E_INVALIDARG);
-  ImageBuffer colour_mask = s.mask;
   colour_mask.pix_fmt = PIXEL_BGRA32;
-  bad = p, bad.mask = &colour_mask;
-  EXPECT_EQ(anim->Animate(&bad, 0), E_NOTIMPL);
-  bad = p, bad.mask = &small_mask;
-  EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
-  for (Rect roi : {Rect{-1, 0, 40, 30}, Rect{0, 0, 41, 30}, Rect{0, 0, 40, 31}, Rect{5, 5, 4, 30}}) {
-    bad = p, bad.p_output_roi = &roi;
-    EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
+  std::vector<FlowData> empty_flow = s.flows, nan_flow = s.flows;
+  std::vector<float> nan_path = {1, 2, NAN, 4};
+  empty_flow[1].point_num = 0;
+  nan_flow[1] = {nan_path.data(), 2, FLOW_PATH};
+  AnimationParam bad;
+  bad = p, bad.p_flow = nullptr;
+  EXPECT_EQ(anim.Init(&bad), E_POINTER);
+  for (auto change : {+[](AnimationParam& b) { b.anime_frame_count = 1; }, +[](AnimationParam& b) { b.loop_mode = 3; }}) {
+    bad = p, change(bad);
+    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
   }
-  const Rect roi{1, 1, 40, 30};  // the output no longer matches
-  bad = p, bad.p_output_roi = &roi;
-  EXPECT_EQ(anim->Animate(&bad, 0), E_INVALIDARG);
+  for (const ImageBuffer* input : {&gray, &s.input}) {
+    bad = p, bad.input = input, bad.mask = input == &gray ? &s.mask : &small_mask;
+    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
+  }
+  for (const FlowData* flows : {empty_flow.data(), nan_flow.data()}) {
+    bad = p, bad.p_flow = flows;
+    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
+  }
+
+  ASSERT_EQ(anim.Init(&p), S_OK);
+  bad = p, bad.anime_frame_count = 9;
+  EXPECT_EQ(anim.Animate(&bad, 0), E_NOTIMPL);
+  bad = p, bad.mask = &colour_mask;
+  EXPECT_EQ(anim.Animate(&bad, 0), E_NOTIMPL);
+  bad = p, bad.mask = &small_mask;
+  EXPECT_EQ(anim.Animate(&bad, 0), E_INVALIDARG);
   bad = p, bad.output = nullptr;
-  EXPECT_EQ(anim->Animate(&bad, 0), E_POINTER);
-  EXPECT_EQ(anim->Animate(&p, 7), S_OK);
+  EXPECT_EQ(anim.Animate(&bad, 0), E_POINTER);
+  // Regions outside the image, inverted, or no longer the output's size.
+  for (Rect roi : {Rect{-1, 0, 40, 30}, Rect{0, 0, 41, 30}, Rect{0, 0, 40, 31}, Rect{5, 5, 4, 30}, Rect{1, 1, 40, 30}}) {
+    bad = p, bad.p_output_roi = &roi;
+    EXPECT_EQ(anim.Animate(&bad, 0), E_INVALIDARG);
+  }
+  EXPECT_EQ(anim.Animate(&p, 8), E_INVALIDARG);
+  EXPECT_EQ(anim.Animate(&p, -1), E_INVALIDARG);
+  EXPECT_EQ(anim.Animate(&p, 7), S_OK);
 
   // A new frame count applies once SetFrameCount gives it.
-  bad = p, bad.anime_frame_count = 12;
-  EXPECT_EQ(anim->SetFrameCount(12), S_OK);
-  EXPECT_EQ(anim->Animate(&bad, 11), S_OK);
-  EXPECT_EQ(anim->Animate(&p, 0), E_NOTIMPL);
+  AnimationParam twelve = s.Param(&out.buf, 12);
+  EXPECT_EQ(anim.SetFrameCount(12), S_OK);
+  EXPECT_EQ(anim.Animate(&twelve, 11), S_OK);
+  EXPECT_EQ(anim.Animate(&p, 0), E_NOTIMPL);
 
-  // A failed mesh update leaves no stale mesh behind: frames are refused.
-  bad = bad, bad.p_flow = flows.data();
-  EXPECT_EQ(anim->UpdateFlowPoints(&bad), E_INVALIDARG);
-  EXPECT_EQ(anim->Animate(&bad, 0), E_FAIL);
-  AnimationParam good = s.Param(&out.buf, 12);
-  EXPECT_EQ(anim->UpdateFlowPoints(&good), S_OK);
-  EXPECT_EQ(anim->Animate(&good, 1), S_OK);
+  // A mesh update that fails while meshing leaves no stale mesh behind:
+  // frames are refused.
+  AnimationParam broken = twelve;
+  broken.p_flow = nan_flow.data();
+  EXPECT_EQ(anim.UpdateFlowPoints(&broken), E_INVALIDARG);
+  EXPECT_EQ(anim.Animate(&twelve, 0), E_FAIL);
+  EXPECT_EQ(anim.UpdateFlowPoints(&twelve), S_OK);
+  EXPECT_EQ(anim.Animate(&twelve, 1), S_OK);
+  EXPECT_EQ(anim.Uninit(), S_OK);
+  EXPECT_EQ(anim.Animate(&twelve, 1), E_FAIL);
 
-  EXPECT_EQ(anim->Uninit(), S_OK);
-  EXPECT_EQ(anim->Animate(&good, 1), E_FAIL);
-}
-
-TEST(PhotoAnimator, AffineMatMapsRestOntoDisplacedTriangle) {
-  const float rest[6] = {0, 0, 10, 0, 0, 10};
-  const float moved[6] = {3, 4, 13, 6, 1, 14};
+  // A degenerate rest triangle has no affine map.
+  const float flat[6] = {0, 0, 5, 5, 10, 10}, moved[6] = {3, 4, 13, 6, 1, 14};
   float m[6];
-  ASSERT_EQ(PhotoAnimator::GetAffineMat(m, rest, moved), S_OK);
-  for (int k = 0; k < 3; ++k) {
-    EXPECT_NEAR(m[0] * rest[2 * k] + m[1] * rest[2 * k + 1] + m[2], moved[2 * k], 1e-5);
-    EXPECT_NEAR(m[3] * rest[2 * k] + m[4] * rest[2 * k + 1] + m[5], moved[2 * k + 1], 1e-5);
-  }
-  const float flat[6] = {0, 0, 5, 5, 10, 10};
   EXPECT_EQ(PhotoAnimator::GetAffineMat(m, flat, moved), E_FAIL);
 }
 
 // ---- Kernels ----------------------------------------------------------------
 
-namespace {
-
-std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
-  std::vector<uint8_t> v(n);
-  std::mt19937 rng(seed);
-  for (auto& b : v) b = static_cast<uint8_t>(rng());
-  return v;
-}
-
-}  // namespace
-
 TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
   const int w = 9, h = 4;
   std::vector<uint8_t> img = RandomBytes(w * h * 4, 4);
-  const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
+  const WarpSource src{img.data(), w, h, size_t(w) * 4};
   std::vector<uint8_t> row(w * 4, 0);
   auto pix = [&](int x, int y) { return &img[(y * w + x) * 4]; };
   // Half a pixel to the right: the truncated mean of two neighbours.
@@ -368,29 +327,13 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
   WarpSpan(src, left, 2, 0, 1, row.data());
   EXPECT_EQ(0, std::memcmp(row.data(), pix(3, 2), 3));
   EXPECT_EQ(row[3], 255);
-  WarpSpan(src, right, 2, w - 1, w, row.data() + (w - 1) * 4);
-  EXPECT_EQ(0, std::memcmp(&row[(w - 1) * 4], pix(w - 4, 2), 3));
+  WarpSpan(src, right, 2, w - 1, w, row.data());
+  EXPECT_EQ(0, std::memcmp(row.data(), pix(w - 4, 2), 3));
   // The last column and row sample only themselves.
   const float ident[6] = {1, 0, 0, 0, 1, 0};
   WarpSpan(src, ident, h - 1, 0, w, row.data());
   for (int x = 0; x < w; ++x) EXPECT_EQ(0, std::memcmp(&row[x * 4], pix(x, h - 1), 3));
-}
 
-TEST(AnimationKernels, CrossFadeIsTheBlendOfTwoWarps) {
-  const int w = 23, h = 7;
-  std::vector<uint8_t> img = RandomBytes(w * h * 4, 8);
-  const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
-  const float past[6] = {1.1f, 0.1f, -2.5f, 0.05f, 0.9f, 1.3f}, future[6] = {0.95f, -0.1f, 3.2f, 0, 1, -0.7f};
-  for (int alpha : {0, 77, 256}) {
-    std::vector<uint8_t> p(w * 4), n(w * 4), fused(w * 4);
-    WarpSpan(src, past, 3, 0, w, p.data());
-    WarpSpan(src, future, 3, 0, w, n.data());
-    WarpBlendSpan(src, past, future, alpha, 3, 0, w, fused.data());
-    for (int i = 0; i < w * 4; ++i) {
-      const int expect = i % 4 == 3 ? 255 : (n[i] * (256 - alpha) + p[i] * alpha) >> 8;
-      ASSERT_EQ(fused[i], expect) << "alpha " << alpha << " byte " << i;
-    }
-  }
 }
 
 TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
@@ -403,25 +346,23 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
     // Rotations, scales and shifts that reach past every border, spans that
     // stay inside the image, and non-finite matrices.
     const float any[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
+    const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.01f * trial, 0.4f};
     std::copy(any, any + 6, m);
-    if (trial % 5 == 1) {
-      const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.01f * trial, 0.4f};
-      std::copy(inside, inside + 6, m);
-    }
+    if (trial % 5 == 1) std::copy(inside, inside + 6, m);
     if (trial == 38) m[2] = NAN;
     if (trial == 39) m[0] = INFINITY;
   };
-  for (int w : {1, 2, 3, 5, 7, 13, 33}) {
+  for (int w : {1, 2, 3, 5, 7, 13, 33})
     for (int h : {1, 2, 4, 9}) {
-      std::vector<uint8_t> img = RandomBytes(static_cast<size_t>(w) * h * 4, w * 100 + h);
-      const WarpSource src{img.data(), w, h, static_cast<size_t>(w) * 4};
+      std::vector<uint8_t> img = RandomBytes(size_t(w) * h * 4, w * 100 + h);
+      const WarpSource src{img.data(), w, h, size_t(w) * 4};
       for (int trial = 0; trial < 40; ++trial) {
         float m[6], m2[6];
         random_matrix(trial, w, h, m);
         random_matrix(39 - trial, w, h, m2);
-        const int y = static_cast<int>(rng() % (h + 4)) - 2;
-        const int x0 = static_cast<int>(rng() % w), x1 = x0 + static_cast<int>(rng() % (w - x0 + 1));
-        const int alpha = static_cast<int>(rng() % 257);
+        const int y = int(rng() % (h + 4)) - 2;
+        const int x0 = int(rng() % w), x1 = x0 + int(rng() % (w - x0 + 1));
+        const int alpha = int(rng() % 257);
         for (int fused = 0; fused < 2; ++fused) {
           std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
           if (fused) {
@@ -431,18 +372,16 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
             WarpSpan(src, m, y, x0, x1, a.data() + x0 * 4);
             sse_warp(src, m, y, x0, x1, b.data() + x0 * 4);
           }
-          for (int x = x0; x < x1; ++x) {
-            ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x << " fused " << fused;
-          }
           for (int x = 0; x < w; ++x) {
-            if (x < x0 || x >= x1) {
+            if (x >= x0 && x < x1) {
+              ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x << " fused " << fused;
+            } else {
               ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
             }
           }
         }
       }
     }
-  }
 }
 
 TEST(AnimationKernels, RasterisedTrianglesCoverTheirInteriorWithinTheImage) {
@@ -453,11 +392,11 @@ TEST(AnimationKernels, RasterisedTrianglesCoverTheirInteriorWithinTheImage) {
   RasterizeTriangle(tri, 40, 30, [&](int y, int a, int b) {
     for (int x = a; x < b; ++x) ++covered[y * 40 + x];
   });
+  const double d = (12.0 - 25.0) * (2.2 - 4.0) + (4.0 - 30.0) * (1.0 - 25.0);
   for (int y = 0; y < 30; ++y)
     for (int x = 0; x < 40; ++x) {
       ASSERT_LE(covered[y * 40 + x], 1);
       // Barycentric inside test with a pixel of slack.
-      const double d = (12.0 - 25.0) * (2.2 - 4.0) + (4.0 - 30.0) * (1.0 - 25.0);
       const double l0 = ((12.0 - 25.0) * (x - 4.0) + (4.0 - 30.0) * (y - 25.0)) / d;
       const double l1 = ((25.0 - 1.0) * (x - 4.0) + (2.2 - 4.0) * (y - 25.0)) / d;
       const double l2 = 1 - l0 - l1;

@@ -74,6 +74,16 @@ int32_t CheckRecord(const FocusBlurParam& p) {
   return S_OK;
 }
 
+// Each working image starts as a copy of the input, made by its horizontal
+// pass, which reads the input and writes every pixel of the working image.
+// The copy accepts only layouts a plain copy of the input would: the same
+// stride and height.
+int32_t CheckCopy(const SmartBuffer& in, const SmartBuffer& copy) {
+  if (in.stride != copy.stride || in.height != copy.height) return E_INVALIDARG;
+  if (!in.data || !copy.data) return E_POINTER;
+  return S_OK;
+}
+
 // Shared by both blurs: true where the guide lies further than focus_range
 // from focus_value.
 std::shared_ptr<bool[]> MakeBlurMask(const ImageBuffer& guide, int32_t focus_value, int32_t focus_range) {
@@ -131,9 +141,13 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   // Strong blur.
   SmartBuffer effect;
   if (KORVANE_FAILED(CreateSmartBufferData(effect, in.width, in.height, in.pix_fmt))) return hr;
-  if (KORVANE_FAILED(CopySmartBufferData(in, effect))) return hr;
+  if ((hr = CheckCopy(in, effect)) < 0) {
+    KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, effect)", hr);
+    return hr;
+  }
   GaussianBlurParam blur_param;
   blur_param.buffer = effect;
+  blur_param.source = in;
   blur_param.weights.reset(new float[kGaussianHalfTaps]);
   blur_param.kernel_length = MakeGaussianWeights(param.blur_level, in.width, in.height, blur_param.weights.get());
   blur_param.mask = blur_mask;
@@ -149,9 +163,13 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   // Weak blur, a sixth of the strength.
   SmartBuffer sub_effect;
   if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, in.width, in.height, in.pix_fmt))) return hr;
-  if (KORVANE_FAILED(CopySmartBufferData(in, sub_effect))) return hr;
+  if ((hr = CheckCopy(in, sub_effect)) < 0) {
+    KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, sub_effect)", hr);
+    return hr;
+  }
   GaussianBlurParam sub_blur_param;
   sub_blur_param.buffer = sub_effect;
+  sub_blur_param.source = in;
   sub_blur_param.weights.reset(new float[kGaussianHalfTaps]);
   sub_blur_param.kernel_length =
       MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());

@@ -48,21 +48,18 @@ int32_t MakeGaussianWeights(int32_t level, int32_t width, int32_t height, float*
 
 namespace {
 
-void ConvertRowPlain(const uint8_t* src, const bool* mask, float* dst, int32_t count) {
-  for (int32_t x = 0; x < count; ++x, src += 4, dst += 4) {
-    if (mask[x]) {
-      dst[0] = src[0];
-      dst[1] = src[1];
-      dst[2] = src[2];
-      dst[3] = 1.0f;
-    } else {
-      dst[0] = dst[1] = dst[2] = dst[3] = 0.0f;
-    }
+void ConvertRowPlain(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count) {
+  for (int32_t x = 0; x < count; ++x, src += 4, colour += 3) {
+    const bool m = mask[x];
+    colour[0] = m ? src[0] : 0.0f;
+    colour[1] = m ? src[1] : 0.0f;
+    colour[2] = m ? src[2] : 0.0f;
+    weight[x] = m ? 1.0f : 0.0f;
   }
 }
 
-void AccumulateRowPlain(const float* const* rows, const float* taps, int32_t tap_count,
-                        const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count) {
+void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
+                        int32_t count) {
   for (int32_t x = 0; x < count; ++x) {
     const uint8_t* s = src + 4 * x;
     uint8_t* d = dst + 4 * x;
@@ -71,13 +68,13 @@ void AccumulateRowPlain(const float* const* rows, const float* taps, int32_t tap
       continue;
     }
     float sb = 0.0f, sg = 0.0f, sr = 0.0f, sw = 0.0f;
-    for (int32_t k = 0; k < tap_count; ++k) {
-      const float w = taps[k];
-      const float* p = rows[k] + 4 * x;
+    for (int32_t k = 0; k < t.count; ++k) {
+      const float w = t.taps[k];
+      const float* p = t.colour[k] + 3 * x;
       sb += w * p[0];
       sg += w * p[1];
       sr += w * p[2];
-      sw += w * p[3];
+      sw += w * t.weight[k][x];
     }
     d[0] = static_cast<uint8_t>(static_cast<int32_t>(sb / sw));
     d[1] = static_cast<uint8_t>(static_cast<int32_t>(sg / sw));
@@ -93,21 +90,30 @@ const GaussianRowKernels kPlainKernels = {ConvertRowPlain, AccumulateRowPlain};
 // Short kernels get wide chunks, so the source is read in long runs.
 constexpr int32_t kRingPixels = 8192;
 constexpr int32_t kMaxTaps = 2 * kGaussianHalfTaps - 1;
+// Floats after the last converted pixel: colour rows may be read one float past a pixel.
+constexpr size_t kRowPad = 4;
+
+bool IsBgra(const SmartBuffer& b) { return b.pix_fmt == PIXEL_BGRA32 && b.channel == 4; }
 
 // Checks what both passes need; S_OK with `skip` set when there is nothing to do.
-int32_t CheckBand(const ThreadJob* job, const GaussianBlurParam*& p, bool& skip) {
+int32_t CheckBand(const ThreadJob* job, bool columns, const GaussianBlurParam*& p, bool& skip) {
   skip = false;
   if (!job || !job->param) return E_POINTER;
   p = static_cast<const GaussianBlurParam*>(job->param);
   const SmartBuffer& b = p->buffer;
   if (!b.data || !p->weights) return E_POINTER;
   if (p->kernel_length < 1 || p->kernel_length > kGaussianHalfTaps) return E_INVALIDARG;
-  if (p->kernel_length == 1) {
+  const bool from_source = !columns && p->source.data;
+  if (p->kernel_length == 1 && !from_source) {
     skip = true;
     return S_OK;
   }
-  if (b.pix_fmt != PIXEL_BGRA32 || b.channel != 4) return E_NOTIMPL;
+  if (!IsBgra(b) || (from_source && !IsBgra(p->source))) return E_NOTIMPL;
   if (b.width < 0 || b.height < 0 || static_cast<int64_t>(b.stride) < static_cast<int64_t>(b.width) * 4) {
+    return E_INVALIDARG;
+  }
+  if (from_source && (p->source.width != b.width || p->source.height != b.height ||
+                      static_cast<int64_t>(p->source.stride) < static_cast<int64_t>(b.width) * 4)) {
     return E_INVALIDARG;
   }
   const Rect& r = job->rect;
@@ -124,6 +130,48 @@ void SymmetricTaps(const float* w, int32_t n, float* taps) {
   for (int32_t k = 0; k < 2 * n - 1; ++k) taps[k] = w[std::abs(k - (n - 1))];
 }
 
+// The weight sum of a window whose taps are all masked, added in tap order as
+// the kernels add them.
+float FullWeight(const float* taps, int32_t count) {
+  float sum = 0.0f;
+  for (int32_t k = 0; k < count; ++k) sum += taps[k] * 1.0f;
+  return sum;
+}
+
+// open[x] = 0 where the taps x - (n - 1) .. x + n - 1 all lie inside the row
+// on masked pixels, 1 elsewhere. Masks are mostly long runs of true: whole
+// words of them are passed over, and each unmasked pixel opens the windows
+// around it once.
+void MarkOpenWindows(const bool* mask, int32_t width, int32_t n, uint8_t* open) {
+  const int32_t reach = n - 1;
+  if (width < 2 * n - 1) {
+    std::memset(open, 1, static_cast<size_t>(width));
+    return;
+  }
+  std::memset(open, 1, static_cast<size_t>(reach));
+  std::memset(open + reach, 0, static_cast<size_t>(width - 2 * reach));
+  std::memset(open + width - reach, 1, static_cast<size_t>(reach));
+  const uint8_t* m = reinterpret_cast<const uint8_t*>(mask);
+  constexpr uint64_t kAllTrue = 0x0101010101010101ull;
+  int32_t done = 0;  // open[0 .. done) is final
+  for (int32_t x = 0; x < width;) {
+    if (x + 8 <= width) {
+      uint64_t word;
+      std::memcpy(&word, m + x, 8);
+      if (word == kAllTrue) {
+        x += 8;
+        continue;
+      }
+    }
+    if (!m[x]) {
+      const int32_t from = std::max(done, x - reach), to = std::min(width, x + reach + 1);
+      if (to > from) std::memset(open + from, 1, static_cast<size_t>(to - from));
+      done = std::max(done, to);
+    }
+    ++x;
+  }
+}
+
 // The private buffer a band writes into holds this many pixels; it is pasted
 // back whenever it is full, so it stays in the cache.
 constexpr int32_t kBlockPixels = 16384;
@@ -137,9 +185,22 @@ SmartBuffer BlockView(const SmartBuffer& block, int32_t width, int32_t rows) {
   return v;
 }
 
+// Kernel length 1 reading another image: the band is copied unchanged.
+int32_t CopyRows(const GaussianBlurParam& p, const Rect& r) {
+  const size_t bytes = static_cast<size_t>(r.right - r.left) * 4;
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    std::memcpy(p.buffer.data.get() + static_cast<size_t>(y) * p.buffer.stride + static_cast<size_t>(r.left) * 4,
+                p.source.data.get() + static_cast<size_t>(y) * p.source.stride + static_cast<size_t>(r.left) * 4,
+                bytes);
+  }
+  return S_OK;
+}
+
 int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKernels& kernels) {
   const SmartBuffer& buf = p.buffer;
+  const SmartBuffer& in = p.source.data ? p.source : buf;
   const int32_t n = p.kernel_length;
+  if (n == 1) return CopyRows(p, r);
   const int32_t width = buf.width;
   const int32_t band_w = r.right - r.left;
   // Each row depends only on itself, so finished rows can be pasted back
@@ -151,26 +212,39 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
 
   // One converted row with n - 1 zero pixels on each side: taps past the
   // image edge add nothing.
-  std::vector<float> row(static_cast<size_t>(width + 2 * (n - 1)) * 4, 0.0f);
+  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
+  std::vector<float> colour(padded * 3 + kRowPad, 0.0f), weight(padded, 0.0f);
+  std::vector<uint8_t> open(static_cast<size_t>(width));
   std::unique_ptr<bool[]> all_true;
   if (!p.mask) {
     all_true.reset(new bool[static_cast<size_t>(width)]);
     std::fill_n(all_true.get(), width, true);
   }
   float taps[kMaxTaps];
-  const float* rows[kMaxTaps];
+  const float* colour_rows[kMaxTaps];
+  const float* weight_rows[kMaxTaps];
   SymmetricTaps(p.weights.get(), n, taps);
-  for (int32_t k = 0; k < 2 * n - 1; ++k) rows[k] = row.data() + static_cast<size_t>(k + r.left) * 4;
+  for (int32_t k = 0; k < 2 * n - 1; ++k) {
+    colour_rows[k] = colour.data() + static_cast<size_t>(k + r.left) * 3;
+    weight_rows[k] = weight.data() + k + r.left;
+  }
+  GaussianTapRows t;
+  t.colour = colour_rows;
+  t.weight = weight_rows;
+  t.taps = taps;
+  t.count = 2 * n - 1;
+  t.open = open.data() + r.left;
+  t.full_weight = FullWeight(taps, t.count);
 
   SmartBuffer target = buf;
-  const uint8_t* pixels = buf.data.get();
   for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
     const int32_t rows_here = std::min(block_rows, r.bottom - y0);
     for (int32_t y = y0; y < y0 + rows_here; ++y) {
-      const uint8_t* src = pixels + static_cast<size_t>(y) * buf.stride;
+      const uint8_t* src = in.data.get() + static_cast<size_t>(y) * in.stride;
       const bool* mask = p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
-      kernels.convert(src, mask, row.data() + static_cast<size_t>(n - 1) * 4, width);
-      kernels.accumulate(rows, taps, 2 * n - 1, mask + r.left, src + static_cast<size_t>(r.left) * 4,
+      kernels.convert(src, mask, colour.data() + static_cast<size_t>(n - 1) * 3, weight.data() + (n - 1), width);
+      MarkOpenWindows(mask, width, n, open.data());
+      kernels.accumulate(t, mask + r.left, src + static_cast<size_t>(r.left) * 4,
                          block.data.get() + static_cast<size_t>(y - y0) * band_w * 4, band_w);
     }
     hr = PasteSmartBufferDataWithROI(BlockView(block, band_w, rows_here), target,
@@ -191,8 +265,10 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   // pasted back, so finished rows can go back block by block.
   const int32_t ring_rows = 2 * n - 1;
   const int32_t chunk = std::max(64, kRingPixels / ring_rows / 8 * 8);
-  const size_t slot = static_cast<size_t>(chunk) * 4;
-  std::vector<float> ring(slot * ring_rows);
+  const size_t slot = static_cast<size_t>(chunk);
+  std::vector<float> colour(slot * 3 * ring_rows + kRowPad), weight(slot * ring_rows);
+  // Per column of the chunk: unmasked pixels among the last 2n - 1 converted rows.
+  std::vector<uint8_t> unmasked(slot);
   const int32_t block_rows = std::max(1, kBlockPixels / chunk);
   SmartBuffer block;
   int32_t hr = CreateSmartBufferData(block, chunk, block_rows, PIXEL_BGRA32);
@@ -204,7 +280,15 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   }
   const float* w = p.weights.get();
   float taps[kMaxTaps];
-  const float* rows[kMaxTaps];
+  const float* colour_rows[kMaxTaps];
+  const float* weight_rows[kMaxTaps];
+  float all_taps[kMaxTaps];
+  SymmetricTaps(w, n, all_taps);
+  GaussianTapRows t;
+  t.colour = colour_rows;
+  t.weight = weight_rows;
+  t.taps = taps;
+  t.full_weight = FullWeight(all_taps, ring_rows);
   const uint8_t* pixels = buf.data.get();
   auto mask_row = [&](int32_t y) {
     return p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
@@ -213,7 +297,9 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   SmartBuffer target = buf;
   for (int32_t cx = r.left; cx < r.right; cx += chunk) {
     const int32_t cw = std::min(chunk, r.right - cx);
-    int32_t next = std::max(0, r.top - (n - 1));  // next row to convert
+    const int32_t first = std::max(0, r.top - (n - 1));
+    int32_t next = first;  // next row to convert
+    std::fill(unmasked.begin(), unmasked.end(), 0);
     for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
       const int32_t rows_here = std::min(block_rows, r.bottom - y0);
       for (int32_t y = y0; y < y0 + rows_here; ++y) {
@@ -224,18 +310,33 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
             const uint8_t* ahead = pixels + static_cast<size_t>(next + 4) * buf.stride + static_cast<size_t>(cx) * 4;
             for (int32_t b = 0; b < cw * 4; b += 64) __builtin_prefetch(ahead + b);
           }
-          kernels.convert(pixels + static_cast<size_t>(next) * buf.stride + static_cast<size_t>(cx) * 4,
-                          mask_row(next) + cx, ring.data() + slot * (next % ring_rows), cw);
+          const bool* m = mask_row(next) + cx;
+          const size_t s = static_cast<size_t>(next % ring_rows);
+          kernels.convert(pixels + static_cast<size_t>(next) * buf.stride + static_cast<size_t>(cx) * 4, m,
+                          colour.data() + slot * 3 * s, weight.data() + slot * s, cw);
+          // The row leaving the window is the one this slot held.
+          const uint8_t* in = reinterpret_cast<const uint8_t*>(m);
+          uint8_t* u = unmasked.data();
+          if (next - ring_rows >= first) {
+            const uint8_t* out = reinterpret_cast<const uint8_t*>(mask_row(next - ring_rows) + cx);
+            for (int32_t x = 0; x < cw; ++x) u[x] = static_cast<uint8_t>(u[x] + out[x] - in[x]);
+          } else {
+            for (int32_t x = 0; x < cw; ++x) u[x] = static_cast<uint8_t>(u[x] + 1 - in[x]);
+          }
         }
         // Rows outside the image contribute nothing: leave their taps out.
         const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
-        int32_t m = 0;
-        for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++m) {
-          taps[m] = w[std::abs(i)];
-          rows[m] = ring.data() + slot * s;
+        int32_t count = 0;
+        for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++count) {
+          taps[count] = w[std::abs(i)];
+          colour_rows[count] = colour.data() + slot * 3 * s;
+          weight_rows[count] = weight.data() + slot * s;
           if (++s == ring_rows) s = 0;
         }
-        kernels.accumulate(rows, taps, m, mask_row(y) + cx,
+        t.count = count;
+        // The counts cover this row's window only when all its rows exist.
+        t.open = count == ring_rows ? unmasked.data() : nullptr;
+        kernels.accumulate(t, mask_row(y) + cx,
                            pixels + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(cx) * 4,
                            block.data.get() + static_cast<size_t>(y - y0) * cw * 4, cw);
       }
@@ -250,7 +351,7 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
 int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels, bool columns) {
   const GaussianBlurParam* p = nullptr;
   bool skip = false;
-  int32_t hr = CheckBand(job, p, skip);
+  int32_t hr = CheckBand(job, columns, p, skip);
   if (hr >= 0 && !skip) {
     try {
       hr = columns ? BlurColumns(*p, job->rect, kernels) : BlurRows(*p, job->rect, kernels);

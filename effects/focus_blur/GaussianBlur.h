@@ -1,6 +1,8 @@
 // Masked Gaussian blur of a BGRA32 working image, in place: GaussianBlurH
 // along rows (run with row bands), GaussianBlurV along columns (run with
-// column strips, RunTaskByMultiThread(..., false)).
+// column strips, RunTaskByMultiThread(..., false)). GaussianBlurH may instead
+// read another image of the same size (`source`) and write every pixel of its
+// band into the working image, which saves filling the working image first.
 //
 // Only pixels whose blur mask is true change. Such a pixel becomes the
 // weighted mean of the masked-true pixels within n - 1 of it that lie inside
@@ -22,6 +24,7 @@ constexpr int32_t kGaussianHalfTaps = 37;  // weights w[0] (centre) .. w[36]
 
 struct GaussianBlurParam {
   SmartBuffer buffer;                      // BGRA32, blurred in place
+  SmartBuffer source;                      // when set: read by GaussianBlurH instead of buffer
   std::shared_ptr<float[]> weights;        // kGaussianHalfTaps weights
   int32_t kernel_length = 1;               // n: 1 (nothing to do) .. 37
   std::shared_ptr<bool[]> mask;            // width x height, true = blur; none: every pixel
@@ -42,16 +45,32 @@ int32_t GaussianBlurV(ThreadJob* job, int32_t* result);
 int32_t GaussianBlurH_SSE(ThreadJob* job, int32_t* result);
 int32_t GaussianBlurV_SSE(ThreadJob* job, int32_t* result);
 
+// The taps of one output row. Converted rows hold packed b, g, r floats
+// (zero where the mask is false) and, separately, one weight per pixel (1 or
+// 0), so a window lying wholly on masked pixels can skip the weight sums:
+// its weight sum is then full_weight, the taps added in order.
+struct GaussianTapRows {
+  const float* const* colour;  // per tap: 3 floats a pixel
+  const float* const* weight;  // per tap: 1 float a pixel
+  const float* taps;           // tap weights in order
+  int32_t count = 0;           // number of taps
+  // Per pixel: 0 when every tap of the pixel lies inside the image on a
+  // masked pixel, so its weight sum is full_weight; none: no pixel is.
+  const uint8_t* open = nullptr;
+  float full_weight = 0.0f;
+};
+
 // The two row primitives each form supplies; the band bookkeeping around them
 // is shared.
 struct GaussianRowKernels {
-  // dst[4x .. 4x+3] = mask[x] ? (b, g, r, 1) : (0, 0, 0, 0), for x < count.
-  void (*convert)(const uint8_t* src, const bool* mask, float* dst, int32_t count);
-  // For each x < count: if mask[x], accumulate taps[k] x rows[k][4x .. 4x+3]
-  // for k = 0 .. tap_count - 1 in that order and write the colour sums divided
-  // by the weight sum, truncated, with src's alpha; otherwise copy src's pixel.
-  void (*accumulate)(const float* const* rows, const float* taps, int32_t tap_count,
-                     const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count);
+  // colour[3x .. 3x+2] = mask[x] ? (b, g, r) : 0 and weight[x] = mask[x] ? 1 : 0, for x < count.
+  void (*convert)(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count);
+  // For each x < count: if mask[x], accumulate taps[k] x colour[k][3x .. 3x+2]
+  // and taps[k] x weight[k][x] for k = 0 .. count - 1 in that order and write
+  // the colour sums divided by the weight sum, truncated, with src's alpha;
+  // otherwise copy src's pixel. Colour rows may be read one float past a pixel.
+  void (*accumulate)(const GaussianTapRows& rows, const bool* mask, const uint8_t* src, uint8_t* dst,
+                     int32_t count);
 };
 
 int32_t RunGaussianBlurH(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels);

@@ -131,6 +131,20 @@ Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>&
   return sheet;
 }
 
+void AddSheetOptions(CLI::App& sub, const std::string& flag, const std::string& what, int max_columns,
+                     SheetOptions* o) {
+  sub.add_flag(flag, o->on, "Write " + what + " side by side, labelled, instead of one");
+  sub.add_option("--tile-width", o->tile_width, "With " + flag + ": shrink the photo to this width first")
+      ->check(CLI::Range(16, 4096));
+  sub.add_option("--columns", o->columns, "With " + flag + ": tiles per row")
+      ->check(CLI::Range(1, max_columns))
+      ->capture_default_str();
+}
+
+Image SheetPhoto(const Image& photo, const SheetOptions& o) {
+  return o.tile_width > 0 && photo.width > o.tile_width ? ScaleToWidth(photo, o.tile_width) : photo;
+}
+
 int WriteSheet(const std::string& path, const std::vector<Image>& tiles, const std::vector<std::string>& labels,
                int columns, int quality, const std::string& what) {
   const Image sheet = MakeSheet(tiles, labels, columns);

@@ -8,6 +8,8 @@
 //   return WriteSheet(path, tiles, labels, 4, 92, "all 8 types");  // or lay out and save in one
 #pragma once
 
+#include <CLI/CLI.hpp>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -41,6 +43,23 @@ Image ScaleToWidth(const Image& img, int width);
 // leave the strip empty). The label size follows the tile width. Tiles must
 // be BGRA and of one size; otherwise, or with no tiles, the result is empty.
 Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>& labels, int columns);
+
+// A subcommand's sheet of every variant, as set on its command line.
+struct SheetOptions {
+  bool on = false;
+  int tile_width = 0;  // shrink the photo to this width first; 0 keeps it
+  int columns = 4;
+};
+
+// Adds `flag` (e.g. "--type-sheet": write `what`, e.g. "all eight types",
+// side by side instead of one), --tile-width (16..4096) and --columns
+// (1..max_columns) to a subcommand.
+void AddSheetOptions(CLI::App& sub, const std::string& flag, const std::string& what, int max_columns,
+                     SheetOptions* o);
+
+// The photo a sheet's tiles are rendered from: shrunk to the tile width when
+// it is wider.
+Image SheetPhoto(const Image& photo, const SheetOptions& o);
 
 // MakeSheet, then writes the sheet to `path` (JPEG at `quality`) and prints
 // "wrote <path> (<what>, <width>x<height>)". 0, or the exit code of a failure.

@@ -22,9 +22,7 @@ struct GlitchOptions {
   int shift_y = 0;
   int radius = 40;
   int angle = 0;
-  bool type_sheet = false;
-  int tile_width = 0;
-  int columns = 4;
+  SheetOptions sheet;
   int quality = 92;
 };
 
@@ -70,7 +68,7 @@ int RunGlitch(const GlitchOptions& o) {
   std::string error;
   if (!LoadImage(o.input, photo, error)) return Fail(error);
   if (int rc = CheckOutputPath(o.output, {o.input})) return rc;
-  if (o.tile_width > 0 && o.type_sheet) photo = ScaleToWidth(photo, o.tile_width);
+  if (o.sheet.on) photo = SheetPhoto(photo, o.sheet);
 
   Engine engine;
   if (!engine.ok()) return Fail("cannot create the engine");
@@ -78,7 +76,7 @@ int RunGlitch(const GlitchOptions& o) {
   if (!fx) return 1;
 
   Image result(photo.width, photo.height, 4);
-  if (!o.type_sheet) {
+  if (!o.sheet.on) {
     double ms = 0;
     if (int rc = Render(fx, photo, result, o.type, o, &ms)) return rc;
     if (!SaveImage(o.output, result, o.quality, error)) return Fail(error);
@@ -90,7 +88,7 @@ int RunGlitch(const GlitchOptions& o) {
     if (int rc = Render(fx, photo, result, type, o, nullptr)) return rc;
     tiles.push_back(result);
   }
-  return WriteSheet(o.output, tiles, std::vector<std::string>(kTypeNames, kTypeNames + 8), o.columns, o.quality,
+  return WriteSheet(o.output, tiles, std::vector<std::string>(kTypeNames, kTypeNames + 8), o.sheet.columns, o.quality,
                     "all 8 types");
 }
 
@@ -112,12 +110,7 @@ RegisterCommand reg("glitch", "Split the colour channels of a photo (eight types
       ->capture_default_str();
   sub.add_option("--angle", o->angle, "Circle turn of types 6 and 7, -100..100 (100 = half a turn)")
       ->capture_default_str();
-  sub.add_flag("--type-sheet", o->type_sheet, "Write all eight types side by side, labelled, instead of one");
-  sub.add_option("--tile-width", o->tile_width, "With --type-sheet: shrink the photo to this width first")
-      ->check(CLI::Range(16, 4096));
-  sub.add_option("--columns", o->columns, "With --type-sheet: tiles per row")
-      ->check(CLI::Range(1, 8))
-      ->capture_default_str();
+  AddSheetOptions(sub, "--type-sheet", "all eight types", 8, &o->sheet);
   sub.add_option("--quality", o->quality, "JPEG quality")->check(CLI::Range(1, 100))->capture_default_str();
   return std::function<int()>([o] { return RunGlitch(*o); });
 });

@@ -89,10 +89,10 @@ struct Rig {
 // Every frame of a loop, rendered into an output pre-filled with `fill`;
 // with a region, the output is that region's size.
 std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, uint32_t frames, uint8_t fill,
-                                             const Rect* roi = nullptr) {
+                                             const Rect* roi = nullptr, int32_t loop_mode = 2) {
   Rig rig(workers, simd);
   Frame out(roi ? roi->right - roi->left : s.w, roi ? roi->bottom - roi->top : s.h, fill);
-  AnimationParam p = s.Param(&out.buf, frames);
+  AnimationParam p = s.Param(&out.buf, frames, loop_mode);
   EXPECT_EQ(rig.anim->Init(&p), S_OK);
   p.p_output_roi = roi;
   std::vector<std::vector<uint8_t>> result;
@@ -151,17 +151,13 @@ TEST(PhotoAnimator, LoopModesShiftAndCrossFadeAUniformFlow) {
     s.Add(FLOW_PATH, path);
   }
   for (const Case& c : cases) {
-    Rig rig;
-    Frame out(s.w, s.h);
-    AnimationParam p = s.Param(&out.buf, 4, c.loop_mode);
-    ASSERT_EQ(rig.anim->Init(&p), S_OK);
-    ASSERT_EQ(rig.anim->Animate(&p, c.frame), S_OK);
+    const std::vector<uint8_t> out = RenderLoop(s, 2, 0, 4, 0x5A, nullptr, c.loop_mode)[c.frame];
     for (int y = 10; y < 70; ++y)
       for (int x = 20; x < 100; ++x)
         for (int ch = 0; ch < 3; ++ch) {
           const int past = s.photo[(y * 120 + x - c.past_shift) * 4 + ch];
           const int future = s.photo[(y * 120 + x - c.future_shift) * 4 + ch];
-          ASSERT_EQ(out.px[(y * 120 + x) * 4 + ch], (future * (256 - c.alpha) + past * c.alpha) >> 8)
+          ASSERT_EQ(out[(y * 120 + x) * 4 + ch], (future * (256 - c.alpha) + past * c.alpha) >> 8)
               << "mode " << c.loop_mode << " frame " << c.frame << " at " << x << "," << y;
         }
   }
@@ -252,36 +248,25 @@ TEST(PhotoAnimator, ResultCodes) {
   std::vector<float> nan_path = {1, 2, NAN, 4};
   empty_flow[1].point_num = 0;
   nan_flow[1] = {nan_path.data(), 2, FLOW_PATH};
-  AnimationParam bad;
-  bad = p, bad.p_flow = nullptr;
-  EXPECT_EQ(anim.Init(&bad), E_POINTER);
-  for (auto change : {+[](AnimationParam& b) { b.anime_frame_count = 1; }, +[](AnimationParam& b) { b.loop_mode = 3; }}) {
-    bad = p, change(bad);
-    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
-  }
-  for (const ImageBuffer* input : {&gray, &s.input}) {
-    bad = p, bad.input = input, bad.mask = input == &gray ? &s.mask : &small_mask;
-    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
-  }
-  for (const FlowData* flows : {empty_flow.data(), nan_flow.data()}) {
-    bad = p, bad.p_flow = flows;
-    EXPECT_EQ(anim.Init(&bad), E_INVALIDARG);
-  }
+  // The good record with one change, given to Init or to Animate's frame 0.
+  auto init = [&](auto change) { AnimationParam b = p; change(b); return anim.Init(&b); };
+  auto frame = [&](auto change) { AnimationParam b = p; change(b); return anim.Animate(&b, 0); };
+  EXPECT_EQ(init([](AnimationParam& b) { b.p_flow = nullptr; }), E_POINTER);
+  EXPECT_EQ(init([](AnimationParam& b) { b.anime_frame_count = 1; }), E_INVALIDARG);
+  EXPECT_EQ(init([](AnimationParam& b) { b.loop_mode = 3; }), E_INVALIDARG);
+  EXPECT_EQ(init([&](AnimationParam& b) { b.input = &gray; }), E_INVALIDARG);
+  EXPECT_EQ(init([&](AnimationParam& b) { b.mask = &small_mask; }), E_INVALIDARG);
+  EXPECT_EQ(init([&](AnimationParam& b) { b.p_flow = empty_flow.data(); }), E_INVALIDARG);
+  EXPECT_EQ(init([&](AnimationParam& b) { b.p_flow = nan_flow.data(); }), E_INVALIDARG);
 
   ASSERT_EQ(anim.Init(&p), S_OK);
-  bad = p, bad.anime_frame_count = 9;
-  EXPECT_EQ(anim.Animate(&bad, 0), E_NOTIMPL);
-  bad = p, bad.mask = &colour_mask;
-  EXPECT_EQ(anim.Animate(&bad, 0), E_NOTIMPL);
-  bad = p, bad.mask = &small_mask;
-  EXPECT_EQ(anim.Animate(&bad, 0), E_INVALIDARG);
-  bad = p, bad.output = nullptr;
-  EXPECT_EQ(anim.Animate(&bad, 0), E_POINTER);
+  EXPECT_EQ(frame([](AnimationParam& b) { b.anime_frame_count = 9; }), E_NOTIMPL);
+  EXPECT_EQ(frame([&](AnimationParam& b) { b.mask = &colour_mask; }), E_NOTIMPL);
+  EXPECT_EQ(frame([&](AnimationParam& b) { b.mask = &small_mask; }), E_INVALIDARG);
+  EXPECT_EQ(frame([](AnimationParam& b) { b.output = nullptr; }), E_POINTER);
   // Regions outside the image, inverted, or no longer the output's size.
-  for (Rect roi : {Rect{-1, 0, 40, 30}, Rect{0, 0, 41, 30}, Rect{0, 0, 40, 31}, Rect{5, 5, 4, 30}, Rect{1, 1, 40, 30}}) {
-    bad = p, bad.p_output_roi = &roi;
-    EXPECT_EQ(anim.Animate(&bad, 0), E_INVALIDARG);
-  }
+  for (Rect roi : {Rect{-1, 0, 40, 30}, Rect{0, 0, 41, 30}, Rect{0, 0, 40, 31}, Rect{5, 5, 4, 30}, Rect{1, 1, 40, 30}})
+    EXPECT_EQ(frame([&](AnimationParam& b) { b.p_output_roi = &roi; }), E_INVALIDARG);
   EXPECT_EQ(anim.Animate(&p, 8), E_INVALIDARG);
   EXPECT_EQ(anim.Animate(&p, -1), E_INVALIDARG);
   EXPECT_EQ(anim.Animate(&p, 7), S_OK);

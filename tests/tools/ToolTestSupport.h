@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <string>
 
 #include "ImageIO.h"
@@ -41,6 +42,14 @@ inline std::string Scratch() {
   return dir.string();
 }
 
+// A BGRA image of random bytes, alpha included.
+inline KorvaneTool::Image NoisePhoto(int w, int h, uint32_t seed) {
+  KorvaneTool::Image img(w, h, 4);
+  std::mt19937 rng(seed);
+  for (uint8_t& v : img.pixels) v = static_cast<uint8_t>(rng());
+  return img;
+}
+
 // Writes `img` as dir/name (PNG or JPEG by the extension) and returns the path.
 inline std::string WriteImage(const std::string& dir, const std::string& name, const KorvaneTool::Image& img) {
   std::string err;
@@ -55,6 +64,14 @@ inline KorvaneTool::Image ReadImage(const std::string& path) {
   std::string err;
   EXPECT_TRUE(KorvaneTool::LoadImage(path, img, err)) << err;
   return img;
+}
+
+// Runs `korvane <args> -o <output>`, expecting success, and reads what it
+// wrote (an empty image when it failed).
+inline KorvaneTool::Image RunCliImage(const std::string& args, const std::string& output) {
+  const CliResult r = RunCli(args + " -o " + output);
+  EXPECT_EQ(r.exit_code, 0) << r.output;
+  return r.exit_code == 0 ? ReadImage(output) : KorvaneTool::Image();
 }
 
 }  // namespace KorvaneToolTest

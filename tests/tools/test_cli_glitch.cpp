@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <map>
-#include <random>
 
 #include "SheetLayout.h"
 #include "tools/ToolTestSupport.h"
@@ -12,27 +11,16 @@ using namespace KorvaneToolTest;
 
 namespace {
 
-Image RandomPhoto(int w, int h, uint32_t seed) {
-  Image img(w, h, 4);
-  std::mt19937 rng(seed);
-  for (uint8_t& v : img.pixels) v = static_cast<uint8_t>(rng());
-  return img;
-}
-
 TEST(CliGlitch, RendersOneTypeWithTheLibrarysScalingOrASheetOfAll) {
   const std::string dir = Scratch();
-  const Image photo = RandomPhoto(100, 6, 1);
+  const Image photo = NoisePhoto(100, 6, 1);
   const std::string in = WriteImage(dir, "photo.png", photo);
 
   // No shift reproduces the photo, alpha included.
-  CliResult r = RunCli("glitch " + in + " --type 0 --shift-x 0 -o " + dir + "/same.png");
-  ASSERT_EQ(r.exit_code, 0) << r.output;
-  EXPECT_EQ(ReadImage(dir + "/same.png").pixels, photo.pixels);
+  EXPECT_EQ(RunCliImage("glitch " + in + " --type 0 --shift-x 0", dir + "/same.png").pixels, photo.pixels);
 
   // --shift-x 100 on 100 px is 10 px: green moves right, blue left, red stays.
-  r = RunCli("glitch " + in + " --type 0 --shift-x 100 -o " + dir + "/split.png");
-  ASSERT_EQ(r.exit_code, 0) << r.output;
-  const Image out = ReadImage(dir + "/split.png");
+  const Image out = RunCliImage("glitch " + in + " --type 0 --shift-x 100", dir + "/split.png");
   ASSERT_EQ(out.width, 100);
   for (int x = 10; x < 90; ++x) {
     EXPECT_EQ(out.at(x, 3)[1], photo.at(x - 10, 3)[1]);
@@ -41,10 +29,8 @@ TEST(CliGlitch, RendersOneTypeWithTheLibrarysScalingOrASheetOfAll) {
   }
 
   // The sheet: four columns and two rows of tiles by default.
-  const std::string in2 = WriteImage(dir, "photo2.png", RandomPhoto(64, 40, 2));
-  r = RunCli("glitch " + in2 + " --type-sheet --radius 80 -o " + dir + "/sheet.png");
-  ASSERT_EQ(r.exit_code, 0) << r.output;
-  const Image sheet = ReadImage(dir + "/sheet.png");
+  const std::string in2 = WriteImage(dir, "photo2.png", NoisePhoto(64, 40, 2));
+  const Image sheet = RunCliImage("glitch " + in2 + " --type-sheet --radius 80", dir + "/sheet.png");
   EXPECT_GE(sheet.width, 4 * 64);
   EXPECT_LT(sheet.width, 5 * 64);
   EXPECT_GE(sheet.height, 2 * 40);
@@ -53,7 +39,7 @@ TEST(CliGlitch, RendersOneTypeWithTheLibrarysScalingOrASheetOfAll) {
 
 TEST(CliGlitch, BadSettingsFailWithOneLineNamingTheCode) {
   const std::string dir = Scratch();
-  const std::string in = WriteImage(dir, "photo.png", RandomPhoto(20, 10, 3));
+  const std::string in = WriteImage(dir, "photo.png", NoisePhoto(20, 10, 3));
   CliResult r = RunCli("glitch " + in + " --shift-x 150 -o " + dir + "/o.png");
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.output.find("E_INVALIDARG (0x80070057)"), std::string::npos) << r.output;

@@ -1,5 +1,6 @@
 #include "effects/focus_blur/FocusBlurEffect.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <new>
@@ -85,20 +86,49 @@ int32_t CheckCopy(const SmartBuffer& in, const SmartBuffer& copy) {
 }
 
 // Shared by both blurs: true where the guide lies further than focus_range
-// from focus_value.
-std::shared_ptr<bool[]> MakeBlurMask(const ImageBuffer& guide, int32_t focus_value, int32_t focus_range) {
-  const int32_t width = guide.width, height = guide.height;
-  std::shared_ptr<bool[]> mask(new bool[static_cast<size_t>(width) * height]);
-  // Per guide value, so the loop below is a lookup.
+// from focus_value. Built in row bands on the pool.
+struct BlurMaskParam {
+  const ImageBuffer* guide;
+  const bool* blur;  // per guide value
+  bool* mask;        // width x height
+};
+
+void BlurMaskRows(const BlurMaskParam& p, int32_t top, int32_t bottom) {
+  const ImageBuffer& g = *p.guide;
+  const int32_t step = g.channel;
+  for (int32_t y = top; y < bottom; ++y) {
+    const uint8_t* src = g.data + static_cast<size_t>(y) * g.stride;
+    bool* m = p.mask + static_cast<size_t>(y) * g.width;
+    for (int32_t x = 0; x < g.width; ++x) m[x] = p.blur[src[static_cast<size_t>(x) * step]];
+  }
+}
+
+int32_t BlurMaskTask(ThreadJob* job, int32_t* result) {
+  const BlurMaskParam& p = *static_cast<const BlurMaskParam*>(job->param);
+  const Rect& r = job->rect;
+  if (r.top >= 0 && r.bottom <= p.guide->height && r.left == 0 && r.right == p.guide->width) {
+    BlurMaskRows(p, r.top, std::max(r.top, r.bottom));
+  } else if (r.bottom > r.top) {
+    if (result) *result = E_INVALIDARG;
+    return E_INVALIDARG;
+  }
+  if (result) *result = S_OK;
+  return S_OK;
+}
+
+std::shared_ptr<bool[]> MakeBlurMask(CThreadAdapter& adapter, const ImageBuffer& guide, int32_t focus_value,
+                                     int32_t focus_range) {
+  std::shared_ptr<bool[]> mask(new bool[static_cast<size_t>(guide.width) * guide.height]);
+  // Per guide value, so the loop over pixels is a lookup.
   bool blur[256];
   for (int32_t v = 0; v < 256; ++v) {
     blur[v] = std::llabs(static_cast<int64_t>(v) - focus_value) > static_cast<int64_t>(focus_range);
   }
-  for (int32_t y = 0; y < height; ++y) {
-    const uint8_t* g = guide.data + static_cast<size_t>(y) * guide.stride;
-    bool* m = mask.get() + static_cast<size_t>(y) * width;
-    const int32_t step = guide.channel;
-    for (int32_t x = 0; x < width; ++x) m[x] = blur[g[static_cast<size_t>(x) * step]];
+  BlurMaskParam p{&guide, blur, mask.get()};
+  // Without a working pool the mask is built here; the first blur pass then
+  // reports the pool's failure.
+  if (adapter.RunTaskByMultiThread(BlurMaskTask, &p, nullptr, Rect{0, 0, guide.width, guide.height}) < 0) {
+    BlurMaskRows(p, 0, guide.height);
   }
   return mask;
 }
@@ -136,7 +166,8 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   const SmartBuffer guide = SmartBufferView(param.mask);
   const SmartBuffer out = SmartBufferView(param.output);
   const Rect process_region{0, 0, in.width, in.height};
-  const std::shared_ptr<bool[]> blur_mask = MakeBlurMask(param.mask, param.focus_value, param.focus_range);
+  const std::shared_ptr<bool[]> blur_mask =
+      MakeBlurMask(m_thread_adapter, param.mask, param.focus_value, param.focus_range);
 
   // Strong blur.
   SmartBuffer effect;

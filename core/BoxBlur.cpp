@@ -267,6 +267,18 @@ int32_t BoxBlurH(ThreadJob* job, int32_t* result) { return RunPlainPass(job, res
 
 int32_t BoxBlurV(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, false); }
 
+int32_t BoxBlurHRepeat(ThreadJob* job, int32_t* result) {
+  const auto* repeat = static_cast<const BoxBlurRepeatParam*>(job->param);
+  int32_t hr = repeat && repeat->param ? S_OK : E_POINTER;
+  if (hr >= 0) {
+    ThreadJob inner = *job;
+    inner.param = repeat->param;
+    for (int32_t pass = 0; pass < repeat->passes && hr >= 0; ++pass) hr = BoxBlurH(&inner, result);
+  }
+  *result = hr;
+  return hr;
+}
+
 int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam& param, Rect roi,
                    int passes) {
   if (passes < 0) return E_INVALIDARG;
@@ -289,18 +301,12 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
     }
   }
 #endif
-#if KORVANE_HAVE_SSE41
   // Several horizontal passes run as one task per band.
-  boxblur_detail::RepeatedPasses repeated{&param, passes};
-  const bool repeat = sse && passes > 1;
+  BoxBlurRepeatParam repeated{&param, passes};
+  const bool repeat = passes > 1;
   const int h_runs = repeat ? 1 : passes;
-  const ThreadTask h_task = repeat ? &boxblur_detail::BoxBlurHRepeated_SSE : h;
+  const ThreadTask h_task = !repeat ? h : sse ? KORVANE_SSE41(BoxBlurHRepeat_SSE) : &BoxBlurHRepeat;
   void* const h_param = repeat ? static_cast<void*>(&repeated) : boxblur_param;
-#else
-  const int h_runs = passes;
-  const ThreadTask h_task = h;
-  void* const h_param = boxblur_param;
-#endif
   for (int i = 0; i < h_runs; ++i) {
     const int32_t hr = adapter.RunTaskByMultiThread(h_task, h_param, nullptr, roi);
     if (hr < 0) {

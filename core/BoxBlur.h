@@ -59,6 +59,17 @@ int32_t BoxBlurV(ThreadJob* job, int32_t* result);
 int32_t BoxBlurH_SSE(ThreadJob* job, int32_t* result);
 int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result);
 
+// Several horizontal passes as one task: each band gets all its passes before
+// the task returns. Rows are blurred independently, so the result is that of
+// the passes run over the whole image in turn. The SSE form keeps float rows
+// transposed from one pass to the next.
+struct BoxBlurRepeatParam {
+  BoxBlurParam* param = nullptr;
+  int32_t passes = 1;
+};
+int32_t BoxBlurHRepeat(ThreadJob* job, int32_t* result);
+int32_t BoxBlurHRepeat_SSE(ThreadJob* job, int32_t* result);
+
 // Runs `passes` horizontal passes and then `passes` vertical passes over
 // `roi` with the plain or SSE form chosen from info, logging a failure with
 // the call's text. Returns the first failure. With the SSE forms, one pass

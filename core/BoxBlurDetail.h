@@ -64,16 +64,6 @@ inline uint32_t MixByMask(uint32_t orig, uint32_t blurred, uint32_t m) {
 // with the SSE4.1 kernels.
 int32_t FusedBlur8(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi);
 
-// `passes` horizontal SSE passes run band by band as one task, with the
-// bytes of the passes run over the whole image in turn (rows are blurred
-// independently); float rows stay transposed from one pass to the next. Only
-// built with the SSE4.1 kernels.
-struct RepeatedPasses {
-  BoxBlurParam* param = nullptr;
-  int32_t passes = 1;
-};
-int32_t BoxBlurHRepeated_SSE(ThreadJob* job, int32_t* result);
-
 // The plain kernels, also used by the SSE forms for variants and lines they
 // leave to the plain code.
 int32_t BlurPlain(const BlurJob& job, bool rows);

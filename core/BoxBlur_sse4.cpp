@@ -914,15 +914,15 @@ int32_t BoxBlurH_SSE(ThreadJob* job, int32_t* result) { return RunSsePass(job, r
 
 int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result) { return RunSsePass(job, result, false); }
 
-namespace boxblur_detail {
-
-int32_t BoxBlurHRepeated_SSE(ThreadJob* job, int32_t* result) {
-  const auto* repeat = static_cast<const RepeatedPasses*>(job->param);
+int32_t BoxBlurHRepeat_SSE(ThreadJob* job, int32_t* result) {
+  const auto* repeat = static_cast<const BoxBlurRepeatParam*>(job->param);
+  if (!repeat || !repeat->param) {
+    *result = E_POINTER;
+    return E_POINTER;
+  }
   ThreadJob inner = *job;
   inner.param = repeat->param;
   return RunSsePass(&inner, result, true, repeat->passes);
 }
-
-}  // namespace boxblur_detail
 
 }  // namespace Korvane

@@ -38,7 +38,7 @@ class GlowEffect final : public Glow, public EffectCore {
   // Stages shared by both pipelines.
   int32_t CopyAndDetectHighlight();
   int32_t Resize(ResizeParam& param, Rect region, const char* stage);
-  int32_t SoftenHighlight(bool to_bytes);
+  int32_t ShrinkAndSoften(bool to_bytes);
   int32_t AdjustColor(bool floats);
   int32_t Blend();
   int32_t RunStage(const char* stage, ThreadTask task, void* param, Rect region);

@@ -116,19 +116,22 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
   return Done(result, S_OK);
 }
 
-int32_t GlowCopyAndDetect(ThreadJob* job, int32_t* result) {
-  const auto* p = static_cast<const GlowCopyDetectParam*>(job->param);
-  if (!p->detect_task) return Done(result, E_POINTER);
-  // 16 rows of a 4000-pixel photo: 256 KB copied, then read back from cache.
-  constexpr int32_t kRows = 16;
+int32_t GlowRunRowChain(ThreadJob* job, int32_t* result) {
+  const auto* p = static_cast<const GlowRowChainParam*>(job->param);
+  if (p->count < 0 || p->count > GlowRowChainParam::kMaxSteps || p->chunk_rows < 1) {
+    return Done(result, E_INVALIDARG);
+  }
+  for (int32_t i = 0; i < p->count; ++i) {
+    if (!p->steps[i].task) return Done(result, E_POINTER);
+  }
   ThreadJob sub = *job;
-  for (int32_t y = job->rect.top; y < job->rect.bottom; y += kRows) {
+  for (int32_t y = job->rect.top; y < job->rect.bottom; y += p->chunk_rows) {
     sub.rect.top = y;
-    sub.rect.bottom = std::min(y + kRows, job->rect.bottom);
-    sub.param = const_cast<GlowCopyParam*>(&p->copy);
-    if (GlowCopySrc(&sub, result) < 0) return *result;
-    sub.param = const_cast<GlowDetectParam*>(&p->detect);
-    if (p->detect_task(&sub, result) < 0) return *result;
+    sub.rect.bottom = std::min(y + p->chunk_rows, job->rect.bottom);
+    for (int32_t i = 0; i < p->count; ++i) {
+      sub.param = p->steps[i].param;
+      if (p->steps[i].task(&sub, result) < 0) return *result;
+    }
   }
   return Done(result, S_OK);
 }

@@ -35,16 +35,22 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
 // SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
 int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
 
-// "copy src" and "detect hlr" in one sweep: a few rows copied, then their
-// highlight detected while they are still in cache. The region is that of
-// the detection (the allocation); rows and columns past the photo are only
-// detected. `detect_task` is GlowDetectHighlight or its SSE4.1 form.
-struct GlowCopyDetectParam {
-  GlowCopyParam copy;
-  GlowDetectParam detect;
-  ThreadTask detect_task = nullptr;
+// Row tasks run one after another over a few rows at a time, so that each
+// chunk is still in cache when the next task reads it. Valid for tasks whose
+// rows depend only on the same rows of the previous tasks' outputs (or on
+// inputs no task of the chain writes); the result is that of the tasks run
+// over the whole band in turn.
+struct GlowRowStep {
+  ThreadTask task = nullptr;
+  void* param = nullptr;
 };
-int32_t GlowCopyAndDetect(ThreadJob* job, int32_t* result);
+struct GlowRowChainParam {
+  static constexpr int32_t kMaxSteps = 4;
+  GlowRowStep steps[kMaxSteps];
+  int32_t count = 0;
+  int32_t chunk_rows = 16;
+};
+int32_t GlowRunRowChain(ThreadJob* job, int32_t* result);
 
 // "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
 // when given: the tone curve of "adjust light" depends on the byte alone, so

@@ -1,6 +1,6 @@
-// Several horizontal passes run band by band as one task (the SSE4.1 form of
-// RunBoxBlur with passes > 1): the same bytes as the plain passes run over the
-// whole image one after another, for every format and awkward geometry.
+// Several horizontal passes run band by band as one task (RunBoxBlur with
+// passes > 1, plain and SSE4.1): the same bytes as the plain passes run over
+// the whole image one after another, for every format and awkward geometry.
 #include <cmath>
 #include <cstring>
 
@@ -28,17 +28,24 @@ std::vector<uint8_t> RandomPixels(int w, int h, int fmt, uint32_t seed) {
   return px;
 }
 
+// RunBoxBlur with `simd`, or (simd < 0) the reference: the plain single
+// passes run over the whole image one after another.
 std::vector<uint8_t> Blur(std::vector<uint8_t> px, int w, int h, int fmt, int r, int passes, int simd, int workers) {
   Runner run(workers);
   BoxBlurParam p{MakeImageBuffer(px.data(), w, h, fmt), r, nullptr};
-  EXPECT_EQ(RunBoxBlur(run.adapter, Level(simd), p, Rect{0, 0, w, h}, passes), S_OK);
+  const Rect whole{0, 0, w, h};
+  if (simd >= 0) {
+    EXPECT_EQ(RunBoxBlur(run.adapter, Level(simd), p, whole, passes), S_OK);
+    return px;
+  }
+  for (int i = 0; i < passes; ++i) EXPECT_EQ(run.adapter.RunTaskByMultiThread(BoxBlurH, &p, nullptr, whole), S_OK);
+  for (int i = 0; i < passes; ++i) EXPECT_EQ(run.adapter.RunTaskByMultiThread(BoxBlurV, &p, nullptr, whole, false), S_OK);
   return px;
 }
 
 }  // namespace
 
-TEST(BoxBlurRepeated, SseBandByBandPassesMatchPlainPassesBitForBit) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 forms not built";
+TEST(BoxBlurRepeated, BandByBandPassesMatchWholeImagePassesBitForBit) {
   struct Size { int w, h; };
   // Heights not a multiple of 4 leave rows to the plain tail; radius 9 is
   // wider than the narrow images.
@@ -47,9 +54,12 @@ TEST(BoxBlurRepeated, SseBandByBandPassesMatchPlainPassesBitForBit) {
       for (int r : {1, 2, 9})
         for (int passes : {2, 3}) {
           const std::vector<uint8_t> src = RandomPixels(s.w, s.h, fmt, 7 * s.w + s.h + r);
-          const std::vector<uint8_t> plain = Blur(src, s.w, s.h, fmt, r, passes, 0, 2);
-          ASSERT_EQ(Blur(src, s.w, s.h, fmt, r, passes, SIMD_SSE41, 2), plain)
-              << s.w << "x" << s.h << " format " << fmt << " r " << r << " passes " << passes;
+          const std::vector<uint8_t> want = Blur(src, s.w, s.h, fmt, r, passes, -1, 2);
+          for (int simd : {0, int(SIMD_SSE41)}) {
+            if (simd && !KORVANE_HAVE_SSE41) continue;
+            ASSERT_EQ(Blur(src, s.w, s.h, fmt, r, passes, simd, 3), want)
+                << s.w << "x" << s.h << " format " << fmt << " r " << r << " passes " << passes << " simd " << simd;
+          }
         }
 }
 
@@ -63,4 +73,17 @@ TEST(BoxBlurRepeated, SameForWorkerCounts) {
         return px;
       },
       "two passes, FLOAT96");
+}
+
+TEST(BoxBlurRepeated, MissingParameterIsRefused) {
+  ThreadJob job;
+  job.rect = Rect{0, 0, 4, 4};
+  BoxBlurRepeatParam empty;
+  for (ThreadTask task : {&BoxBlurHRepeat, KORVANE_SSE41(BoxBlurHRepeat_SSE)}) {
+    if (!task) continue;
+    int32_t result = 1;
+    job.param = &empty;
+    EXPECT_EQ(task(&job, &result), E_POINTER);
+    EXPECT_EQ(result, E_POINTER);
+  }
 }

@@ -128,7 +128,8 @@ Points Grid(int w, int h, double angle_deg = 0, double spacing = 1) {
   return p;
 }
 
-// 20 Gaussian clusters of 300 points, `sigma` wide, on a 4 x 5 lattice.
+// 20 Gaussian clusters of 300 points, `sigma` wide, `dx` apart in x and on
+// five rows `dy` apart.
 Points Clusters(float sigma, float dx, float dy, uint32_t seed) {
   std::mt19937 rng(seed);
   std::normal_distribution<float> g(0.0f, sigma);

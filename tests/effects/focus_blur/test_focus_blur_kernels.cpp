@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
+#include <tuple>
 
 #include "FocusBlurTestSupport.h"
 #include "core/SmartBuffer.h"
@@ -9,31 +12,24 @@
 using namespace Korvane;
 using namespace FocusBlurTest;
 
-TEST(GaussianWeights, KernelLengthFollowsSizeAndLevel) {
-  float w[kGaussianHalfTaps];
-  EXPECT_EQ(MakeGaussianWeights(0, 4000, 3000, w), 1);
-  EXPECT_EQ(w[0], 1.0f);
-  EXPECT_EQ(MakeGaussianWeights(-5, 4000, 3000, w), 1);
-  EXPECT_EQ(MakeGaussianWeights(60, 4000, 3000, w), 37);   // sigma 36: the full 37
-  EXPECT_EQ(MakeGaussianWeights(23, 3000, 4000, w), 37);   // sigma 13.8, just enough
-  EXPECT_EQ(MakeGaussianWeights(22, 4000, 3000, w), 35);   // sigma 13.2
-  EXPECT_EQ(MakeGaussianWeights(6, 4000, 3000, w), 10);    // sigma 3.6
-  EXPECT_EQ(MakeGaussianWeights(1, 4000, 3000, w), 2);     // sigma 0.6
-  EXPECT_EQ(MakeGaussianWeights(50, 100, 600, w), 3);      // sigma 1.0
-  EXPECT_EQ(MakeGaussianWeights(100, 1, 1, w), 1);         // sigma 0.0002: cut to the centre
-  EXPECT_EQ(MakeGaussianWeights(2000000000, 20000, 20000, w), 37);
-}
-
-TEST(GaussianWeights, FullKernelSumsToOneAndFalls) {
-  for (int level : {3, 6, 23, 60, 100, 100000}) {
+// Kernel length by size and level; every kernel sums to exactly 1, falls
+// from the centre, and keeps no tap below the cut.
+TEST(GaussianWeights, LengthFollowsSizeAndLevelAndTheKernelSumsToOne) {
+  const int cases[][4] = {{0, 4000, 3000, 1},   {-5, 4000, 3000, 1},  {60, 4000, 3000, 37},  // sigma 36
+                          {23, 3000, 4000, 37}, {22, 4000, 3000, 35},                      // 13.8, 13.2
+                          {6, 4000, 3000, 10},  {1, 4000, 3000, 2},   {50, 100, 600, 3},     // 3.6, 0.6, 1.0
+                          {100, 1, 1, 1},       {3, 4000, 3000, 5},   {100000, 4000, 3000, 37},
+                          {2000000000, 20000, 20000, 37}};
+  for (const auto& c : cases) {
     float w[kGaussianHalfTaps];
-    const int n = MakeGaussianWeights(level, 4000, 3000, w);
+    const int n = MakeGaussianWeights(c[0], c[1], c[2], w);
+    EXPECT_EQ(n, c[3]) << c[0];
     float side = 0;
     for (int i = 1; i < n; ++i) side += w[i];
-    EXPECT_EQ(w[0], 1.0f - 2.0f * side) << level;
-    EXPECT_GT(w[0], 0.0f) << level;
+    EXPECT_EQ(w[0], 1.0f - 2.0f * side) << c[0];
+    EXPECT_GT(w[0], 0.0f) << c[0];
     for (int i = 1; i < n; ++i) {
-      EXPECT_LE(w[i], w[i - 1] * 1.0001f) << level << " " << i;
+      EXPECT_LE(w[i], w[i - 1] * 1.0001f) << c[0] << " " << i;
       EXPECT_GT(w[i] / w[0], 0.03125f * 0.999f) << "tap kept below the cut";
     }
     for (int i = n; i < kGaussianHalfTaps; ++i) EXPECT_EQ(w[i], 0.0f);
@@ -113,6 +109,46 @@ TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
 #endif
         }
       }
+    }
+  }
+}
+
+// Unusable records get their code and leave the image alone; only the
+// horizontal pass reads a separate source.
+TEST(GaussianBlurTasks, RefuseUnusableRecordsWithoutTouchingTheImage) {
+  std::vector<uint8_t> img(6 * 4 * 4, 7), other(6 * 4 * 4, 9);
+  using Breakage = std::function<void(GaussianBlurParam&, Rect&)>;
+  const std::tuple<int32_t, bool, Breakage> cases[] = {
+      {E_POINTER, false, [](GaussianBlurParam& p, Rect&) { p.buffer.data.reset(); }},
+      {E_POINTER, false, [](GaussianBlurParam& p, Rect&) { p.weights.reset(); }},
+      {E_INVALIDARG, false, [](GaussianBlurParam& p, Rect&) { p.kernel_length = 38; }},
+      {E_INVALIDARG, false, [](GaussianBlurParam&, Rect& r) { r.right = 7; }},
+      {E_NOTIMPL, false, [](GaussianBlurParam& p, Rect&) { p.buffer.pix_fmt = PIXEL_GRAY8; }},
+      {E_INVALIDARG, true, [&](GaussianBlurParam& p, Rect&) { p.source = MakeSmartBufferView(other.data(), 5, 4); }},
+      {E_NOTIMPL, true, [&](GaussianBlurParam& p, Rect&) {
+         p.source = MakeSmartBufferView(other.data(), 6, 4);
+         p.source.channel = 3;
+       }},
+  };
+  std::vector<std::pair<ThreadTask, bool>> tasks = {{GaussianBlurH, true}, {GaussianBlurV, false}};
+#if KORVANE_HAVE_SSE41
+  tasks.insert(tasks.end(), {{GaussianBlurH_SSE, true}, {GaussianBlurV_SSE, false}});
+#endif
+  for (const auto& task : tasks) {
+    EXPECT_EQ(task.first(nullptr, nullptr), E_POINTER);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+      const auto& [code, rows_only, apply] = cases[i];
+      if (rows_only && !task.second) continue;
+      GaussianBlurParam p;
+      p.buffer = MakeSmartBufferView(img.data(), 6, 4);
+      p.weights.reset(new float[kGaussianHalfTaps]);
+      p.kernel_length = MakeGaussianWeights(1000, 6, 4, p.weights.get());
+      ThreadJob job{nullptr, &p, Rect{0, 0, 6, 4}};
+      apply(p, job.rect);
+      int32_t result = 1;
+      EXPECT_EQ(task.first(&job, &result), code) << "case " << i;
+      EXPECT_EQ(result, code) << "case " << i;
+      EXPECT_EQ(img, std::vector<uint8_t>(img.size(), 7)) << "case " << i;
     }
   }
 }

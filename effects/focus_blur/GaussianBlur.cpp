@@ -204,10 +204,12 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
   const int32_t width = buf.width;
   const int32_t band_w = r.right - r.left;
   // Each row depends only on itself, so finished rows can be pasted back
-  // block by block.
-  const int32_t block_rows = std::max(1, kBlockPixels / band_w);
+  // block by block. Reading another image, the band writes its own rows of
+  // the working image directly.
+  const bool direct = p.source.data != nullptr;
+  const int32_t block_rows = direct ? r.bottom - r.top : std::max(1, kBlockPixels / band_w);
   SmartBuffer block;
-  int32_t hr = CreateSmartBufferData(block, band_w, block_rows, PIXEL_BGRA32);
+  int32_t hr = direct ? S_OK : CreateSmartBufferData(block, band_w, block_rows, PIXEL_BGRA32);
   if (hr < 0) return hr;
 
   // One converted row with n - 1 zero pixels on each side: taps past the
@@ -244,9 +246,11 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
       const bool* mask = p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
       kernels.convert(src, mask, colour.data() + static_cast<size_t>(n - 1) * 3, weight.data() + (n - 1), width);
       MarkOpenWindows(mask, width, n, open.data());
-      kernels.accumulate(t, mask + r.left, src + static_cast<size_t>(r.left) * 4,
-                         block.data.get() + static_cast<size_t>(y - y0) * band_w * 4, band_w);
+      uint8_t* dst = direct ? buf.data.get() + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(r.left) * 4
+                            : block.data.get() + static_cast<size_t>(y - y0) * band_w * 4;
+      kernels.accumulate(t, mask + r.left, src + static_cast<size_t>(r.left) * 4, dst, band_w);
     }
+    if (direct) continue;
     hr = PasteSmartBufferDataWithROI(BlockView(block, band_w, rows_here), target,
                                      Rect{r.left, y0, r.right, y0 + rows_here});
     if (hr < 0) return hr;

@@ -1,12 +1,14 @@
 #include "core/Platform.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 #if defined(_WIN32)
 #define WIN32_LEAN_AND_MEAN
 #include <intrin.h>
 #include <windows.h>
 #else
+#include <sys/mman.h>
 #include <unistd.h>
 #if defined(__i386__) || defined(__x86_64__)
 #include <cpuid.h>
@@ -48,6 +50,30 @@ bool Cpuid(uint32_t leaf, uint32_t regs[4]) {
 #else
   (void)leaf;
   return false;
+#endif
+}
+
+void* AllocatePixels(size_t bytes) {
+  if (bytes == 0) bytes = 1;
+#if defined(_WIN32)
+  return _aligned_malloc(bytes, 64);
+#else
+  constexpr size_t kHugePage = size_t{2} << 20;
+  const size_t alignment = bytes >= 2 * kHugePage ? kHugePage : 64;
+  void* p = nullptr;
+  if (posix_memalign(&p, alignment, bytes) != 0) return nullptr;
+#if defined(MADV_HUGEPAGE)
+  if (alignment == kHugePage) madvise(p, bytes, MADV_HUGEPAGE);  // a hint; failure is harmless
+#endif
+  return p;
+#endif
+}
+
+void FreePixels(void* p) {
+#if defined(_WIN32)
+  _aligned_free(p);
+#else
+  std::free(p);
 #endif
 }
 

@@ -2,6 +2,7 @@
 // debugger sink, the logical processor count and the CPUID instruction.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace Korvane {
@@ -16,6 +17,13 @@ int32_t LogicalProcessorCount();
 // Runs CPUID for `leaf` (sub-leaf 0) into regs = {eax, ebx, ecx, edx}.
 // Returns false where the instruction does not exist (non-x86 processors).
 bool Cpuid(uint32_t leaf, uint32_t regs[4]);
+
+// Memory for image pixels, aligned to 64 bytes. Blocks of 4 MB or more are
+// aligned to 2 MB and offered to the operating system as huge pages, which
+// saves most of the page faults of the first pass over a fresh working image.
+// Returns NULL when memory runs out. Release with FreePixels.
+void* AllocatePixels(size_t bytes);
+void FreePixels(void* p);
 
 }  // namespace Platform
 }  // namespace Korvane

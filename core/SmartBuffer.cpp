@@ -2,6 +2,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <new>
+
+#include "core/Platform.h"
 
 namespace Korvane {
 
@@ -50,7 +53,9 @@ int32_t CreateSmartBufferData(SmartBuffer& buf, int width, int height, int pix_f
   const size_t bytes = (width > 0 && height > 0)
                            ? static_cast<size_t>(buf.stride) * static_cast<size_t>(height)
                            : 0;
-  buf.data = std::shared_ptr<unsigned char[]>(new unsigned char[bytes]);
+  auto* pixels = static_cast<unsigned char*>(Platform::AllocatePixels(bytes));
+  if (!pixels) throw std::bad_alloc();
+  buf.data = std::shared_ptr<unsigned char[]>(pixels, [](unsigned char* p) { Platform::FreePixels(p); });
   return S_OK;
 }
 

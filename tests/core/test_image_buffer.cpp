@@ -105,3 +105,12 @@ TEST(RectCopy, MismatchedFormatsThatWouldOverrunARowAreRefused) {
   CreateSmartBufferData(bgra, 4, 4, PIXEL_BGRA32);
   EXPECT_EQ(CopySmartBufferDataWithROI(gray, bgra, Rect{0, 0, 4, 4}), E_INVALIDARG);
 }
+
+TEST(SmartBufferCreate, PixelsAreAlignedForVectorLoadsAndLargeBlocksForHugePages) {
+  SmartBuffer small, large;
+  CreateSmartBufferData(small, 3, 3, PIXEL_BGR24);
+  CreateSmartBufferData(large, 1024, 1024, PIXEL_BGRA32);  // 4 MB
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(small.data.get()) % 64, 0u);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(large.data.get()) % (2u << 20), 0u);
+  large.data[4 * 1024 * 1024 - 1] = 7;  // the whole block is usable
+}

@@ -184,6 +184,15 @@ int32_t GlowEffect::RunStage(const char* stage, ThreadTask task, void* param, Re
   return hr;
 }
 
+int32_t GlowEffect::RunChain(GlowRowChainParam& chain, Rect region) {
+  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(GlowRunRowChain, &chain, this, region);
+  if (hr < 0) {
+    const int32_t i = chain.failed_step.load(std::memory_order_relaxed);
+    KORVANE_LOG_FAILED_STEP(i >= 0 && chain.steps[i].stage ? chain.steps[i].stage : chain.steps[0].stage, hr);
+  }
+  return hr;
+}
+
 int32_t GlowEffect::CopyAndDetectHighlight() {
   // Over the whole allocation: the columns and rows past the photo hold zeros.
   GlowCopyParam copy{&m_param.src, &m_aligned_src};
@@ -198,11 +207,11 @@ int32_t GlowEffect::CopyAndDetectHighlight() {
       PickKernel<ThreadTask>(m_system_info, GlowDetectHighlight, KORVANE_SSE41(GlowDetectHighlight_SSE4));
   // 16 rows of a 4000-pixel photo: 256 KB copied, then read back from cache.
   GlowRowChainParam chain;
-  chain.steps[0] = GlowRowStep{GlowCopySrc, &copy};
-  chain.steps[1] = GlowRowStep{detect, &p};
+  chain.steps[0] = GlowRowStep{GlowCopySrc, &copy, "copy src"};
+  chain.steps[1] = GlowRowStep{detect, &p, "detect hlr"};
   chain.count = 2;
   chain.chunk_rows = 16;
-  return RunStage("copy src", GlowRunRowChain, &chain, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
+  return RunChain(chain, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
 }
 
 int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
@@ -243,15 +252,17 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   // Float" and the two "BoxBlurH" passes of "soften hlr" in one sweep.
   GlowRowChainParam chain;
   chain.steps[0] = GlowRowStep{
-      PickKernel<ThreadTask>(m_system_info, BilinearResize_8uc4, KORVANE_SSE41(BilinearResize_8uc4_SSE4)), &down};
+      PickKernel<ThreadTask>(m_system_info, BilinearResize_8uc4, KORVANE_SSE41(BilinearResize_8uc4_SSE4)), &down,
+      "downsampling hlr"};
   chain.steps[1] = GlowRowStep{
-      PickKernel<ThreadTask>(m_system_info, GlowByteToFloat, KORVANE_SSE41(GlowByteToFloat_SSE4)), &conv};
+      PickKernel<ThreadTask>(m_system_info, GlowByteToFloat, KORVANE_SSE41(GlowByteToFloat_SSE4)), &conv,
+      "convert BYTE to Float"};
   chain.steps[2] = GlowRowStep{PickKernel<ThreadTask>(m_system_info, BoxBlurHRepeat, KORVANE_SSE41(BoxBlurHRepeat_SSE)),
-                               &blur_rows};
+                               &blur_rows, "soften hlr"};
   chain.count = r > 0 ? 3 : 2;
   chain.chunk_rows = 8;
   int32_t hr;
-  if ((hr = RunStage("downsampling hlr", GlowRunRowChain, &chain, region)) < 0) return hr;
+  if ((hr = RunChain(chain, region)) < 0) return hr;
 
   if (r > 0) {
     const ThreadTask v = PickKernel<ThreadTask>(m_system_info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
@@ -298,7 +309,7 @@ int32_t GlowEffect::Blend() {
 
 int32_t GlowEffect::RunPipeline(bool floats) {
   int32_t hr;
-  // "copy src" and "detect hlr" share one sweep (failures are logged as "copy src").
+  // "copy src" and "detect hlr" share one sweep; a failure names the one that failed.
   if ((hr = CopyAndDetectHighlight()) < 0) return hr;
 
   // The float modes keep the highlight in floats from here to the blend.

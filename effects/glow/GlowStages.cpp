@@ -130,7 +130,10 @@ int32_t GlowRunRowChain(ThreadJob* job, int32_t* result) {
     sub.rect.bottom = std::min(y + p->chunk_rows, job->rect.bottom);
     for (int32_t i = 0; i < p->count; ++i) {
       sub.param = p->steps[i].param;
-      if (p->steps[i].task(&sub, result) < 0) return *result;
+      if (p->steps[i].task(&sub, result) < 0) {
+        const_cast<GlowRowChainParam*>(p)->failed_step.store(i, std::memory_order_relaxed);
+        return *result;
+      }
     }
   }
   return Done(result, S_OK);

@@ -3,6 +3,7 @@
 // images it touches, so no region can make it read or write outside them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -43,12 +44,16 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
 struct GlowRowStep {
   ThreadTask task = nullptr;
   void* param = nullptr;
+  const char* stage = nullptr;  // the pipeline stage this step belongs to, for the log
 };
 struct GlowRowChainParam {
   static constexpr int32_t kMaxSteps = 4;
   GlowRowStep steps[kMaxSteps];
   int32_t count = 0;
   int32_t chunk_rows = 16;
+  // Index of a step that failed in some band (-1: none), so the failure is
+  // logged under the stage that failed rather than the chain's first one.
+  std::atomic<int32_t> failed_step{-1};
 };
 int32_t GlowRunRowChain(ThreadJob* job, int32_t* result);
 

@@ -21,6 +21,7 @@ struct PassNames {
   const char* weak_h;
   const char* weak_v;
   const char* blend;
+  const char* weak_hv;
 };
 
 const PassNames kPlainNames = {
@@ -29,6 +30,7 @@ const PassNames kPlainNames = {
     "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH, &sub_blur_param, this, process_region)",
     "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV, &sub_blur_param, this, process_region, false)",
     "m_thread_adapter.RunTaskByMultiThread(FocusBlend, &blend_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurHV, &sub_blur_param, this, process_region)",
 };
 
 const PassNames kSseNames = {
@@ -37,6 +39,7 @@ const PassNames kSseNames = {
     "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH_SSE, &sub_blur_param, this, process_region)",
     "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV_SSE, &sub_blur_param, this, process_region, false)",
     "m_thread_adapter.RunTaskByMultiThread(FocusBlend_SSE, &blend_param, this, process_region)",
+    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurHV_SSE, &sub_blur_param, this, process_region)",
 };
 
 int32_t Refuse(const char* why, int32_t code) {
@@ -159,6 +162,7 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   const bool sse = UseSse41();
   const ThreadTask blur_h = sse ? KORVANE_SSE41(GaussianBlurH_SSE) : GaussianBlurH;
   const ThreadTask blur_v = sse ? KORVANE_SSE41(GaussianBlurV_SSE) : GaussianBlurV;
+  const ThreadTask blur_hv = sse ? KORVANE_SSE41(GaussianBlurHV_SSE) : GaussianBlurHV;
   const ThreadTask blend = sse ? KORVANE_SSE41(FocusBlend_SSE) : FocusBlend;
   const PassNames& names = sse ? kSseNames : kPlainNames;
 
@@ -205,13 +209,22 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   sub_blur_param.kernel_length =
       MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());
   sub_blur_param.mask = blur_mask;
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
-    return hr;
-  }
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
-    return hr;
+  if (sub_blur_param.kernel_length <= kShortKernel) {
+    // The weak kernel is usually this short: both passes in one, with no
+    // intermediate image to write and read back.
+    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_hv, &sub_blur_param, this, process_region)) < 0) {
+      KORVANE_LOG_FAILED_CALL(names.weak_hv, hr);
+      return hr;
+    }
+  } else {
+    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
+      KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
+      return hr;
+    }
+    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
+      KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
+      return hr;
+    }
   }
 
   FocusBlendParam blend_param;

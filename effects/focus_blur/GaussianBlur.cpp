@@ -352,13 +352,118 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   return S_OK;
 }
 
-int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels, bool columns) {
+// Both passes of a row band for short kernels. The rows of the source the
+// band's window reaches are blurred along the row into one scratch row, then
+// converted into a ring of 2n - 1 float rows; each output row is then the
+// vertical pass over that ring, written straight into the working image.
+// Unmasked pixels of the row pass keep the source's bytes and every pass
+// keeps alpha, so the vertical pass may take its copied pixels and alpha
+// from the source row itself.
+int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRowKernels& kernels) {
+  const SmartBuffer& buf = p.buffer;
+  const SmartBuffer& in = p.source;
+  const int32_t n = p.kernel_length;
+  if (n == 1) return CopyRows(p, r);
+  const int32_t width = buf.width, height = buf.height;
+  const int32_t band_w = r.right - r.left;
+  const int32_t ring_rows = 2 * n - 1;
+
+  // The row pass: one converted source row with n - 1 zero pixels each side.
+  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
+  std::vector<float> row_colour(padded * 3 + kRowPad, 0.0f), row_weight(padded, 0.0f);
+  std::vector<uint8_t> row_open(static_cast<size_t>(width));
+  std::vector<uint8_t> scratch(static_cast<size_t>(band_w) * 4);
+  // The column pass: a ring of converted rows of the row pass, band wide.
+  const size_t slot = static_cast<size_t>(band_w);
+  std::vector<float> colour(slot * 3 * ring_rows + kRowPad), weight(slot * ring_rows);
+  std::vector<uint8_t> col_open(slot);
+  std::unique_ptr<bool[]> all_true;
+  if (!p.mask) {
+    all_true.reset(new bool[static_cast<size_t>(width)]);
+    std::fill_n(all_true.get(), width, true);
+  }
+  auto mask_row = [&](int32_t y) {
+    return p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
+  };
+  const float* w = p.weights.get();
+  float row_taps[kMaxTaps], col_taps[kMaxTaps];
+  const float* row_colour_rows[kMaxTaps];
+  const float* row_weight_rows[kMaxTaps];
+  const float* colour_rows[kMaxTaps];
+  const float* weight_rows[kMaxTaps];
+  SymmetricTaps(w, n, row_taps);
+  for (int32_t k = 0; k < ring_rows; ++k) {
+    row_colour_rows[k] = row_colour.data() + static_cast<size_t>(k + r.left) * 3;
+    row_weight_rows[k] = row_weight.data() + k + r.left;
+  }
+  GaussianTapRows rt;
+  rt.colour = row_colour_rows;
+  rt.weight = row_weight_rows;
+  rt.taps = row_taps;
+  rt.count = ring_rows;
+  rt.open = row_open.data() + r.left;
+  rt.full_weight = FullWeight(row_taps, ring_rows);
+  GaussianTapRows ct;
+  ct.colour = colour_rows;
+  ct.weight = weight_rows;
+  ct.taps = col_taps;
+  ct.full_weight = rt.full_weight;
+
+  int32_t next = std::max(0, r.top - (n - 1));  // next row for the row pass
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    for (const int32_t last = std::min(height - 1, y + n - 1); next <= last; ++next) {
+      const uint8_t* src = in.data.get() + static_cast<size_t>(next) * in.stride;
+      const bool* m = mask_row(next);
+      kernels.convert(src, m, row_colour.data() + static_cast<size_t>(n - 1) * 3, row_weight.data() + (n - 1),
+                      width);
+      MarkOpenWindows(m, width, n, row_open.data());
+      kernels.accumulate(rt, m + r.left, src + static_cast<size_t>(r.left) * 4, scratch.data(), band_w);
+      const size_t s = static_cast<size_t>(next % ring_rows);
+      kernels.convert(scratch.data(), m + r.left, colour.data() + slot * 3 * s, weight.data() + slot * s, band_w);
+    }
+    // Rows outside the image contribute nothing: leave their taps out.
+    const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
+    int32_t count = 0;
+    for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++count) {
+      col_taps[count] = w[std::abs(i)];
+      colour_rows[count] = colour.data() + slot * 3 * s;
+      weight_rows[count] = weight.data() + slot * s;
+      if (++s == ring_rows) s = 0;
+    }
+    ct.count = count;
+    ct.open = nullptr;
+    if (count == ring_rows) {
+      // A column's window is wholly masked when all its rows are.
+      uint8_t* o = col_open.data();
+      std::memset(o, 1, slot);
+      for (int32_t i = -(n - 1); i <= n - 1; ++i) {
+        const uint8_t* m = reinterpret_cast<const uint8_t*>(mask_row(y + i) + r.left);
+        for (int32_t x = 0; x < band_w; ++x) o[x] &= m[x];
+      }
+      for (int32_t x = 0; x < band_w; ++x) o[x] ^= 1;
+      ct.open = o;
+    }
+    const size_t at = static_cast<size_t>(r.left) * 4;
+    kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at,
+                       buf.data.get() + static_cast<size_t>(y) * buf.stride + at, band_w);
+  }
+  return S_OK;
+}
+
+enum class Pass { kRows, kColumns, kBoth };
+
+int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels, Pass pass) {
   const GaussianBlurParam* p = nullptr;
   bool skip = false;
-  int32_t hr = CheckBand(job, columns, p, skip);
+  int32_t hr = CheckBand(job, pass == Pass::kColumns, p, skip);
+  if (hr >= 0 && pass == Pass::kBoth && (!p->source.data || p->kernel_length > kShortKernel)) hr = E_INVALIDARG;
   if (hr >= 0 && !skip) {
     try {
-      hr = columns ? BlurColumns(*p, job->rect, kernels) : BlurRows(*p, job->rect, kernels);
+      switch (pass) {
+        case Pass::kRows: hr = BlurRows(*p, job->rect, kernels); break;
+        case Pass::kColumns: hr = BlurColumns(*p, job->rect, kernels); break;
+        case Pass::kBoth: hr = BlurRowsAndColumns(*p, job->rect, kernels); break;
+      }
     } catch (const std::bad_alloc&) {
       hr = E_OUTOFMEMORY;
     }
@@ -370,14 +475,19 @@ int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kerne
 }  // namespace
 
 int32_t RunGaussianBlurH(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels) {
-  return RunBand(job, result, kernels, false);
+  return RunBand(job, result, kernels, Pass::kRows);
 }
 
 int32_t RunGaussianBlurV(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels) {
-  return RunBand(job, result, kernels, true);
+  return RunBand(job, result, kernels, Pass::kColumns);
 }
 
-int32_t GaussianBlurH(ThreadJob* job, int32_t* result) { return RunBand(job, result, kPlainKernels, false); }
-int32_t GaussianBlurV(ThreadJob* job, int32_t* result) { return RunBand(job, result, kPlainKernels, true); }
+int32_t RunGaussianBlurHV(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels) {
+  return RunBand(job, result, kernels, Pass::kBoth);
+}
+
+int32_t GaussianBlurH(ThreadJob* job, int32_t* result) { return RunBand(job, result, kPlainKernels, Pass::kRows); }
+int32_t GaussianBlurV(ThreadJob* job, int32_t* result) { return RunBand(job, result, kPlainKernels, Pass::kColumns); }
+int32_t GaussianBlurHV(ThreadJob* job, int32_t* result) { return RunBand(job, result, kPlainKernels, Pass::kBoth); }
 
 }  // namespace Korvane

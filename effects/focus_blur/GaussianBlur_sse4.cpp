@@ -139,5 +139,6 @@ const GaussianRowKernels kSseKernels = {ConvertRowSse, AccumulateRowSse};
 
 int32_t GaussianBlurH_SSE(ThreadJob* job, int32_t* result) { return RunGaussianBlurH(job, result, kSseKernels); }
 int32_t GaussianBlurV_SSE(ThreadJob* job, int32_t* result) { return RunGaussianBlurV(job, result, kSseKernels); }
+int32_t GaussianBlurHV_SSE(ThreadJob* job, int32_t* result) { return RunGaussianBlurHV(job, result, kSseKernels); }
 
 }  // namespace Korvane

@@ -5,8 +5,11 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdlib>
 
 #include "BenchSupport.h"
+#include "core/Simd.h"
+#include "core/ThreadAdapter.h"
 #include "effects/focus_blur/FocusBlend.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 #include "effects/focus_blur/GaussianBlur.h"
@@ -102,6 +105,40 @@ void BM_OpenCV(benchmark::State& state) {
   state.counters["taps"] = n;
 }
 #endif
+
+// The weak blur at level 6 (3 taps) on its own: the two passes through an
+// intermediate image (0) against both passes in one (1).
+void BM_WeakBlur(benchmark::State& state) {
+  const bool both = state.range(0) != 0;
+  Inputs& in = Shared();
+  const bool sse = KorvaneBench::MachineInfo().simd_level >= Korvane::SIMD_SSE41 && KORVANE_HAVE_SSE41;
+  Korvane::CThreadAdapter adapter;
+  adapter.Init(&KorvaneBench::Pool());
+  std::vector<uint8_t> work(in.photo.size());
+  Korvane::GaussianBlurParam p;
+  p.buffer = Korvane::MakeSmartBufferView(work.data(), kWidth, kHeight);
+  p.source = Korvane::MakeSmartBufferView(in.photo.data(), kWidth, kHeight);
+  p.weights.reset(new float[Korvane::kGaussianHalfTaps]);
+  p.kernel_length = Korvane::MakeGaussianWeights(1, kWidth, kHeight, p.weights.get());
+  p.mask.reset(new bool[static_cast<size_t>(kWidth) * kHeight]);
+  for (size_t i = 0; i < in.guide.size(); ++i) p.mask[i] = std::abs(in.guide[i] - kFocus) > kRange;
+  const Korvane::Rect all{0, 0, kWidth, kHeight};
+  const Korvane::ThreadTask h = sse ? KORVANE_SSE41(Korvane::GaussianBlurH_SSE) : Korvane::GaussianBlurH;
+  const Korvane::ThreadTask v = sse ? KORVANE_SSE41(Korvane::GaussianBlurV_SSE) : Korvane::GaussianBlurV;
+  const Korvane::ThreadTask hv = sse ? KORVANE_SSE41(Korvane::GaussianBlurHV_SSE) : Korvane::GaussianBlurHV;
+  for (auto _ : state) {
+    if (both) {
+      adapter.RunTaskByMultiThread(hv, &p, nullptr, all);
+    } else {
+      adapter.RunTaskByMultiThread(h, &p, nullptr, all);
+      adapter.RunTaskByMultiThread(v, &p, nullptr, all, false);
+    }
+    benchmark::DoNotOptimize(work.data());
+  }
+  state.counters["taps"] = p.kernel_length;
+}
+BENCHMARK(BM_WeakBlur)->Name("korvane/weakblur_4000x3000_level6")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()->UseRealTime();
 
 // Process CPU time beside wall time: on a loaded machine it shows the work
 // done by all threads. Run with --benchmark_enable_random_interleaving=true

@@ -58,8 +58,12 @@ inline void Store8(const __m128i* v, const uint8_t* src, __m128i take_lo, __m128
   _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), _mm_blendv_epi8(s1, p1, take_hi));
 }
 
-void AccumulateRowSse(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                      int32_t count) {
+// kUnitWeight: the full weight is exactly 1, so wholly masked windows need
+// no division (a sum divided by 1 is the sum itself). Most kernels sum to
+// exactly 1 in tap order, and the division costs as much as a short kernel.
+template <bool kUnitWeight>
+void AccumulateRowSseT(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
+                       int32_t count) {
   const __m128i zero = _mm_setzero_si128();
   const __m128i colour_bytes = _mm_set1_epi32(0x00FFFFFF);
   const __m128i spread_lo = _mm_setr_epi8(0, 0, 0, -1, 1, 1, 1, -1, 2, 2, 2, -1, 3, 3, 3, -1);
@@ -87,7 +91,9 @@ void AccumulateRowSse(const GaussianTapRows& t, const bool* mask, const uint8_t*
         const float* p = t.colour[k] + off;
         for (int32_t j = 0; j < 6; ++j) acc[j] = _mm_add_ps(acc[j], _mm_mul_ps(w, _mm_loadu_ps(p + 4 * j)));
       }
-      for (int32_t j = 0; j < 6; ++j) q[j] = _mm_cvttps_epi32(_mm_div_ps(acc[j], full_weight));
+      for (int32_t j = 0; j < 6; ++j) {
+        q[j] = _mm_cvttps_epi32(kUnitWeight ? acc[j] : _mm_div_ps(acc[j], full_weight));
+      }
       Store8(q, src + 4 * x, colour_bytes, colour_bytes, dst + 4 * x);
       continue;
     }
@@ -130,6 +136,15 @@ void AccumulateRowSse(const GaussianTapRows& t, const bool* mask, const uint8_t*
     v = _mm_packus_epi16(v, v);
     const uint32_t out = (static_cast<uint32_t>(_mm_cvtsi128_si32(v)) & 0x00FFFFFFu) | (static_cast<uint32_t>(s[3]) << 24);
     std::memcpy(dst + 4 * x, &out, 4);
+  }
+}
+
+void AccumulateRowSse(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
+                      int32_t count) {
+  if (t.full_weight == 1.0f) {
+    AccumulateRowSseT<true>(t, mask, src, dst, count);
+  } else {
+    AccumulateRowSseT<false>(t, mask, src, dst, count);
   }
 }
 

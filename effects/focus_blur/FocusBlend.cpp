@@ -87,6 +87,11 @@ int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row) {
   return hr;
 }
 
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
+                        int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count) {
+  BlendRowPlain(p, s, w, guide, guide_step, table, out, count);
+}
+
 int32_t FocusBlend(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, BlendRowPlain); }
 
 }  // namespace Korvane

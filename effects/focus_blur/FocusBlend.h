@@ -34,5 +34,11 @@ int32_t FocusBlend_SSE(ThreadJob* job, int32_t* result);
 using FocusBlendRow = void (*)(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
                                int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
 int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row);
+// The row functions of the two forms, for callers that produce the weak blur
+// a row at a time.
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
+                        int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
+void FocusBlendRow_SSE(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
+                       int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
 
 }  // namespace Korvane

@@ -136,6 +136,31 @@ std::shared_ptr<bool[]> MakeBlurMask(CThreadAdapter& adapter, const ImageBuffer&
   return mask;
 }
 
+// True when the pixel bytes of a and b share memory.
+bool Overlaps(const ImageBuffer& a, const ImageBuffer& b) {
+  auto end = [](const ImageBuffer& i, int32_t bytes_per_pixel) {
+    return reinterpret_cast<uintptr_t>(i.data) + static_cast<size_t>(i.height - 1) * i.stride +
+           static_cast<size_t>(i.width) * bytes_per_pixel;
+  };
+  const uintptr_t a0 = reinterpret_cast<uintptr_t>(a.data), b0 = reinterpret_cast<uintptr_t>(b.data);
+  return a0 < end(b, b.channel) && b0 < end(a, a.channel);
+}
+
+// Blends one finished row of the weak blur into the output.
+struct WeakRowBlend {
+  const FocusBlendParam* blend;
+  FocusBlendRow row;
+};
+
+void BlendWeakRow(const void* ctx, int32_t y, int32_t left, const uint8_t* weak, int32_t count) {
+  const WeakRowBlend& sink = *static_cast<const WeakRowBlend*>(ctx);
+  const FocusBlendParam& bp = *sink.blend;
+  const size_t yy = static_cast<size_t>(y), x4 = static_cast<size_t>(left) * 4;
+  sink.row(bp.input.data.get() + yy * bp.input.stride + x4, bp.effect.data.get() + yy * bp.effect.stride + x4, weak,
+           bp.mask.data.get() + yy * bp.mask.stride + static_cast<size_t>(left) * bp.mask.channel, bp.mask.channel,
+           bp.table.get(), bp.output.data.get() + yy * bp.output.stride + x4, count);
+}
+
 }  // namespace
 
 int32_t FocusBlurEffect::Init(const FocusBlurParam*) { return S_OK; }
@@ -195,46 +220,54 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
     return hr;
   }
 
-  // Weak blur, a sixth of the strength.
+  // Weak blur, a sixth of the strength, then the blend.
+  GaussianBlurParam sub_blur_param;
+  sub_blur_param.source = in;
+  sub_blur_param.weights.reset(new float[kGaussianHalfTaps]);
+  sub_blur_param.kernel_length =
+      MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());
+  sub_blur_param.mask = blur_mask;
+  FocusBlendParam blend_param;
+  blend_param.output = out;
+  blend_param.input = in;
+  blend_param.effect = effect;
+  blend_param.mask = guide;
+  blend_param.table.reset(new int32_t[256]);
+  MakeBlendTable(param.focus_value, blend_param.table.get());
+
+  // The weak kernel is usually short: its two passes then run as one, and
+  // each finished row is blended at once, so the weak image is never stored.
+  // A band reads the photo's rows next to it, so the output may not share
+  // memory with the photo (or the guide) here.
+  if (sub_blur_param.kernel_length <= kShortKernel && !Overlaps(param.output, param.input) &&
+      !Overlaps(param.output, param.mask)) {
+    const WeakRowBlend sink{&blend_param, sse ? KORVANE_SSE41(FocusBlendRow_SSE) : FocusBlendRowPlain};
+    sub_blur_param.buffer = out;  // gives the size; rows go to the sink
+    sub_blur_param.row_sink = BlendWeakRow;
+    sub_blur_param.sink_ctx = &sink;
+    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_hv, &sub_blur_param, this, process_region)) < 0) {
+      KORVANE_LOG_FAILED_CALL(names.weak_hv, hr);
+      return hr;
+    }
+    return S_OK;
+  }
+
   SmartBuffer sub_effect;
   if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, in.width, in.height, in.pix_fmt))) return hr;
   if ((hr = CheckCopy(in, sub_effect)) < 0) {
     KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, sub_effect)", hr);
     return hr;
   }
-  GaussianBlurParam sub_blur_param;
   sub_blur_param.buffer = sub_effect;
-  sub_blur_param.source = in;
-  sub_blur_param.weights.reset(new float[kGaussianHalfTaps]);
-  sub_blur_param.kernel_length =
-      MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());
-  sub_blur_param.mask = blur_mask;
-  if (sub_blur_param.kernel_length <= kShortKernel) {
-    // The weak kernel is usually this short: both passes in one, with no
-    // intermediate image to write and read back.
-    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_hv, &sub_blur_param, this, process_region)) < 0) {
-      KORVANE_LOG_FAILED_CALL(names.weak_hv, hr);
-      return hr;
-    }
-  } else {
-    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
-      KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
-      return hr;
-    }
-    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
-      KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
-      return hr;
-    }
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
+    return hr;
   }
-
-  FocusBlendParam blend_param;
-  blend_param.output = out;
-  blend_param.input = in;
-  blend_param.effect = effect;
+  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
+    KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
+    return hr;
+  }
   blend_param.sub_effect = sub_effect;
-  blend_param.mask = guide;
-  blend_param.table.reset(new int32_t[256]);
-  MakeBlendTable(param.focus_value, blend_param.table.get());
   if ((hr = m_thread_adapter.RunTaskByMultiThread(blend, &blend_param, this, process_region)) < 0) {
     KORVANE_LOG_FAILED_CALL(names.blend, hr);
     return hr;

@@ -363,9 +363,16 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const Gaus
   const SmartBuffer& buf = p.buffer;
   const SmartBuffer& in = p.source;
   const int32_t n = p.kernel_length;
-  if (n == 1) return CopyRows(p, r);
-  const int32_t width = buf.width, height = buf.height;
   const int32_t band_w = r.right - r.left;
+  const size_t at = static_cast<size_t>(r.left) * 4;
+  if (n == 1) {
+    if (!p.row_sink) return CopyRows(p, r);
+    for (int32_t y = r.top; y < r.bottom; ++y) {
+      p.row_sink(p.sink_ctx, y, r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at, band_w);
+    }
+    return S_OK;
+  }
+  const int32_t width = buf.width, height = buf.height;
   const int32_t ring_rows = 2 * n - 1;
 
   // The row pass: one converted source row with n - 1 zero pixels each side.
@@ -373,6 +380,7 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const Gaus
   std::vector<float> row_colour(padded * 3 + kRowPad, 0.0f), row_weight(padded, 0.0f);
   std::vector<uint8_t> row_open(static_cast<size_t>(width));
   std::vector<uint8_t> scratch(static_cast<size_t>(band_w) * 4);
+  std::vector<uint8_t> finished(p.row_sink ? static_cast<size_t>(band_w) * 4 : 0);
   // The column pass: a ring of converted rows of the row pass, band wide.
   const size_t slot = static_cast<size_t>(band_w);
   std::vector<float> colour(slot * 3 * ring_rows + kRowPad), weight(slot * ring_rows);
@@ -443,9 +451,10 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const Gaus
       for (int32_t x = 0; x < band_w; ++x) o[x] ^= 1;
       ct.open = o;
     }
-    const size_t at = static_cast<size_t>(r.left) * 4;
-    kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at,
-                       buf.data.get() + static_cast<size_t>(y) * buf.stride + at, band_w);
+    uint8_t* dst = p.row_sink ? finished.data() : buf.data.get() + static_cast<size_t>(y) * buf.stride + at;
+    kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at, dst,
+                       band_w);
+    if (p.row_sink) p.row_sink(p.sink_ctx, y, r.left, dst, band_w);
   }
   return S_OK;
 }

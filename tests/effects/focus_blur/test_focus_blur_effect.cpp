@@ -193,3 +193,43 @@ TEST(FocusBlurEffect, OutputMayBeTheInputAndGuideMayHaveFourChannels) {
   Render(s, 3, 5);
   EXPECT_EQ(s.photo, expected);
 }
+
+// Weak kernels of 2 and 3 taps a side: blended row by row as they are made
+// when the output is its own image, through the stored weak image when the
+// output is the photo; the bytes are the same either way.
+TEST(FocusBlurEffect, ShortWeakBlurGivesTheSameBytesWithOrWithoutAStoredWeakImage) {
+  struct Case {
+    int w, h, level, weak_taps;
+  };
+  const Case cases[] = {{160, 120, 100, 2}, {121, 131, 240, 3}, {131, 121, 240, 3}};
+  uint32_t seed = 70;
+  for (const Case& c : cases) {
+    float wt[kGaussianHalfTaps];
+    ASSERT_EQ(MakeGaussianWeights(c.level / 6, c.w, c.h, wt), c.weak_taps);
+    for (bool in_place : {false, true}) {
+      Scene s(c.w, c.h, ++seed);
+      // Holes and runs in the mask: a guide of stripes with noise.
+      for (size_t i = 0; i < s.guide.size(); ++i) s.guide[i] = (i / 7) % 3 == 0 ? 128 : s.guide[i];
+      s.param.blur_level = c.level;
+      s.param.focus_value = 128;
+      s.param.focus_range = 10;
+      const std::vector<uint8_t> ref = ReferenceFocusBlur(s.photo, s.guide, c.w, c.h, c.level, 128, 10);
+      // The guide as the first byte of BGRA pixels.
+      std::vector<uint8_t> guide4(s.guide.size() * 4, 0xEE);
+      for (size_t i = 0; i < s.guide.size(); ++i) guide4[i * 4] = s.guide[i];
+      s.param.mask = MakeImageBuffer(guide4.data(), c.w, c.h);
+      const std::vector<uint8_t> photo = s.photo;
+      for (int workers : {1, 3, 8}) {
+        for (int simd : {0, 5}) {
+          if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+          s.photo = photo;
+          std::fill(s.out.begin(), s.out.end(), static_cast<uint8_t>(workers + simd));
+          if (in_place) s.param.output = s.param.input;
+          Render(s, workers, simd);
+          EXPECT_EQ(in_place ? s.photo : s.out, ref)
+              << c.w << "x" << c.h << " in place " << in_place << " workers " << workers << " simd " << simd;
+        }
+      }
+    }
+  }
+}

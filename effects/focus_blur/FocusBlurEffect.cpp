@@ -198,9 +198,18 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   const std::shared_ptr<bool[]> blur_mask =
       MakeBlurMask(m_thread_adapter, param.mask, param.focus_value, param.focus_range);
 
-  // Strong blur.
+  // Strong blur. Its working image may be the output itself: the blend
+  // then mixes each pixel in place, and a fresh image of this size costs
+  // about as much to fault in as a short blur does to compute. That needs the
+  // output to share no memory with the photo or guide, which are read
+  // throughout, and the layout a copy of the photo would have.
+  const bool output_free = !Overlaps(param.output, param.input) && !Overlaps(param.output, param.mask);
   SmartBuffer effect;
-  if (KORVANE_FAILED(CreateSmartBufferData(effect, in.width, in.height, in.pix_fmt))) return hr;
+  if (output_free && out.stride == in.stride) {
+    effect = out;
+  } else if (KORVANE_FAILED(CreateSmartBufferData(effect, in.width, in.height, in.pix_fmt))) {
+    return hr;
+  }
   if ((hr = CheckCopy(in, effect)) < 0) {
     KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, effect)", hr);
     return hr;
@@ -239,8 +248,7 @@ int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   // each finished row is blended at once, so the weak image is never stored.
   // A band reads the photo's rows next to it, so the output may not share
   // memory with the photo (or the guide) here.
-  if (sub_blur_param.kernel_length <= kShortKernel && !Overlaps(param.output, param.input) &&
-      !Overlaps(param.output, param.mask)) {
+  if (sub_blur_param.kernel_length <= kShortKernel && output_free) {
     const WeakRowBlend sink{&blend_param, sse ? KORVANE_SSE41(FocusBlendRow_SSE) : FocusBlendRowPlain};
     sub_blur_param.buffer = out;  // gives the size; rows go to the sink
     sub_blur_param.row_sink = BlendWeakRow;

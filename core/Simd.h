@@ -1,8 +1,20 @@
-// Choosing between the plain and the SSE4.1 form of a kernel.
+// Choosing between the plain and the SIMD form of a kernel.
 //
 // SSE4.1 kernels live in *_sse4.cpp files, which are compiled with -msse4.1
 // only when KORVANE_HAVE_SSE41 is 1; everything else is baseline code. Name an
 // SSE4.1 kernel through KORVANE_SSE41(f) so builds without those files link.
+//
+// Every effect chooses its kernels the same way: once per processing call,
+// from the SystemInfo it was given, with KORVANE_PICK. The choice carries the
+// source name of the function that will run, so a log line built from it can
+// never name a form that did not run:
+//
+//   const auto blur = KORVANE_PICK(m_system_info, GaussianBlurH, GaussianBlurH_SSE);
+//   if ((hr = m_thread_adapter.RunTaskByMultiThread(blur.fn, &p, this, r)) < 0)
+//     DebugLog("[Korvane] RunTaskByMultiThread(%s, ...) Error! ...", blur.name, hr);
+//
+// KORVANE_PICK_AT names the SIMD level a form needs when it is not SSE4.1
+// (for example an SSE2 form in a baseline file, taken from level 3).
 #pragma once
 
 #include "core/SystemInfo.h"
@@ -19,7 +31,34 @@
 
 namespace Korvane {
 
-// The SSE4.1 form when the level allows it and it was built, else the plain one.
+// A chosen kernel: the function to call and its name as written in the source.
+template <class F>
+struct Kernel {
+  F fn = nullptr;
+  const char* name = "";
+  bool simd = false;  // true when the SIMD form was taken
+};
+
+// The SIMD form when `info` reaches `min_level` and the form was built, else
+// the plain one.
+template <class F>
+inline Kernel<F> ChooseKernel(const SystemInfo& info, F plain, const char* plain_name, F simd,
+                              const char* simd_name, int32_t min_level = SIMD_SSE41) {
+  if (info.simd_level >= min_level && simd != nullptr) return Kernel<F>{simd, simd_name, true};
+  return Kernel<F>{plain, plain_name, false};
+}
+
+// The same choice with the names taken from the source. `simd` must be an
+// SSE4.1 kernel (it goes through KORVANE_SSE41, so builds without it link).
+#define KORVANE_PICK(info, plain, simd) \
+  ::Korvane::ChooseKernel<decltype(&(plain))>((info), &(plain), #plain, KORVANE_SSE41(simd), #simd)
+
+// A SIMD form built into every x86-64 library (SSE2 and below live in
+// baseline files), taken from `level` on.
+#define KORVANE_PICK_AT(info, level, plain, simd) \
+  ::Korvane::ChooseKernel<decltype(&(plain))>((info), &(plain), #plain, &(simd), #simd, (level))
+
+// Older form without the name; callers move to KORVANE_PICK.
 template <class F>
 inline F PickKernel(const SystemInfo& info, F plain, F sse41) {
   return (info.simd_level >= SIMD_SSE41 && sse41 != nullptr) ? sse41 : plain;

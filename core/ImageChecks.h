@@ -1,0 +1,108 @@
+// The checks every effect makes on the images of a parameter record and on
+// the bands its tasks receive, written once.
+//
+// Record checks follow one order in every effect: missing images or pixels
+// (E_POINTER), then formats (E_NOTIMPL), then sizes, strides and rectangles
+// (E_INVALIDARG). CheckImage answers all three for one image.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "core/ImageBuffer.h"
+#include "core/ResultCode.h"
+
+namespace Korvane {
+
+// Stores `code` in a task's result slot and returns it: `return Done(result, E_POINTER);`.
+inline int32_t Done(int32_t* result, int32_t code) {
+  *result = code;
+  return code;
+}
+
+template <class Image>
+inline bool HasPixels(const Image& img) {
+  return img.data != nullptr;
+}
+
+// The image carries the given format (and the channel count that format has).
+template <class Image>
+inline bool IsFormat(const Image& img, int32_t pix_fmt) {
+  return img.pix_fmt == pix_fmt && img.channel == ChannelCount(pix_fmt);
+}
+template <class Image>
+inline bool IsBgra(const Image& img) {
+  return IsFormat(img, PIXEL_BGRA32);
+}
+template <class Image>
+inline bool IsGray8(const Image& img) {
+  return IsFormat(img, PIXEL_GRAY8);
+}
+
+// Positive width and height, and rows of at least width x bytes_per_pixel
+// (computed in 64 bits, so no size can overflow the test).
+template <class Image>
+inline bool RowsFit(const Image& img, int64_t bytes_per_pixel) {
+  return img.width > 0 && img.height > 0 && bytes_per_pixel > 0 &&
+         static_cast<int64_t>(img.stride) >= static_cast<int64_t>(img.width) * bytes_per_pixel;
+}
+
+// One image of a record: E_POINTER without pixels, E_NOTIMPL in another
+// format, E_INVALIDARG for an empty size or rows too short; else S_OK.
+template <class Image>
+inline int32_t CheckImage(const Image* img, int32_t pix_fmt) {
+  if (img == nullptr || !HasPixels(*img)) return E_POINTER;
+  if (!IsFormat(*img, pix_fmt)) return E_NOTIMPL;
+  if (!RowsFit(*img, BytesPerPixel(pix_fmt))) return E_INVALIDARG;
+  return S_OK;
+}
+template <class Image>
+inline int32_t CheckImage(const Image& img, int32_t pix_fmt) {
+  return CheckImage(&img, pix_fmt);
+}
+
+template <class A, class B>
+inline bool SameSize(const A& a, const B& b) {
+  return a.width == b.width && a.height == b.height;
+}
+
+inline int32_t RectWidth(const Rect& r) { return r.right - r.left; }
+inline int32_t RectHeight(const Rect& r) { return r.bottom - r.top; }
+inline bool IsEmpty(const Rect& r) { return r.right <= r.left || r.bottom <= r.top; }
+
+// A non-empty rectangle lying wholly inside a w x h image.
+inline bool RectInside(const Rect& r, int32_t w, int32_t h) {
+  return r.left >= 0 && r.top >= 0 && r.right <= w && r.bottom <= h && !IsEmpty(r);
+}
+template <class Image>
+inline bool RectInside(const Rect& r, const Image& img) {
+  return RectInside(r, img.width, img.height);
+}
+
+// The rectangle cut to a w x h image; empty when nothing of it lies inside.
+inline Rect Clip(const Rect& r, int32_t w, int32_t h) {
+  Rect c;
+  c.left = std::max(r.left, 0);
+  c.top = std::max(r.top, 0);
+  c.right = std::min(r.right, w);
+  c.bottom = std::min(r.bottom, h);
+  return c;
+}
+inline Rect FullRect(int32_t w, int32_t h) { return Rect{0, 0, w, h}; }
+template <class Image>
+inline Rect FullRect(const Image& img) {
+  return Rect{0, 0, img.width, img.height};
+}
+
+// Row y of an image, typed.
+template <class T = unsigned char>
+inline T* RowPtr(const ImageBuffer& img, int32_t y) {
+  return reinterpret_cast<T*>(img.data + static_cast<ptrdiff_t>(y) * img.stride);
+}
+template <class T = unsigned char>
+inline T* RowPtr(const SmartBuffer& img, int32_t y) {
+  return reinterpret_cast<T*>(img.data.get() + static_cast<ptrdiff_t>(y) * img.stride);
+}
+
+}  // namespace Korvane

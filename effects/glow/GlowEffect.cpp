@@ -8,6 +8,7 @@
 #include "core/BilinearResize.h"
 #include "core/BoxBlur.h"
 #include "core/DebugLog.h"
+#include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "effects/glow/GlowStages.h"
 
@@ -184,15 +185,6 @@ int32_t GlowEffect::RunStage(const char* stage, ThreadTask task, void* param, Re
   return hr;
 }
 
-int32_t GlowEffect::RunChain(GlowRowChainParam& chain, Rect region) {
-  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(GlowRunRowChain, &chain, this, region);
-  if (hr < 0) {
-    const int32_t i = chain.failed_step.load(std::memory_order_relaxed);
-    KORVANE_LOG_FAILED_STEP(i >= 0 && chain.steps[i].stage ? chain.steps[i].stage : chain.steps[0].stage, hr);
-  }
-  return hr;
-}
-
 int32_t GlowEffect::CopyAndDetectHighlight() {
   // Over the whole allocation: the columns and rows past the photo hold zeros.
   GlowCopyParam copy{&m_param.src, &m_aligned_src};
@@ -203,15 +195,11 @@ int32_t GlowEffect::CopyAndDetectHighlight() {
   p.threshold = m_param.hlr_threshold;
   p.cols = m_aligned_img_w;
   p.rows = m_aligned_img_h;
-  const ThreadTask detect =
-      PickKernel<ThreadTask>(m_system_info, GlowDetectHighlight, KORVANE_SSE41(GlowDetectHighlight_SSE4));
+  const auto detect = KORVANE_PICK(m_system_info, GlowDetectHighlight, GlowDetectHighlight_SSE4);
   // 16 rows of a 4000-pixel photo: 256 KB copied, then read back from cache.
-  GlowRowChainParam chain;
-  chain.steps[0] = GlowRowStep{GlowCopySrc, &copy, "copy src"};
-  chain.steps[1] = GlowRowStep{detect, &p, "detect hlr"};
-  chain.count = 2;
-  chain.chunk_rows = 16;
-  return RunChain(chain, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
+  RowPipeline chain(16);
+  chain.Then("copy src", GlowCopySrc, &copy).Then("detect hlr", detect.fn, &p);
+  return chain.Run(m_thread_adapter, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
 }
 
 int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
@@ -250,19 +238,12 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   // Half-size rows are made, converted and blurred along the row a few at a
   // time, while they are in cache: "downsampling hlr", "convert BYTE to
   // Float" and the two "BoxBlurH" passes of "soften hlr" in one sweep.
-  GlowRowChainParam chain;
-  chain.steps[0] = GlowRowStep{
-      PickKernel<ThreadTask>(m_system_info, BilinearResize_8uc4, KORVANE_SSE41(BilinearResize_8uc4_SSE4)), &down,
-      "downsampling hlr"};
-  chain.steps[1] = GlowRowStep{
-      PickKernel<ThreadTask>(m_system_info, GlowByteToFloat, KORVANE_SSE41(GlowByteToFloat_SSE4)), &conv,
-      "convert BYTE to Float"};
-  chain.steps[2] = GlowRowStep{PickKernel<ThreadTask>(m_system_info, BoxBlurHRepeat, KORVANE_SSE41(BoxBlurHRepeat_SSE)),
-                               &blur_rows, "soften hlr"};
-  chain.count = r > 0 ? 3 : 2;
-  chain.chunk_rows = 8;
+  RowPipeline chain(8);
+  chain.Then("downsampling hlr", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &down)
+      .Then("convert BYTE to Float", KORVANE_PICK(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE4).fn, &conv);
+  if (r > 0) chain.Then("soften hlr", KORVANE_PICK(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE).fn, &blur_rows);
   int32_t hr;
-  if ((hr = RunChain(chain, region)) < 0) return hr;
+  if ((hr = chain.Run(m_thread_adapter, region)) < 0) return hr;
 
   if (r > 0) {
     const ThreadTask v = PickKernel<ThreadTask>(m_system_info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));

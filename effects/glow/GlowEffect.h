@@ -43,8 +43,6 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t AdjustColor(bool floats);
   int32_t Blend();
   int32_t RunStage(const char* stage, ThreadTask task, void* param, Rect region);
-  // Runs a chain of row tasks and logs a failure under the failing step's stage.
-  int32_t RunChain(GlowRowChainParam& chain, Rect region);
 
   SmartBuffer m_aligned_src;    // copy of the photo, aligned allocation, image-size fields
   SmartBuffer m_aligned_hlr;    // full-size highlight, same layout

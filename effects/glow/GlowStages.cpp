@@ -116,29 +116,6 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
   return Done(result, S_OK);
 }
 
-int32_t GlowRunRowChain(ThreadJob* job, int32_t* result) {
-  const auto* p = static_cast<const GlowRowChainParam*>(job->param);
-  if (p->count < 0 || p->count > GlowRowChainParam::kMaxSteps || p->chunk_rows < 1) {
-    return Done(result, E_INVALIDARG);
-  }
-  for (int32_t i = 0; i < p->count; ++i) {
-    if (!p->steps[i].task) return Done(result, E_POINTER);
-  }
-  ThreadJob sub = *job;
-  for (int32_t y = job->rect.top; y < job->rect.bottom; y += p->chunk_rows) {
-    sub.rect.top = y;
-    sub.rect.bottom = std::min(y + p->chunk_rows, job->rect.bottom);
-    for (int32_t i = 0; i < p->count; ++i) {
-      sub.param = p->steps[i].param;
-      if (p->steps[i].task(&sub, result) < 0) {
-        const_cast<GlowRowChainParam*>(p)->failed_step.store(i, std::memory_order_relaxed);
-        return *result;
-      }
-    }
-  }
-  return Done(result, S_OK);
-}
-
 const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r) {
   const auto* p = static_cast<const GlowConvertParam*>(job->param);
   if (!p->bytes || !p->floats || !p->bytes->data || !p->floats->data) {

@@ -3,7 +3,6 @@
 // images it touches, so no region can make it read or write outside them.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -35,27 +34,6 @@ struct GlowDetectParam {
 int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
 // SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
 int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result);
-
-// Row tasks run one after another over a few rows at a time, so that each
-// chunk is still in cache when the next task reads it. Valid for tasks whose
-// rows depend only on the same rows of the previous tasks' outputs (or on
-// inputs no task of the chain writes); the result is that of the tasks run
-// over the whole band in turn.
-struct GlowRowStep {
-  ThreadTask task = nullptr;
-  void* param = nullptr;
-  const char* stage = nullptr;  // the pipeline stage this step belongs to, for the log
-};
-struct GlowRowChainParam {
-  static constexpr int32_t kMaxSteps = 4;
-  GlowRowStep steps[kMaxSteps];
-  int32_t count = 0;
-  int32_t chunk_rows = 16;
-  // Index of a step that failed in some band (-1: none), so the failure is
-  // logged under the stage that failed rather than the chain's first one.
-  std::atomic<int32_t> failed_step{-1};
-};
-int32_t GlowRunRowChain(ThreadJob* job, int32_t* result);
 
 // "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
 // when given: the tone curve of "adjust light" depends on the byte alone, so

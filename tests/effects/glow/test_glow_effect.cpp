@@ -519,26 +519,3 @@ TEST(GlowStages, FloatAdjustColorFollowsTheByteStage) {
       ASSERT_NEAR(floats[j + c] * 255.0f, bytes[i + c], 3.5f) << i / 4 << " " << c;
     }
 }
-
-namespace {
-int32_t StepOk(ThreadJob*, int32_t* result) { return *result = S_OK; }
-int32_t StepFailsBelowRow8(ThreadJob* job, int32_t* result) {
-  return *result = job->rect.bottom > 8 ? E_POINTER : S_OK;
-}
-}  // namespace
-
-// Fused row chains must still report the stage that failed, not the first one.
-TEST(GlowRowChain, RecordsTheFailingStepForTheLog) {
-  CThreadPool pool;
-  pool.Create(2);
-  CThreadAdapter adapter;
-  adapter.Init(&pool);
-  int dummy = 0;
-  GlowRowChainParam chain;
-  chain.steps[0] = GlowRowStep{StepOk, &dummy, "copy src"};
-  chain.steps[1] = GlowRowStep{StepFailsBelowRow8, &dummy, "detect hlr"};
-  chain.count = 2;
-  chain.chunk_rows = 4;
-  EXPECT_EQ(adapter.RunTaskByMultiThread(GlowRunRowChain, &chain, nullptr, Rect{0, 0, 5, 16}), E_POINTER);
-  EXPECT_EQ(chain.failed_step.load(), 1);
-}

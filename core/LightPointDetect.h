@@ -1,0 +1,135 @@
+// Light-point detection: the small bright spots of a photo at which bokeh
+// discs or sparkles are placed, and the list of points built from them.
+//
+// The detector is a Harris corner detector on the HSL lightness of a BGRA32
+// image, followed by non-maximum suppression and a fixed threshold:
+//
+//   lightness -> GradientH / GradientV (distance d, samples clamped at the
+//   edges) -> dx*dx, dy*dy, dx*dy -> box blurs H, H, V, V of radius d ->
+//   response dxx*dyy - dxy^2 - k (dxx + dyy)^2 -> min / max -> [0, max]
+//   mapped onto [0, 255] -> non-maximum suppression -> threshold to 0 / 1.
+//
+// Effects run it on their 640-pixel normalised copy, so its cost does not
+// grow with the photo. The bokeh effect keeps the result as a GRAY8 map
+// (InitAutoBokehMap); other callers may keep the FLOAT32 0 / 1 map
+// (DetectLightPoints) with their own radius and threshold.
+//
+// Every band kernel below works on the rows and columns of its ROI only and
+// writes nothing else, so the detector runs them in bands on the pool with
+// no locking.
+#pragma once
+
+#include <cfloat>
+#include <cstdint>
+#include <map>
+
+#include "core/ImageBuffer.h"
+#include "core/SystemInfo.h"
+#include "core/ThreadAdapter.h"
+
+namespace Korvane {
+
+// ---------------------------------------------------------------------------
+// Band kernels. Each checks its images (E_POINTER when pixels are missing,
+// E_NOTIMPL for a wrong format, E_INVALIDARG for an ROI outside the images or
+// images of different sizes) and works on `roi`.
+
+// dx(x, y) = (light(x - d, y) - light(x + d, y)) / 255 with light(p) =
+// (max(B, G, R) + min(B, G, R)) / 2 and columns clamped into the image.
+// src BGRA32 (E_NOTIMPL otherwise); dst FLOAT32 (E_INVALIDARG otherwise).
+int32_t GradientH(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rect& roi);
+// The same between the row above and the row below, rows clamped.
+int32_t GradientV(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rect& roi);
+
+// dst = a * b element by element (FLOAT32; dst may be a or b).
+int32_t MultiplyBuffer(const SmartBuffer& a, const SmartBuffer& b, SmartBuffer& dst, const Rect& roi);
+
+// dst = dxx * dyy - dxy^2 - k (dxx + dyy)^2 (FLOAT32).
+int32_t CalCornerResponse(const SmartBuffer& dxx, const SmartBuffer& dyy, const SmartBuffer& dxy, SmartBuffer& dst,
+                          float k, const Rect& roi);
+
+// Smallest and largest value over roi. The minimum starts at FLT_MAX and the
+// maximum at FLT_MIN (the smallest positive normal float), so a map with no
+// positive value reports that tiny maximum.
+int32_t GetBuffMinMax(const SmartBuffer& buf, float& min_value, float& max_value, const Rect& roi);
+
+// value = (x - from_lo) (to_hi - to_lo) / (from_hi - from_lo) + to_lo,
+// clamped to [to_lo, to_hi], in place. E_INVALIDARG when from_hi == from_lo.
+int32_t NormalizeMinMax(SmartBuffer& buf, float from_lo, float from_hi, float to_lo, float to_hi, const Rect& roi);
+
+// For each pixel of roi: dst = the pixel when no pixel of the
+// (2r + 1) x (2r + 1) window around it (cut to the image) is strictly
+// greater, else dst is left as it is (the caller clears it). Equal
+// neighbours therefore both survive. r < 0: E_INVALIDARG; r = 0: returns
+// at once, dst untouched. Reads src outside roi (the window), writes dst
+// inside it only.
+int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, const Rect& roi);
+
+// Every value becomes 1.0 when it is not less than t, else 0.0 (in place).
+int32_t ThreshCornerMap(SmartBuffer& map, float t, const Rect& roi);
+
+// FLOAT32 to GRAY8: clamped to [0, 255] (NaN and values <= 0 give 0), truncated.
+int32_t CvtBuffFloatToChar(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi);
+
+// ---------------------------------------------------------------------------
+// The detector.
+
+// Gradient and box-blur radius for an image whose longer side is
+// long_side: trunc(min(0.005 x long_side, max_radius)).
+int32_t LightPointRadius(int32_t long_side, float max_radius);
+
+// Harris response of src (BGRA32) into dst (FLOAT32, src's size), scaled to
+// [0, 255] over [0, maximum]; negative responses (edges) become 0 and a flat
+// image (minimum == maximum) gives all zeros. Runs on the adapter; the
+// kernels' plain forms serve every SIMD level. E_POINTER / E_NOTIMPL as the
+// kernels; E_INVALIDARG for d < 0 or roi outside the images.
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst,
+                     float k, int32_t d, const Rect& roi);
+
+struct LightPointSettings {
+  int32_t radius = -1;        // gradient and box-blur radius; < 0: LightPointRadius(L, 4.0)
+  float harris_k = 0.006f;    // Harris constant
+  int32_t nms_radius = 4;     // non-maximum suppression window radius (9 x 9)
+  float threshold = 25.0f;    // on the 0..255 response scale; a response equal to it passes
+};
+
+// The whole detector: `map` (created here as FLOAT32 at src's size) holds
+// 1.0 at a light point and 0.0 elsewhere. Logs a failing stage with its
+// name ("HarrisCorner", "NonMaximumSuppress", "ThreshCornerMap").
+int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
+                          const LightPointSettings& settings, SmartBuffer& map);
+
+// The bokeh form: the default settings, the map converted to GRAY8 into
+// location_map (which must exist at src's size): 1 at a light point, else 0.
+// E_POINTER when either image is missing.
+int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
+                         SmartBuffer& location_map);
+
+// ---------------------------------------------------------------------------
+// The list of light points.
+
+struct LightPoint {
+  int32_t phase = 0;         // twinkle phase: an index into the effect's twinkle curve
+  int32_t frame_offset = 0;  // set per frame: index into the per-frame twinkle table
+  float random = 0.0f;       // in [0, 1): compared with the amount when pasting
+  int32_t x = 0;             // position in the map
+  int32_t y = 0;
+  int32_t color_index = 0;   // index into the effect's random colour table
+  int32_t size_id = 0;       // shape variant, set per frame (negative: not pasted)
+  uint8_t enabled = 1;       // 0: never pasted
+  uint8_t flag = 0;          // free for the effect's own use
+};
+
+// Keyed by the pixel index y x width + x, so iteration is in scan order.
+using LightPointList = std::map<int32_t, LightPoint>;
+
+// Clears `list` and adds one entry per map pixel equal to 1 (GRAY8 value 1 or
+// FLOAT32 value 1.0), in scan order. Each entry draws from its own MT19937
+// seeded with its pixel index, in this order: the phase (DrawIndex over
+// phase_count), the random float (DrawUnit), the colour index (DrawIndex
+// over color_count); so the same photo always animates the same way on every
+// platform. E_POINTER without pixels, E_NOTIMPL for another map format,
+// E_INVALIDARG for counts below 1. An empty map gives an empty list.
+int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list);
+
+}  // namespace Korvane

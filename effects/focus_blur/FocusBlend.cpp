@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "core/ResultCode.h"
+#include "core/RowPipeline.h"
 
 namespace Korvane {
 
@@ -43,16 +44,20 @@ bool RowsFit(const SmartBuffer& b, int32_t bytes_per_pixel) {
 }
 
 int32_t CheckBlend(const FocusBlendParam& bp) {
-  if (!bp.output.data || !bp.input.data || !bp.effect.data || !bp.sub_effect.data || !bp.mask.data || !bp.table) {
+  const bool weak_image = !bp.weak_in_scratch;
+  if (!bp.output.data || !bp.input.data || !bp.effect.data || (weak_image && !bp.sub_effect.data) ||
+      !bp.mask.data || !bp.table) {
     return E_POINTER;
   }
-  if (!IsBgra(bp.output) || !IsBgra(bp.input) || !IsBgra(bp.effect) || !IsBgra(bp.sub_effect)) return E_NOTIMPL;
-  if (!SameSize(bp.input, bp.output) || !SameSize(bp.input, bp.effect) || !SameSize(bp.input, bp.sub_effect) ||
-      !SameSize(bp.input, bp.mask)) {
+  if (!IsBgra(bp.output) || !IsBgra(bp.input) || !IsBgra(bp.effect) || (weak_image && !IsBgra(bp.sub_effect))) {
+    return E_NOTIMPL;
+  }
+  if (!SameSize(bp.input, bp.output) || !SameSize(bp.input, bp.effect) ||
+      (weak_image && !SameSize(bp.input, bp.sub_effect)) || !SameSize(bp.input, bp.mask)) {
     return E_INVALIDARG;
   }
   if (bp.mask.channel < 1 || !RowsFit(bp.mask, bp.mask.channel) || !RowsFit(bp.input, 4) ||
-      !RowsFit(bp.output, 4) || !RowsFit(bp.effect, 4) || !RowsFit(bp.sub_effect, 4)) {
+      !RowsFit(bp.output, 4) || !RowsFit(bp.effect, 4) || (weak_image && !RowsFit(bp.sub_effect, 4))) {
     return E_INVALIDARG;
   }
   return S_OK;
@@ -69,14 +74,19 @@ int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row) {
     const Rect& r = job->rect;
     hr = CheckBlend(bp);
     if (hr >= 0 && r.right > r.left && r.bottom > r.top) {
-      if (r.left < 0 || r.top < 0 || r.right > bp.input.width || r.bottom > bp.input.height) {
+      const auto* chunk = bp.weak_in_scratch ? static_cast<const RowChunk*>(job->ctx) : nullptr;
+      if (r.left < 0 || r.top < 0 || r.right > bp.input.width || r.bottom > bp.input.height ||
+          (bp.weak_in_scratch &&
+           (!chunk || !chunk->scratch || chunk->scratch_stride < static_cast<int64_t>(r.right - r.left) * 4))) {
         hr = E_INVALIDARG;
       } else {
         const size_t x4 = static_cast<size_t>(r.left) * 4;
         for (int32_t y = r.top; y < r.bottom; ++y) {
           const size_t yy = static_cast<size_t>(y);
+          const uint8_t* weak =
+              chunk ? chunk->ScratchRow(y, r.top) : bp.sub_effect.data.get() + yy * bp.sub_effect.stride + x4;
           row(bp.input.data.get() + yy * bp.input.stride + x4, bp.effect.data.get() + yy * bp.effect.stride + x4,
-              bp.sub_effect.data.get() + yy * bp.sub_effect.stride + x4,
+              weak,
               bp.mask.data.get() + yy * bp.mask.stride + static_cast<size_t>(r.left) * bp.mask.channel,
               bp.mask.channel, bp.table.get(), bp.output.data.get() + yy * bp.output.stride + x4, r.right - r.left);
         }
@@ -85,11 +95,6 @@ int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row) {
   }
   if (result) *result = hr;
   return hr;
-}
-
-void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
-                        int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count) {
-  BlendRowPlain(p, s, w, guide, guide_step, table, out, count);
 }
 
 int32_t FocusBlend(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, BlendRowPlain); }

@@ -63,11 +63,6 @@ void BlendRowSse(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uin
 
 }  // namespace
 
-void FocusBlendRow_SSE(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
-                       int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count) {
-  BlendRowSse(p, s, w, guide, guide_step, table, out, count);
-}
-
 int32_t FocusBlend_SSE(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, BlendRowSse); }
 
 }  // namespace Korvane

@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "core/BandTask.h"
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
+#include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "effects/focus_blur/FocusBlend.h"
 #include "effects/focus_blur/GaussianBlur.h"
@@ -14,41 +17,14 @@ namespace Korvane {
 
 namespace {
 
-// The failure lines name the kernel form that ran.
-struct PassNames {
-  const char* strong_h;
-  const char* strong_v;
-  const char* weak_h;
-  const char* weak_v;
-  const char* blend;
-  const char* weak_hv;
-};
-
-const PassNames kPlainNames = {
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH, &blur_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV, &blur_param, this, process_region, false)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH, &sub_blur_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV, &sub_blur_param, this, process_region, false)",
-    "m_thread_adapter.RunTaskByMultiThread(FocusBlend, &blend_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurHV, &sub_blur_param, this, process_region)",
-};
-
-const PassNames kSseNames = {
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH_SSE, &blur_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV_SSE, &blur_param, this, process_region, false)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurH_SSE, &sub_blur_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurV_SSE, &sub_blur_param, this, process_region, false)",
-    "m_thread_adapter.RunTaskByMultiThread(FocusBlend_SSE, &blend_param, this, process_region)",
-    "m_thread_adapter.RunTaskByMultiThread(GaussianBlurHV_SSE, &sub_blur_param, this, process_region)",
-};
+// Rows of the weak blur made and blended per chunk: 16 rows of a 4000-pixel
+// photo are 256 KB of scratch, and each chunk recomputes only the few rows of
+// the row pass its column window reaches above and below.
+constexpr int32_t kWeakChunkRows = 16;
 
 int32_t Refuse(const char* why, int32_t code) {
   DebugLog("[Korvane] FocusBlur: %s - Return Code: %x", why, static_cast<unsigned>(code));
   return code;
-}
-
-bool RowsFit(const ImageBuffer& b, int64_t bytes_per_pixel) {
-  return static_cast<int64_t>(b.stride) >= static_cast<int64_t>(b.width) * bytes_per_pixel;
 }
 
 // What keeps every pass inside the caller's images. Logs and returns the
@@ -57,21 +33,13 @@ int32_t CheckRecord(const FocusBlurParam& p) {
   if (!p.input.data) return Refuse("the input image has no pixels", E_POINTER);
   if (!p.mask.data) return Refuse("the guide image has no pixels", E_POINTER);
   if (!p.output.data) return Refuse("the output image has no pixels", E_POINTER);
-  if (p.input.pix_fmt != PIXEL_BGRA32 || p.input.channel != 4) {
-    return Refuse("the input image is not BGRA32", E_NOTIMPL);
-  }
-  if (p.output.pix_fmt != PIXEL_BGRA32 || p.output.channel != 4) {
-    return Refuse("the output image is not BGRA32", E_NOTIMPL);
-  }
+  if (!IsBgra(p.input)) return Refuse("the input image is not BGRA32", E_NOTIMPL);
+  if (!IsBgra(p.output)) return Refuse("the output image is not BGRA32", E_NOTIMPL);
   if (p.input.width <= 0 || p.input.height <= 0 || static_cast<int64_t>(p.input.width) * 4 > INT32_MAX) {
     return Refuse("the input image size is out of range", E_INVALIDARG);
   }
-  if (p.mask.width != p.input.width || p.mask.height != p.input.height) {
-    return Refuse("the guide image is not the size of the input", E_INVALIDARG);
-  }
-  if (p.output.width != p.input.width || p.output.height != p.input.height) {
-    return Refuse("the output image is not the size of the input", E_INVALIDARG);
-  }
+  if (!SameSize(p.mask, p.input)) return Refuse("the guide image is not the size of the input", E_INVALIDARG);
+  if (!SameSize(p.output, p.input)) return Refuse("the output image is not the size of the input", E_INVALIDARG);
   if (!RowsFit(p.input, 4) || !RowsFit(p.output, 4) || p.mask.channel < 1 || !RowsFit(p.mask, p.mask.channel)) {
     return Refuse("an image stride is shorter than its rows", E_INVALIDARG);
   }
@@ -100,22 +68,16 @@ void BlurMaskRows(const BlurMaskParam& p, int32_t top, int32_t bottom) {
   const ImageBuffer& g = *p.guide;
   const int32_t step = g.channel;
   for (int32_t y = top; y < bottom; ++y) {
-    const uint8_t* src = g.data + static_cast<size_t>(y) * g.stride;
+    const uint8_t* src = RowPtr(g, y);
     bool* m = p.mask + static_cast<size_t>(y) * g.width;
     for (int32_t x = 0; x < g.width; ++x) m[x] = p.blur[src[static_cast<size_t>(x) * step]];
   }
 }
 
-int32_t BlurMaskTask(ThreadJob* job, int32_t* result) {
-  const BlurMaskParam& p = *static_cast<const BlurMaskParam*>(job->param);
-  const Rect& r = job->rect;
-  if (r.top >= 0 && r.bottom <= p.guide->height && r.left == 0 && r.right == p.guide->width) {
-    BlurMaskRows(p, r.top, std::max(r.top, r.bottom));
-  } else if (r.bottom > r.top) {
-    if (result) *result = E_INVALIDARG;
-    return E_INVALIDARG;
-  }
-  if (result) *result = S_OK;
+int32_t BlurMaskBand(const BlurMaskParam& p, const Rect& r) {
+  if (IsEmpty(r)) return S_OK;
+  if (r.top < 0 || r.bottom > p.guide->height || r.left != 0 || r.right != p.guide->width) return E_INVALIDARG;
+  BlurMaskRows(p, r.top, r.bottom);
   return S_OK;
 }
 
@@ -130,7 +92,7 @@ std::shared_ptr<bool[]> MakeBlurMask(CThreadAdapter& adapter, const ImageBuffer&
   BlurMaskParam p{&guide, blur, mask.get()};
   // Without a working pool the mask is built here; the first blur pass then
   // reports the pool's failure.
-  if (adapter.RunTaskByMultiThread(BlurMaskTask, &p, nullptr, Rect{0, 0, guide.width, guide.height}) < 0) {
+  if (adapter.RunTaskByMultiThread(BandTask<BlurMaskParam, BlurMaskBand>, &p, nullptr, FullRect(guide)) < 0) {
     BlurMaskRows(p, 0, guide.height);
   }
   return mask;
@@ -144,21 +106,6 @@ bool Overlaps(const ImageBuffer& a, const ImageBuffer& b) {
   };
   const uintptr_t a0 = reinterpret_cast<uintptr_t>(a.data), b0 = reinterpret_cast<uintptr_t>(b.data);
   return a0 < end(b, b.channel) && b0 < end(a, a.channel);
-}
-
-// Blends one finished row of the weak blur into the output.
-struct WeakRowBlend {
-  const FocusBlendParam* blend;
-  FocusBlendRow row;
-};
-
-void BlendWeakRow(const void* ctx, int32_t y, int32_t left, const uint8_t* weak, int32_t count) {
-  const WeakRowBlend& sink = *static_cast<const WeakRowBlend*>(ctx);
-  const FocusBlendParam& bp = *sink.blend;
-  const size_t yy = static_cast<size_t>(y), x4 = static_cast<size_t>(left) * 4;
-  sink.row(bp.input.data.get() + yy * bp.input.stride + x4, bp.effect.data.get() + yy * bp.effect.stride + x4, weak,
-           bp.mask.data.get() + yy * bp.mask.stride + static_cast<size_t>(left) * bp.mask.channel, bp.mask.channel,
-           bp.table.get(), bp.output.data.get() + yy * bp.output.stride + x4, count);
 }
 
 }  // namespace
@@ -180,107 +127,116 @@ int32_t FocusBlurEffect::Process(const FocusBlurParam* param) {
   return S_OK;
 }
 
+int32_t FocusBlurEffect::RunPass(const Kernel<ThreadTask>& kernel, const char* param_text, void* param,
+                                 const Rect& region, bool rows) {
+  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(kernel.fn, param, this, region, rows);
+  if (hr < 0) {
+    DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, %s, this, process_region%s) Error! - Return Code: %x",
+             kernel.name, param_text, rows ? "" : ", false", static_cast<unsigned>(hr));
+  }
+  return hr;
+}
+
 int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   int32_t hr = CheckRecord(param);
   if (hr < 0) return hr;
+  Frame f;
+  if ((hr = PlanBuffers(param, f)) < 0 || (hr = StrongBlur(param, f)) < 0) return hr;
+  return WeakBlurAndBlend(param, f);
+}
 
-  const bool sse = UseSse41();
-  const ThreadTask blur_h = sse ? KORVANE_SSE41(GaussianBlurH_SSE) : GaussianBlurH;
-  const ThreadTask blur_v = sse ? KORVANE_SSE41(GaussianBlurV_SSE) : GaussianBlurV;
-  const ThreadTask blur_hv = sse ? KORVANE_SSE41(GaussianBlurHV_SSE) : GaussianBlurHV;
-  const ThreadTask blend = sse ? KORVANE_SSE41(FocusBlend_SSE) : FocusBlend;
-  const PassNames& names = sse ? kSseNames : kPlainNames;
+int32_t FocusBlurEffect::PlanBuffers(const FocusBlurParam& param, Frame& f) {
+  f.in = SmartBufferView(param.input);
+  f.guide = SmartBufferView(param.mask);
+  f.out = SmartBufferView(param.output);
+  f.region = FullRect(f.in);
+  f.blur_mask = MakeBlurMask(m_thread_adapter, param.mask, param.focus_value, param.focus_range);
 
-  const SmartBuffer in = SmartBufferView(param.input);
-  const SmartBuffer guide = SmartBufferView(param.mask);
-  const SmartBuffer out = SmartBufferView(param.output);
-  const Rect process_region{0, 0, in.width, in.height};
-  const std::shared_ptr<bool[]> blur_mask =
-      MakeBlurMask(m_thread_adapter, param.mask, param.focus_value, param.focus_range);
-
-  // Strong blur. Its working image may be the output itself: the blend
+  // The strong blur's working image may be the output itself: the blend
   // then mixes each pixel in place, and a fresh image of this size costs
   // about as much to fault in as a short blur does to compute. That needs the
   // output to share no memory with the photo or guide, which are read
   // throughout, and the layout a copy of the photo would have.
-  const bool output_free = !Overlaps(param.output, param.input) && !Overlaps(param.output, param.mask);
-  SmartBuffer effect;
-  if (output_free && out.stride == in.stride) {
-    effect = out;
-  } else if (KORVANE_FAILED(CreateSmartBufferData(effect, in.width, in.height, in.pix_fmt))) {
+  f.output_free = !Overlaps(param.output, param.input) && !Overlaps(param.output, param.mask);
+  int32_t hr = S_OK;
+  if (f.output_free && f.out.stride == f.in.stride) {
+    f.effect = f.out;
+  } else if (KORVANE_FAILED(CreateSmartBufferData(f.effect, f.in.width, f.in.height, f.in.pix_fmt))) {
     return hr;
   }
-  if ((hr = CheckCopy(in, effect)) < 0) {
+  if ((hr = CheckCopy(f.in, f.effect)) < 0) {
     KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, effect)", hr);
     return hr;
   }
-  GaussianBlurParam blur_param;
-  blur_param.buffer = effect;
-  blur_param.source = in;
-  blur_param.weights.reset(new float[kGaussianHalfTaps]);
-  blur_param.kernel_length = MakeGaussianWeights(param.blur_level, in.width, in.height, blur_param.weights.get());
-  blur_param.mask = blur_mask;
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &blur_param, this, process_region)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.strong_h, hr);
-    return hr;
-  }
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &blur_param, this, process_region, false)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.strong_v, hr);
-    return hr;
-  }
+  return S_OK;
+}
 
-  // Weak blur, a sixth of the strength, then the blend.
+int32_t FocusBlurEffect::StrongBlur(const FocusBlurParam& param, Frame& f) {
+  // The horizontal pass reads the photo and writes every pixel of the
+  // working image, so the working image needs no copy of the photo first.
+  GaussianBlurParam blur_param;
+  blur_param.buffer = f.effect;
+  blur_param.source = f.in;
+  blur_param.weights.reset(new float[kGaussianHalfTaps]);
+  blur_param.kernel_length = MakeGaussianWeights(param.blur_level, f.in.width, f.in.height, blur_param.weights.get());
+  blur_param.mask = f.blur_mask;
+  int32_t hr;
+  if ((hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurH, GaussianBlurH_SSE), "&blur_param", &blur_param,
+                    f.region)) < 0) {
+    return hr;
+  }
+  return RunPass(KORVANE_PICK(m_system_info, GaussianBlurV, GaussianBlurV_SSE), "&blur_param", &blur_param, f.region,
+                 false);
+}
+
+int32_t FocusBlurEffect::WeakBlurAndBlend(const FocusBlurParam& param, const Frame& f) {
   GaussianBlurParam sub_blur_param;
-  sub_blur_param.source = in;
+  sub_blur_param.source = f.in;
   sub_blur_param.weights.reset(new float[kGaussianHalfTaps]);
   sub_blur_param.kernel_length =
-      MakeGaussianWeights(param.blur_level / 6, in.width, in.height, sub_blur_param.weights.get());
-  sub_blur_param.mask = blur_mask;
+      MakeGaussianWeights(param.blur_level / 6, f.in.width, f.in.height, sub_blur_param.weights.get());
+  sub_blur_param.mask = f.blur_mask;
   FocusBlendParam blend_param;
-  blend_param.output = out;
-  blend_param.input = in;
-  blend_param.effect = effect;
-  blend_param.mask = guide;
+  blend_param.output = f.out;
+  blend_param.input = f.in;
+  blend_param.effect = f.effect;
+  blend_param.mask = f.guide;
   blend_param.table.reset(new int32_t[256]);
   MakeBlendTable(param.focus_value, blend_param.table.get());
+  const auto blend = KORVANE_PICK(m_system_info, FocusBlend, FocusBlend_SSE);
 
-  // The weak kernel is usually short: its two passes then run as one, and
-  // each finished row is blended at once, so the weak image is never stored.
-  // A band reads the photo's rows next to it, so the output may not share
-  // memory with the photo (or the guide) here.
-  if (sub_blur_param.kernel_length <= kShortKernel && output_free) {
-    const WeakRowBlend sink{&blend_param, sse ? KORVANE_SSE41(FocusBlendRow_SSE) : FocusBlendRowPlain};
-    sub_blur_param.buffer = out;  // gives the size; rows go to the sink
-    sub_blur_param.row_sink = BlendWeakRow;
-    sub_blur_param.sink_ctx = &sink;
-    if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_hv, &sub_blur_param, this, process_region)) < 0) {
-      KORVANE_LOG_FAILED_CALL(names.weak_hv, hr);
-      return hr;
-    }
-    return S_OK;
+  // The weak kernel is usually short: its two passes then run as one, a few
+  // rows at a time into the band's scratch rows, and the blend takes each
+  // chunk while it is in cache, so the weak image is never stored. A band
+  // reads the photo's rows next to it, so the output may not share memory
+  // with the photo (or the guide) here.
+  if (sub_blur_param.kernel_length <= kShortKernel && f.output_free) {
+    sub_blur_param.buffer = f.out;  // gives the size; rows go to the scratch
+    sub_blur_param.to_scratch = true;
+    blend_param.weak_in_scratch = true;
+    RowPipeline chain(kWeakChunkRows);
+    chain.SetScratch(static_cast<int64_t>(f.in.width) * 4)
+        .Then(KORVANE_PICK(m_system_info, GaussianBlurHV, GaussianBlurHV_SSE), &sub_blur_param)
+        .Then(blend, &blend_param);
+    return chain.Run(m_thread_adapter, f.region);
   }
 
+  int32_t hr;
   SmartBuffer sub_effect;
-  if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, in.width, in.height, in.pix_fmt))) return hr;
-  if ((hr = CheckCopy(in, sub_effect)) < 0) {
+  if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, f.in.width, f.in.height, f.in.pix_fmt))) return hr;
+  if ((hr = CheckCopy(f.in, sub_effect)) < 0) {
     KORVANE_LOG_FAILED_CALL("CopySmartBufferData(in, sub_effect)", hr);
     return hr;
   }
   sub_blur_param.buffer = sub_effect;
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_h, &sub_blur_param, this, process_region)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.weak_h, hr);
-    return hr;
-  }
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blur_v, &sub_blur_param, this, process_region, false)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.weak_v, hr);
+  if ((hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurH, GaussianBlurH_SSE), "&sub_blur_param",
+                    &sub_blur_param, f.region)) < 0 ||
+      (hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurV, GaussianBlurV_SSE), "&sub_blur_param",
+                    &sub_blur_param, f.region, false)) < 0) {
     return hr;
   }
   blend_param.sub_effect = sub_effect;
-  if ((hr = m_thread_adapter.RunTaskByMultiThread(blend, &blend_param, this, process_region)) < 0) {
-    KORVANE_LOG_FAILED_CALL(names.blend, hr);
-    return hr;
-  }
-  return S_OK;
+  return RunPass(blend, "&blend_param", &blend_param, f.region);
 }
 
 }  // namespace Korvane

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "core/EffectCore.h"
 #include "effects/focus_blur/FocusBlur.h"
@@ -19,8 +20,25 @@ class FocusBlurEffect final : public FocusBlur, public EffectCore {
   int32_t Uninit() override;
 
  private:
-  // Runs the five passes; returns the first failure, already logged.
+  // The images and mask one Process call works on.
+  struct Frame {
+    SmartBuffer in, guide, out;
+    SmartBuffer effect;                // the strong blur's working image
+    Rect region;                       // the whole photo
+    std::shared_ptr<bool[]> blur_mask;
+    bool output_free = false;          // the output shares no memory with the photo or guide
+  };
+
+  // Runs the passes; returns the first failure, already logged.
   int32_t Render(const FocusBlurParam& param);
+  // Where the strong blur works: the output when it may, else a fresh image.
+  int32_t PlanBuffers(const FocusBlurParam& param, Frame& f);
+  int32_t StrongBlur(const FocusBlurParam& param, Frame& f);
+  // The weak blur, a sixth of the strength, and the blend into the output.
+  int32_t WeakBlurAndBlend(const FocusBlurParam& param, const Frame& f);
+  // Runs one pass over the photo and logs a failure with the call's text.
+  int32_t RunPass(const Kernel<ThreadTask>& kernel, const char* param_text, void* param, const Rect& region,
+                  bool rows = true);
 };
 
 }  // namespace Korvane

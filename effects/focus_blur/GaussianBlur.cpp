@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/ResultCode.h"
+#include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 
 namespace Korvane {
@@ -359,16 +360,22 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
 // Unmasked pixels of the row pass keep the source's bytes and every pass
 // keeps alpha, so the vertical pass may take its copied pixels and alpha
 // from the source row itself.
-int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRowKernels& kernels) {
+int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const void* ctx,
+                           const GaussianRowKernels& kernels) {
   const SmartBuffer& buf = p.buffer;
   const SmartBuffer& in = p.source;
   const int32_t n = p.kernel_length;
   const int32_t band_w = r.right - r.left;
   const size_t at = static_cast<size_t>(r.left) * 4;
+  // Where row y of the band goes: the working image, or the chunk's scratch.
+  const RowChunk* chunk = p.to_scratch ? static_cast<const RowChunk*>(ctx) : nullptr;
+  auto target_row = [&](int32_t y) {
+    return chunk ? chunk->ScratchRow(y, r.top) : buf.data.get() + static_cast<size_t>(y) * buf.stride + at;
+  };
   if (n == 1) {
-    if (!p.row_sink) return CopyRows(p, r);
     for (int32_t y = r.top; y < r.bottom; ++y) {
-      p.row_sink(p.sink_ctx, y, r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at, band_w);
+      std::memcpy(target_row(y), in.data.get() + static_cast<size_t>(y) * in.stride + at,
+                  static_cast<size_t>(band_w) * 4);
     }
     return S_OK;
   }
@@ -380,7 +387,6 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const Gaus
   std::vector<float> row_colour(padded * 3 + kRowPad, 0.0f), row_weight(padded, 0.0f);
   std::vector<uint8_t> row_open(static_cast<size_t>(width));
   std::vector<uint8_t> scratch(static_cast<size_t>(band_w) * 4);
-  std::vector<uint8_t> finished(p.row_sink ? static_cast<size_t>(band_w) * 4 : 0);
   // The column pass: a ring of converted rows of the row pass, band wide.
   const size_t slot = static_cast<size_t>(band_w);
   std::vector<float> colour(slot * 3 * ring_rows + kRowPad), weight(slot * ring_rows);
@@ -451,10 +457,8 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const Gaus
       for (int32_t x = 0; x < band_w; ++x) o[x] ^= 1;
       ct.open = o;
     }
-    uint8_t* dst = p.row_sink ? finished.data() : buf.data.get() + static_cast<size_t>(y) * buf.stride + at;
-    kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at, dst,
-                       band_w);
-    if (p.row_sink) p.row_sink(p.sink_ctx, y, r.left, dst, band_w);
+    kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at,
+                       target_row(y), band_w);
   }
   return S_OK;
 }
@@ -466,12 +470,18 @@ int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kerne
   bool skip = false;
   int32_t hr = CheckBand(job, pass == Pass::kColumns, p, skip);
   if (hr >= 0 && pass == Pass::kBoth && (!p->source.data || p->kernel_length > kShortKernel)) hr = E_INVALIDARG;
+  if (hr >= 0 && pass == Pass::kBoth && p->to_scratch) {
+    const auto* chunk = static_cast<const RowChunk*>(job->ctx);
+    if (!chunk || !chunk->scratch || chunk->scratch_stride < static_cast<int64_t>(job->rect.right - job->rect.left) * 4) {
+      hr = E_INVALIDARG;
+    }
+  }
   if (hr >= 0 && !skip) {
     try {
       switch (pass) {
         case Pass::kRows: hr = BlurRows(*p, job->rect, kernels); break;
         case Pass::kColumns: hr = BlurColumns(*p, job->rect, kernels); break;
-        case Pass::kBoth: hr = BlurRowsAndColumns(*p, job->rect, kernels); break;
+        case Pass::kBoth: hr = BlurRowsAndColumns(*p, job->rect, job->ctx, kernels); break;
       }
     } catch (const std::bad_alloc&) {
       hr = E_OUTOFMEMORY;

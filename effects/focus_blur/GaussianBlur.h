@@ -22,20 +22,16 @@ namespace Korvane {
 
 constexpr int32_t kGaussianHalfTaps = 37;  // weights w[0] (centre) .. w[36]
 
-// Receives each finished row of a GaussianBlurHV band: `count` pixels of row
-// y starting at column `left`, valid only during the call.
-using GaussianRowSink = void (*)(const void* ctx, int32_t y, int32_t left, const uint8_t* row, int32_t count);
-
 struct GaussianBlurParam {
   SmartBuffer buffer;                      // BGRA32, blurred in place
   SmartBuffer source;                      // when set: read by GaussianBlurH instead of buffer
   std::shared_ptr<float[]> weights;        // kGaussianHalfTaps weights
   int32_t kernel_length = 1;               // n: 1 (nothing to do) .. 37
   std::shared_ptr<bool[]> mask;            // width x height, true = blur; none: every pixel
-  // GaussianBlurHV only, when set: finished rows go to the sink and buffer
-  // (which still gives the image's size) is not written.
-  GaussianRowSink row_sink = nullptr;
-  const void* sink_ctx = nullptr;
+  // GaussianBlurHV inside a RowPipeline only, when set: the band's rows go to
+  // the chunk's scratch rows (pixel 0 of a scratch row is the band's left
+  // column) and buffer, which still gives the image's size, is not written.
+  bool to_scratch = false;
 };
 
 // Fills w[0..36] for `level` on an image of width x height and returns the

@@ -19,9 +19,26 @@ int32_t CThreadPool::Create(int thread_count) {
     pthread_mutex_init(&m_workers[i].mutex, nullptr);
   }
   m_threads = new pthread_t[n];
-  m_thread_count = n;
-  for (int32_t i = 0; i < n; ++i) {
-    pthread_create(&m_threads[i], nullptr, &CThreadPool::WorkerMain, &m_workers[i]);
+  // Workers start in slot order and only started ones are counted, so the
+  // slots in use are always the first m_thread_count.
+  int32_t started = 0;
+  while (started < n &&
+         pthread_create(&m_threads[started], nullptr, &CThreadPool::WorkerMain,
+                        &m_workers[started]) == 0) {
+    ++started;
+  }
+  if (started < n) DebugLog("[CThreadPool] thread create fail!!! %d of %d started", started, n);
+  for (int32_t i = started; i < n; ++i) {
+    pthread_cond_destroy(&m_workers[i].cond);
+    pthread_mutex_destroy(&m_workers[i].mutex);
+  }
+  m_thread_count = started;
+  if (started == 0) {
+    delete[] m_workers;
+    delete[] m_threads;
+    m_workers = nullptr;
+    m_threads = nullptr;
+    m_run_inline = true;
   }
   return S_OK;
 }
@@ -58,30 +75,26 @@ void* CThreadPool::WorkerMain(void* arg) {
   }
 }
 
-int32_t CThreadPool::Submit(ThreadTask task, ThreadJob* job, int32_t* result,
-                            pthread_cond_t* done_cond, pthread_mutex_t* done_mutex) {
-  if (m_thread_count == 0 || task == nullptr) return E_INVALIDARG;
-  // A worker that has just signalled its previous submitter needs a moment to
-  // reach its wait; yield a few times before falling back to 1 ms sleeps.
-  int spins = 0;
+int32_t CThreadPool::ClaimIdleSlot() {
+  // The cursor only spreads submissions over the workers; the compare-and-swap
+  // on busy is what makes a claim exclusive when submitters race.
+  const int32_t n = m_thread_count;
+  int32_t spins = 0;
   for (;;) {
-    for (int32_t k = 0; k < m_thread_count; ++k) {
-      m_next_worker = (m_next_worker + 1) % m_thread_count;
-      WorkerSlot& slot = m_workers[m_next_worker];
-      if (slot.busy.load(std::memory_order_acquire) == 0) {
-        slot.busy.store(1, std::memory_order_relaxed);
-        pthread_mutex_lock(&slot.mutex);
-        slot.task = task;
-        slot.job = job;
-        slot.done_cond = done_cond;
-        slot.done_mutex = done_mutex;
-        slot.result = result;
-        slot.has_job = 1;
-        pthread_cond_signal(&slot.cond);
-        pthread_mutex_unlock(&slot.mutex);
-        return S_OK;
+    for (int32_t k = 0; k < n; ++k) {
+      int32_t cur = m_next_worker.load(std::memory_order_relaxed);
+      int32_t next;
+      do {
+        next = (cur + 1) % n;
+      } while (!m_next_worker.compare_exchange_weak(cur, next, std::memory_order_relaxed));
+      uint8_t idle = 0;
+      if (m_workers[next].busy.load(std::memory_order_relaxed) == 0 &&
+          m_workers[next].busy.compare_exchange_strong(idle, 1, std::memory_order_acquire)) {
+        return next;
       }
     }
+    // A worker that has just signalled its previous submitter needs a moment
+    // to reach its wait; yield a few times before falling back to 1 ms sleeps.
     if (spins < 64) {
       ++spins;
       std::this_thread::yield();
@@ -91,7 +104,35 @@ int32_t CThreadPool::Submit(ThreadTask task, ThreadJob* job, int32_t* result,
   }
 }
 
+int32_t CThreadPool::Submit(ThreadTask task, ThreadJob* job, int32_t* result,
+                            pthread_cond_t* done_cond, pthread_mutex_t* done_mutex) {
+  if (task == nullptr) return E_INVALIDARG;
+  if (m_run_inline) {
+    // No worker thread exists: the submitter does the job itself. Nothing
+    // else touches the result, and the caller may hold done_mutex, so it is
+    // neither taken nor needed here.
+    int32_t code = S_OK;
+    task(job, &code);
+    if (result) *result = code;
+    if (done_cond) pthread_cond_signal(done_cond);
+    return S_OK;
+  }
+  if (m_thread_count == 0) return E_INVALIDARG;
+  WorkerSlot& slot = m_workers[ClaimIdleSlot()];
+  pthread_mutex_lock(&slot.mutex);
+  slot.task = task;
+  slot.job = job;
+  slot.done_cond = done_cond;
+  slot.done_mutex = done_mutex;
+  slot.result = result;
+  slot.has_job = 1;
+  pthread_cond_signal(&slot.cond);
+  pthread_mutex_unlock(&slot.mutex);
+  return S_OK;
+}
+
 int32_t CThreadPool::Destroy() {
+  m_run_inline = false;
   if (m_thread_count < 1) {
     m_next_worker = 0;
     return S_OK;

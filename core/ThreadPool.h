@@ -1,6 +1,8 @@
 // The engine's fixed set of worker threads. Each worker has a one-job
 // mailbox; a submission goes to the next idle worker in round-robin order and
 // the worker signals the submitter's own condition variable when done.
+// Submit may be called from any number of threads at once: a slot is claimed
+// by compare-and-swap on its busy flag, so no two submitters share a worker.
 #pragma once
 
 #include <pthread.h>
@@ -45,8 +47,12 @@ class CThreadPool {
   CThreadPool& operator=(const CThreadPool&) = delete;
 
   // Stops any running workers, then starts min(thread_count, 8) of them.
+  // Only workers whose thread started are counted; if none starts, the pool
+  // runs every job on the submitter's own thread instead.
   int32_t Create(int thread_count);
-  int32_t GetThreadCount() const { return m_thread_count; }
+  // The number of bands a submitter should cut: the started workers, or 1
+  // when jobs run on the submitter's thread; 0 before Create.
+  int32_t GetThreadCount() const { return m_run_inline ? 1 : m_thread_count; }
 
   // Hands a job to an idle worker, waiting for one if all are busy. When the
   // task has finished, the worker stores its code in *result and signals
@@ -60,10 +66,13 @@ class CThreadPool {
  private:
   static void* WorkerMain(void* arg);
 
-  int32_t m_thread_count = 0;
+  int32_t ClaimIdleSlot();
+
+  int32_t m_thread_count = 0;  // started workers only
   WorkerSlot* m_workers = nullptr;
   pthread_t* m_threads = nullptr;
-  int32_t m_next_worker = 0;
+  std::atomic<int32_t> m_next_worker{0};  // index of the slot taken last
+  bool m_run_inline = false;              // created, but no worker could start
 };
 
 }  // namespace Korvane

@@ -1,0 +1,382 @@
+#include "core/LightPointDetect.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "core/BandTask.h"
+#include "core/BoxBlur.h"
+#include "core/DebugLog.h"
+#include "core/ImageChecks.h"
+#include "core/Random.h"
+#include "core/SmartBuffer.h"
+
+namespace Korvane {
+
+namespace {
+
+bool IsFloat(const SmartBuffer& b) { return IsFormat(b, PIXEL_FLOAT32); }
+
+// Pixels present, format right, rows long enough: the checks every kernel makes.
+int32_t CheckMap(const SmartBuffer& b, bool is_float) {
+  if (!b.data) return E_POINTER;
+  if (is_float ? !IsFloat(b) : !IsBgra(b)) return E_NOTIMPL;
+  if (!RowsFit(b, 4)) return E_INVALIDARG;
+  return S_OK;
+}
+
+// Inside the image; may be empty (the pool hands out empty bands when an
+// image has fewer rows than workers).
+int32_t CheckRoi(const Rect& roi, const SmartBuffer& a) {
+  return roi.left >= 0 && roi.top >= 0 && roi.right <= a.width && roi.bottom <= a.height && roi.right >= roi.left &&
+                 roi.bottom >= roi.top
+             ? S_OK
+             : E_INVALIDARG;
+}
+
+// Checks a list of FLOAT32 maps of one size with roi inside them.
+int32_t CheckFloatMaps(std::initializer_list<const SmartBuffer*> maps, const Rect& roi) {
+  const SmartBuffer& first = **maps.begin();
+  for (const SmartBuffer* m : maps) {
+    const int32_t hr = CheckMap(*m, true);
+    if (hr < 0) return hr;
+    if (!SameSize(*m, first)) return E_INVALIDARG;
+  }
+  return CheckRoi(roi, first);
+}
+
+inline float Lightness(const uint8_t* p) {
+  const int32_t mx = std::max(p[0], std::max(p[1], p[2]));
+  const int32_t mn = std::min(p[0], std::min(p[1], p[2]));
+  return static_cast<float>(mx + mn) * 0.5f;
+}
+
+// The lightness of src's row y over all columns (the gradients sample
+// outside roi's columns).
+void LightnessRow(const SmartBuffer& src, int32_t y, float* out) {
+  const uint8_t* s = RowPtr<const uint8_t>(src, y);
+  for (int32_t x = 0; x < src.width; ++x) out[x] = Lightness(s + 4 * x);
+}
+
+int32_t CheckGradient(const SmartBuffer& src, const SmartBuffer& dst, int32_t d, const Rect& roi) {
+  int32_t hr = CheckMap(src, false);
+  if (hr < 0) return hr;
+  if (!dst.data) return E_POINTER;
+  if (!IsFloat(dst) || !RowsFit(dst, 4) || !SameSize(src, dst) || d < 0) return E_INVALIDARG;
+  return CheckRoi(roi, src);
+}
+
+}  // namespace
+
+int32_t GradientH(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rect& roi) {
+  int32_t hr = CheckGradient(src, dst, d, roi);
+  if (hr < 0) return hr;
+  std::vector<float> light(static_cast<size_t>(src.width));
+  const int32_t last = src.width - 1;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    LightnessRow(src, y, light.data());
+    float* out = RowPtr<float>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      const float a = light[static_cast<size_t>(std::max(x - d, 0))];
+      const float b = light[static_cast<size_t>(std::min(x + d, last))];
+      out[x] = (a - b) / 255.0f;
+    }
+  }
+  return S_OK;
+}
+
+int32_t GradientV(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rect& roi) {
+  int32_t hr = CheckGradient(src, dst, d, roi);
+  if (hr < 0) return hr;
+  const int32_t last = src.height - 1;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const uint8_t* above = RowPtr<const uint8_t>(src, std::max(y - d, 0));
+    const uint8_t* below = RowPtr<const uint8_t>(src, std::min(y + d, last));
+    float* out = RowPtr<float>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) out[x] = (Lightness(above + 4 * x) - Lightness(below + 4 * x)) / 255.0f;
+  }
+  return S_OK;
+}
+
+int32_t MultiplyBuffer(const SmartBuffer& a, const SmartBuffer& b, SmartBuffer& dst, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&a, &b, &dst}, roi);
+  if (hr < 0) return hr;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const float* pa = RowPtr<const float>(a, y);
+    const float* pb = RowPtr<const float>(b, y);
+    float* out = RowPtr<float>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) out[x] = pa[x] * pb[x];
+  }
+  return S_OK;
+}
+
+int32_t CalCornerResponse(const SmartBuffer& dxx, const SmartBuffer& dyy, const SmartBuffer& dxy, SmartBuffer& dst,
+                          float k, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&dxx, &dyy, &dxy, &dst}, roi);
+  if (hr < 0) return hr;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const float* xx = RowPtr<const float>(dxx, y);
+    const float* yy = RowPtr<const float>(dyy, y);
+    const float* xy = RowPtr<const float>(dxy, y);
+    float* out = RowPtr<float>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      const float trace = xx[x] + yy[x];
+      out[x] = xx[x] * yy[x] - xy[x] * xy[x] - k * trace * trace;
+    }
+  }
+  return S_OK;
+}
+
+int32_t GetBuffMinMax(const SmartBuffer& buf, float& min_value, float& max_value, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&buf}, roi);
+  if (hr < 0) return hr;
+  float lo = FLT_MAX, hi = FLT_MIN;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const float* p = RowPtr<const float>(buf, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      lo = std::min(lo, p[x]);
+      hi = std::max(hi, p[x]);
+    }
+  }
+  min_value = lo;
+  max_value = hi;
+  return S_OK;
+}
+
+int32_t NormalizeMinMax(SmartBuffer& buf, float from_lo, float from_hi, float to_lo, float to_hi, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&buf}, roi);
+  if (hr < 0) return hr;
+  if (from_hi == from_lo) return E_INVALIDARG;
+  // Multiply, then divide: a span as small as FLT_MIN (a map with no
+  // positive value) must still send 0 to 0 rather than 0 x infinity.
+  const float to_span = to_hi - to_lo, from_span = from_hi - from_lo;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    float* p = RowPtr<float>(buf, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      const float v = (p[x] - from_lo) * to_span / from_span + to_lo;
+      p[x] = std::max(to_lo, std::min(to_hi, v));
+    }
+  }
+  return S_OK;
+}
+
+int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&src, &dst}, roi);
+  if (hr < 0) return hr;
+  if (r < 0) return E_INVALIDARG;
+  if (r == 0) return S_OK;
+  // A pixel survives exactly when it equals the maximum of its window, and
+  // that maximum is separable: the row maxima of the r rows either side,
+  // then their column maximum. 2 (2r + 1) comparisons a pixel instead of
+  // (2r + 1)^2.
+  const int32_t w = src.width;
+  const int32_t top = std::max(roi.top - r, 0), bottom = std::min(roi.bottom + r, src.height);
+  const int32_t left = std::max(roi.left - r, 0), right = std::min(roi.right + r, w);
+  const size_t cols = static_cast<size_t>(roi.right - roi.left);
+  std::vector<float> row_max(cols * static_cast<size_t>(bottom - top));
+  for (int32_t y = top; y < bottom; ++y) {
+    const float* s = RowPtr<const float>(src, y);
+    float* m = row_max.data() + cols * static_cast<size_t>(y - top);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      const int32_t x0 = std::max(x - r, left), x1 = std::min(x + r + 1, right);
+      float v = s[x0];
+      for (int32_t i = x0 + 1; i < x1; ++i) v = std::max(v, s[i]);
+      m[x - roi.left] = v;
+    }
+  }
+  std::vector<float> win(cols);
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const int32_t y0 = std::max(y - r, top), y1 = std::min(y + r + 1, bottom);
+    std::memcpy(win.data(), row_max.data() + cols * static_cast<size_t>(y0 - top), cols * sizeof(float));
+    for (int32_t yy = y0 + 1; yy < y1; ++yy) {
+      const float* m = row_max.data() + cols * static_cast<size_t>(yy - top);
+      for (size_t i = 0; i < cols; ++i) win[i] = std::max(win[i], m[i]);
+    }
+    const float* s = RowPtr<const float>(src, y);
+    float* out = RowPtr<float>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      if (!(win[static_cast<size_t>(x - roi.left)] > s[x])) out[x] = s[x];
+    }
+  }
+  return S_OK;
+}
+
+int32_t ThreshCornerMap(SmartBuffer& map, float t, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&map}, roi);
+  if (hr < 0) return hr;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    float* p = RowPtr<float>(map, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) p[x] = p[x] >= t ? 1.0f : 0.0f;
+  }
+  return S_OK;
+}
+
+int32_t CvtBuffFloatToChar(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi) {
+  int32_t hr = CheckFloatMaps({&src}, roi);
+  if (hr < 0) return hr;
+  if (!dst.data) return E_POINTER;
+  if (!IsGray8(dst)) return E_NOTIMPL;
+  if (!RowsFit(dst, 1) || !SameSize(src, dst)) return E_INVALIDARG;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const float* s = RowPtr<const float>(src, y);
+    uint8_t* out = RowPtr<uint8_t>(dst, y);
+    for (int32_t x = roi.left; x < roi.right; ++x) {
+      const float v = s[x];
+      out[x] = v > 0.0f ? static_cast<uint8_t>(std::min(v, 255.0f)) : 0;
+    }
+  }
+  return S_OK;
+}
+
+int32_t LightPointRadius(int32_t long_side, float max_radius) {
+  return static_cast<int32_t>(std::min(0.005f * static_cast<float>(long_side), max_radius));
+}
+
+namespace {
+
+// The image record of roi within a float map, for the box blur.
+ImageBuffer RoiView(const SmartBuffer& b, const Rect& roi) {
+  ImageBuffer v;
+  v.data = b.data.get() + static_cast<ptrdiff_t>(roi.top) * b.stride + static_cast<ptrdiff_t>(roi.left) * 4;
+  v.width = roi.right - roi.left;
+  v.height = roi.bottom - roi.top;
+  v.stride = b.stride;
+  v.channel = 1;
+  v.pix_fmt = PIXEL_FLOAT32;
+  return v;
+}
+
+void Clear(SmartBuffer& b) { std::memset(b.data.get(), 0, static_cast<size_t>(b.stride) * b.height); }
+
+}  // namespace
+
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst,
+                     float k, int32_t d, const Rect& roi) {
+  int32_t hr = CheckMap(src, false);
+  if (hr < 0) return hr;
+  if (!dst.data) return E_POINTER;
+  if (!IsFloat(dst)) return E_NOTIMPL;
+  if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
+
+  SmartBuffer dx, dy, dxx, dyy, dxy;
+  for (SmartBuffer* b : {&dx, &dy, &dxx, &dyy, &dxy}) {
+    if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
+    Clear(*b);
+  }
+  Clear(dst);
+
+  // Gradients and their products, band by band: every step reads and
+  // writes only the band's own pixels of the maps.
+  hr = RunBands(adapter, roi, [&](const Rect& band) {
+    int32_t code;
+    if ((code = GradientH(src, dx, d, band)) < 0) return code;
+    if ((code = GradientV(src, dy, d, band)) < 0) return code;
+    if ((code = MultiplyBuffer(dx, dx, dxx, band)) < 0) return code;
+    if ((code = MultiplyBuffer(dy, dy, dyy, band)) < 0) return code;
+    return MultiplyBuffer(dx, dy, dxy, band);
+  });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP("GradientH", hr);
+    return hr;
+  }
+  // Two box blurs each way over the products.
+  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
+    BoxBlurParam blur;
+    blur.src = RoiView(*b, roi);
+    blur.radius = d;
+    const Rect whole{0, 0, blur.src.width, blur.src.height};
+    if ((hr = RunBoxBlur(adapter, info, blur, whole, 2)) < 0) {
+      KORVANE_LOG_FAILED_STEP("BoxBlurH", hr);
+      return hr;
+    }
+  }
+  hr = RunBands(adapter, roi, [&](const Rect& band) { return CalCornerResponse(dxx, dyy, dxy, dst, k, band); });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP("CalCornerResponse", hr);
+    return hr;
+  }
+  float lo = 0.0f, hi = 0.0f;
+  if (KORVANE_FAILED(GetBuffMinMax(dst, lo, hi, roi))) return hr;
+  if (lo == hi) {
+    Clear(dst);
+    return S_OK;
+  }
+  // Over [0, maximum], not [minimum, maximum]: negative responses (edges)
+  // end at 0, and the scale does not depend on how strong the edges are.
+  hr = RunBands(adapter, roi, [&](const Rect& band) { return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band); });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP("NormalizeMinMax", hr);
+    return hr;
+  }
+  return S_OK;
+}
+
+int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
+                          const LightPointSettings& settings, SmartBuffer& map) {
+  int32_t hr = CheckMap(src, false);
+  if (hr < 0) return hr;
+  if (settings.nms_radius < 0) return E_INVALIDARG;
+  const int32_t radius =
+      settings.radius >= 0 ? settings.radius : LightPointRadius(std::max(src.width, src.height), 4.0f);
+  SmartBuffer densive_corner_map;
+  if (KORVANE_FAILED(CreateSmartBufferData(densive_corner_map, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  Clear(map);
+  const Rect roi = FullRect(src);
+  if ((hr = HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi)) < 0) {
+    KORVANE_LOG_FAILED_STEP("HarrisCorner", hr);
+    return hr;
+  }
+  // Suppression and threshold in one band task: the threshold reads only
+  // the pixels its band has just written.
+  hr = RunBands(adapter, roi, [&](const Rect& band) {
+    int32_t code = NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band);
+    if (code < 0) {
+      KORVANE_LOG_FAILED_STEP("NonMaximumSuppress", code);
+      return code;
+    }
+    if ((code = ThreshCornerMap(map, settings.threshold, band)) < 0) KORVANE_LOG_FAILED_STEP("ThreshCornerMap", code);
+    return code;
+  });
+  return hr;
+}
+
+int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
+                         SmartBuffer& location_map) {
+  if (!src.data || !location_map.data) return E_POINTER;
+  int32_t hr;
+  SmartBuffer sparse_corner_map;
+  if ((hr = DetectLightPoints(adapter, info, src, LightPointSettings(), sparse_corner_map)) < 0) return hr;
+  hr = RunBands(adapter, FullRect(src),
+                [&](const Rect& band) { return CvtBuffFloatToChar(sparse_corner_map, location_map, band); });
+  if (hr < 0) KORVANE_LOG_FAILED_STEP("CvtBuffFloatToChar", hr);
+  return hr;
+}
+
+int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list) {
+  list.clear();
+  if (!map.data) return E_POINTER;
+  const bool is_float = IsFloat(map);
+  if (!is_float && !IsGray8(map)) return E_NOTIMPL;
+  if (!RowsFit(map, is_float ? 4 : 1) || phase_count < 1 || color_count < 1) return E_INVALIDARG;
+  for (int32_t y = 0; y < map.height; ++y) {
+    const uint8_t* row8 = RowPtr<const uint8_t>(map, y);
+    const float* rowf = RowPtr<const float>(map, y);
+    for (int32_t x = 0; x < map.width; ++x) {
+      if (is_float ? rowf[x] != 1.0f : row8[x] != 1) continue;
+      const int32_t index = y * map.width + x;
+      Mt19937 gen(static_cast<uint32_t>(index));
+      LightPoint p;
+      p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
+      p.random = DrawUnit(gen);
+      p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+      p.x = x;
+      p.y = y;
+      list.insert_or_assign(index, p);
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace Korvane

@@ -1,0 +1,35 @@
+// Shared by the plain and SSE4.1 forms of the light pastes: the checks and
+// the walk over a shape's rows, with the per-row work supplied by each form.
+#pragma once
+
+#include <cstdint>
+
+#include "core/LightPaste.h"
+
+namespace Korvane {
+namespace lightpaste_detail {
+
+// intensity = trunc((B + G + R) x 0.333) is exactly (sum x kIntensityMul) >> 16
+// for every sum 0..765, which the SIMD form computes with one 16-bit multiply.
+constexpr int32_t kIntensityMul = 21824;
+
+// Adds one row of `count` shape pixels to the light map, with the channel
+// factors c[0..2] (B, G, R, each 0..255) and the paste mode.
+using PasteRowFn = void (*)(const uint8_t* shape, uint8_t* light, int32_t count, const int32_t* c, int32_t mode);
+// out = (wa x a + wb x b + 128) >> 8 per byte, wa + wb = 256, for `count` pixels.
+using MixRowFn = void (*)(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uint8_t* out, int32_t count);
+
+int32_t RunPasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+                      const Rect& shape_roi, PasteRowFn paste);
+int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
+                              const LightPasteArgs& args, const Rect& shape_roi, PasteRowFn paste, MixRowFn mix);
+
+// The plain rows, also used by the SIMD form for the tails.
+void PasteRowPlain(const uint8_t* shape, uint8_t* light, int32_t count, const int32_t* c, int32_t mode);
+void MixRowPlain(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uint8_t* out, int32_t count);
+
+// Checks of the light-map add; S_OK when the band may be processed.
+int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band);
+
+}  // namespace lightpaste_detail
+}  // namespace Korvane

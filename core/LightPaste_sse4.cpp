@@ -1,0 +1,111 @@
+// SSE4.1 forms of the light pastes and the light-map add: four pixels at a
+// time, the plain rows for the tails; results identical to the plain forms.
+#include <smmintrin.h>
+
+#include <algorithm>
+
+#include "core/ImageChecks.h"
+#include "core/LightPasteDetail.h"
+
+namespace Korvane {
+
+namespace {
+
+using namespace lightpaste_detail;
+
+// Adds the 16-bit products (factor x value) >> 8 of two pixel pairs to four
+// light pixels, saturating.
+inline void AddProducts(uint8_t* d, __m128i lo, __m128i hi) {
+  const __m128i light = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d));
+  const __m128i add = _mm_packus_epi16(_mm_srli_epi16(lo, 8), _mm_srli_epi16(hi, 8));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_adds_epu8(light, add));
+}
+
+void PasteRowSse(const uint8_t* s, uint8_t* d, int32_t count, const int32_t* c, int32_t mode) {
+  const __m128i zero = _mm_setzero_si128();
+  // B, G, R factors and 0 for alpha, for two pixels.
+  const __m128i factors = _mm_setr_epi16(static_cast<int16_t>(c[0]), static_cast<int16_t>(c[1]),
+                                         static_cast<int16_t>(c[2]), 0, static_cast<int16_t>(c[0]),
+                                         static_cast<int16_t>(c[1]), static_cast<int16_t>(c[2]), 0);
+  int32_t i = 0;
+  if (mode == LIGHT_PASTE_CHANNELS) {
+    for (; i + 4 <= count; i += 4, s += 16, d += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+      AddProducts(d, _mm_mullo_epi16(_mm_unpacklo_epi8(v, zero), factors),
+                  _mm_mullo_epi16(_mm_unpackhi_epi8(v, zero), factors));
+    }
+  } else {
+    const __m128i bgr = _mm_setr_epi16(1, 1, 1, 0, 1, 1, 1, 0);
+    const __m128i mul = _mm_set1_epi16(static_cast<int16_t>(kIntensityMul));
+    // Spread the intensity of pixels 0, 1 (or 2, 3) over their four lanes.
+    const __m128i spread_lo = _mm_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3);
+    const __m128i spread_hi = _mm_setr_epi8(4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7);
+    for (; i + 4 <= count; i += 4, s += 16, d += 16) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s));
+      const __m128i sums = _mm_hadd_epi32(_mm_madd_epi16(_mm_unpacklo_epi8(v, zero), bgr),
+                                          _mm_madd_epi16(_mm_unpackhi_epi8(v, zero), bgr));
+      const __m128i intensity = _mm_mulhi_epu16(_mm_packs_epi32(sums, sums), mul);
+      AddProducts(d, _mm_mullo_epi16(_mm_shuffle_epi8(intensity, spread_lo), factors),
+                  _mm_mullo_epi16(_mm_shuffle_epi8(intensity, spread_hi), factors));
+    }
+  }
+  if (i < count) PasteRowPlain(s, d, count - i, c, mode);
+}
+
+void MixRowSse(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uint8_t* out, int32_t count) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i va = _mm_set1_epi16(static_cast<int16_t>(wa));
+  const __m128i vb = _mm_set1_epi16(static_cast<int16_t>(wb));
+  const __m128i half = _mm_set1_epi16(128);
+  // wa x a + wb x b + 128 stays below 2^16 because wa + wb = 256.
+  auto mix = [&](__m128i x, __m128i y) {
+    return _mm_srli_epi16(_mm_add_epi16(_mm_add_epi16(_mm_mullo_epi16(x, va), _mm_mullo_epi16(y, vb)), half), 8);
+  };
+  int32_t i = 0;
+  for (; i + 4 <= count; i += 4, a += 16, b += 16, out += 16) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a));
+    const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+    const __m128i lo = mix(_mm_unpacklo_epi8(x, zero), _mm_unpacklo_epi8(y, zero));
+    const __m128i hi = mix(_mm_unpackhi_epi8(x, zero), _mm_unpackhi_epi8(y, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(lo, hi));
+  }
+  if (i < count) MixRowPlain(a, b, wa, wb, out, count - i);
+}
+
+}  // namespace
+
+int32_t PasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+                        const Rect& shape_roi) {
+  return RunPasteLight(shape, light, pt_int, args, shape_roi, PasteRowSse);
+}
+
+int32_t BilinearPasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
+                                const LightPasteArgs& args, const Rect& shape_roi) {
+  return RunBilinearPasteLight(shape, tmp, light, pt, args, shape_roi, PasteRowSse, MixRowSse);
+}
+
+int32_t ImageAddLightMap_SSE4(const LightMapAddParam& p, const Rect& band) {
+  const int32_t hr = CheckLightMapAdd(p, band);
+  if (hr < 0) return hr;
+  const __m128i no_alpha = _mm_set1_epi32(0x00FFFFFF);
+  const int32_t count = band.right - band.left;
+  for (int32_t y = band.top; y < band.bottom; ++y) {
+    const uint8_t* b = RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4;
+    const uint8_t* l = RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4;
+    uint8_t* o = RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4;
+    int32_t x = 0;
+    // Adding the light without its alpha keeps the base's alpha.
+    for (; x + 4 <= count; x += 4, b += 16, l += 16, o += 16) {
+      const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+      const __m128i vl = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(l)), no_alpha);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(o), _mm_adds_epu8(vb, vl));
+    }
+    for (; x < count; ++x, b += 4, l += 4, o += 4) {
+      for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + l[k]));
+      o[3] = b[3];
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace Korvane

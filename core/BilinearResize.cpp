@@ -261,32 +261,25 @@ int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int he
   return S_OK;
 }
 
+Kernel<ThreadTask> PickBilinearResize(const SystemInfo& info, int32_t pix_fmt) {
+  switch (pix_fmt) {
+    case PIXEL_BGRA32: return KORVANE_PICK(info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4);
+    case PIXEL_GRAY8: return KORVANE_PICK(info, BilinearResize_8uc1, BilinearResize_8uc1_SSE4);
+    case PIXEL_FLOAT96: return Kernel<ThreadTask>{BilinearResize_32fc3, "BilinearResize_32fc3", false};
+    default: return Kernel<ThreadTask>{};
+  }
+}
+
 int32_t RunBilinearResize(CThreadAdapter& adapter, const SystemInfo& info, ResizeParam& param,
                           Rect dst_roi) {
   if (param.src.pix_fmt != param.dst.pix_fmt) return E_NOTIMPL;
-  ThreadTask task = nullptr;
-  const char* name = nullptr;
-  switch (param.src.pix_fmt) {
-    case PIXEL_BGRA32:
-      task = PickKernel<ThreadTask>(info, BilinearResize_8uc4, KORVANE_SSE41(BilinearResize_8uc4_SSE4));
-      name = task == &BilinearResize_8uc4 ? "BilinearResize_8uc4" : "BilinearResize_8uc4_SSE4";
-      break;
-    case PIXEL_GRAY8:
-      task = PickKernel<ThreadTask>(info, BilinearResize_8uc1, KORVANE_SSE41(BilinearResize_8uc1_SSE4));
-      name = task == &BilinearResize_8uc1 ? "BilinearResize_8uc1" : "BilinearResize_8uc1_SSE4";
-      break;
-    case PIXEL_FLOAT96:
-      task = BilinearResize_32fc3;
-      name = "BilinearResize_32fc3";
-      break;
-    default:
-      return E_NOTIMPL;
-  }
-  const int32_t hr = adapter.RunTaskByMultiThread(task, static_cast<void*>(&param), nullptr, dst_roi);
+  const Kernel<ThreadTask> resize = PickBilinearResize(info, param.src.pix_fmt);
+  if (!resize.fn) return E_NOTIMPL;
+  const int32_t hr = adapter.RunTaskByMultiThread(resize.fn, static_cast<void*>(&param), nullptr, dst_roi);
   if (hr < 0) {
     DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&param, nullptr, dst_roi) "
              "Error! - Return Code: %x",
-             name, static_cast<unsigned>(hr));
+             resize.name, static_cast<unsigned>(hr));
   }
   return hr;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
+#include "core/Simd.h"
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 
@@ -43,6 +44,10 @@ int32_t BilinearSample_8uc4(const unsigned char* src, unsigned char* out, int he
                             int stride, float y, float x);
 int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int height, int width,
                             int stride, float y, float x);
+
+// The task for images of format pix_fmt (BGRA32, GRAY8, FLOAT96), in the
+// plain or SSE4.1 form chosen from info; fn is NULL for any other format.
+Kernel<ThreadTask> PickBilinearResize(const SystemInfo& info, int32_t pix_fmt);
 
 // The dispatcher every effect reuses: picks the task from src.pix_fmt
 // (BGRA32, GRAY8, FLOAT96 when both images are FLOAT96; E_NOTIMPL otherwise)

@@ -11,6 +11,7 @@
 #include "core/DebugLog.h"
 #include "core/ResultCode.h"
 #include "core/Simd.h"
+#include "core/Simd.h"
 
 namespace Korvane {
 namespace boxblur_detail {
@@ -279,49 +280,54 @@ int32_t BoxBlurHRepeat(ThreadJob* job, int32_t* result) {
   return hr;
 }
 
+namespace {
+
+// The plain library has no one-sweep form of two passes: it declines, and
+// the passes run one after the other.
+int32_t DeclineFusedBlur(CThreadAdapter&, BoxBlurParam&, Rect) { return E_NOTIMPL; }
+
+}  // namespace
+
 int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam& param, Rect roi,
                    int passes) {
   if (passes < 0) return E_INVALIDARG;
-  const ThreadTask h = PickKernel<ThreadTask>(info, BoxBlurH, KORVANE_SSE41(BoxBlurH_SSE));
-  const ThreadTask v = PickKernel<ThreadTask>(info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
-  const bool sse = h != &BoxBlurH;
   void* const boxblur_param = static_cast<void*>(&param);
-#if KORVANE_HAVE_SSE41
   // A single pass each way can run as one sweep that reads and writes the
   // image once; it declines (E_NOTIMPL) whatever it does not cover.
-  if (sse && passes == 1) {
-    const int32_t hr = boxblur_detail::FusedBlur8(adapter, param, roi);
+  if (passes == 1) {
+    const auto fused = KORVANE_PICK(info, DeclineFusedBlur, boxblur_detail::FusedBlur8);
+    const int32_t hr = fused.fn(adapter, param, roi);
     if (hr != E_NOTIMPL) {
       if (hr < 0) {
-        DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(BoxBlurHV_SSE, (void*)&boxblur_param, "
-                 "nullptr, roi) Error! - Return Code: %x",
+        DebugLog("[Korvane] %s(adapter, param, roi) Error! - Return Code: %x", fused.name,
                  static_cast<unsigned>(hr));
       }
       return hr;
     }
   }
-#endif
   // Several horizontal passes run as one task per band.
   BoxBlurRepeatParam repeated{&param, passes};
   const bool repeat = passes > 1;
+  const auto h = repeat ? KORVANE_PICK(info, BoxBlurHRepeat, BoxBlurHRepeat_SSE)
+                        : KORVANE_PICK(info, BoxBlurH, BoxBlurH_SSE);
+  const auto v = KORVANE_PICK(info, BoxBlurV, BoxBlurV_SSE);
   const int h_runs = repeat ? 1 : passes;
-  const ThreadTask h_task = !repeat ? h : sse ? KORVANE_SSE41(BoxBlurHRepeat_SSE) : &BoxBlurHRepeat;
   void* const h_param = repeat ? static_cast<void*>(&repeated) : boxblur_param;
   for (int i = 0; i < h_runs; ++i) {
-    const int32_t hr = adapter.RunTaskByMultiThread(h_task, h_param, nullptr, roi);
+    const int32_t hr = adapter.RunTaskByMultiThread(h.fn, h_param, nullptr, roi);
     if (hr < 0) {
       DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, "
                "roi) Error! - Return Code: %x",
-               sse ? "BoxBlurH_SSE" : "BoxBlurH", static_cast<unsigned>(hr));
+               h.name, static_cast<unsigned>(hr));
       return hr;
     }
   }
   for (int i = 0; i < passes; ++i) {
-    const int32_t hr = adapter.RunTaskByMultiThread(v, boxblur_param, nullptr, roi, false);
+    const int32_t hr = adapter.RunTaskByMultiThread(v.fn, boxblur_param, nullptr, roi, false);
     if (hr < 0) {
       DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, "
                "roi, false) Error! - Return Code: %x",
-               sse ? "BoxBlurV_SSE" : "BoxBlurV", static_cast<unsigned>(hr));
+               v.name, static_cast<unsigned>(hr));
       return hr;
     }
   }

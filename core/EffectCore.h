@@ -36,9 +36,6 @@ class EffectCore {
   const SystemInfo& GetSystemInfo() const { return m_system_info; }
 
  protected:
-  // True when this call should take the SSE4.1 kernel forms.
-  bool UseSse41() const { return KORVANE_HAVE_SSE41 && m_system_info.simd_level >= SIMD_SSE41; }
-
   CThreadAdapter m_thread_adapter;
   SystemInfo m_system_info;
 };

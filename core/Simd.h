@@ -58,10 +58,4 @@ inline Kernel<F> ChooseKernel(const SystemInfo& info, F plain, const char* plain
 #define KORVANE_PICK_AT(info, level, plain, simd) \
   ::Korvane::ChooseKernel<decltype(&(plain))>((info), &(plain), #plain, &(simd), #simd, (level))
 
-// Older form without the name; callers move to KORVANE_PICK.
-template <class F>
-inline F PickKernel(const SystemInfo& info, F plain, F sse41) {
-  return (info.simd_level >= SIMD_SSE41 && sse41 != nullptr) ? sse41 : plain;
-}
-
 }  // namespace Korvane

@@ -17,10 +17,10 @@ namespace Korvane {
 
 namespace {
 
-// Rows of the weak blur made and blended per chunk: 16 rows of a 4000-pixel
-// photo are 256 KB of scratch, and each chunk recomputes only the few rows of
+// Rows of the weak blur made and blended per chunk: 32 rows of a 4000-pixel
+// photo are 512 KB of scratch, and each chunk recomputes only the few rows of
 // the row pass its column window reaches above and below.
-constexpr int32_t kWeakChunkRows = 16;
+constexpr int32_t kWeakChunkRows = 32;
 
 int32_t Refuse(const char* why, int32_t code) {
   DebugLog("[Korvane] FocusBlur: %s - Return Code: %x", why, static_cast<unsigned>(code));

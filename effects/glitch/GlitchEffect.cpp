@@ -6,15 +6,13 @@
 #include <limits>
 
 #include "core/DebugLog.h"
+#include "core/Simd.h"
 #include "core/SmartBuffer.h"
 #include "effects/glitch/GlitchKernels.h"
 
 namespace Korvane {
 
 namespace {
-
-// The SIMD forms need SSE2, which every level from SSE3 up implies.
-constexpr int32_t kSimdLevelForGlitch = SIMD_SSE3;
 
 // Single-precision angle steps of the circular types.
 constexpr float kPi = 3.1415927f;
@@ -130,10 +128,13 @@ int32_t GlitchEffect::Process(const GlitchParam* param) {
   m_thread_param.src_image = *param->input;
   m_thread_param.dst_image = *param->output;
   const Rect process_region{0, 0, width, param->input->height};
-  const bool simd = m_system_info.simd_level >= kSimdLevelForGlitch;
+  // The SIMD forms need SSE2 (built into every x86-64 library), which every
+  // level from SSE3 up implies. The choice travels as the operation code.
+  const auto shift = KORVANE_PICK_AT(m_system_info, SIMD_SSE3, ShiftChannel, ShiftChannel_SSE);
+  const auto merge = KORVANE_PICK_AT(m_system_info, SIMD_SSE3, MergePlanes, MergePlanes_SSE);
 
   for (int32_t c = 0; c < 3; ++c) {
-    m_thread_param.operation = simd ? GLITCH_OP_SHIFT_SIMD : GLITCH_OP_SHIFT;
+    m_thread_param.operation = shift.simd ? GLITCH_OP_SHIFT_SIMD : GLITCH_OP_SHIFT;
     m_thread_param.channel = c;
     m_thread_param.x_offset = offsets[c][0];
     m_thread_param.y_offset = offsets[c][1];
@@ -141,7 +142,7 @@ int32_t GlitchEffect::Process(const GlitchParam* param) {
       return hr;
     }
   }
-  m_thread_param.operation = simd ? GLITCH_OP_MERGE_SIMD : GLITCH_OP_MERGE;
+  m_thread_param.operation = merge.simd ? GLITCH_OP_MERGE_SIMD : GLITCH_OP_MERGE;
   if (KORVANE_FAILED(m_thread_adapter.RunTaskByMultiThread(RunThreadApply, &m_thread_param, NULL, process_region))) {
     return hr;
   }

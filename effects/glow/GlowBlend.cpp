@@ -60,23 +60,22 @@ inline void BlendPixel(const uint8_t* sp, const uint8_t* dp, uint8_t* out, int32
   out[3] = static_cast<uint8_t>(c.alpha);
 }
 
-template <int Slot>
+// kSse41: the SSE4.1 table's form, eight pixels at a time through the
+// SSE4.1 file's kernel, roi-relative addressing.
+template <int Slot, bool kSse41>
 int32_t BlendRows(ThreadJob* job, int32_t* result) {
   GlowBlendBand b;
-  int32_t hr = GlowBlendPrepareBand(job, false, &b);
+  int32_t hr = GlowBlendPrepareBand(job, false, kSse41, &b);
   if (hr >= 0) {
     using Kernel8 = void (*)(const uint8_t*, const uint8_t*, uint8_t*, int32_t, int32_t);
-#if KORVANE_HAVE_SSE41
-    const Kernel8 k8 = b.use_sse41 ? &GlowBlend8_SSE4<Slot> : nullptr;
-#else
-    const Kernel8 k8 = nullptr;
-#endif
+    // Instantiated with kSse41 only in builds that have the SSE4.1 kernels.
+    const Kernel8 k8 = KORVANE_SSE41(GlowBlend8_SSE4<Slot>);
     for (int32_t y = b.y0; y < b.y1; ++y) {
       const uint8_t* s = b.glow + static_cast<ptrdiff_t>(y) * b.glow_stride;
       const uint8_t* d = b.photo + static_cast<ptrdiff_t>(y) * b.photo_stride;
       uint8_t* o = b.dst + static_cast<ptrdiff_t>(y - b.oy) * b.dst_stride;
       int32_t x = b.x0;
-      if (k8 && b.x1 - x > 8) {
+      if (kSse41 && b.x1 - x > 8) {
         // Eight at a time while x < x1 - 8; the rest one by one.
         const int32_t count = (b.x1 - x - 1) / 8 * 8;
         k8(s + x * 4, d + x * 4, o + (x - b.ox) * 4, count, b.opacity);
@@ -117,18 +116,23 @@ void FloatFunctionOf(int32_t slot, const uint8_t* sp, const uint8_t* dp, int32_t
 
 struct SlotEntry {
   ThreadTask rows;
+  ThreadTask rows_sse41;
   void (*function)(const uint8_t*, const uint8_t*, int32_t*);
   void (*pixel)(const uint8_t*, const uint8_t*, uint8_t*, int32_t, bool, bool);
 };
 
 template <int Slot>
 constexpr SlotEntry EntryOf() {
+  constexpr bool kSse = KORVANE_HAVE_SSE41 != 0;
   if constexpr (Slot == 14)
-    return SlotEntry{&GlowBlendHueRows, nullptr, nullptr};
+    return SlotEntry{&GlowBlendHueRows<false>, kSse ? &GlowBlendHueRows<true> : nullptr, nullptr, nullptr};
   else if constexpr (Slot == 15)
-    return SlotEntry{&GlowBlendSaturationRows, nullptr, nullptr};
+    return SlotEntry{&GlowBlendSaturationRows<false>, kSse ? &GlowBlendSaturationRows<true> : nullptr, nullptr,
+                     nullptr};
+  else if constexpr (kSse)
+    return SlotEntry{&BlendRows<Slot, false>, &BlendRows<Slot, true>, &FunctionOf<Slot>, &PixelOf<Slot>};
   else
-    return SlotEntry{&BlendRows<Slot>, &FunctionOf<Slot>, &PixelOf<Slot>};
+    return SlotEntry{&BlendRows<Slot, false>, nullptr, &FunctionOf<Slot>, &PixelOf<Slot>};
 }
 
 template <int... Slots>
@@ -141,7 +145,7 @@ const std::array<SlotEntry, kGlowBlendSlotCount> kEntries =
 
 }  // namespace
 
-int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBand* band) {
+int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_relative, GlowBlendBand* band) {
   *band = GlowBlendBand();
   if (!job || !job->param) return E_INVALIDARG;
   const GlowBlendParam* p = static_cast<const GlowBlendParam*>(job->param);
@@ -160,9 +164,8 @@ int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBan
   band->glow_stride = glow->stride;
   band->photo_stride = p->photo->stride;
   band->dst_stride = p->dst->stride;
-  band->use_sse41 = p->use_sse41;
-  band->ox = p->use_sse41 ? roi.left : 0;
-  band->oy = p->use_sse41 ? roi.top : 0;
+  band->ox = roi_relative ? roi.left : 0;
+  band->oy = roi_relative ? roi.top : 0;
   band->opacity = std::min(p->opacity, 255);
   // The band's rows of the roi, limited to the pixels whose place in dst exists.
   const Rect& r = job->rect;
@@ -179,9 +182,13 @@ int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBan
 
 int32_t GlowBlendSlot(int32_t mode) { return (mode >= 0 && mode < kGlowBlendModeCount) ? kModeToSlot[mode] : -1; }
 
-void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask kernels[kGlowBlendSlotCount]) {
+void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask plain[kGlowBlendSlotCount],
+                         ThreadTask sse41[kGlowBlendSlotCount]) {
   for (int32_t m = 0; m < kGlowBlendModeCount; ++m) mode_to_slot[m] = kModeToSlot[m];
-  for (int32_t k = 0; k < kGlowBlendSlotCount; ++k) kernels[k] = kEntries[k].rows;
+  for (int32_t k = 0; k < kGlowBlendSlotCount; ++k) {
+    plain[k] = kEntries[k].rows;
+    sse41[k] = kEntries[k].rows_sse41;
+  }
 }
 
 void GlowBlendFunction(int32_t slot, const uint8_t* s, const uint8_t* d, int32_t f[3]) {

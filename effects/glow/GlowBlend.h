@@ -38,9 +38,9 @@
 // float glow has no alpha and counts as opaque (As = 255). F is computed in
 // floats, rounded, and composited through the same integer frame.
 //
-// Addressing of dst: with use_sse41 the task writes the result of image pixel
-// (x, y) to dst at (x - roi.left, y - roi.top); without it, at (x, y), which
-// agrees only for a roi at the origin. Either way a write that would fall
+// Addressing of dst: the SSE4.1 table's tasks write the result of image pixel
+// (x, y) to dst at (x - roi.left, y - roi.top); the plain table's, at (x, y),
+// which agrees only for a roi at the origin. Either way a write that would fall
 // outside dst is skipped, and the roi must lie inside the glow and the photo.
 #pragma once
 
@@ -63,14 +63,15 @@ struct GlowBlendParam {
   SmartBuffer* dst = nullptr;           // caller's output, roi size
   Rect roi;                             // region of the image composited into dst
   int32_t opacity = 255;
-  bool use_sse41 = false;               // the eight-pixel path (simd_level >= 5)
 };
 
-// Fills the mode -> slot map and the 38-slot kernel table (row tasks).
+// Fills the mode -> slot map and the two 38-slot kernel tables (row tasks):
+// the plain forms, and the SSE4.1 forms with their eight-pixel path and
+// roi-relative addressing (all NULL in a build without SSE4.1 kernels).
 // A task answers E_POINTER for missing pixels, E_NOTIMPL for a wrong format
 // and E_INVALIDARG for a roi outside the glow or the photo.
-void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount],
-                         ThreadTask kernels[kGlowBlendSlotCount]);
+void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask plain[kGlowBlendSlotCount],
+                         ThreadTask sse41[kGlowBlendSlotCount]);
 
 // The slot of a mode, or -1 for a mode outside 0..28.
 int32_t GlowBlendSlot(int32_t mode);
@@ -112,13 +113,14 @@ struct GlowBlendBand {
   int32_t x0 = 0, x1 = 0, y0 = 0, y1 = 0;  // image pixels written: [x0, x1) x [y0, y1)
   int32_t ox = 0, oy = 0;                  // image (x, y) goes to dst (x - ox, y - oy)
   int32_t opacity = 0;                     // clamped to 0..255
-  bool use_sse41 = false;
 };
 // Validates the task's parameter and clips its band; S_OK with an empty band
-// when nothing is to be written.
-int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, GlowBlendBand* band);
-// Row tasks of the float modes.
+// when nothing is to be written. roi_relative: the SSE4.1 tables' addressing.
+int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_relative, GlowBlendBand* band);
+// Row tasks of the float modes, in the plain and the SSE4.1 table's addressing.
+template <bool kRoiRelative>
 int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result);
+template <bool kRoiRelative>
 int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result);
 
 namespace {

@@ -86,10 +86,10 @@ void SaturationMode(const float* s, const float* d, float* f) {
   BuildF(HueF(d, hd, cd), c, l, f);
 }
 
-template <bool kHue>
+template <bool kHue, bool kRoiRelative>
 int32_t FloatRows(ThreadJob* job, int32_t* result) {
   GlowBlendBand b;
-  const int32_t hr = GlowBlendPrepareBand(job, true, &b);
+  const int32_t hr = GlowBlendPrepareBand(job, true, kRoiRelative, &b);
   if (hr >= 0) {
     for (int32_t y = b.y0; y < b.y1; ++y) {
       const float* sr = reinterpret_cast<const float*>(b.glow + static_cast<ptrdiff_t>(y) * b.glow_stride);
@@ -125,8 +125,18 @@ int32_t FloatRows(ThreadJob* job, int32_t* result) {
 
 }  // namespace
 
-int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result) { return FloatRows<true>(job, result); }
-int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result) { return FloatRows<false>(job, result); }
+template <bool kRoiRelative>
+int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result) {
+  return FloatRows<true, kRoiRelative>(job, result);
+}
+template <bool kRoiRelative>
+int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result) {
+  return FloatRows<false, kRoiRelative>(job, result);
+}
+template int32_t GlowBlendHueRows<false>(ThreadJob*, int32_t*);
+template int32_t GlowBlendHueRows<true>(ThreadJob*, int32_t*);
+template int32_t GlowBlendSaturationRows<false>(ThreadJob*, int32_t*);
+template int32_t GlowBlendSaturationRows<true>(ThreadJob*, int32_t*);
 
 void GlowBlendFloatFunction(int32_t mode, const float s[3], const uint8_t* d, float f[3]) {
   const float df[3] = {float(d[0]), float(d[1]), float(d[2])};

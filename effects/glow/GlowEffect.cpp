@@ -35,7 +35,7 @@ struct ParamImagesGuard {
 }  // namespace
 
 GlowEffect::GlowEffect(CThreadPool* pool) : EffectCore(pool) {
-  FillGlowBlendTables(m_blend_mode_to_slot, m_blend_kernels);
+  FillGlowBlendTables(m_blend_mode_to_slot, m_blend_kernels, m_blend_kernels_sse41);
 }
 
 int32_t GlowEffect::CalBlurRadius(float glow_radius) const {
@@ -205,8 +205,9 @@ int32_t GlowEffect::CopyAndDetectHighlight() {
 int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
   const int32_t hr = RunBilinearResize(m_thread_adapter, m_system_info, param, region);
   if (hr < 0) {
-    const bool sse = param.src.pix_fmt != PIXEL_FLOAT96 && m_system_info.simd_level >= SIMD_SSE41;
-    KORVANE_LOG_FAILED_STEP(sse ? "resize buff SSE" : "resize buff", hr);
+    // Named after the form that ran (the dispatcher chooses it the same way).
+    KORVANE_LOG_FAILED_STEP(PickBilinearResize(m_system_info, param.src.pix_fmt).simd ? "resize buff SSE" : "resize buff",
+                            hr);
     KORVANE_LOG_FAILED_STEP(stage, hr);
   }
   return hr;
@@ -246,9 +247,9 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   if ((hr = chain.Run(m_thread_adapter, region)) < 0) return hr;
 
   if (r > 0) {
-    const ThreadTask v = PickKernel<ThreadTask>(m_system_info, BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
+    const auto v = KORVANE_PICK(m_system_info, BoxBlurV, BoxBlurV_SSE);
     for (int pass = 0; pass < 2; ++pass) {
-      hr = m_thread_adapter.RunTaskByMultiThread(v, &blur, this, region, false);
+      hr = m_thread_adapter.RunTaskByMultiThread(v.fn, &blur, this, region, false);
       if (hr < 0) {
         KORVANE_LOG_FAILED_STEP("soften hlr", hr);
         return hr;
@@ -256,10 +257,9 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
     }
   }
   if (!to_bytes) return S_OK;
-  const ThreadTask to_byte_task =
-      PickKernel<ThreadTask>(m_system_info, GlowFloatToByte, KORVANE_SSE41(GlowFloatToByte_SSE4));
+  const auto to_byte = KORVANE_PICK(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE4);
   conv.tone = nullptr;
-  return RunStage("convert Float to BYTE", to_byte_task, &conv, region);
+  return RunStage("convert Float to BYTE", to_byte.fn, &conv, region);
 }
 
 int32_t GlowEffect::AdjustColor(bool floats) {
@@ -283,9 +283,10 @@ int32_t GlowEffect::Blend() {
   p.dst = &m_param.dst;
   p.roi = roi;
   p.opacity = m_param.opacity;
-  p.use_sse41 = UseSse41();
-  const ThreadTask task = m_blend_kernels[m_blend_mode_to_slot[m_param.blend_mode]];
-  return RunStage("blending hlr to result", task, &p, roi);
+  const int32_t slot = m_blend_mode_to_slot[m_param.blend_mode];
+  const auto blend = ChooseKernel(m_system_info, m_blend_kernels[slot], "blend rows", m_blend_kernels_sse41[slot],
+                                  "blend rows SSE4.1");
+  return RunStage("blending hlr to result", blend.fn, &p, roi);
 }
 
 int32_t GlowEffect::RunPipeline(bool floats) {

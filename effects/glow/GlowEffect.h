@@ -58,7 +58,8 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t m_scaled_img_h = 0;
   const float m_scale = 0.5f;   // the glow is built at half size
   int32_t m_blend_mode_to_slot[kGlowBlendModeCount];
-  ThreadTask m_blend_kernels[kGlowBlendSlotCount];
+  ThreadTask m_blend_kernels[kGlowBlendSlotCount];       // plain forms
+  ThreadTask m_blend_kernels_sse41[kGlowBlendSlotCount];  // SSE4.1 forms (NULL without them)
 };
 
 }  // namespace Korvane

@@ -98,9 +98,9 @@ Image Reference(const Image& in, int r, bool rows, const uint8_t* mask = nullptr
 }
 
 int32_t RunPass(Runner& run, int simd, BoxBlurParam& p, bool rows, Rect band) {
-  ThreadTask task = rows ? PickKernel<ThreadTask>(Level(simd), BoxBlurH, KORVANE_SSE41(BoxBlurH_SSE))
-                         : PickKernel<ThreadTask>(Level(simd), BoxBlurV, KORVANE_SSE41(BoxBlurV_SSE));
-  return run.adapter.RunTaskByMultiThread(task, &p, nullptr, band, rows);
+  const auto task = rows ? KORVANE_PICK(Level(simd), BoxBlurH, BoxBlurH_SSE)
+                         : KORVANE_PICK(Level(simd), BoxBlurV, BoxBlurV_SSE);
+  return run.adapter.RunTaskByMultiThread(task.fn, &p, nullptr, band, rows);
 }
 
 const int kFormats[] = {PIXEL_BGRA32, PIXEL_GRAY8, PIXEL_FLOAT32, PIXEL_FLOAT96, PIXEL_INT32};

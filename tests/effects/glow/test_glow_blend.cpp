@@ -276,13 +276,14 @@ struct Runner {
   CThreadAdapter adapter;
   int32_t map[kGlowBlendModeCount];
   ThreadTask kernels[kGlowBlendSlotCount];
+  ThreadTask kernels_sse41[kGlowBlendSlotCount];
   explicit Runner(int workers) {
     pool.Create(workers);
     adapter.Init(&pool);
-    FillGlowBlendTables(map, kernels);
+    FillGlowBlendTables(map, kernels, kernels_sse41);
   }
-  int32_t Run(int32_t slot, GlowBlendParam& p) {
-    return adapter.RunTaskByMultiThread(kernels[slot], &p, nullptr, p.roi);
+  int32_t Run(int32_t slot, GlowBlendParam& p, bool sse = false) {
+    return adapter.RunTaskByMultiThread(sse ? kernels_sse41[slot] : kernels[slot], &p, nullptr, p.roi);
   }
 };
 
@@ -307,8 +308,8 @@ void ExpectRowPathsAgree(Image& glow, Image& photo, int32_t opacity, bool all_wr
     GlowBlendParam p;
     p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, glow.w, glow.h}, p.opacity = opacity;
     ASSERT_EQ(r.Run(slot, p), S_OK);
-    p.dst = &sv, p.use_sse41 = true;
-    ASSERT_EQ(r.Run(slot, p), S_OK);
+    p.dst = &sv;
+    ASSERT_EQ(r.Run(slot, p, HaveSse41()), S_OK);
     ASSERT_EQ(plain.px, want.px) << "slot " << slot << " width " << glow.w << " opacity " << opacity;
     ASSERT_EQ(sse.px, want.px) << "slot " << slot << " width " << glow.w << " opacity " << opacity;
   }
@@ -360,8 +361,8 @@ TEST(GlowBlendRows, RoiAwayFromOriginNeverWritesOutsideDst) {
       std::vector<uint8_t> block(guard + bytes + guard, 0xC3);
       SmartBuffer dv = MakeSmartBufferView(block.data() + guard, dw, dh);
       GlowBlendParam p;
-      p.glow = &gv, p.glow_f = &fv, p.photo = &pv, p.dst = &dv, p.roi = roi, p.use_sse41 = sse;
-      ASSERT_EQ(r.Run(slot, p), S_OK);
+      p.glow = &gv, p.glow_f = &fv, p.photo = &pv, p.dst = &dv, p.roi = roi;
+      ASSERT_EQ(r.Run(slot, p, sse), S_OK);
       ASSERT_TRUE(std::all_of(block.begin(), block.begin() + guard, [](uint8_t b) { return b == 0xC3; }));
       ASSERT_TRUE(std::all_of(block.end() - guard, block.end(), [](uint8_t b) { return b == 0xC3; }));
       int written = 0;
@@ -419,11 +420,11 @@ TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   SmartBuffer gv = glow.View(), pv = photo.View(), ov = out.View(), sv = small.View(), grv = gray.View();
   SmartBuffer empty;
   Runner r(2);
-  auto run = [&](int32_t slot, auto tweak) {
+  auto run = [&](int32_t slot, auto tweak, bool sse = false) {
     GlowBlendParam p;
     p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, 8, 8};
     tweak(p);
-    return r.Run(slot, p);
+    return r.Run(slot, p, sse);
   };
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = nullptr; }), E_POINTER);
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.photo = &empty; }), E_POINTER);
@@ -436,8 +437,8 @@ TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = &sv; }), E_INVALIDARG);
   // A dst smaller than the roi is written only where it exists.
   std::fill(small.px.begin(), small.px.end(), 0);
-  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = true; }), S_OK);
-  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv, p.use_sse41 = false; }), S_OK);
+  if (HaveSse41()) EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }, true), S_OK);
+  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }), S_OK);
   // Modes outside 0..28 have no slot, so the effect can refuse them.
   EXPECT_EQ(GlowBlendSlot(29), -1);
   EXPECT_EQ(GlowBlendSlot(-1), -1);

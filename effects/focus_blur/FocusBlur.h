@@ -41,7 +41,8 @@ class FocusBlur {
   // cannot use (a missing pixel pointer, a format other than BGRA32, a guide
   // or output of another size than the input, a stride shorter than a row)
   // is reported in the debugger log and leaves the output untouched, as does
-  // a failing step; the call still returns 0.
+  // a failing step; the call still returns 0. Each image may have padded rows
+  // (any stride of at least a row), and the output may be the input itself.
   virtual int32_t Process(const FocusBlurParam* param) = 0;
 
   // Nothing to release; returns 0.

@@ -12,6 +12,7 @@
 #include "effects/animation/AnimationKernels.h"
 #include "effects/animation/PhotoAnimator.h"
 #include "AnimationTestSupport.h"
+#include "TestSupport.h"
 
 using namespace Korvane;
 using AnimationTest::RandomBytes;
@@ -182,6 +183,31 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormAndRegion) {
       for (int y = 0; y < 17; ++y)
         ASSERT_EQ(0, std::memcmp(&part[f][y * 23 * 4], &reference[f][((y + 30) * 83 + 41) * 4], 23 * 4))
             << "simd " << simd << " frame " << f << " row " << y;
+  }
+}
+
+// Padded rows with unequal strides for photo, still mask and frame: every
+// frame equals the packed one, and the padding and surroundings stay as they were.
+TEST(PhotoAnimator, PaddedRowsRenderAsPacked) {
+  Scene s(67, 45);
+  s.AddDefaultFlows();
+  for (int simd : {0, 5}) {
+    const auto packed = RenderLoop(s, 2, simd, 4, 0x11);
+    KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, 24), still(s.w, s.h, PIXEL_GRAY8, 7);
+    KorvaneTest::TestImage out(s.w, s.h, PIXEL_BGRA32, 4);
+    in.Fill(s.photo);
+    still.Fill(s.still);
+    Rig rig(3, simd);
+    AnimationParam p = s.Param(&out.buf, 4);
+    p.input = &in.buf;
+    p.mask = &still.buf;
+    ASSERT_EQ(rig.anim->Init(&p), S_OK);
+    for (int32_t f = 0; f < 4; ++f) {
+      ASSERT_EQ(rig.anim->Animate(&p, f), S_OK);
+      EXPECT_EQ(out.Packed(), packed[f]) << "simd " << simd << " frame " << f << ": "
+                                         << KorvaneTest::FirstDifference(out.Packed(), packed[f], s.w);
+    }
+    EXPECT_TRUE(in.GuardsIntact() && still.GuardsIntact() && out.GuardsIntact());
   }
 }
 

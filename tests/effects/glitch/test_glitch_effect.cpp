@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "GlitchTestSupport.h"
+#include "TestSupport.h"
 #include "core/ThreadPool.h"
 #include "effects/glitch/GlitchEffect.h"
 
@@ -136,3 +137,29 @@ TEST(GlitchEffect, RefusalsLeaveTheOutputUntouched) {
 }
 
 }  // namespace
+
+// Padded rows, unequal strides for input and output, and the output as the
+// input itself: the packed result, with the padding and the bytes around the
+// images untouched.
+TEST(GlitchEffect, PaddedRowsRenderAsPacked) {
+  const int32_t w = 61, h = 29;
+  const auto src = RandomBytes(size_t(w) * h * 4, 12);
+  const Settings type6{6, 0, 0, 40, 17};
+  for (int32_t simd : {0, 5}) {
+    const auto want = Render(src, w, h, type6, 2, simd);
+    for (bool in_place : {false, true}) {
+      KorvaneTest::TestImage in(w, h, PIXEL_BGRA32, 12), out(w, h, PIXEL_BGRA32, 40);
+      in.Fill(src);
+      KorvaneTest::EffectRig<GlitchEffect> rig(3, simd);
+      ImageBuffer ib = in.buf, ob = in_place ? in.buf : out.buf;
+      GlitchImages images{&ib, &ob};
+      ASSERT_EQ(rig->SetImages(&images), S_OK);
+      GlitchParam p{&ib, &ob, type6.type, type6.shift_x, type6.shift_y, type6.radius, type6.angle};
+      ASSERT_EQ(rig->Process(&p), S_OK);
+      const auto got = (in_place ? in : out).Packed();
+      EXPECT_EQ(got, want) << "simd " << simd << (in_place ? " in place: " : ": ")
+                           << KorvaneTest::FirstDifference(got, want, w);
+      EXPECT_TRUE(in.GuardsIntact() && out.GuardsIntact());
+    }
+  }
+}

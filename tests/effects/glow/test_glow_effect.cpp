@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "core/ColorSpace.h"
+#include "core/SmartBuffer.h"
 #include "core/ThreadPool.h"
 #include "effects/glow/GlowEffect.h"
 #include "effects/glow/GlowStages.h"
@@ -345,6 +347,38 @@ TEST(GlowEffect, Sse41WritesTheRoiFromDstsOrigin) {
     ASSERT_EQ(0, std::memcmp(&crop[static_cast<size_t>(y) * rw * 4],
                              &whole[(static_cast<size_t>(y + roi.top) * w + roi.left) * 4], rw * 4))
         << "row " << y;
+  }
+}
+
+// Padded rows with unequal strides for photo, mask and output, and the output
+// as the photo itself: the packed result, padding and surroundings untouched.
+TEST(GlowEffect, PaddedRowsRenderAsPacked) {
+  const int w = 53, h = 37;
+  for (int32_t simd : {0, 5}) {
+    for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE}) {
+      auto with_mask = [mode](GlowParam& p, Bytes& mask) {
+        p.blend_mode = mode;
+        p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
+      };
+      const Bytes want = Render(w, h, 2, simd, with_mask);
+      for (bool in_place : {false, true}) {
+        KorvaneTest::TestImage src(w, h, PIXEL_BGRA32, 20), dst(w, h, PIXEL_BGRA32, 8), mask(w, h, PIXEL_GRAY8, 5);
+        src.Fill(Photo(w, h));
+        mask.Fill(Noise(static_cast<size_t>(w) * h, 3));
+        Bytes unused_src, unused_dst;
+        Rig rig(w, h, 3, simd);
+        GlowParam p = MakeParam(unused_src, unused_dst, w, h);
+        p.blend_mode = mode;
+        p.src = SmartBufferView(src.buf);
+        p.mask = SmartBufferView(mask.buf);
+        p.dst = SmartBufferView(in_place ? src.buf : dst.buf);
+        ASSERT_EQ(rig.fx->Process(p), S_OK);
+        const Bytes got = (in_place ? src : dst).Packed();
+        EXPECT_EQ(got, want) << "simd " << simd << " mode " << mode << (in_place ? " in place: " : ": ")
+                             << KorvaneTest::FirstDifference(got, want, w);
+        EXPECT_TRUE(src.GuardsIntact() && dst.GuardsIntact() && mask.GuardsIntact());
+      }
+    }
   }
 }
 

@@ -1,0 +1,409 @@
+#include "effects/dispersion/DispersionEffect.h"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+
+#include "core/BandTask.h"
+#include "core/BoxBlur.h"
+#include "core/DebugLog.h"
+#include "core/ImageChecks.h"
+#include "core/Random.h"
+#include "core/SmartBuffer.h"
+#include "effects/animation/InpaintMask.h"
+
+namespace Korvane {
+
+namespace {
+
+constexpr float kPi = 3.14159265f;
+// Largest side accepted: keeps pixel coordinates exact in floats and every
+// row size inside 32 bits.
+constexpr int32_t kMaxSide = 1 << 16;
+
+inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
+
+int32_t Refuse(int32_t code, const char* what) {
+  DebugLog("Dispersion: %s", what);
+  return code;
+}
+
+inline bool IsSubject(const ImageBuffer& mask, int32_t x, int32_t y) { return RowPtr(mask, y)[x] != 0; }
+
+}  // namespace
+
+bool DispersionEffect::PreparedKey::operator==(const PreparedKey& o) const {
+  return input == o.input && mask == o.mask && width == o.width && height == o.height &&
+         input_stride == o.input_stride && mask_stride == o.mask_stride && direction == o.direction &&
+         spread == o.spread && distance == o.distance && particle_size == o.particle_size &&
+         density == o.density && dissolve_width == o.dissolve_width && turbulence == o.turbulence &&
+         seed == o.seed;
+}
+
+DispersionEffect::PreparedKey DispersionEffect::KeyOf(const DispersionParam& p) {
+  PreparedKey k;
+  k.input = p.input->data;
+  k.mask = p.mask->data;
+  k.width = p.input->width;
+  k.height = p.input->height;
+  k.input_stride = p.input->stride;
+  k.mask_stride = p.mask->stride;
+  k.direction = p.direction;
+  k.spread = p.spread;
+  k.distance = p.distance;
+  k.particle_size = p.particle_size;
+  k.density = p.density;
+  k.dissolve_width = p.dissolve_width;
+  k.turbulence = p.turbulence;
+  k.seed = p.seed;
+  return k;
+}
+
+int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_process) {
+  if (!param) return Refuse(E_POINTER, "the parameter record is NULL");
+  const DispersionParam& p = *param;
+  if (!p.input || !p.input->data || !p.mask || !p.mask->data) return Refuse(E_POINTER, "input or mask missing");
+  if (for_process && (!p.output || !p.output->data)) return Refuse(E_POINTER, "output missing");
+  if (!IsBgra(*p.input) || !IsGray8(*p.mask) || (for_process && !IsBgra(*p.output))) {
+    return Refuse(E_NOTIMPL, "input and output must be BGRA32, the mask GRAY8");
+  }
+  if (CheckImage(*p.input, PIXEL_BGRA32) < 0 || CheckImage(*p.mask, PIXEL_GRAY8) < 0 ||
+      p.input->width > kMaxSide || p.input->height > kMaxSide) {
+    return Refuse(E_INVALIDARG, "input or mask size out of range");
+  }
+  if (!SameSize(*p.input, *p.mask)) return Refuse(E_INVALIDARG, "mask size differs from the input's");
+  if (for_process) {
+    if (!RectInside(p.roi, *p.input)) return Refuse(E_INVALIDARG, "roi outside the input");
+    if (CheckImage(*p.output, PIXEL_BGRA32) < 0 || p.output->width != RectWidth(p.roi) ||
+        p.output->height != RectHeight(p.roi)) {
+      return Refuse(E_INVALIDARG, "output size differs from the roi's");
+    }
+  }
+  if (p.anime_frame_count < 1 || p.anime_frame_index < 0 || p.anime_frame_index >= p.anime_frame_count) {
+    return Refuse(E_INVALIDARG, "anime_frame_index outside 0 .. anime_frame_count - 1");
+  }
+  if (p.loop_mode != DISPERSION_ONCE && p.loop_mode != DISPERSION_LOOP) {
+    return Refuse(E_INVALIDARG, "loop_mode must be 0 or 1");
+  }
+  if (!std::isfinite(p.direction)) return Refuse(E_INVALIDARG, "direction is not finite");
+  if (!InRange(p.spread, 0.0f, 180.0f)) return Refuse(E_INVALIDARG, "spread outside 0..180");
+  if (!InRange(p.distance, 0.0f, 1.0f)) return Refuse(E_INVALIDARG, "distance outside 0..1");
+  if (!InRange(p.particle_size, 0.5f, 32.0f)) return Refuse(E_INVALIDARG, "particle_size outside 0.5..32");
+  if (!InRange(p.density, 0.0f, 1.0f)) return Refuse(E_INVALIDARG, "density outside 0..1");
+  if (!InRange(p.dissolve_width, 0.0f, 1.0f)) return Refuse(E_INVALIDARG, "dissolve_width outside 0..1");
+  if (!InRange(p.fade, 0.0f, 1.0f)) return Refuse(E_INVALIDARG, "fade outside 0..1");
+  if (!InRange(p.turbulence, 0.0f, 1.0f)) return Refuse(E_INVALIDARG, "turbulence outside 0..1");
+  return S_OK;
+}
+
+float DispersionEffect::CalProgress(int32_t frame_count, int32_t frame_index, int32_t loop_mode) {
+  if (frame_count <= 1) return 0.0f;
+  if (loop_mode == DISPERSION_LOOP) {
+    const double phase = static_cast<double>(frame_index) / frame_count;
+    return static_cast<float>(1.0 - std::fabs(1.0 - 2.0 * phase));
+  }
+  return static_cast<float>(static_cast<double>(frame_index) / (frame_count - 1));
+}
+
+void DispersionEffect::ReleaseAll() {
+  m_prepared = false;
+  m_key = PreparedKey();
+  m_width = m_height = 0;
+  m_has_subject = false;
+  std::vector<float>().swap(m_start);
+  m_background = SmartBuffer();
+  std::vector<DispersionParticle>().swap(m_particles);
+  m_circles = CircleTable();
+  std::vector<FrameParticle>().swap(m_frame);
+  std::vector<int32_t>().swap(m_row_span);
+  std::vector<uint32_t>().swap(m_strip_start);
+  std::vector<uint32_t>().swap(m_strip_items);
+}
+
+int32_t DispersionEffect::ReleaseBuffer() {
+  ReleaseAll();
+  return S_OK;
+}
+
+int32_t DispersionEffect::Prepare(const DispersionParam* param) {
+  const int32_t hr = Validate(param, false);
+  if (hr < 0) return hr;
+  return PrepareFor(*param);
+}
+
+int32_t DispersionEffect::PrepareFor(const DispersionParam& p) {
+  ReleaseAll();
+  m_width = p.input->width;
+  m_height = p.input->height;
+  int32_t hr;
+  if ((hr = DetectMaskEdge(p)) < 0 || (hr = CreateTmpBuffer(p)) < 0 || (hr = CreateCircleTable(p)) < 0) {
+    ReleaseAll();
+    return hr;
+  }
+  m_key = KeyOf(p);
+  m_prepared = true;
+  return S_OK;
+}
+
+int32_t DispersionEffect::DetectMaskEdge(const DispersionParam& p) {
+  try {
+    m_start.assign(static_cast<size_t>(m_width) * m_height, kDispersionNever);
+  } catch (const std::exception& e) {
+    DebugLog("DetectMaskEdge - %s caught!", e.what());
+    return E_OUTOFMEMORY;
+  }
+  const ImageBuffer& mask = *p.mask;
+  const float theta = p.direction * (kPi / 180.0f);
+  const float wx = std::cos(theta), wy = -std::sin(theta);  // rows run downwards
+
+  // The leading edge is the subject's farthest extent along the wind; every
+  // subject pixel's distance from it, over the whole extent, orders the crumble.
+  float lo = 0, hi = 0;
+  bool any = false;
+  for (int32_t y = 0; y < m_height; ++y) {
+    const uint8_t* m = RowPtr(mask, y);
+    for (int32_t x = 0; x < m_width; ++x) {
+      if (!m[x]) continue;
+      const float q = x * wx + y * wy;
+      if (!any) lo = hi = q, any = true;
+      lo = std::min(lo, q);
+      hi = std::max(hi, q);
+    }
+  }
+  m_proj_min = lo;
+  m_proj_max = hi;
+  m_has_subject = any;
+  if (!any) return S_OK;
+
+  // Start = where the front passes, blended towards a random time by
+  // dissolve_width, plus a little jitter that roughens the front. All starts
+  // end early enough for every flight to finish by the last frame.
+  const float extent = hi - lo;
+  const float w = p.dissolve_width;
+  const float span = 1.0f - kLife - kJitter;
+  Mt19937 gen(p.seed);
+  for (int32_t y = 0; y < m_height; ++y) {
+    const uint8_t* m = RowPtr(mask, y);
+    float* s = &m_start[static_cast<size_t>(y) * m_width];
+    for (int32_t x = 0; x < m_width; ++x) {
+      if (!m[x]) continue;
+      const float u = extent > 0 ? (hi - (x * wx + y * wy)) / extent : 0.0f;
+      const float r = DrawUnit(gen);
+      const float j = DrawUnit(gen);
+      s[x] = span * ((1.0f - w) * u + w * r) + kJitter * j;
+    }
+  }
+  return S_OK;
+}
+
+void DispersionEffect::MakeParticles(const DispersionParam& p) {
+  const ImageBuffer& in = *p.input;
+  const ImageBuffer& mask = *p.mask;
+  const float theta = p.direction * (kPi / 180.0f);
+  const float half_spread = p.spread * 0.5f * (kPi / 180.0f);
+  const float reach = p.distance * std::sqrt(static_cast<float>(m_width) * m_width + static_cast<float>(m_height) * m_height);
+
+  // Sample points of a particle's disc for its colour: a grid of at most
+  // 7 x 7 points, so large discs cost no more than small ones.
+  struct Offset {
+    int32_t dx, dy;
+  };
+  std::vector<Offset> disc;
+  const int32_t rr = static_cast<int32_t>(p.particle_size);
+  const int32_t step = std::max(1, rr / 3);
+  for (int32_t dy = -rr - rr % step; dy <= rr; dy += step) {
+    for (int32_t dx = -rr - rr % step; dx <= rr; dx += step) {
+      if (dx * dx + dy * dy <= p.particle_size * p.particle_size) disc.push_back(Offset{dx, dy});
+    }
+  }
+
+  // A stream of its own, so the start times and the particles do not shift
+  // one another when a setting changes.
+  Mt19937 gen(p.seed ^ 0x9E3779B9u);
+  for (int32_t y = 0; y < m_height; ++y) {
+    const uint8_t* m = RowPtr(mask, y);
+    for (int32_t x = 0; x < m_width; ++x) {
+      if (!m[x] || !(DrawUnit(gen) < p.density)) continue;
+      DispersionParticle q;
+      q.x = static_cast<float>(x);
+      q.y = static_cast<float>(y);
+      q.start = m_start[static_cast<size_t>(y) * m_width + x];
+      const float angle = theta + DrawFloat(gen, -half_spread, half_spread);
+      const float travel = reach * DrawFloat(gen, 0.45f, 1.0f);
+      q.travel_x = travel * std::cos(angle);
+      q.travel_y = -travel * std::sin(angle);
+      q.life = kLife * DrawFloat(gen, 0.6f, 1.0f);
+      q.radius = p.particle_size * DrawFloat(gen, 0.7f, 1.0f);
+      q.curl = p.turbulence * kCurlShare * travel * DrawFloat(gen, 0.5f, 1.0f);
+      q.curl_phase = DrawFloat(gen, 0.0f, 2.0f * kPi);
+      q.curl_turns = DrawFloat(gen, -1.5f, 1.5f);
+      // The colour of the subject under the disc (the centre is always subject).
+      uint32_t sum[4] = {0, 0, 0, 0}, n = 0;
+      for (const Offset& o : disc) {
+        const int32_t sx = x + o.dx, sy = y + o.dy;
+        if (sx < 0 || sy < 0 || sx >= m_width || sy >= m_height || !IsSubject(mask, sx, sy)) continue;
+        const uint8_t* px = RowPtr(in, sy) + static_cast<ptrdiff_t>(sx) * 4;
+        for (int c = 0; c < 4; ++c) sum[c] += px[c];
+        ++n;
+      }
+      for (int c = 0; c < 4; ++c) q.bgra[c] = static_cast<uint8_t>((sum[c] + n / 2) / n);
+      m_particles.push_back(q);
+    }
+  }
+}
+
+int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
+  int32_t hr = S_OK;
+  try {
+    if (KORVANE_FAILED(CreateSmartBufferData(m_background, m_width, m_height, PIXEL_BGRA32))) return hr;
+    if ((hr = InpaintMaskByDistTransform(*p.input, *p.mask, m_background)) < 0) {
+      KORVANE_LOG_FAILED_STEP("InpaintMaskByDistTransform", hr);
+      return hr;
+    }
+    // The fill carries edge colours inwards in straight streaks; a wide blur
+    // turns them into a soft wash. Only subject pixels ever show the
+    // background, so the whole image may be blurred.
+    if (m_has_subject) {
+      BoxBlurParam blur;
+      blur.src.data = m_background.data.get();
+      blur.src.width = m_width;
+      blur.src.height = m_height;
+      blur.src.stride = m_background.stride;
+      blur.src.channel = 4;
+      blur.src.pix_fmt = PIXEL_BGRA32;
+      blur.radius = std::max(2, static_cast<int32_t>(std::hypot(m_width, m_height) / 80.0));
+      if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, FullRect(m_background), 2)) < 0) return hr;
+    }
+    MakeParticles(p);
+    const size_t n = m_particles.size();
+    // A particle's disc spans at most this many strips.
+    const int32_t side = 2 * static_cast<int32_t>(std::ceil(p.particle_size + 0.5f)) + 1;
+    const size_t strips_each = static_cast<size_t>((side + kStripRows - 1) / kStripRows + 1);
+    m_frame.assign(n, FrameParticle());
+    m_row_span.assign(2 * n, -1);
+    m_strip_start.assign(static_cast<size_t>(m_height / kStripRows + 2), 0);
+    m_strip_items.assign(n * strips_each, 0);
+  } catch (const std::exception& e) {
+    DebugLog("CreateTmpBuffer - %s caught!", e.what());
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+int32_t DispersionEffect::CreateCircleTable(const DispersionParam& p) {
+  try {
+    m_circles.Build(p.particle_size);
+  } catch (const std::exception& e) {
+    DebugLog("CreateCircleTable - %s caught!", e.what());
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+int32_t DispersionEffect::Process(const DispersionParam* param) {
+  int32_t hr = Validate(param, true);
+  if (hr < 0) return hr;
+  if (!m_prepared) {
+    DebugLog("Please call Prepare before Process");
+    return E_FAIL;
+  }
+  if (!(KeyOf(*param) == m_key) && (hr = PrepareFor(*param)) < 0) return hr;
+  const float progress = CalProgress(param->anime_frame_count, param->anime_frame_index, param->loop_mode);
+  if ((hr = ComputeFrame(progress, param->fade, param->roi)) < 0) {
+    KORVANE_LOG_FAILED_STEP("MoveParticles", hr);
+    return hr;
+  }
+  BinFrame(param->roi);
+  if ((hr = Render(*param, progress)) < 0) KORVANE_LOG_FAILED_STEP("DrawParticles", hr);
+  return hr;
+}
+
+int32_t DispersionEffect::ComputeFrame(float progress, float fade, const Rect& roi) {
+  const int32_t n = static_cast<int32_t>(m_particles.size());
+  if (n == 0) return S_OK;
+  const CircleTable& table = m_circles;
+  constexpr int32_t kSub = CircleTable::kSub;
+  // Bands of the particle list: row i of this rectangle is particle i.
+  return RunBands(m_thread_adapter, Rect{0, 0, 1, n}, [&](const Rect& band) {
+    for (int32_t i = band.top; i < band.bottom; ++i) {
+      const DispersionParticle& q = m_particles[static_cast<size_t>(i)];
+      FrameParticle& f = m_frame[static_cast<size_t>(i)];
+      int32_t* span = &m_row_span[2 * static_cast<size_t>(i)];
+      span[0] = span[1] = -1;
+      if (!(progress > q.start)) continue;
+      const float a = std::min(1.0f, (progress - q.start) / q.life);
+      const int32_t alpha = static_cast<int32_t>((1.0f - fade * a * a) * 256.0f + 0.5f);
+      const int32_t step =
+          std::min(table.radius_steps, static_cast<int32_t>(q.radius * (1.0f - 0.6f * fade * a) * kSub + 0.5f));
+      if (alpha <= 0 || step < 1) continue;
+      // Ease-out along the flight, and a curl whose radius grows with age.
+      const float e = 1.0f - (1.0f - a) * (1.0f - a);
+      const float turn = q.curl_phase + 2.0f * kPi * q.curl_turns * a;
+      const float cx = q.x + q.travel_x * e + q.curl * a * std::cos(turn);
+      const float cy = q.y + q.travel_y * e + q.curl * a * std::sin(turn);
+      int32_t ix = static_cast<int32_t>(std::floor(cx)), iy = static_cast<int32_t>(std::floor(cy));
+      int32_t sx = static_cast<int32_t>((cx - ix) * kSub + 0.5f), sy = static_cast<int32_t>((cy - iy) * kSub + 0.5f);
+      if (sx >= kSub) sx -= kSub, ++ix;
+      if (sy >= kSub) sy -= kSub, ++iy;
+      f.entry = (step - 1) * kSub * kSub + sy * kSub + sx;
+      const int32_t half = table.entries[static_cast<size_t>(f.entry)].half;
+      const int32_t top = std::max(roi.top, iy - half), bottom = std::min(roi.bottom, iy + half + 1);
+      if (top >= bottom || ix + half < roi.left || ix - half >= roi.right) continue;
+      f.x = ix;
+      f.y = iy;
+      f.alpha = std::min(alpha, 256);
+      for (int c = 0; c < 4; ++c) f.bgra[c] = q.bgra[c];
+      span[0] = (top - roi.top) / kStripRows;
+      span[1] = (bottom - 1 - roi.top) / kStripRows;
+    }
+    return S_OK;
+  });
+}
+
+void DispersionEffect::BinFrame(const Rect& roi) {
+  // Counting sort of the particles into strips, keeping list order inside
+  // each strip, so every pixel receives its particles in list order whatever
+  // the bands are.
+  const size_t strips = static_cast<size_t>((RectHeight(roi) + kStripRows - 1) / kStripRows);
+  uint32_t* start = m_strip_start.data();
+  std::fill(start, start + strips + 1, 0u);
+  const size_t n = m_particles.size();
+  for (size_t i = 0; i < n; ++i) {
+    const int32_t* span = &m_row_span[2 * i];
+    for (int32_t s = span[0]; s >= 0 && s <= span[1]; ++s) ++start[s + 1];
+  }
+  for (size_t s = 0; s < strips; ++s) start[s + 1] += start[s];
+  for (size_t i = 0; i < n; ++i) {
+    const int32_t* span = &m_row_span[2 * i];
+    for (int32_t s = span[0]; s >= 0 && s <= span[1]; ++s) m_strip_items[start[s]++] = static_cast<uint32_t>(i);
+  }
+  for (size_t s = strips; s > 0; --s) start[s] = start[s - 1];
+  start[0] = 0;
+}
+
+int32_t DispersionEffect::Render(const DispersionParam& p, float progress) {
+  const auto fill = KORVANE_PICK(m_system_info, DispersionFillBase, DispersionFillBase_SSE4);
+  const ImageBuffer& in = *p.input;
+  const ImageBuffer& out = *p.output;
+  const Rect roi = p.roi;
+  const int32_t w = RectWidth(roi);
+  return RunBands(m_thread_adapter, roi, [&](const Rect& band) {
+    for (int32_t s = (band.top - roi.top) / kStripRows;; ++s) {
+      const int32_t y0 = std::max(band.top, roi.top + s * kStripRows);
+      const int32_t y1 = std::min(band.bottom, roi.top + (s + 1) * kStripRows);
+      if (y0 >= y1) break;
+      for (int32_t y = y0; y < y1; ++y) {
+        fill.fn(RowPtr(in, y) + static_cast<ptrdiff_t>(roi.left) * 4,
+                RowPtr(m_background, y) + static_cast<ptrdiff_t>(roi.left) * 4,
+                &m_start[static_cast<size_t>(y) * m_width + roi.left], progress, RowPtr(out, y - roi.top), w);
+      }
+      for (uint32_t k = m_strip_start[s]; k < m_strip_start[s + 1]; ++k) {
+        DispersionDrawParticle(m_circles, m_frame[m_strip_items[k]], roi.left, roi.right, y0, y1, out.data,
+                               roi.left, roi.top, out.stride);
+      }
+    }
+    return S_OK;
+  });
+}
+
+}  // namespace Korvane

@@ -1,4 +1,5 @@
 #include "core/BilinearResize.h"
+#include "core/ImageChecks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -145,24 +146,21 @@ int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) {
   ResizePlan plan;
   int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 4, false, &plan);
   if (hr >= 0) resize_detail::ResizeSpan8uc4(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) {
   ResizePlan plan;
   int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 1, false, &plan);
   if (hr >= 0) resize_detail::ResizeSpan8uc1(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result) {
   ResizePlan plan;
   int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 12, true, &plan);
   if (hr < 0) {
-    *result = hr;
-    return hr;
+    return Done(result, hr);
   }
   for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
     const int32_t iy = dy - plan.y_begin;
@@ -184,8 +182,7 @@ int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result) {
       }
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 namespace {

@@ -12,6 +12,7 @@
 
 #include "core/BilinearResize.h"
 #include "core/BilinearResizePlan.h"
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 
 namespace Korvane {
@@ -216,8 +217,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
   ResizePlan plan;
   int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, kChannels, false, &plan);
   if (hr < 0 || plan.x_begin == plan.x_end) {
-    *result = hr;
-    return hr;
+    return Done(result, hr);
   }
   const int32_t nx = plan.x_end - plan.x_begin;
   const size_t values = static_cast<size_t>(nx) * kChannels;
@@ -228,8 +228,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
     fx128.resize(values);
     if (!fused) rows.resize(2 * values);
   } catch (const std::bad_alloc&) {
-    *result = E_OUTOFMEMORY;
-    return E_OUTOFMEMORY;
+    return Done(result, E_OUTOFMEMORY);
   }
   for (int32_t i = 0; i < nx; ++i)
     for (int c = 0; c < kChannels; ++c) fx128[i * kChannels + c] = static_cast<int16_t>(plan.fx[i] * 128);
@@ -238,8 +237,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
     try {
       quads.resize(static_cast<size_t>(nx) / 4 + 1, kQuadGather);
     } catch (const std::bad_alloc&) {
-      *result = E_OUTOFMEMORY;
-      return E_OUTOFMEMORY;
+      return Done(result, E_OUTOFMEMORY);
     }
     const int32_t paired = plan.x_paired - plan.x_begin;
     for (int32_t i = 0; kChannels == 4 && i + 4 <= paired; i += 4) {
@@ -263,8 +261,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
         FusedRow8uc1(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
       }
     }
-    *result = S_OK;
-    return S_OK;
+    return Done(result, S_OK);
   }
   int16_t* slot[2] = {rows.data(), rows.data() + values};
   int32_t tag[2] = {-1, -1};
@@ -297,8 +294,7 @@ int32_t ResizeSse(ThreadJob* job, int32_t* result) {
     VerticalRow(slot[s0], slot[s1], plan.fy[iy], static_cast<int32_t>(values),
                 plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels);
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "core/BoxBlur.h"
+#include "core/ImageChecks.h"
 
 #include <algorithm>
 #include <cmath>
@@ -258,8 +259,7 @@ int32_t RunPlainPass(ThreadJob* job, int32_t* result, bool rows) {
   boxblur_detail::BlurJob b;
   int32_t hr = boxblur_detail::PrepareBlur(job, rows, &b);
   if (hr >= 0) hr = boxblur_detail::BlurPlain(b, rows);
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 }  // namespace
@@ -276,8 +276,7 @@ int32_t BoxBlurHRepeat(ThreadJob* job, int32_t* result) {
     inner.param = repeat->param;
     for (int32_t pass = 0; pass < repeat->passes && hr >= 0; ++pass) hr = BoxBlurH(&inner, result);
   }
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 namespace {

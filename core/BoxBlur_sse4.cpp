@@ -20,6 +20,7 @@
 
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 
 namespace Korvane {
@@ -689,8 +690,7 @@ int32_t SaveHalo(ThreadJob* tj, int32_t* result) {
                   f.row_bytes);
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 // Adds a blurred row to the column sums.
@@ -792,16 +792,14 @@ int32_t FusedBand(ThreadJob* tj, int32_t* result) {
   const int32_t top = tj->rect.top < 0 ? 0 : tj->rect.top;
   const int32_t bottom = tj->rect.bottom > h ? h : tj->rect.bottom;
   if (top >= bottom) {
-    *result = S_OK;
-    return S_OK;
+    return Done(result, S_OK);
   }
   std::vector<Block> ring, sums;
   try {
     ring.resize((f.row_bytes * 2 * f.job.radius + 15) / 16);
     sums.resize((f.row_bytes + 15) / 16 * 2);
   } catch (const std::bad_alloc&) {
-    *result = E_OUTOFMEMORY;
-    return E_OUTOFMEMORY;
+    return Done(result, E_OUTOFMEMORY);
   }
   unsigned char* ring_base = reinterpret_cast<unsigned char*>(ring.data());
   uint16_t* sum_base = reinterpret_cast<uint16_t*>(sums.data());
@@ -810,8 +808,7 @@ int32_t FusedBand(ThreadJob* tj, int32_t* result) {
   } else {
     SweepBand<true>(f, top, bottom, ring_base, sum_base);
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 }  // namespace
@@ -904,8 +901,7 @@ int32_t RunSsePass(ThreadJob* job, int32_t* result, bool rows, int32_t passes = 
       hr = E_OUTOFMEMORY;
     }
   }
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 }  // namespace
@@ -917,8 +913,7 @@ int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result) { return RunSsePass(job, r
 int32_t BoxBlurHRepeat_SSE(ThreadJob* job, int32_t* result) {
   const auto* repeat = static_cast<const BoxBlurRepeatParam*>(job->param);
   if (!repeat || !repeat->param) {
-    *result = E_POINTER;
-    return E_POINTER;
+    return Done(result, E_POINTER);
   }
   ThreadJob inner = *job;
   inner.param = repeat->param;

@@ -15,9 +15,10 @@
 
 namespace Korvane {
 
-// Stores `code` in a task's result slot and returns it: `return Done(result, E_POINTER);`.
+// Stores `code` in a task's result slot (when there is one) and returns it:
+// `return Done(result, E_POINTER);`.
 inline int32_t Done(int32_t* result, int32_t code) {
-  *result = code;
+  if (result) *result = code;
   return code;
 }
 
@@ -60,6 +61,22 @@ inline int32_t CheckImage(const Image* img, int32_t pix_fmt) {
 template <class Image>
 inline int32_t CheckImage(const Image& img, int32_t pix_fmt) {
   return CheckImage(&img, pix_fmt);
+}
+
+// An image a task reads or writes over rectangle r: E_POINTER without
+// pixels, E_NOTIMPL in another format, E_INVALIDARG for a negative size, rows
+// too short or r reaching outside it. Unlike CheckImage, an empty image (or
+// rectangle) passes: it simply holds nothing.
+template <class Image>
+inline int32_t CheckHolds(const Image* img, int32_t pix_fmt, const Rect& r) {
+  if (img == nullptr || !HasPixels(*img)) return E_POINTER;
+  if (!IsFormat(*img, pix_fmt)) return E_NOTIMPL;
+  if (img->width < 0 || img->height < 0 ||
+      static_cast<int64_t>(img->stride) < static_cast<int64_t>(img->width) * BytesPerPixel(pix_fmt)) {
+    return E_INVALIDARG;
+  }
+  if (r.left < 0 || r.top < 0 || r.right > img->width || r.bottom > img->height) return E_INVALIDARG;
+  return S_OK;
 }
 
 template <class A, class B>

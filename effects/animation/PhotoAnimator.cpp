@@ -7,6 +7,7 @@
 #include <new>
 
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
 #include "effects/animation/InpaintMask.h"
 
@@ -18,9 +19,9 @@ constexpr uint32_t kNone = 0xFFFFFFFFu;  // no triangle, no chunk left
 // Pixel coordinates must stay exact in single precision.
 constexpr int32_t kMaxSide = 1 << 24;
 
+// The shared row check plus the animator's side limit.
 bool ImageFits(const ImageBuffer& img, int32_t bytes_per_pixel) {
-  return img.width >= 1 && img.height >= 1 && img.width <= kMaxSide && img.height <= kMaxSide &&
-         static_cast<int64_t>(img.stride) >= static_cast<int64_t>(img.width) * bytes_per_pixel;
+  return RowsFit(img, bytes_per_pixel) && img.width <= kMaxSide && img.height <= kMaxSide;
 }
 
 bool Finite(float x, float y) { return std::isfinite(x) && std::isfinite(y); }
@@ -510,8 +511,7 @@ int32_t PhotoAnimator::FrameTask(ThreadJob* job, int32_t* result) {
                  input.data + static_cast<size_t>(y) * static_cast<size_t>(input.stride), roi.left, roi.right, out);
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 int32_t PhotoAnimator::RenderFrame(const AnimationParam& param, int32_t alpha) {

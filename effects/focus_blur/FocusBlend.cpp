@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "core/RowPipeline.h"
 
@@ -34,13 +35,6 @@ void BlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const u
     for (int32_t c = 0; c < 3; ++c) out[c] = Div255(a[c] * wa + w[c] * ww);
     out[3] = p[3];
   }
-}
-
-bool IsBgra(const SmartBuffer& b) { return b.pix_fmt == PIXEL_BGRA32 && b.channel == 4; }
-bool SameSize(const SmartBuffer& a, const SmartBuffer& b) { return a.width == b.width && a.height == b.height; }
-bool RowsFit(const SmartBuffer& b, int32_t bytes_per_pixel) {
-  return b.width >= 0 && b.height >= 0 &&
-         static_cast<int64_t>(b.stride) >= static_cast<int64_t>(b.width) * bytes_per_pixel;
 }
 
 int32_t CheckBlend(const FocusBlendParam& bp) {
@@ -93,8 +87,7 @@ int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row) {
       }
     }
   }
-  if (result) *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 int32_t FocusBlend(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, BlendRowPlain); }

@@ -6,6 +6,7 @@
 #include <new>
 #include <vector>
 
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
@@ -93,8 +94,6 @@ constexpr int32_t kRingPixels = 8192;
 constexpr int32_t kMaxTaps = 2 * kGaussianHalfTaps - 1;
 // Floats after the last converted pixel: colour rows may be read one float past a pixel.
 constexpr size_t kRowPad = 4;
-
-bool IsBgra(const SmartBuffer& b) { return b.pix_fmt == PIXEL_BGRA32 && b.channel == 4; }
 
 // Checks what both passes need; S_OK with `skip` set when there is nothing to do.
 int32_t CheckBand(const ThreadJob* job, bool columns, const GaussianBlurParam*& p, bool& skip) {
@@ -487,8 +486,7 @@ int32_t RunBand(ThreadJob* job, int32_t* result, const GaussianRowKernels& kerne
       hr = E_OUTOFMEMORY;
     }
   }
-  if (result) *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
 #include "core/Simd.h"
 #include "core/SmartBuffer.h"
 #include "effects/glitch/GlitchKernels.h"
@@ -17,8 +18,6 @@ namespace {
 // Single-precision angle steps of the circular types.
 constexpr float kPi = 3.1415927f;
 constexpr float kThirdTurn = 2.0943952f;
-
-bool IsBgra(const ImageBuffer& img) { return img.pix_fmt == PIXEL_BGRA32; }
 
 // Offset of a channel placed on the circle of radius r at angle theta.
 void Polar(float r, float theta, int32_t out[2]) {
@@ -33,13 +32,13 @@ GlitchSource SourceOf(const ImageBuffer& img) {
 }  // namespace
 
 int32_t GlitchEffect::CheckImages(const ImageBuffer* input, const ImageBuffer* output) {
-  if (!input || !output || !input->data || !output->data) return E_POINTER;
-  if (!IsBgra(*input) || !IsBgra(*output)) return E_NOTIMPL;
+  if (!input || !output || !HasPixels(*input) || !HasPixels(*output)) return E_POINTER;
+  if (input->pix_fmt != PIXEL_BGRA32 || output->pix_fmt != PIXEL_BGRA32) return E_NOTIMPL;
   const int32_t max_width = std::numeric_limits<int32_t>::max() / 4;
   if (input->width <= 0 || input->height <= 0 || input->width > max_width) return E_INVALIDARG;
   if (output->width != input->width || output->height != input->height) return E_INVALIDARG;
   // Rows may be padded, never short: the kernels walk width x 4 bytes of each.
-  if (input->stride < input->width * 4 || output->stride < output->width * 4) return E_INVALIDARG;
+  if (!RowsFit(*input, 4) || !RowsFit(*output, 4)) return E_INVALIDARG;
   return S_OK;
 }
 
@@ -180,8 +179,7 @@ int32_t GlitchEffect::RunThreadApply(ThreadJob* job, int32_t* result) {
         break;  // not an operation of this task: nothing to do
     }
   }
-  if (result) *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 }  // namespace Korvane

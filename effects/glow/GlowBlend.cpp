@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "core/Simd.h"
 
@@ -21,23 +22,6 @@ namespace {
 
 constexpr int32_t kModeToSlot[kGlowBlendModeCount] = {0,  1,  2,  4,  5,  6,  8,  9,  11, 12, 13, 14, 15, 16, 17,
                                                       18, 19, 21, 23, 25, 26, 27, 28, 30, 32, 34, 35, 36, 37};
-
-bool ImageHolds(const SmartBuffer* b, int32_t pix_fmt, const Rect& r, int32_t* code) {
-  if (!b || !b->data) {
-    *code = E_POINTER;
-    return false;
-  }
-  if (b->pix_fmt != pix_fmt) {
-    *code = E_NOTIMPL;
-    return false;
-  }
-  if (b->width < 0 || b->height < 0 || b->stride < b->width * BytesPerPixel(pix_fmt) || r.left < 0 || r.top < 0 ||
-      r.right > b->width || r.bottom > b->height) {
-    *code = E_INVALIDARG;
-    return false;
-  }
-  return true;
-}
 
 // One pixel through slot Slot. The row tasks use <false, false>.
 template <int Slot, bool kAlphaMul, bool kRaw>
@@ -84,8 +68,7 @@ int32_t BlendRows(ThreadJob* job, int32_t* result) {
       for (; x < b.x1; ++x) BlendPixel<Slot, false, false>(s + x * 4, d + x * 4, o + (x - b.ox) * 4, b.opacity);
     }
   }
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 template <int Slot>
@@ -153,10 +136,10 @@ int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_rel
   if (roi.right < roi.left || roi.bottom < roi.top) return E_INVALIDARG;
   int32_t code = S_OK;
   const SmartBuffer* glow = float_glow ? p->glow_f : p->glow;
-  if (!ImageHolds(glow, float_glow ? PIXEL_FLOAT96 : PIXEL_BGRA32, roi, &code)) return code;
-  if (!ImageHolds(p->photo, PIXEL_BGRA32, roi, &code)) return code;
-  const Rect none;
-  if (!ImageHolds(p->dst, PIXEL_BGRA32, none, &code)) return code;
+  if ((code = CheckHolds(glow, float_glow ? PIXEL_FLOAT96 : PIXEL_BGRA32, roi)) < 0 ||
+      (code = CheckHolds(p->photo, PIXEL_BGRA32, roi)) < 0 || (code = CheckHolds(p->dst, PIXEL_BGRA32, Rect{})) < 0) {
+    return code;
+  }
 
   band->glow = glow->data.get();
   band->photo = p->photo->data.get();

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "effects/glow/GlowBlend.h"
 
@@ -119,8 +120,7 @@ int32_t FloatRows(ThreadJob* job, int32_t* result) {
       }
     }
   }
-  *result = hr;
-  return hr;
+  return Done(result, hr);
 }
 
 }  // namespace

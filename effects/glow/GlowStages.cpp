@@ -5,35 +5,12 @@
 #include <cstring>
 
 #include "core/ColorSpace.h"
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 
 namespace Korvane {
 
 namespace {
-
-// The band clipped to a w x h image; empty when nothing of it lies inside.
-inline Rect Clip(const Rect& r, int32_t w, int32_t h) {
-  Rect c;
-  c.left = std::max(r.left, 0);
-  c.top = std::max(r.top, 0);
-  c.right = std::min(r.right, w);
-  c.bottom = std::min(r.bottom, h);
-  return c;
-}
-
-inline bool Empty(const Rect& r) { return r.right <= r.left || r.bottom <= r.top; }
-
-inline int32_t Done(int32_t* result, int32_t code) {
-  *result = code;
-  return code;
-}
-
-inline unsigned char* Row(const SmartBuffer& b, int32_t y) {
-  return b.data.get() + static_cast<ptrdiff_t>(y) * b.stride;
-}
-inline float* RowF(const SmartBuffer& b, int32_t y) {
-  return reinterpret_cast<float*>(b.data.get() + static_cast<ptrdiff_t>(y) * b.stride);
-}
 
 // A float channel value to int, clamped to [lo, hi] before the conversion so
 // that no value (however large) is out of the int range; NaN gives lo.
@@ -60,10 +37,10 @@ int32_t GlowCopySrc(ThreadJob* job, int32_t* result) {
   const int32_t bpp = BytesPerPixel(p->src->pix_fmt);
   if (bpp == 0 || bpp != BytesPerPixel(p->dst->pix_fmt)) return Done(result, E_INVALIDARG);
   Rect r = Clip(job->rect, std::min(p->src->width, p->dst->width), std::min(p->src->height, p->dst->height));
-  if (Empty(r)) return Done(result, S_OK);
+  if (IsEmpty(r)) return Done(result, S_OK);
   const size_t bytes = static_cast<size_t>(r.right - r.left) * bpp;
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    std::memcpy(Row(*p->dst, y) + r.left * bpp, Row(*p->src, y) + r.left * bpp, bytes);
+    std::memcpy(RowPtr(*p->dst, y) + r.left * bpp, RowPtr(*p->src, y) + r.left * bpp, bytes);
   }
   return Done(result, S_OK);
 }
@@ -75,7 +52,7 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
   const SmartBuffer* mask = (p->mask && p->mask->data) ? p->mask : nullptr;
   if (mask && mask->pix_fmt != PIXEL_GRAY8) return Done(result, E_NOTIMPL);
   const Rect r = Clip(job->rect, p->cols, p->rows);
-  if (Empty(r)) return Done(result, S_OK);
+  if (IsEmpty(r)) return Done(result, S_OK);
 
   // A threshold below -255 lifts every channel to 255 anyway.
   const int32_t t = std::min(std::max(p->threshold, -255), 255);
@@ -83,8 +60,8 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
   for (int32_t v = 0; v < 256; ++v) lut[v] = static_cast<uint8_t>(std::min(std::max(v - t, 0), 255));
 
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    const unsigned char* s = Row(*p->src, y) + r.left * 4;
-    unsigned char* d = Row(*p->dst, y) + r.left * 4;
+    const unsigned char* s = RowPtr(*p->src, y) + r.left * 4;
+    unsigned char* d = RowPtr(*p->dst, y) + r.left * 4;
     if (!mask) {
       for (int32_t x = r.left; x < r.right; ++x, s += 4, d += 4) {
         d[0] = lut[s[0]];
@@ -96,7 +73,7 @@ int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result) {
     }
     // Mask bytes exist for columns below mask->width of rows below its height.
     const int32_t mw = y < mask->height ? mask->width : 0;
-    const unsigned char* m = y < mask->height ? Row(*mask, y) : nullptr;
+    const unsigned char* m = y < mask->height ? RowPtr(*mask, y) : nullptr;
     const int32_t inner = std::min(r.right, mw - 2);  // all three mask bytes inside
     int32_t x = r.left;
     for (; x < inner; ++x, s += 4, d += 4) {
@@ -127,7 +104,7 @@ const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r
     return nullptr;
   }
   r = Clip(job->rect, std::min(p->bytes->width, p->floats->width), std::min(p->bytes->height, p->floats->height));
-  if (Empty(r)) {
+  if (IsEmpty(r)) {
     Done(result, S_OK);
     return nullptr;
   }
@@ -139,8 +116,8 @@ int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
   const GlowConvertParam* p = GlowConvertBand(job, result, r);
   if (!p) return *result;
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    const unsigned char* s = Row(*p->bytes, y) + r.left * 4;
-    float* d = RowF(*p->floats, y) + r.left * 3;
+    const unsigned char* s = RowPtr(*p->bytes, y) + r.left * 4;
+    float* d = RowPtr<float>(*p->floats, y) + r.left * 3;
     const int32_t n = r.right - r.left;
     if (p->tone) {
       for (int32_t i = 0; i < n; ++i) {
@@ -168,8 +145,8 @@ int32_t GlowFloatToByte(ThreadJob* job, int32_t* result) {
   constexpr int32_t kChunk = 256;
   int32_t tmp[kChunk * 3];
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    const float* s = RowF(*p->floats, y) + r.left * 3;
-    unsigned char* d = Row(*p->bytes, y) + r.left * 4;
+    const float* s = RowPtr<float>(*p->floats, y) + r.left * 3;
+    unsigned char* d = RowPtr(*p->bytes, y) + r.left * 4;
     for (int32_t x0 = 0, n = r.right - r.left; x0 < n; x0 += kChunk) {
       const int32_t m = std::min(kChunk, n - x0);
       const float* sc = s + 3 * x0;
@@ -269,7 +246,7 @@ void AdjustColorBand(const GlowColorParam& p, const Rect& r) {
   uint32_t memo_key[1 << kMemoBits], memo_val[1 << kMemoBits];
   if (kHsv) std::fill_n(memo_key, 1 << kMemoBits, 0xFFFFFFFFu);  // no colour has a top byte
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    unsigned char* px = Row(*p.img, y) + r.left * 4;
+    unsigned char* px = RowPtr(*p.img, y) + r.left * 4;
     for (int32_t x = r.left; x < r.right; ++x, px += 4) {
       const uint32_t key = px[0] | static_cast<uint32_t>(px[1]) << 8 | static_cast<uint32_t>(px[2]) << 16;
       uint32_t out;
@@ -306,7 +283,7 @@ int32_t GlowAdjustColor(ThreadJob* job, int32_t* result) {
   if (!p->img || !p->img->data) return Done(result, E_POINTER);
   if (p->img->pix_fmt != PIXEL_BGRA32) return Done(result, E_INVALIDARG);
   const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (Empty(r)) return Done(result, S_OK);
+  if (IsEmpty(r)) return Done(result, S_OK);
   // Choose the band kernel once: each skipped step is one whose effect on an
   // 8-bit colour is exactly nothing.
   const bool tint = p->strength != 0.0f;
@@ -324,14 +301,14 @@ int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result) {
   if (!p->img || !p->img->data) return Done(result, E_POINTER);
   if (p->img->pix_fmt != PIXEL_FLOAT96) return Done(result, E_INVALIDARG);
   const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (Empty(r)) return Done(result, S_OK);
+  if (IsEmpty(r)) return Done(result, S_OK);
   const float w = p->strength, keep = 1.0f - p->strength;
   const float hue = p->hue * kHueFull;
   const float sat_gain = p->saturation + 1.0f;
   const float beta = p->brightness;
   const bool tint = w != 0.0f;
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    float* px = RowF(*p->img, y) + r.left * 3;
+    float* px = RowPtr<float>(*p->img, y) + r.left * 3;
     for (int32_t x = r.left; x < r.right; ++x, px += 3) {
       // The highlight is first limited to 0..1, as the byte pipeline's
       // conversion limits it to 0..255, so both pipelines tint the same glow.

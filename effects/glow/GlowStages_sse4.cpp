@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "effects/glow/GlowStages.h"
 
@@ -18,8 +19,7 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
   const int32_t left = std::max(job->rect.left, 0), right = std::min(job->rect.right, p->cols);
   const int32_t top = std::max(job->rect.top, 0), bottom = std::min(job->rect.bottom, p->rows);
   if (right <= left || bottom <= top) {
-    *result = S_OK;
-    return S_OK;
+    return Done(result, S_OK);
   }
   // B, G, R move by the threshold with unsigned saturation; alpha lanes move by 0.
   const int32_t t = std::min(std::max(p->threshold, -255), 255);
@@ -42,8 +42,7 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
       d[4 * x + 3] = s[4 * x + 3];
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result) {
@@ -76,8 +75,7 @@ int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result) {
       for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 namespace {
@@ -126,8 +124,7 @@ int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result) {
       }
     }
   }
-  *result = S_OK;
-  return S_OK;
+  return Done(result, S_OK);
 }
 
 }  // namespace Korvane

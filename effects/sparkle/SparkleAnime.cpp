@@ -1,0 +1,81 @@
+#include "effects/sparkle/SparkleAnime.h"
+
+#include <algorithm>
+
+#include "core/ResultCode.h"
+
+namespace Korvane {
+
+const std::vector<float>& SparkleTwinkleCurve() {
+  static const std::vector<float> curve = [] {
+    std::vector<float> c(23, 0.0f);
+    for (int i = 1; i <= 5; ++i) c.push_back(0.2f * i);
+    for (int i = 39; i >= 1; --i) c.push_back(0.025f * i);
+    c.resize(kSparkleCurveLength, 0.0f);
+    return c;
+  }();
+  return curve;
+}
+
+int32_t CalSparkleScaleRatio(int32_t quality_mode, int32_t long_side, float& ratio) {
+  if (quality_mode == 0 || quality_mode == 2) {
+    ratio = 1.0f;
+    return S_OK;
+  }
+  if (long_side < 1) return E_INVALIDARG;
+  if (long_side <= 640) {
+    ratio = 1.0f;
+  } else if (long_side < 5120) {
+    const float t = static_cast<float>(long_side - 640) / 4480.0f;
+    ratio = 1.0f - t + 0.25f * t;
+  } else {
+    ratio = 0.25f;
+  }
+  return S_OK;
+}
+
+int32_t ScaledLength(int32_t size, float ratio) {
+  return std::max(1, static_cast<int32_t>(static_cast<float>(size) * ratio + 0.5f));
+}
+
+int32_t CalScaledROI(const Rect& roi, Rect& scaled_roi, float ratio, int32_t w, int32_t h) {
+  if (!(ratio > 0.0f)) return E_INVALIDARG;
+  scaled_roi.left = std::max(0, static_cast<int32_t>(roi.left * ratio - 1.0f));
+  scaled_roi.top = std::max(0, static_cast<int32_t>(roi.top * ratio - 1.0f));
+  scaled_roi.right = std::min(static_cast<int32_t>(roi.right * ratio + 1.0f), w);
+  scaled_roi.bottom = std::min(static_cast<int32_t>(roi.bottom * ratio + 1.0f), h);
+  return S_OK;
+}
+
+int32_t CalTwinkleTable(int32_t count, std::vector<float>& table) {
+  if (count < 1) return E_INVALIDARG;
+  const std::vector<float>& curve = SparkleTwinkleCurve();
+  table.resize(static_cast<size_t>(count));
+  const float step = static_cast<float>(kSparkleCurveLength) / static_cast<float>(count);
+  for (int32_t i = 0; i < count; ++i) {
+    const float x = static_cast<float>(i) * step;
+    const int32_t k = std::min(static_cast<int32_t>(x), kSparkleCurveLength - 2);
+    const float f = x - static_cast<float>(k);
+    table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
+  }
+  return S_OK;
+}
+
+int32_t TwinkleFrameOffset(int32_t phase, int32_t count, int32_t index, int32_t cycles) {
+  const int32_t frame = std::min(
+      static_cast<int32_t>(static_cast<float>(phase) * static_cast<float>(count) / kSparkleCurveLength + 0.5f),
+      count - 1);
+  const int64_t step = static_cast<int64_t>(index % count) * cycles;
+  return static_cast<int32_t>((frame + step) % count);
+}
+
+int32_t CalRotation(float rotation, bool rotate, int32_t count, int32_t index, float& out) {
+  if (count < 1) return E_INVALIDARG;
+  out = rotation;
+  if (!rotate) return S_OK;
+  out += static_cast<float>(index) * 360.0f / static_cast<float>(count);
+  if (out > 360.0f) out -= 360.0f;
+  return S_OK;
+}
+
+}  // namespace Korvane

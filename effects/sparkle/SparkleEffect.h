@@ -1,0 +1,173 @@
+// The sparkle effect's implementation: the light-point list, the shape
+// variants, the two light maps and the frame pipeline.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "core/EffectCore.h"
+#include "core/LightPaste.h"
+#include "core/LightPointDetect.h"
+#include "effects/sparkle/Sparkle.h"
+#include "effects/sparkle/SparkleShapes.h"
+
+namespace Korvane {
+
+// A shape kept by the effect (SPK_SIZE x SPK_SIZE) with a counter that
+// changes whenever the shape is replaced, so variants know when to rebuild.
+struct SparkleType {
+  SmartBuffer shape;
+  uint32_t generation = 0;
+};
+
+// A manual sparkle: its position in photo pixels, its scale and type, and
+// what was drawn for it when it was added.
+struct ManualSparkle {
+  float x = 0.0f;
+  float y = 0.0f;
+  float scale = 1.0f;
+  uint16_t type_id = 2;
+  int32_t phase = 0;         // index into the twinkle curve, always in its lit part
+  int32_t frame_offset = 0;  // set per frame
+  float random = 0.0f;       // compared with the amount
+  int32_t color_index = 0;   // 0..23
+};
+
+class SparkleEffect final : public Sparkle, public EffectCore {
+ public:
+  static constexpr int32_t kNormLongSide = 640;
+  static constexpr int32_t kSizeCount = 10;   // sizes of automatic glints
+  static constexpr int32_t kColorCount = 24;  // hues of colour mode 2
+
+  explicit SparkleEffect(CThreadPool* pool);
+  ~SparkleEffect() override;
+
+  int32_t SetSource(const ImageBuffer* src) override;
+  int32_t SetAutoSparkleShape(const ImageBuffer* shape) override;
+  int32_t SetManualSparkleShape(const SparkleShape* shape) override;
+  int32_t AddManualSparkles(const SparklePoint* points, int32_t count, const SparkleShape* shape) override;
+  int32_t UpdateManualSparkles(const SparklePoint* points, int32_t count, int32_t value) override;
+  int32_t Process(const SparkleParam* param, const SparkleRenderParam* auto_render_param,
+                  const SparkleRenderParam* manual_render_param, const ImageBuffer* src, ImageBuffer* dst,
+                  Rect roi) override;
+  int32_t SetMaxManualSparkleCount(int32_t n) override;
+  int32_t ShowAllAutoSparkles() override;
+  int32_t ResetSparkleTypes() override;
+  int32_t ReleaseBuffer() override;
+
+  // For tools and tests: what SetSource found and what was placed.
+  const LightPointList& AutoSparkleList() const { return m_auto_sparkle_list; }
+  const std::vector<ManualSparkle>& ManualSparkles() const { return m_manual_sparkles; }
+  int32_t NormWidth() const { return m_norm_img_size_w; }
+  int32_t NormHeight() const { return m_norm_img_size_h; }
+  float ScaleRatio() const { return m_scale_ratio; }
+  // Detection settings of a quality mode (radius, threshold).
+  static LightPointSettings DetectionSettings(int32_t quality_mode);
+  // The skip threshold of a render record's amount in a quality mode.
+  float SkipThreshold(int32_t quality_mode, float amount) const;
+  // The size of an automatic glint of size identifier i at a render size,
+  // on a light map whose longer side is s.
+  static int32_t AutoGlintSize(int32_t i, float size, int32_t s);
+  static int32_t ManualGlintSize(float scale, float size, int32_t s);
+
+ private:
+  struct Placement;  // one glint to paste (position, size, colour, lightness)
+
+  int32_t ReleaseAllSparkleTypesBuff();
+  int32_t ResetSparkleList();
+  int32_t DetectAutoSparkles(int32_t quality_mode);
+  int32_t InitAutoSparkleList(const SmartBuffer& map);
+  int32_t CopyShape(const ImageBuffer& shape, SparkleType& type, bool manual);
+  int32_t ValidateProcess(const SparkleParam* param, const SparkleRenderParam* a, const SparkleRenderParam* m,
+                          const ImageBuffer* src, const ImageBuffer* dst, const Rect& roi) const;
+
+  // Frame steps.
+  int32_t RenderFrame(const ImageBuffer& src, ImageBuffer& dst);
+  int32_t CalScaleRatio(int32_t long_side);
+  int32_t InitLightBuffers();
+  int32_t ResizeROI(const Rect& roi, Rect& scaled_roi, float ratio);
+  int32_t CalTwinkleAnimeParam(int32_t count, int32_t index);
+  int32_t CalRotateAnimeParam(int32_t count, int32_t index);
+  int32_t CopySparkleShape();
+  int32_t SparkleProcess();
+  int32_t InitRotatedSparkleType();
+  int32_t InitMultiScaledSparkleType();
+  int32_t InitTempSparkleType();
+  int32_t ClearLightMaps(bool manual);
+  int32_t PasteAutoSparkle(const SparkleRenderParam& rp);
+  int32_t PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src);
+  int32_t PasteOne(const SparkleVariant& variant, SmartBuffer& light, float px, float py, float lightness,
+                   const LightColor& color, int32_t color_mode);
+  int32_t FinishFrame(const ImageBuffer& src, ImageBuffer& dst);
+  float Lightness(int32_t phase, int32_t frame_offset) const;
+  bool Shown(int32_t quality_mode, float amount, float random) const;
+
+  // The source and its normalised copy.
+  bool m_source_set = false;
+  int32_t m_img_size_w = 0, m_img_size_h = 0;
+  int32_t m_norm_img_size_w = 0, m_norm_img_size_h = 0;
+  SmartBuffer m_norm_src_buff;
+  SmartBuffer m_auto_sparkle_map;
+  bool m_detected_fine = false;  // the list came from the settings of modes 2 and 3
+  LightPointList m_auto_sparkle_list;
+
+  // Shapes.
+  SparkleType m_auto_sparkle_type;
+  std::map<uint16_t, SparkleType> m_manual_types;
+  std::vector<ManualSparkle> m_manual_sparkles;
+  uint32_t m_manual_serial = 0;  // sparkles added so far: the seed of the next one
+  int32_t m_max_manual_count = -1;
+  uint32_t m_generation = 0;
+
+  // Variants of the current frame.
+  SmartBuffer m_auto_spk_dst;      // working copy of the automatic shape
+  SmartBuffer m_rotated_auto;      // and turned
+  ShapePyramid m_auto_pyramid;
+  SparkleVariant m_auto_variants[kSizeCount];
+  struct AutoKey {
+    float rotation = -1.0f, size = -1.0f;
+    int32_t s = -1;
+    uint32_t generation = 0;
+    bool operator==(const AutoKey& o) const {
+      return rotation == o.rotation && size == o.size && s == o.s && generation == o.generation;
+    }
+  } m_auto_key, m_pending_key;
+  struct ManualTypeCache {
+    float rotation = -1.0f;
+    uint32_t generation = 0;
+    SmartBuffer rotated;
+    ShapePyramid pyramid;
+    std::map<int32_t, SparkleVariant> variants;  // by size
+  };
+  std::map<uint16_t, ManualTypeCache> m_manual_cache;
+  bool m_auto_rebuild = false;
+
+  // Frame state.
+  SparkleParam m_param;
+  SparkleRenderParam m_auto_render, m_manual_render;
+  float m_scale_ratio = 1.0f;
+  int32_t m_scaled_img_size_w = 0, m_scaled_img_size_h = 0;
+  int32_t m_buff_w = 0, m_buff_h = 0;  // sizes the light maps were made for
+  float m_buff_ratio = 0.0f;
+  Rect m_roi, m_scaled_roi;
+  std::vector<float> m_twinkle_table;
+  SmartBuffer m_light_buff;
+  SmartBuffer m_auto_scaled_light_buff;
+  SmartBuffer m_manu_scaled_light_buff;
+  bool m_manual_drawn = false;  // the manual map holds light this frame
+
+  // Fixed tuning: glint sizes from 1% to 3% of the light map's longer side,
+  // scales up to 6, the normalised long side, and the brightness of the fast
+  // modes by phase.
+  const float m_min_glint = 0.01f;
+  const float m_max_glint = 0.03f;
+  const float m_max_scale = kSparkleMaxScale;
+  const int32_t m_norm_long_side = kNormLongSide;
+  const float m_fixed_lightness[11] = {0.6f, 0.6f, 0.7f, 0.7f, 0.8f, 0.8f, 0.8f, 0.9f, 0.9f, 1.0f, 1.0f};
+  // Skip thresholds of the fast modes: the amount in 11 steps, so a small
+  // move of the slider does not make single glints blink in and out.
+  float m_skip_table[11];
+};
+
+}  // namespace Korvane

@@ -1,0 +1,360 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "SparkleTestSupport.h"
+#include "core/BilinearResize.h"
+#include "core/ImageChecks.h"
+#include "core/SmartBuffer.h"
+
+using namespace Korvane;
+using namespace SparkleTest;
+
+namespace {
+
+SparkleParam Frame(int32_t count, int32_t index, int32_t mode = 1, bool rotate = false, bool twinkle = false) {
+  SparkleParam p;
+  p.quality_mode = mode;
+  p.rotate = rotate;
+  p.twinkle = twinkle;
+  p.anime_frame_count = count;
+  p.anime_frame_index = index;
+  return p;
+}
+
+// A manual shape record over `bytes` (SPK_SIZE square unless said otherwise).
+SparkleShape Manual(Bytes& bytes, uint16_t id, int32_t size = SPK_SIZE) {
+  SparkleShape s;
+  s.image = MakeImageBuffer(bytes.data(), size, SPK_SIZE);
+  s.type_id = id;
+  return s;
+}
+
+TEST(SparkleEffect, SourceSetsTheNormalisedSizeAndDetectsTheSpots) {
+  Rig a(320, 240);
+  EXPECT_EQ(a->NormWidth(), 640);
+  EXPECT_EQ(a->NormHeight(), 480);
+  // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
+  EXPECT_GE(a->AutoSparkleList().size(), 48u);
+  EXPECT_LE(a->AutoSparkleList().size(), 4u * 48u);
+  Rig b(300, 600);
+  EXPECT_EQ(b->NormWidth(), 320);
+  EXPECT_EQ(b->NormHeight(), 640);
+  KorvaneTest::EffectRig<SparkleEffect> c;
+  EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
+  Bytes gray(100, 0);
+  ImageBuffer g = MakeImageBuffer(gray.data(), 10, 10, PIXEL_GRAY8);
+  EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
+  ImageBuffer empty = MakeImageBuffer(gray.data(), 0, 10);
+  EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
+}
+
+// The list is the shared point list of the map found with the mode's
+// settings, and sizes follow the random float.
+TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
+  const LightPointSettings fine = SparkleEffect::DetectionSettings(2), normal = SparkleEffect::DetectionSettings(1);
+  EXPECT_EQ(fine.radius, 2);
+  EXPECT_FLOAT_EQ(fine.threshold, 25.5f);
+  EXPECT_EQ(normal.radius, 4);
+  EXPECT_FLOAT_EQ(normal.threshold, 2.55f);
+  EXPECT_EQ(SparkleEffect::DetectionSettings(3).radius, 2);
+  EXPECT_EQ(SparkleEffect::DetectionSettings(0).radius, 4);
+
+  Rig r(320, 240);
+  KorvaneTest::Runner run(2);
+  SmartBuffer norm;
+  ASSERT_EQ(CreateSmartBufferData(norm, 640, 480, PIXEL_BGRA32), S_OK);
+  ResizeParam rp;
+  rp.src = SmartBufferView(r.src);
+  rp.dst = norm;
+  rp.src_roi = FullRect(r.src);
+  ASSERT_EQ(RunBilinearResize(run.adapter, KorvaneTest::Level(0), rp, FullRect(norm)), S_OK);
+  for (int mode : {1, 2, 0}) {
+    if (mode != 1) r.Render(Frame(1, 0, mode));
+    SmartBuffer map;
+    LightPointList want;
+    ASSERT_EQ(DetectLightPoints(run.adapter, KorvaneTest::Level(0), norm, SparkleEffect::DetectionSettings(mode), map),
+              S_OK);
+    ASSERT_EQ(InitLightPointList(map, 90, 24, want), S_OK);
+    const LightPointList& got = r->AutoSparkleList();
+    ASSERT_EQ(got.size(), want.size()) << mode;
+    auto w = want.cbegin();
+    for (auto g = got.cbegin(); g != got.cend(); ++g, ++w) {
+      ASSERT_EQ(g->first, w->first);
+      EXPECT_EQ(g->second.phase, w->second.phase);
+      EXPECT_EQ(g->second.random, w->second.random);
+      EXPECT_EQ(g->second.color_index, w->second.color_index);
+      EXPECT_EQ(g->second.size_id, std::min(9, int(w->second.random * 10)));
+    }
+  }
+}
+
+TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
+  Rig r(64, 48);
+  SparkleParam p = Frame(4, 0);
+  SparkleRenderParam a, m;
+  KorvaneTest::TestImage out(64, 48, PIXEL_BGRA32, 12);
+  out.FillConstant(77);
+  const Bytes before = out.Packed();
+  const Rect all{0, 0, 64, 48};
+  EXPECT_EQ(r->Process(nullptr, &a, &m, &r.src, &out.buf, all), E_POINTER);
+  EXPECT_EQ(r->Process(&p, &a, nullptr, &r.src, &out.buf, all), E_POINTER);
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, nullptr, all), E_POINTER);
+
+  KorvaneTest::EffectRig<SparkleEffect> fresh;
+  EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 1, 1}), E_FAIL);  // no source, before sizes
+  ASSERT_EQ(fresh->SetSource(&r.src), S_OK);
+  EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 64, 47}), E_INVALIDARG);
+  ImageBuffer gray = out.buf;
+  gray.pix_fmt = PIXEL_GRAY8;
+  gray.channel = 1;
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &gray, all), E_INVALIDARG);
+  EXPECT_EQ(r->Process(&p, &a, &m, &gray, &out.buf, all), E_INVALIDARG);
+  for (auto [count, index] : {std::pair<int, int>{0, 0}, {4, -1}}) {
+    SparkleParam q = Frame(count, index);
+    EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &out.buf, all), E_INVALIDARG) << count << " " << index;
+  }
+  ImageBuffer small = MakeImageBuffer(r.photo.data(), 32, 48);
+  EXPECT_EQ(r->Process(&p, &a, &m, &small, &out.buf, all), E_INVALIDARG);  // not the source's size
+  KorvaneTest::TestImage part(16, 8);
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &part.buf, Rect{56, 44, 72, 52}), E_INVALIDARG);  // outside
+  const auto bad = [](auto change) {
+    SparkleRenderParam x;
+    change(x);
+    return x;
+  };
+  for (const SparkleRenderParam& x :
+       {bad([](auto& v) { v.amount = 1.5f; }), bad([](auto& v) { v.amount = NAN; }),
+        bad([](auto& v) { v.color_mode = 3; }), bad([](auto& v) { v.size = 0.0f; }),
+        bad([](auto& v) { v.size = 6.5f; }), bad([](auto& v) { v.rotation = INFINITY; }),
+        bad([](auto& v) { v.saturation = -1.5f; }), bad([](auto& v) { v.twinkle_cycles = 0; })}) {
+    EXPECT_EQ(r->Process(&p, &x, &m, &r.src, &out.buf, all), E_INVALIDARG);
+    EXPECT_EQ(r->Process(&p, &a, &x, &r.src, &out.buf, all), E_INVALIDARG);
+  }
+  EXPECT_EQ(out.Packed(), before);
+  EXPECT_TRUE(out.GuardsIntact());
+
+  // A ROI renders into an output of its size, padded rows untouched.
+  KorvaneTest::TestImage roi_out(30, 20, PIXEL_BGRA32, 8);
+  ASSERT_EQ(r->Process(&p, &a, &m, &r.src, &roi_out.buf, Rect{10, 12, 40, 32}), S_OK);
+  EXPECT_TRUE(roi_out.GuardsIntact());
+  EXPECT_EQ(r->ReleaseBuffer(), S_OK);
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);
+}
+
+TEST(SparkleEffect, GlintsOnlyAddLightAndAmountZeroAddsNone) {
+  Rig r(320, 240);
+  const Bytes lit = r.Render(Frame(1, 0));
+  EXPECT_GT(ChangedChannels(lit, r.photo), 200u);
+  for (size_t i = 0; i < lit.size(); ++i) ASSERT_GE(lit[i], r.photo[i]) << i;
+  for (size_t i = 3; i < lit.size(); i += 4) ASSERT_EQ(lit[i], 255);
+
+  SparkleRenderParam none, some;
+  none.amount = 0.0f;
+  EXPECT_EQ(r.Render(Frame(1, 0), none, some), r.photo);  // no manual sparkles either
+  SparkleParam off = Frame(1, 0);
+  off.auto_sparkle = 0;
+  EXPECT_EQ(r.Render(off), r.photo);
+  // More amount shows more glints.
+  SparkleRenderParam half;
+  half.amount = 0.5f;
+  const size_t at_half = ChangedChannels(r.Render(Frame(1, 0), half, some), r.photo);
+  EXPECT_GT(at_half, 0u);
+  EXPECT_LT(at_half, ChangedChannels(lit, r.photo));
+}
+
+TEST(SparkleEffect, FastModesQuantiseTheAmountAndShowEveryGlintAtAFixedBrightness) {
+  Rig r(160, 120);
+  EXPECT_FLOAT_EQ(r->SkipThreshold(1, 0.5f), 0.5f);
+  EXPECT_FLOAT_EQ(r->SkipThreshold(2, 0.5f), 5.0f / 11.0f);
+  EXPECT_EQ(r->SkipThreshold(3, 0.52f), r->SkipThreshold(3, 0.5f));
+  EXPECT_EQ(r->SkipThreshold(2, 1.0f), 0.0f);
+  // Twinkling or not, frame 0 of a loop looks the same: fixed brightness.
+  EXPECT_EQ(r.Render(Frame(8, 3, 2, false, true)), r.Render(Frame(8, 3, 2)));
+  EXPECT_NE(r.Render(Frame(8, 3, 1, false, true)), r.Render(Frame(8, 3, 1)));
+}
+
+TEST(SparkleEffect, ManualShapesAndTheMaximumAreChecked) {
+  Rig r(160, 120);
+  Bytes star = StarShape(), narrow(size_t(199) * SPK_SIZE * 4, 255);
+  SparkleShape ok = Manual(star, 2), id1 = Manual(star, 1), thin = Manual(narrow, 2, 199);
+  SparklePoint pts[3] = {{10, 10, 1}, {20, 20, 1}, {30, 30, 1}};
+  EXPECT_EQ(r->SetManualSparkleShape(nullptr), E_POINTER);
+  EXPECT_EQ(r->SetManualSparkleShape(&thin), E_INVALIDARG);
+  EXPECT_EQ(r->SetManualSparkleShape(&id1), E_INVALIDARG);
+  EXPECT_EQ(r->SetManualSparkleShape(&ok), S_OK);
+  EXPECT_EQ(r->AddManualSparkles(pts, 1, &thin), E_INVALIDARG);
+  EXPECT_EQ(r->AddManualSparkles(pts, 1, &id1), E_INVALIDARG);
+  EXPECT_EQ(r->AddManualSparkles(nullptr, 1, &ok), E_POINTER);
+  SparkleShape no_pixels = ok;
+  no_pixels.image.data = nullptr;
+  EXPECT_EQ(r->AddManualSparkles(pts, 1, &no_pixels), E_POINTER);
+  EXPECT_EQ(r->AddManualSparkles(pts, -1, &ok), E_INVALIDARG);
+  for (float scale : {0.0f, 6.5f, NAN}) {
+    SparklePoint p{5, 5, scale};
+    EXPECT_EQ(r->AddManualSparkles(&p, 1, &ok), E_INVALIDARG) << scale;
+  }
+  EXPECT_TRUE(r->ManualSparkles().empty());
+
+  EXPECT_EQ(r->SetMaxManualSparkleCount(-2), E_INVALIDARG);
+  ASSERT_EQ(r->SetMaxManualSparkleCount(10), S_OK);
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(r->AddManualSparkles(pts, 2, &ok), S_OK);
+  ASSERT_EQ(r->ManualSparkles().size(), 8u);
+  EXPECT_EQ(r->AddManualSparkles(pts, 3, &ok), 1);
+  EXPECT_EQ(r->ManualSparkles().size(), 8u);
+  EXPECT_EQ(r->AddManualSparkles(pts, 2, &ok), S_OK);
+  ASSERT_EQ(r->SetMaxManualSparkleCount(-1), S_OK);
+  EXPECT_EQ(r->AddManualSparkles(pts, 3, &ok), S_OK);
+  // Phases come from the insertion number: the same edits animate alike.
+  Rig other(160, 120);
+  SparklePoint far[1] = {{100, 100, 2}};
+  for (int i = 0; i < 13; ++i) ASSERT_EQ(other->AddManualSparkles(far, 1, &ok), S_OK);
+  for (size_t i = 0; i < 13; ++i) {
+    EXPECT_EQ(other->ManualSparkles()[i].phase, r->ManualSparkles()[i].phase);
+    EXPECT_EQ(other->ManualSparkles()[i].random, r->ManualSparkles()[i].random);
+  }
+}
+
+// Manual points sit between the photo's spots (40-pixel grid, centres at 20 + 40k),
+// more than the pick radius (1.5% of 320 = 4.8 pixels) from any light point.
+TEST(SparkleEffect, SlotFiveMovesReshapesAndRemoves) {
+  Rig r(320, 240);
+  Bytes star = StarShape(), red = StarShape(SPK_SIZE, 0);
+  SparkleShape two = Manual(star, 2), three = Manual(red, 3);
+  SparklePoint pts[3] = {{40, 40, 1}, {120, 40, 1}, {200, 40, 2}};
+  ASSERT_EQ(r->AddManualSparkles(pts, 3, &two), S_OK);
+  SparklePoint miss{80, 120, 1};
+  EXPECT_EQ(r->UpdateManualSparkles(&miss, 1, SPARKLE_REMOVE), 0);
+  EXPECT_EQ(r->UpdateManualSparkles(nullptr, 1, SPARKLE_REMOVE), E_POINTER);
+  EXPECT_EQ(r->UpdateManualSparkles(pts, 1, -1), E_INVALIDARG);
+  EXPECT_EQ(r->UpdateManualSparkles(pts, 3, SPARKLE_MOVE), E_INVALIDARG);  // pairs
+  EXPECT_EQ(r->UpdateManualSparkles(pts, 1, 3), E_INVALIDARG);             // type 3 unknown
+
+  SparklePoint move[2] = {{122, 43, 1}, {200, 200, 0}};  // 3.6 px off: still picked
+  EXPECT_EQ(r->UpdateManualSparkles(move, 2, SPARKLE_MOVE), 1);
+  EXPECT_EQ(r->ManualSparkles()[1].x, 200.0f);
+  EXPECT_EQ(r->ManualSparkles()[1].scale, 1.0f);
+  SparklePoint grow[2] = {{200, 200, 1}, {200, 201, 3}};
+  EXPECT_EQ(r->UpdateManualSparkles(grow, 2, SPARKLE_MOVE), 1);
+  EXPECT_EQ(r->ManualSparkles()[1].scale, 3.0f);
+  // The scale-2 sparkle is picked 8 pixels away (radius 9.6), the scale-1 one is not.
+  SparklePoint near2{208, 40, 1}, near1{48, 40, 1};
+  ASSERT_EQ(r->SetManualSparkleShape(&three), S_OK);
+  EXPECT_EQ(r->UpdateManualSparkles(&near2, 1, 3), 1);
+  EXPECT_EQ(r->ManualSparkles()[2].type_id, 3);
+  EXPECT_EQ(r->UpdateManualSparkles(&near1, 1, 3), 0);
+  EXPECT_EQ(r->UpdateManualSparkles(&near1, 1, SPARKLE_REMOVE), 0);
+  EXPECT_EQ(r->UpdateManualSparkles(pts, 1, SPARKLE_REMOVE), 1);
+  ASSERT_EQ(r->ManualSparkles().size(), 2u);
+  EXPECT_EQ(r->ManualSparkles()[0].y, 201.0f);
+
+  // Removing at the automatic sparkles hides them; showing all brings them back.
+  SparkleRenderParam a, m;
+  m.amount = 0.0f;
+  const Bytes shown = r.Render(Frame(1, 0), a, m);
+  std::vector<SparklePoint> at;
+  for (const auto& kv : r->AutoSparkleList())
+    at.push_back({(kv.second.x + 0.5f) * 320 / 640 - 0.5f, (kv.second.y + 0.5f) * 240 / 480 - 0.5f, 1});
+  EXPECT_EQ(r->UpdateManualSparkles(at.data(), int32_t(at.size()), SPARKLE_REMOVE),
+            int32_t(r->AutoSparkleList().size()));
+  EXPECT_EQ(r->ManualSparkles().size(), 2u);  // none lies at an automatic one
+  EXPECT_EQ(r.Render(Frame(1, 0), a, m), r.photo);
+  ASSERT_EQ(r->ShowAllAutoSparkles(), S_OK);
+  EXPECT_EQ(r.Render(Frame(1, 0), a, m), shown);
+}
+
+TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
+  Rig r(320, 240);
+  Bytes star = StarShape();
+  SparkleShape two = Manual(star, 2);
+  SparklePoint p{80, 160, 2};  // between spots
+  ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
+  SparkleParam f = Frame(1, 0, 2);  // fixed brightness: shown whatever its phase
+  f.auto_sparkle = 0;
+  const Bytes out = r.Render(f);
+  const size_t centre = (size_t(160) * 320 + 80) * 4;
+  EXPECT_GT(out[centre + 1], r.photo[centre + 1] + 100);
+  // 3% of 320 at scale 2 is 19 pixels: nothing 20 pixels away, light along the spikes.
+  EXPECT_EQ(out[centre + 20 * 4], r.photo[centre + 20 * 4]);
+  EXPECT_GT(out[centre + 6 * 4 + 1], r.photo[centre + 6 * 4 + 1]);
+  ASSERT_EQ(r->ResetSparkleTypes(), S_OK);
+  SparkleParam q = Frame(1, 0);
+  SparkleRenderParam a, m;
+  ImageBuffer dst = MakeImageBuffer(star.data(), 320, 240);
+  EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &dst, Rect{0, 0, 320, 240}), E_FAIL);
+  ASSERT_EQ(r->SetAutoSparkleShape(&r.shape), S_OK);
+  EXPECT_EQ(r.Render(f), r.photo);  // the manual type lost its shape
+}
+
+TEST(SparkleEffect, ColourModesTintTheLight) {
+  Rig r(160, 120);
+  SparkleRenderParam white, random, m;
+  white.size = random.size = 4.0f;
+  random.color_mode = SPARKLE_COLOR_RANDOM;
+  const Bytes w = r.Render(Frame(1, 0, 2), white, m), c = r.Render(Frame(1, 0, 2), random, m);
+  int white_spread = 0, colour_spread = 0;
+  for (size_t i = 0; i < w.size(); i += 4) {
+    auto spread = [&](const Bytes& img) {
+      int lo = 255, hi = -255;
+      for (int k = 0; k < 3; ++k) {
+        if (img[i + k] == 255) return 0;  // saturated channels say nothing
+        const int add = img[i + k] - r.photo[i + k];
+        lo = std::min(lo, add);
+        hi = std::max(hi, add);
+      }
+      return hi - lo;
+    };
+    white_spread = std::max(white_spread, spread(w));
+    colour_spread = std::max(colour_spread, spread(c));
+  }
+  EXPECT_LE(white_spread, 2);
+  EXPECT_GT(colour_spread, 60);
+}
+
+// Rotation, twinkle, manual glints, the colour adjustment, every quality mode
+// (900 pixels: mode 1 and 3 enlarge a reduced light map).
+TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
+  Bytes star = StarShape();
+  SparkleShape two = Manual(star, 2);
+  SparklePoint pts[2] = {{300, 200, 1.5f}, {611.3f, 97.8f, 0.7f}};
+  SparkleRenderParam a, m;
+  a.color_mode = SPARKLE_COLOR_PHOTO;
+  a.saturation = 0.5f;
+  a.brightness = -0.25f;
+  a.rotation = 10.0f;
+  m.color_mode = SPARKLE_COLOR_RANDOM;
+  m.size = 1.5f;
+  for (int mode : {0, 1, 2, 3}) {
+    std::vector<Bytes> frames;
+    for (auto [workers, simd] : {std::pair<int, int>{1, 0}, {2, SIMD_SSE41}, {8, SIMD_SSE41}, {8, 0}}) {
+      Rig r(900, 500, workers, simd);
+      ASSERT_EQ(r->AddManualSparkles(pts, 2, &two), S_OK);
+      frames.push_back(r.Render(Frame(6, 4, mode, true, true), a, m));
+      EXPECT_GT(ChangedChannels(frames.back(), r.photo), 100u);
+    }
+    for (size_t i = 1; i < frames.size(); ++i)
+      EXPECT_EQ(frames[i], frames[0]) << "mode " << mode << ", run " << i << ": "
+                                      << KorvaneTest::FirstDifference(frames[i], frames[0], 900);
+  }
+}
+
+TEST(SparkleEffect, TheLoopJoinsAndEveryFrameMoves) {
+  Rig r(320, 240);
+  Bytes star = StarShape();
+  SparkleShape two = Manual(star, 2);
+  SparklePoint p{80, 160, 2};
+  ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
+  SparkleRenderParam a, m;
+  a.rotation = 350.0f;
+  std::vector<Bytes> frames;
+  for (int i = 0; i <= 8; ++i) frames.push_back(r.Render(Frame(8, i, 0, true, true), a, m));
+  EXPECT_EQ(frames[8], frames[0]);  // the frame after the last is the first
+  for (int i = 1; i < 8; ++i) EXPECT_NE(frames[i], frames[i - 1]) << i;
+  // Rendering a frame again, after others, gives the same bytes.
+  EXPECT_EQ(r.Render(Frame(8, 3, 0, true, true), a, m), frames[3]);
+}
+
+}  // namespace

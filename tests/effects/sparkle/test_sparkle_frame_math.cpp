@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "SparkleTestSupport.h"
+#include "core/SmartBuffer.h"
+#include "effects/sparkle/SparkleAnime.h"
+#include "effects/sparkle/SparkleColor.h"
+#include "effects/sparkle/SparkleShapes.h"
+
+using namespace Korvane;
+using namespace SparkleTest;
+
+namespace {
+
+TEST(SparkleAnime, CurveRisesFastAndFallsSlowly) {
+  const std::vector<float>& c = SparkleTwinkleCurve();
+  ASSERT_EQ(c.size(), 90u);
+  for (int i = 0; i < 23; ++i) EXPECT_EQ(c[i], 0.0f) << i;
+  const float rise[] = {0.2f, 0.4f, 0.6f, 0.8f, 1.0f};
+  for (int i = 0; i < 5; ++i) EXPECT_NEAR(c[23 + i], rise[i], 1e-6f);
+  for (int i = 0; i < 39; ++i) EXPECT_NEAR(c[28 + i], 0.975f - 0.025f * i, 1e-6f) << i;
+  for (int i = 67; i < 90; ++i) EXPECT_EQ(c[i], 0.0f) << i;
+}
+
+TEST(SparkleAnime, TwinkleTableStretchesTheCurveOverTheLoop) {
+  std::vector<float> t;
+  ASSERT_EQ(CalTwinkleTable(90, t), S_OK);
+  EXPECT_EQ(t, SparkleTwinkleCurve());
+  ASSERT_EQ(CalTwinkleTable(1, t), S_OK);
+  EXPECT_EQ(t, std::vector<float>{0.0f});
+  // 45 frames take every other sample; 180 interpolate halfway.
+  ASSERT_EQ(CalTwinkleTable(45, t), S_OK);
+  EXPECT_NEAR(t[12], SparkleTwinkleCurve()[24], 1e-6f);
+  ASSERT_EQ(CalTwinkleTable(180, t), S_OK);
+  EXPECT_NEAR(t[47], 0.5f * (SparkleTwinkleCurve()[23] + SparkleTwinkleCurve()[24]), 1e-6f);
+  EXPECT_EQ(CalTwinkleTable(0, t), E_INVALIDARG);
+  // Frame offsets wrap, so frame `count` is frame 0 again, also with cycles.
+  for (int cycles : {1, 3})
+    for (int phase : {0, 17, 89}) {
+      EXPECT_EQ(TwinkleFrameOffset(phase, 24, 24, cycles), TwinkleFrameOffset(phase, 24, 0, cycles));
+      EXPECT_LT(TwinkleFrameOffset(phase, 24, 23, cycles), 24);
+    }
+  EXPECT_EQ(TwinkleFrameOffset(89, 24, 0, 1), 23);  // trunc(23.7 + 0.5) capped at count - 1
+  EXPECT_EQ(TwinkleFrameOffset(45, 24, 5, 2), (12 + 10) % 24);
+}
+
+TEST(SparkleAnime, ScaleRatioKeepsFullSizeInModesZeroAndTwo) {
+  float r = 0;
+  for (int mode : {0, 2}) {
+    ASSERT_EQ(CalSparkleScaleRatio(mode, 4000, r), S_OK);
+    EXPECT_EQ(r, 1.0f);
+  }
+  const float t = 3360.0f / 4480.0f;
+  for (int mode : {1, 3, 7}) {
+    ASSERT_EQ(CalSparkleScaleRatio(mode, 4000, r), S_OK);
+    EXPECT_FLOAT_EQ(r, 1.0f - t + 0.25f * t);
+  }
+  ASSERT_EQ(CalSparkleScaleRatio(1, 640, r), S_OK);
+  EXPECT_EQ(r, 1.0f);
+  ASSERT_EQ(CalSparkleScaleRatio(1, 2880, r), S_OK);
+  EXPECT_FLOAT_EQ(r, 0.625f);
+  ASSERT_EQ(CalSparkleScaleRatio(1, 9000, r), S_OK);
+  EXPECT_EQ(r, 0.25f);
+  EXPECT_EQ(CalSparkleScaleRatio(1, 0, r), E_INVALIDARG);
+  EXPECT_EQ(ScaledLength(4000, 0.4375f), 1750);
+}
+
+TEST(SparkleAnime, ScaledRoiKeepsAOnePixelMarginInsideTheMap) {
+  Rect s;
+  ASSERT_EQ(CalScaledROI(Rect{0, 0, 4000, 3000}, s, 0.5f, 2000, 1500), S_OK);
+  EXPECT_EQ(s.left, 0);
+  EXPECT_EQ(s.right, 2000);
+  EXPECT_EQ(s.bottom, 1500);
+  ASSERT_EQ(CalScaledROI(Rect{100, 51, 300, 200}, s, 0.5f, 2000, 1500), S_OK);
+  EXPECT_EQ(s.left, 49);
+  EXPECT_EQ(s.top, 24);  // trunc(25.5 - 1)
+  EXPECT_EQ(s.right, 151);
+  EXPECT_EQ(s.bottom, 101);
+  EXPECT_EQ(CalScaledROI(Rect{0, 0, 1, 1}, s, 0.0f, 1, 1), E_INVALIDARG);
+}
+
+TEST(SparkleAnime, RotationAdvancesOneTurnPerLoopAndWrapsOnce) {
+  float r = 0;
+  ASSERT_EQ(CalRotation(350.0f, true, 12, 1, r), S_OK);  // + 30
+  EXPECT_FLOAT_EQ(r, 20.0f);
+  ASSERT_EQ(CalRotation(350.0f, false, 12, 1, r), S_OK);
+  EXPECT_EQ(r, 350.0f);
+  ASSERT_EQ(CalRotation(0.0f, true, 4, 4, r), S_OK);  // exactly 360 stays
+  EXPECT_EQ(r, 360.0f);
+  EXPECT_EQ(CalRotation(0.0f, true, 0, 0, r), E_INVALIDARG);
+}
+
+SmartBuffer Buffer(const Bytes& bytes, int32_t w, int32_t h) {
+  SmartBuffer b;
+  EXPECT_EQ(CreateSmartBufferData(b, w, h, PIXEL_BGRA32), S_OK);
+  std::copy(bytes.begin(), bytes.end(), b.data.get());
+  return b;
+}
+
+Bytes Pixels(const SmartBuffer& b) { return Bytes(b.data.get(), b.data.get() + size_t(b.stride) * b.height); }
+
+TEST(SparkleShapes, WholeTurnsCopyAndQuarterTurnsMovePixelsExactly) {
+  KorvaneTest::Runner run(2);
+  const int32_t n = 9;
+  const Bytes noise = KorvaneTest::RandomBytes(size_t(n) * n * 4, 5);
+  const SmartBuffer src = Buffer(noise, n, n);
+  SmartBuffer dst = Buffer(Bytes(noise.size(), 7), n, n);
+  for (float deg : {0.0f, 360.0f, -720.0f}) {
+    ASSERT_EQ(RotateShape(run.adapter, src, dst, deg), S_OK);
+    EXPECT_EQ(Pixels(dst), noise) << deg;
+  }
+  // Clockwise on screen: the top-left corner goes to the top-right.
+  ASSERT_EQ(RotateShape(run.adapter, src, dst, 90.0f), S_OK);
+  for (int32_t y = 0; y < n; ++y)
+    for (int32_t x = 0; x < n; ++x)
+      for (int32_t c = 0; c < 4; ++c)
+        ASSERT_EQ(dst.data[(size_t(y) * n + x) * 4 + c], noise[(size_t(n - 1 - x) * n + y) * 4 + c])
+            << x << "," << y;
+  // Half a quarter: the corners come from outside and are black.
+  ASSERT_EQ(RotateShape(run.adapter, src, dst, 45.0f), S_OK);
+  EXPECT_EQ(dst.data[0], 0);
+  EXPECT_EQ(RotateShape(run.adapter, src, dst, NAN), E_INVALIDARG);
+}
+
+TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
+  KorvaneTest::Runner run(2);
+  const SmartBuffer star = Buffer(StarShape(), SPK_SIZE, SPK_SIZE);
+  ShapePyramid pyr;
+  ASSERT_EQ(pyr.Build(star), S_OK);
+  ASSERT_EQ(pyr.count, 7);  // 200, 100, 50, 25, 12, 6, 3
+  EXPECT_EQ(pyr.levels[3].width, 25);
+  const uint8_t* a = pyr.levels[0].data.get();
+  const int32_t s = pyr.levels[0].stride;
+  EXPECT_EQ(pyr.levels[1].data[(10 * 100 + 20) * 4 + 1],
+            (a[20 * s + 40 * 4 + 1] + a[20 * s + 41 * 4 + 1] + a[21 * s + 40 * 4 + 1] + a[21 * s + 41 * 4 + 1] + 2) / 4);
+  EXPECT_EQ(pyr.LevelFor(60).width, 100);
+  EXPECT_EQ(pyr.LevelFor(50).width, 50);
+  EXPECT_EQ(pyr.LevelFor(900).width, 200);
+  for (float len : {0.0f, 3.9f, 19.2f, 20.0f})
+    EXPECT_EQ(OddShapeSize(len) % 2, 1) << len;
+  EXPECT_EQ(OddShapeSize(20.0f), 21);
+  SparkleVariant v;
+  ASSERT_EQ(MakeSparkleVariant(run.adapter, KorvaneTest::Level(0), pyr, 21, v, "test"), S_OK);
+  EXPECT_EQ(v.shape.width, 21);
+  // A thin spike survives the reduction: the centre column stays lit to the tip's half.
+  EXPECT_GT(v.shape.data[(5 * 21 + 10) * 4], 20);
+  EXPECT_LT(v.shape.data[(5 * 21 + 4) * 4], v.shape.data[(5 * 21 + 10) * 4] / 2);
+}
+
+TEST(SparkleColor, AdjustChangesSaturationAndBrightnessOfLitPixelsOnly) {
+  const Bytes px = {0, 0, 0, 9, 200, 100, 50, 255, 90, 90, 90, 255};
+  auto run = [&](float sat, float bright, Rect region) {
+    SmartBuffer b = Buffer(px, 3, 1);
+    SparkleAdjustParam p{b, region, 1.0f, sat, bright};
+    EXPECT_EQ(AdjustSparkleColor(p, Rect{0, 0, 3, 1}), S_OK);
+    return Pixels(b);
+  };
+  EXPECT_TRUE(SparkleAdjustIsIdentity(SparkleAdjustParam{SmartBuffer(), Rect{}, 1.0f, 0.0f, 0.0f}));
+  EXPECT_EQ(run(0.0f, 0.0f, Rect{0, 0, 3, 1}), px);
+  const Bytes grey = run(-1.0f, 0.0f, Rect{0, 0, 3, 1});
+  EXPECT_EQ(grey[0], 0);
+  EXPECT_EQ(grey[3], 9);  // dark pixel and alpha untouched
+  EXPECT_EQ(grey[4], grey[5]);
+  EXPECT_EQ(grey[5], grey[6]);
+  EXPECT_EQ(grey[8], 90);  // a grey stays grey
+  const Bytes vivid = run(1.0f, 0.0f, Rect{0, 0, 3, 1});
+  EXPECT_GT(vivid[4] - vivid[6], 150 - 0);
+  const Bytes bright = run(0.0f, 1.0f, Rect{0, 0, 3, 1});
+  EXPECT_EQ(bright[4], 255);  // 400 clamped
+  EXPECT_EQ(bright[5], 200);
+  EXPECT_EQ(bright[8], 180);
+  const Bytes dark = run(0.0f, -1.0f, Rect{0, 0, 3, 1});
+  EXPECT_EQ(dark[4], 0);
+  // Only the region's columns change.
+  const Bytes part = run(0.0f, 1.0f, Rect{2, 0, 3, 1});
+  EXPECT_EQ(part[4], 200);
+  EXPECT_EQ(part[8], 180);
+}
+
+TEST(SparkleColor, GlintColoursFollowThePhotoOrTheHueTable) {
+  const uint8_t white[3] = {250, 250, 250}, orange[3] = {40, 120, 200};
+  const LightColor w = SparklePhotoColor(white), o = SparklePhotoColor(orange);
+  EXPECT_EQ(w.r, 255);
+  EXPECT_EQ(w.b, 255);
+  EXPECT_EQ(o.r, 255);  // full value, the photo's hue
+  EXPECT_GT(o.g, o.b);
+  EXPECT_LT(o.b, 40);   // saturation doubled
+  const LightColor red = SparkleRandomColor(0), blue = SparkleRandomColor(16);
+  EXPECT_EQ(red.r, 255);
+  EXPECT_EQ(red.g, red.b);
+  EXPECT_EQ(blue.b, 255);
+  EXPECT_LT(blue.r, 100);
+}
+
+}  // namespace

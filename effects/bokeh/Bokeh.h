@@ -1,0 +1,99 @@
+// Public header: part of the installed API.
+// Bokeh: soft, coloured out-of-focus light discs over a photo whose
+// background is blurred. Light points are found once per source image
+// (SetSource); every Process call renders one frame of a loop: the
+// background blur guided by a depth-like mask, one disc per light point
+// (sized by how far out of focus it lies, coloured, twinkling), added to the
+// blurred photo. Create it with type code EFFECT_BOKEH.
+//
+//   bokeh->SetSource(&photo);
+//   Korvane::BokehParam p;          p.anime_frame_count = 48;  p.twinkle_switch = 1;
+//   Korvane::BokehShapeParam shape; shape.shape = disc;  shape.amount = 0.8f;
+//   for (int i = 0; i < 48; ++i) {
+//     p.anime_frame_index = i;
+//     bokeh->Process(&p, &shape, &photo, &depth, &frame, Korvane::Rect{0, 0, w, h});
+//   }
+#pragma once
+
+#include <cstdint>
+
+#include "core/ImageBuffer.h"
+#include "core/ResultCode.h"
+#include "engine/KorvaneEngine.h"
+
+namespace Korvane {
+
+// Frame settings, copied whole on every Process.
+struct BokehParam {
+  // 0: the light map is built at the photo's size. Any other value: at a
+  // reduced size for photos longer than 640 pixels (down to a quarter from
+  // 5120 on). 2 and 3 also place discs on whole pixels instead of sub-pixel.
+  int32_t quality_mode = 0;
+  // 1 or 2: disc sizes follow the background blur (how far each point lies
+  // from the focus); any other value: the caller's blur mask directly, which
+  // mode 3 inverts around the focus value (larger discs further from it).
+  int32_t bokeh_source_mode = 1;
+  uint8_t paste_switch = 1;      // non-zero: paste the discs
+  uint8_t hue_shift_switch = 0;  // non-zero: the hue offset turns once over the loop
+  uint8_t twinkle_switch = 0;    // non-zero: each point's lightness follows the twinkle curve over the loop
+  uint8_t reserved_twinkle = 0;  // not read
+  int32_t anime_frame_count = 0;   // >= 1
+  int32_t anime_frame_index = -1;  // >= 0
+  uint8_t rebuild_shapes = 1;      // non-zero: rebuild the disc variants every frame
+  // Non-zero: keep the background blur between frames while the photo and
+  // mask pointers and sizes, the region and the focus settings stay the same
+  // (a loop's frames then cost only the discs). Set 0 after changing the
+  // photo's or the mask's pixels in place.
+  uint8_t keep_background = 1;
+  // Background blur (the focus blur of the photo guided by the blur mask).
+  int32_t reserved_focus[4] = {0, 0, 0, 0};  // not read
+  float blur_buff_ratio = 0.5f;              // 0.1..1: the blur runs on a copy reduced by this factor
+  int32_t reserved_blur[3] = {0, 0, 0};      // not read
+  float blur_strength = 1.0f;                // 0..1: blur level 0..100 of the focus blur
+  int32_t reserved_mode = 0;                 // not read
+  float focus_value = 0.9f;                  // 0..1: the mask value in focus (x 255)
+  float focus_range = 0.2f;                  // 0..1: mask distance still left sharp (x 255)
+};
+
+// Shape settings, copied whole on every Process.
+struct BokehShapeParam {
+  ImageBuffer shape;         // BGRA32 disc image, its brightness is the light (any size, square is best)
+  int32_t reserved = 0;      // not read
+  float size_blend = 0.0f;   // 0..1: disc size factor from 1.0 to 1.5
+  float amount = 0.0f;       // 0..1: fraction of the light points shown
+  float rotation = 0.0f;     // degrees, about the shape's centre
+  float hue_offset = 0.0f;   // -1..1: a half turn of hue per unit
+  float saturation = 0.0f;   // -1..1
+  int32_t shape_changed = 1; // non-zero: rebuild the disc variants
+  int32_t color_mode = 1;    // 0 the photo's dominant hue, 1 the photo's colour at the point, 2 random hues
+};
+
+class Bokeh {
+ public:
+  virtual ~Bokeh() = default;
+
+  // Takes the photo (BGRA32; its pixels must stay valid while frames are
+  // rendered), finds its light points on a copy whose longer side is 640 and
+  // takes its dominant hue. E_POINTER for a NULL image or pixels, E_NOTIMPL
+  // for another format, E_INVALIDARG for an empty image or short rows;
+  // releases whatever was set before.
+  virtual int32_t SetSource(const ImageBuffer* src) = 0;
+
+  // Renders frame param->anime_frame_index of param->anime_frame_count into
+  // dst, which shows the rectangle roi of the photo (dst is roi's size).
+  // src is the photo given to SetSource (same size); blur_mask a GRAY8 guide
+  // of its size (a depth-like map: values near focus_value stay sharp), or
+  // NULL to treat the whole photo as background.
+  // E_FAIL before SetSource or without a shape record; E_POINTER for missing
+  // records, images or pixels; E_INVALIDARG for dst not roi's size, roi
+  // outside the photo, images not BGRA32 (the mask not GRAY8), a frame count
+  // below 1 or a negative index, or an empty shape.
+  virtual int32_t Process(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
+                          const ImageBuffer* blur_mask, ImageBuffer* dst, Rect roi) = 0;
+
+  // Resets both records to their defaults, forgets the source and frees the
+  // background blur's buffers. Returns 0.
+  virtual int32_t ReleaseBuffer() = 0;
+};
+
+}  // namespace Korvane

@@ -1,0 +1,397 @@
+// Bokeh: the calculation rules (sizes, ratios, twinkle, colours, size
+// identifiers), the record checks in their order, and whole frames: discs
+// where the light points are, nothing written outside the output, the same
+// frame for any worker count and either kernel form, and a background that
+// looks like the focus blur of the full photo.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "TestSupport.h"
+#include "core/ImageChecks.h"
+#include "core/SmartBuffer.h"
+#include "effects/bokeh/BokehEffect.h"
+#include "effects/focus_blur/FocusBlurEffect.h"
+
+namespace Korvane {
+namespace {
+
+using KorvaneTest::EffectRig;
+using KorvaneTest::TestImage;
+
+constexpr int32_t kW = 320, kH = 200;
+const std::vector<std::pair<int32_t, int32_t>> kDots = {{40, 30}, {250, 50}, {160, 120}, {290, 170}, {70, 160}};
+
+// A dark photo with a soft gradient, a few small bright dots (the light
+// points) and a brighter block on the left (the sharp subject).
+TestImage Photo(int32_t pad = 0) {
+  TestImage img(kW, kH, PIXEL_BGRA32, pad);
+  std::mt19937 rng(9);
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x) {
+      uint8_t* p = img.Row(y) + 4 * x;
+      p[0] = static_cast<uint8_t>(30 + x / 8 + rng() % 3);
+      p[1] = static_cast<uint8_t>(20 + y / 8 + rng() % 3);
+      p[2] = static_cast<uint8_t>(25 + rng() % 3);
+      p[3] = 255;
+    }
+  for (auto [cx, cy] : kDots)
+    for (int32_t y = cy - 1; y <= cy + 1; ++y)
+      for (int32_t x = cx - 1; x <= cx + 1; ++x) {
+        uint8_t* p = img.Row(y) + 4 * x;
+        p[0] = 120, p[1] = 230, p[2] = 255;
+      }
+  return img;
+}
+
+// Guide: bright (in focus) on the left third, dark (background) elsewhere.
+TestImage Guide() {
+  TestImage g(kW, kH, PIXEL_GRAY8);
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x) g.Row(y)[x] = x < kW / 3 ? 230 : 10;
+  return g;
+}
+
+// A soft white disc with a brighter rim.
+TestImage Disc(int32_t d = 64) {
+  TestImage s(d, d);
+  const float c = (d - 1) * 0.5f, r = d * 0.45f;
+  for (int32_t y = 0; y < d; ++y)
+    for (int32_t x = 0; x < d; ++x) {
+      const float dist = std::hypot(x - c, y - c);
+      const float v = dist > r ? 0.0f : (dist > r - 2.0f ? 255.0f : 200.0f);
+      uint8_t* p = s.Row(y) + 4 * x;
+      p[0] = p[1] = p[2] = static_cast<uint8_t>(v);
+      p[3] = 255;
+    }
+  return s;
+}
+
+struct Frame {
+  BokehParam param;
+  BokehShapeParam shape;
+  Frame(const TestImage& disc) {
+    param.anime_frame_count = 8;
+    param.anime_frame_index = 0;
+    param.quality_mode = 1;
+    param.bokeh_source_mode = 0;  // sizes from the guide: all dots lie in its dark part
+    shape.shape = disc.buf;
+    shape.amount = 1.0f;
+    shape.color_mode = 1;
+  }
+};
+
+std::vector<uint8_t> Render(EffectRig<BokehEffect>& rig, const Frame& f, const TestImage& photo,
+                            const TestImage* guide, Rect roi = Rect{0, 0, kW, kH}) {
+  TestImage out(roi.right - roi.left, roi.bottom - roi.top, PIXEL_BGRA32, 8);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, guide ? &guide->buf : nullptr, &out.buf, roi), S_OK);
+  EXPECT_TRUE(out.GuardsIntact());
+  return out.Packed();
+}
+
+TEST(BokehRules, SizesRatiosAndRegions) {
+  EXPECT_EQ(BokehEffect::CalNormSize(640, 480).w, 640);
+  EXPECT_EQ(BokehEffect::CalNormSize(640, 480).h, 480);
+  EXPECT_EQ(BokehEffect::CalNormSize(300, 600).w, 320);
+  EXPECT_EQ(BokehEffect::CalNormSize(300, 600).h, 640);
+  EXPECT_EQ(BokehEffect::CalNormSize(50, 40).w, 640);  // small photos are scaled up
+  EXPECT_EQ(BokehEffect::CalNormSize(50, 40).h, 512);
+  float r = 0;
+  struct Case { int32_t mode, side; float want; };
+  for (const Case c : {Case{1, 640, 1.0f}, Case{1, 2880, 0.625f}, Case{1, 5120, 0.25f}, Case{3, 9000, 0.25f},
+                       Case{1, 300, 1.0f}, Case{0, 9000, 1.0f}, Case{0, 0, 1.0f}}) {
+    ASSERT_EQ(BokehEffect::CalScaleRatioFor(c.mode, c.side, r), S_OK) << c.side;
+    EXPECT_FLOAT_EQ(r, c.want) << "mode " << c.mode << " side " << c.side;
+  }
+  EXPECT_EQ(BokehEffect::CalScaleRatioFor(1, 0, r), E_INVALIDARG);
+  Rect s;
+  ASSERT_EQ(BokehEffect::ResizeROIFor(Rect{100, 40, 400, 300}, s, 0.5f, BokehSize{200, 151}), S_OK);
+  EXPECT_EQ(s.left, 49);
+  EXPECT_EQ(s.top, 19);
+  EXPECT_EQ(s.right, 200);  // 201 cut to the scaled width
+  EXPECT_EQ(s.bottom, 151);
+  ASSERT_EQ(BokehEffect::ResizeROIFor(Rect{0, 0, 10, 10}, s, 0.5f, BokehSize{50, 50}), S_OK);
+  EXPECT_EQ(s.left, 0);  // -1 held at 0
+  EXPECT_EQ(BokehEffect::ResizeROIFor(Rect{0, 0, 10, 10}, s, 0.0f, BokehSize{50, 50}), E_INVALIDARG);
+
+  const auto sizes = BokehEffect::CalBokehSizes(0.0f, 640);
+  EXPECT_EQ(sizes.front(), 19);
+  EXPECT_EQ(sizes.back(), 37);  // trunc(0.057 x 640) = 36, made odd
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    EXPECT_EQ(sizes[i] % 2, 1);
+    if (i) {
+      EXPECT_GE(sizes[i], sizes[i - 1]);
+    }
+  }
+  EXPECT_GT(BokehEffect::CalBokehSizes(1.0f, 640).back(), 50);  // the 1.5 factor
+}
+
+TEST(BokehRules, TwinkleCurveAndTable) {
+  const auto& c = BokehEffect::TwinkleCurve();
+  for (int i = 0; i < 23; ++i) EXPECT_EQ(c[i], 0.0f);
+  EXPECT_FLOAT_EQ(c[23], 0.025f);
+  EXPECT_FLOAT_EQ(c[60], 0.95f);
+  EXPECT_FLOAT_EQ(c[61], 0.975f);
+  EXPECT_FLOAT_EQ(c[62], 0.975f);
+  EXPECT_FLOAT_EQ(c[63], 0.95f);
+  EXPECT_FLOAT_EQ(c[100], 0.025f);
+  for (int i = 101; i < 132; ++i) EXPECT_EQ(c[i], 0.0f);
+
+  EffectRig<BokehEffect> rig;
+  ASSERT_EQ(rig->CalTwinkleAnimeParam(132, 0), S_OK);
+  ASSERT_EQ(rig->GetTwinkleTable().size(), 132u);
+  for (int i = 0; i < 132; ++i) EXPECT_FLOAT_EQ(rig->GetTwinkleTable()[i], c[i]) << i;
+  ASSERT_EQ(rig->CalTwinkleAnimeParam(1, 0), S_OK);
+  EXPECT_EQ(rig->GetTwinkleTable(), std::vector<float>{0.0f});
+  ASSERT_EQ(rig->CalTwinkleAnimeParam(264, 0), S_OK);
+  EXPECT_FLOAT_EQ(rig->GetTwinkleTable()[47], 0.5f * (c[23] + c[24]));  // halfway between samples
+  EXPECT_EQ(rig->CalTwinkleAnimeParam(0, 0), E_INVALIDARG);
+}
+
+TEST(BokehRules, ColoursAndSizeIdentifiers) {
+  std::vector<uint32_t> table;
+  ASSERT_EQ(BokehEffect::CalRandomColor(24, table), S_OK);
+  ASSERT_EQ(table.size(), 24u);
+  for (uint32_t i = 0; i < 24; ++i) EXPECT_EQ(table[i], i * 1500);
+  EXPECT_EQ(BokehEffect::CalRandomColor(0, table), E_INVALIDARG);
+
+  // Mostly saturated blue (240 degrees) with some red: the blue bin wins.
+  SmartBuffer img;
+  CreateSmartBufferData(img, 10, 10, PIXEL_BGRA32);
+  for (int32_t i = 0; i < 100; ++i) {
+    uint8_t* p = img.data.get() + 4 * i;
+    const bool blue = i < 70;
+    p[0] = blue ? 220 : 30, p[1] = 30, p[2] = blue ? 30 : 220, p[3] = 255;
+  }
+  uint32_t colour = 1;
+  ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
+  EXPECT_EQ(colour, 24000u);
+  std::memset(img.data.get(), 90, static_cast<size_t>(img.stride) * img.height);  // grey: nothing qualifies
+  ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
+  EXPECT_EQ(colour, 0u);
+
+  EXPECT_EQ(BokehEffect::CalSizeID(113, 1, 0.9f), -1);
+  EXPECT_EQ(BokehEffect::CalSizeID(114, 1, 0.9f), 0);
+  EXPECT_EQ(BokehEffect::CalSizeID(140, 0, 0.9f), 0);
+  EXPECT_EQ(BokehEffect::CalSizeID(141, 0, 0.9f), 1);
+  EXPECT_EQ(BokehEffect::CalSizeID(255, 2, 0.9f), 9);
+  // Mode 3 inverts around the offset trunc((1 - 0.9) x 255) = 25.
+  EXPECT_EQ(BokehEffect::CalSizeID(0, 3, 0.9f), (255 - 25 - 127) / 14);
+  EXPECT_EQ(BokehEffect::CalSizeID(255, 3, 0.9f), (25 - 127) / 14);
+  EXPECT_EQ(BokehEffect::CalSizeID(255, 3, 1.0f), -9);
+}
+
+TEST(BokehEffect, RecordChecksInOrder) {
+  EffectRig<BokehEffect> rig;
+  TestImage photo = Photo(), guide = Guide(), disc = Disc();
+  Frame f(disc);
+  TestImage out(kW, kH);
+  const Rect full{0, 0, kW, kH};
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);  // no source
+  EXPECT_EQ(rig->SetSource(nullptr), E_POINTER);
+  TestImage gray(8, 8, PIXEL_GRAY8);
+  EXPECT_EQ(rig->SetSource(&gray.buf), E_NOTIMPL);
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  EXPECT_EQ(rig->Process(&f.param, nullptr, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, nullptr, full), E_POINTER);
+
+  Frame bad = f;
+  bad.param.anime_frame_count = 0;
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
+  bad = f;
+  bad.param.anime_frame_index = -1;
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, Rect{0, 0, kW, kH - 1}),
+            E_INVALIDARG);  // dst is not the region's size
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &guide.buf, &guide.buf, &out.buf, full), E_INVALIDARG);  // src GRAY8
+  TestImage small(kW / 2, kH);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &small.buf, Rect{kW / 2, 0, kW + kW / 2, kH}),
+            E_INVALIDARG);  // region outside the photo
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &photo.buf, &out.buf, full), E_INVALIDARG);  // mask BGRA
+
+  // The shape is checked last: a missing pointer, then an empty size.
+  bad = f;
+  bad.shape.shape.data = nullptr;
+  bad.param.anime_frame_count = 0;  // the frame check comes first
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
+  bad.param.anime_frame_count = 8;
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_POINTER);
+  bad = f;
+  bad.shape.shape.width = 0;
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), S_OK);
+
+  EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
+  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);
+}
+
+TEST(BokehEffect, DiscsLightUpTheLightPoints) {
+  EffectRig<BokehEffect> rig;
+  TestImage photo = Photo(), guide = Guide(), disc = Disc();
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  const BokehSize norm = rig->GetNormSize();
+  EXPECT_EQ(norm.w, 640);
+  EXPECT_EQ(norm.h, 400);
+  ASSERT_FALSE(rig->GetBokehList().empty());
+  // Every point lies on one of the dots (at twice the size in the normalised copy).
+  for (const auto& [key, p] : rig->GetBokehList()) {
+    bool near = false;
+    for (auto [cx, cy] : kDots) near |= std::abs(p.x / 2 - cx) <= 3 && std::abs(p.y / 2 - cy) <= 3;
+    EXPECT_TRUE(near) << p.x << "," << p.y;
+  }
+
+  Frame f(disc);
+  f.shape.color_mode = 0;  // neutral light: the photo's hues are too weak to count
+  f.param.paste_switch = 0;
+  const std::vector<uint8_t> background = Render(rig, f, photo, &guide);
+  f.param.paste_switch = 1;
+  const std::vector<uint8_t> lit = Render(rig, f, photo, &guide);
+  // Light only adds; it is added where the dots of the background are.
+  int64_t added = 0, near_dots = 0;
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x)
+      for (int k = 0; k < 3; ++k) {
+        const size_t i = (static_cast<size_t>(y) * kW + x) * 4 + k;
+        ASSERT_GE(lit[i], background[i]);
+        const int32_t gain = lit[i] - background[i];
+        added += gain;
+        for (auto [cx, cy] : kDots)
+          if (std::abs(x - cx) <= 12 && std::abs(y - cy) <= 12) {
+            near_dots += gain;
+            break;
+          }
+      }
+  EXPECT_GT(added, 0);
+  EXPECT_GT(near_dots, added * 9 / 10);
+  // Alpha is the photo's.
+  for (size_t i = 3; i < lit.size(); i += 4) ASSERT_EQ(lit[i], 255);
+
+  // Amount 0 shows no point.
+  f.shape.amount = 0.0f;
+  EXPECT_EQ(Render(rig, f, photo, &guide), background);
+}
+
+TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
+  TestImage photo = Photo(4), guide = Guide(), disc = Disc(41);
+  std::vector<uint8_t> first;
+  for (int simd : {int{SIMD_SSE41}, 0}) {
+    for (int workers : {1, 2, 8}) {
+      for (int32_t quality : {1, 2}) {
+        EffectRig<BokehEffect> rig(workers, simd);
+        ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+        Frame f(disc);
+        f.param.twinkle_switch = 1;
+        f.param.anime_frame_index = 3;
+        f.param.quality_mode = quality;
+        f.shape.rotation = 30.0f;
+        f.shape.size_blend = 0.5f;
+        const std::vector<uint8_t> got = Render(rig, f, photo, &guide, Rect{13, 7, kW - 5, kH - 20});
+        if (quality != 1) continue;
+        if (first.empty()) {
+          first = got;
+        } else {
+          EXPECT_EQ(got, first) << "workers " << workers << " simd " << simd;
+        }
+      }
+    }
+  }
+}
+
+TEST(BokehEffect, AnimationAndKeptBackground) {
+  EffectRig<BokehEffect> rig;
+  TestImage photo = Photo(), guide = Guide(), disc = Disc();
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  Frame f(disc);
+  f.param.keep_background = 0;
+  const std::vector<uint8_t> a = Render(rig, f, photo, &guide);
+  f.param.anime_frame_index = 5;
+  EXPECT_EQ(Render(rig, f, photo, &guide), a);  // nothing animates without twinkle or hue shift
+  f.param.keep_background = 1;
+  const std::vector<uint8_t> kept1 = Render(rig, f, photo, &guide);
+  EXPECT_EQ(Render(rig, f, photo, &guide), kept1);  // second call reuses the blur
+  EXPECT_EQ(kept1, a);
+
+  // Twinkling points change brightness over the loop.
+  f.param.twinkle_switch = 1;
+  std::vector<std::vector<uint8_t>> frames;
+  for (int32_t i = 0; i < 8; i += 2) {
+    f.param.anime_frame_index = i;
+    frames.push_back(Render(rig, f, photo, &guide));
+  }
+  bool changes = false;
+  for (size_t i = 1; i < frames.size(); ++i) changes |= frames[i] != frames[0];
+  EXPECT_TRUE(changes);
+
+  // The hue offset turns once over the loop and stays in (-1, 1].
+  f.param.twinkle_switch = 0;
+  f.param.hue_shift_switch = 1;
+  f.param.anime_frame_count = 4;
+  f.param.anime_frame_index = 1;
+  f.shape.hue_offset = 0.9f;
+  Render(rig, f, photo, &guide);
+  EXPECT_NEAR(rig->GetHueOffset(), -0.6f, 1e-6f);
+}
+
+TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {
+  // A textured photo, all background: the reduced blur must stay close to
+  // the full focus blur at the same level.
+  TestImage photo(kW, kH);
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x) {
+      uint8_t* p = photo.Row(y) + 4 * x;
+      p[0] = static_cast<uint8_t>(128 + 100 * std::sin(x * 0.11f) * std::cos(y * 0.07f));
+      p[1] = static_cast<uint8_t>(((x / 16 + y / 16) % 2) * 200 + 20);
+      p[2] = static_cast<uint8_t>(x * 255 / kW);
+      p[3] = 255;
+    }
+  TestImage guide(kW, kH, PIXEL_GRAY8);
+  guide.FillConstant(0);
+  TestImage ref(kW, kH);
+  KorvaneTest::EffectRig<FocusBlurEffect> focus;
+  FocusBlurParam fp;
+  fp.input = photo.buf;
+  fp.mask = guide.buf;
+  fp.output = ref.buf;
+  fp.blur_level = 60;
+  fp.focus_value = 230;
+  fp.focus_range = 51;
+  ASSERT_EQ(focus->Process(&fp), S_OK);
+
+  KorvaneTest::Runner run;
+  BokehFocus bf;
+  BokehFocusParam p;
+  p.src = SmartBufferView(photo.buf);
+  p.guide = SmartBufferView(guide.buf);
+  p.roi = Rect{0, 0, kW, kH};
+  p.blur_strength = 0.6f;
+  p.focus_value = 230 / 255.0f;
+  p.focus_range = 51 / 255.0f;
+  SmartBuffer out, weight;
+  CreateSmartBufferData(out, kW, kH, PIXEL_BGRA32);
+  ASSERT_EQ(bf.Process(run.adapter, KorvaneTest::Level(SIMD_SSE41), p, false, out, weight), S_OK);
+  double diff = 0;
+  const std::vector<uint8_t> want = ref.Packed();
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x)
+      for (int k = 0; k < 3; ++k) diff += std::abs(RowPtr(out, y)[4 * x + k] - want[(y * kW + x) * 4 + k]);
+  EXPECT_LT(diff / (kW * kH * 3), 2.5);
+  // The blend weight is 255 (fully blurred) everywhere the guide is far from focus.
+  EXPECT_EQ(weight.width, kW / 2);
+  EXPECT_EQ(RowPtr(weight, 3)[5], 255);
+
+  // The reduced kernel spans the same reach in full-size pixels and sums to 1.
+  float w[kGaussianHalfTaps];
+  const int32_t n = MakeReducedGaussianWeights(60, 4000, 3000, 0.5f, w);
+  float full[kGaussianHalfTaps];
+  const int32_t nf = MakeGaussianWeights(60, 4000, 3000, full);
+  EXPECT_EQ(n, (nf - 1) / 2 + 1);
+  float sum = w[0];
+  for (int i = 1; i < n; ++i) sum += 2 * w[i];
+  EXPECT_NEAR(sum, 1.0f, 1e-6f);
+}
+
+}  // namespace
+}  // namespace Korvane

@@ -383,6 +383,7 @@ void DispersionEffect::BinFrame(const Rect& roi) {
 
 int32_t DispersionEffect::Render(const DispersionParam& p, float progress) {
   const auto fill = KORVANE_PICK(m_system_info, DispersionFillBase, DispersionFillBase_SSE4);
+  const auto draw = KORVANE_PICK(m_system_info, DispersionDrawParticle, DispersionDrawParticle_SSE4);
   const ImageBuffer& in = *p.input;
   const ImageBuffer& out = *p.output;
   const Rect roi = p.roi;
@@ -398,8 +399,8 @@ int32_t DispersionEffect::Render(const DispersionParam& p, float progress) {
                 &m_start[static_cast<size_t>(y) * m_width + roi.left], progress, RowPtr(out, y - roi.top), w);
       }
       for (uint32_t k = m_strip_start[s]; k < m_strip_start[s + 1]; ++k) {
-        DispersionDrawParticle(m_circles, m_frame[m_strip_items[k]], roi.left, roi.right, y0, y1, out.data,
-                               roi.left, roi.top, out.stride);
+        draw.fn(m_circles, m_frame[m_strip_items[k]], roi.left, roi.right, y0, y1, out.data, roi.left, roi.top,
+                out.stride);
       }
     }
     return S_OK;

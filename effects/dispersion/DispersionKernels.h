@@ -53,5 +53,7 @@ struct FrameParticle {
 // whose pixel (ox, oy) is at `origin` (the frame's rows are output rows).
 void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1,
                             int32_t y0, int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
+void DispersionDrawParticle_SSE4(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1,
+                                 int32_t y0, int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
 
 }  // namespace Korvane

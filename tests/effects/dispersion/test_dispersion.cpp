@@ -5,11 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -372,6 +372,49 @@ TEST(DispersionKernels, FillBaseFormsAgreeOnAwkwardWidths) {
       EXPECT_EQ(plain[n * 4], 0xEE);
     }
   }
+}
+
+TEST(DispersionKernels, DrawFormsAgreeOnAwkwardSizes) {
+  CircleTable t;
+  t.Build(7.0f);
+  std::mt19937 rng(5);
+  for (int32_t w : {1, 2, 3, 5, 7, 13, 31}) {
+    const int32_t h = 9, stride = w * 4 + 8;
+    const std::vector<uint8_t> start = KorvaneTest::RandomBytes(static_cast<size_t>(stride) * h, w);
+    std::vector<uint8_t> plain = start, sse = start;
+    for (int i = 0; i < 40; ++i) {
+      FrameParticle f;
+      f.x = static_cast<int32_t>(rng() % (w + 12)) - 6;
+      f.y = static_cast<int32_t>(rng() % (h + 12)) - 6;
+      f.entry = static_cast<int32_t>(rng() % t.entries.size());
+      f.alpha = i % 5 == 0 ? 256 : static_cast<int32_t>(rng() % 257);
+      for (uint8_t& c : f.bgra) c = static_cast<uint8_t>(rng());
+      // Clip columns [1, w) when there is room, rows [1, h - 1): an origin inside the image.
+      const int32_t x0 = w > 2 ? 1 : 0;
+      DispersionDrawParticle(t, f, x0, w, 1, h - 1, plain.data(), 0, 0, stride);
+#if KORVANE_HAVE_SSE41
+      DispersionDrawParticle_SSE4(t, f, x0, w, 1, h - 1, sse.data(), 0, 0, stride);
+#endif
+    }
+#if KORVANE_HAVE_SSE41
+    EXPECT_EQ(plain, sse) << w << " wide";
+#endif
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t b = 0; b < stride; ++b) {
+        const bool inside = y >= 1 && y < h - 1 && b >= (w > 2 ? 4 : 0) && b < w * 4;
+        if (!inside) {
+          ASSERT_EQ(plain[y * stride + b], start[y * stride + b]) << w << ": row " << y << " byte " << b;
+        }
+      }
+  }
+  // A fully covering, fully opaque particle leaves exactly its colour.
+  FrameParticle f;
+  f.x = 3, f.y = 3, f.alpha = 256, f.entry = static_cast<int32_t>(&t.At(8, 0, 0) - t.entries.data());
+  f.bgra[0] = 10, f.bgra[1] = 20, f.bgra[2] = 30, f.bgra[3] = 40;
+  std::vector<uint8_t> img(7 * 7 * 4, 200);
+  DispersionDrawParticle(t, f, 0, 7, 0, 7, img.data(), 0, 0, 7 * 4);
+  EXPECT_EQ(std::vector<uint8_t>(img.begin() + (3 * 7 + 3) * 4, img.begin() + (3 * 7 + 4) * 4),
+            std::vector<uint8_t>({10, 20, 30, 40}));
 }
 
 TEST(DispersionKernels, CircleTableCoversTheDiscArea) {

@@ -1,3 +1,4 @@
+// The circle table and the particle blend.
 #include "effects/dispersion/DispersionKernels.h"
 
 #include <algorithm>
@@ -5,14 +6,6 @@
 #include <cstring>
 
 namespace Korvane {
-
-void DispersionFillBase(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
-                        uint8_t* out, int32_t count) {
-  for (int32_t x = 0; x < count; ++x) {
-    const uint8_t* src = start[x] < progress ? background : photo;
-    std::memcpy(out + x * 4, src + x * 4, 4);
-  }
-}
 
 void CircleTable::Build(float max_radius) {
   radius_steps = std::max(1, static_cast<int32_t>(std::ceil(max_radius * kSub)));
@@ -77,7 +70,7 @@ void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, in
   const int32_t left = p.x - e.half, top = p.y - e.half;
   y0 = std::max(y0, top);
   y1 = std::min(y1, top + side);
-  const int32_t pb = p.bgra[0], pg = p.bgra[1], pr = p.bgra[2], pa = p.bgra[3];
+  const uint32_t pb = p.bgra[0], pg = p.bgra[1], pr = p.bgra[2], pa = p.bgra[3];
   for (int32_t y = y0; y < y1; ++y) {
     const int32_t j = y - top;
     const uint8_t* span = &table.spans[e.spans + 2 * static_cast<size_t>(j)];
@@ -86,12 +79,15 @@ void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, in
     const uint16_t* cov = &table.cover[e.cover + static_cast<size_t>(j) * side] - left;
     uint8_t* row = origin + (y - oy) * stride - static_cast<int64_t>(ox) * 4;
     for (int32_t x = a; x < b; ++x) {
-      const int32_t w = (cov[x] * p.alpha + 128) >> 8;
+      // (out * (256 - w) + colour * w + 128) >> 8: every term fits 16 bits
+      // unsigned, which the SSE form relies on.
+      const uint32_t w = (cov[x] * static_cast<uint32_t>(p.alpha) + 128) >> 8;
+      const uint32_t keep = 256 - w;
       uint8_t* px = row + static_cast<int64_t>(x) * 4;
-      px[0] = static_cast<uint8_t>(px[0] + (((pb - px[0]) * w + 128) >> 8));
-      px[1] = static_cast<uint8_t>(px[1] + (((pg - px[1]) * w + 128) >> 8));
-      px[2] = static_cast<uint8_t>(px[2] + (((pr - px[2]) * w + 128) >> 8));
-      px[3] = static_cast<uint8_t>(px[3] + (((pa - px[3]) * w + 128) >> 8));
+      px[0] = static_cast<uint8_t>((px[0] * keep + pb * w + 128) >> 8);
+      px[1] = static_cast<uint8_t>((px[1] * keep + pg * w + 128) >> 8);
+      px[2] = static_cast<uint8_t>((px[2] * keep + pr * w + 128) >> 8);
+      px[3] = static_cast<uint8_t>((px[3] * keep + pa * w + 128) >> 8);
     }
   }
 }

@@ -10,6 +10,7 @@
 // Effect implementations, one line per type code.
 #include "effects/animation/Delaunay.h"
 #include "effects/animation/PhotoAnimator.h"
+#include "effects/bokeh/BokehEffect.h"
 #include "effects/dispersion/DispersionEffect.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 #include "effects/glitch/GlitchEffect.h"
@@ -65,6 +66,7 @@ int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
     case Korvane::EFFECT_ANIMATION: return Make<Korvane::Animation, Korvane::PhotoAnimator>(p_effect_inst, type);
     case Korvane::EFFECT_DISPERSION: return Make<Korvane::Dispersion, Korvane::DispersionEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLITCH: return Make<Korvane::Glitch, Korvane::GlitchEffect>(p_effect_inst, type);
+    case Korvane::EFFECT_BOKEH: return Make<Korvane::Bokeh, Korvane::BokehEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLOW: return Make<Korvane::Glow, Korvane::GlowEffect>(p_effect_inst, type);
     case Korvane::EFFECT_FOCUS_BLUR: return Make<Korvane::FocusBlur, Korvane::FocusBlurEffect>(p_effect_inst, type);
     default:

@@ -15,6 +15,7 @@
 #include "effects/focus_blur/FocusBlurEffect.h"
 #include "effects/glitch/GlitchEffect.h"
 #include "effects/glow/GlowEffect.h"
+#include "effects/light_rays/LightRaysEffect.h"
 
 using Korvane::DebugLog;
 
@@ -66,6 +67,7 @@ int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
     case Korvane::EFFECT_ANIMATION: return Make<Korvane::Animation, Korvane::PhotoAnimator>(p_effect_inst, type);
     case Korvane::EFFECT_DISPERSION: return Make<Korvane::Dispersion, Korvane::DispersionEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLITCH: return Make<Korvane::Glitch, Korvane::GlitchEffect>(p_effect_inst, type);
+    case Korvane::EFFECT_LIGHT_RAYS: return Make<Korvane::LightRays, Korvane::LightRaysEffect>(p_effect_inst, type);
     case Korvane::EFFECT_BOKEH: return Make<Korvane::Bokeh, Korvane::BokehEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLOW: return Make<Korvane::Glow, Korvane::GlowEffect>(p_effect_inst, type);
     case Korvane::EFFECT_FOCUS_BLUR: return Make<Korvane::FocusBlur, Korvane::FocusBlurEffect>(p_effect_inst, type);

@@ -1,0 +1,115 @@
+// The light-rays effect's implementation: half-size working images, the
+// polar and rotated ray-space images, the ray patterns and the pipeline.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core/EffectCore.h"
+#include "core/Random.h"
+#include "effects/light_rays/LightRays.h"
+#include "effects/light_rays/LightRaysKernels.h"
+
+namespace Korvane {
+
+class LightRaysEffect final : public LightRays, public EffectCore {
+ public:
+  explicit LightRaysEffect(CThreadPool* pool);
+  ~LightRaysEffect() override = default;
+
+  int32_t Initialize(int32_t width, int32_t height) override;
+  int32_t Process(const LightRaysParam& param) override;
+  int32_t ReleaseBuffer() override;
+
+  // Sizes chosen by Initialize, for checks and tools.
+  int32_t GetResizedWidth() const { return m_resized_img_w; }
+  int32_t GetResizedHeight() const { return m_resized_img_h; }
+  int32_t GetMaxPolarWidth() const { return m_max_polar_w; }
+  int32_t GetMaxPolarHeight() const { return m_max_polar_h; }
+  int32_t GetMaxRotateWidth() const { return m_max_rotate_w; }
+  int32_t GetMaxRotateHeight() const { return m_max_rotate_h; }
+  const std::vector<double>& GetRadialAngles() const { return m_radial_angles; }
+  const std::vector<double>& GetDirectionalAngles() const { return m_directional_angles; }
+  const std::vector<float>& GetCosTable() const { return m_cos_table; }
+  const std::vector<float>& GetSinTable() const { return m_sin_table; }
+
+  // Fills the tables with cos and sin of (i - n) x grid degrees, n = 360 /
+  // grid, for every entry they hold (the radian factor is 0.017453).
+  static int32_t GenerateSinCosTable(std::vector<float>& cos_table, std::vector<float>& sin_table, float grid);
+  // `count` angles 2 pi u, u uniform in [0, 1) drawn from `gen`; count 0 is
+  // E_INVALIDARG.
+  static int32_t GenerateRandomAngles(std::vector<double>& angles, int32_t count, Mt19937& gen);
+  // The angles of frame `index` of a `count`-frame loop: each sways around
+  // its still value and is back there at index = count.
+  static int32_t CalAnimatedAngles(std::vector<double>& angles, int32_t count, int32_t skip, int32_t frame_index,
+                                   int32_t frame_count);
+
+ private:
+  int32_t Validate(const LightRaysParam& p) const;
+  bool BuffersReady() const;
+  void ReleaseAll();
+  int32_t RunPipeline();
+  int32_t MemCopyROI();
+  int32_t RunStage(const char* stage, ThreadTask task, void* param, const Rect& region);
+
+  // Pipeline stages.
+  int32_t DownSampleInput();
+  int32_t PrepareLampshadeInfo();
+  int32_t CalPolarMappingTable();
+  int32_t PolarTransformProcess();
+  int32_t RotateTransformProcess();
+  int32_t SoftneessProcess();
+  int32_t PostProcessRays();
+  int32_t UpSampleHLR();
+  int32_t Blend();
+
+  // Per-call settings derived from the record, in half-size pixels.
+  float HalfX(float x) const;
+  float HalfY(float y) const;
+  int32_t RayLengthHalf() const;
+  int32_t SoftnessRadius() const;
+  void CalDownsizedRoi();
+  // Gains of the ray-space rows: the spoke pattern around the centre (times
+  // the lampshade cone), or the shafts across a directional beam.
+  void CalThetaWiseGains(int32_t rows);
+  void CalDirectionalGains(int32_t rows, float v_centre, float period);
+
+  SmartBuffer m_hlr_buff;
+  SmartBuffer m_resized_src_buff;
+  SmartBuffer m_resized_msk_buff;
+  SmartBuffer m_resized_hlr_buff;
+  SmartBuffer m_polar_buff, m_temp_polar_buff;
+  SmartBuffer m_rotate_buff, m_temp_rotate_buff;
+
+  int32_t m_img_w = 0;
+  int32_t m_img_h = 0;
+  int32_t m_resized_img_w = 0;
+  int32_t m_resized_img_h = 0;
+  const float m_resize_factor;
+  const float m_theta_grid;
+  std::vector<float> m_cos_table;
+  std::vector<float> m_sin_table;
+  std::unique_ptr<float[]> m_polar_map;  // (radius, angle in tenths of a degree) per half-size pixel
+  std::vector<double> m_radial_angles;       // 100: the spokes of radial rays
+  std::vector<double> m_directional_angles;  // 50: the shafts of directional rays
+  // Fixed shape of each spoke and shaft (width and strength, 0..1 each).
+  std::vector<float> m_spoke_shape, m_shaft_shape;
+  int32_t m_max_polar_w = 0, m_max_polar_h = 0;
+  int32_t m_max_rotate_w = 0, m_max_rotate_h = 0;
+  int64_t m_polar_buff_size = 0, m_rotate_buff_size = 0;
+  LightRaysParam m_param;
+
+  // Per-call state.
+  bool m_initialized = false;
+  bool m_msk_dirty = false;       // m_resized_msk_buff no longer all 255
+  bool m_map_valid = false;       // m_polar_map matches m_map_cx, m_map_cy
+  float m_map_cx = 0.0f, m_map_cy = 0.0f;
+  bool m_lampshade = false;       // the lampshade cone applies this call
+  std::vector<uint16_t> m_cone;   // lampshade weight per polar row, 0..256
+  std::vector<uint16_t> m_row_gain;
+  std::vector<RayLine> m_lines;
+  Rect m_downsized_roi;
+};
+
+}  // namespace Korvane

@@ -1,0 +1,194 @@
+// The per-pixel stages of the light-rays pipeline, written as functions of
+// one band so the effect can run them through BandTask on its adapter.
+//
+// The rays are formed in a "ray space" image whose rows are straight lines
+// through the half-size highlight image: for radial rays one row per tenth
+// of a degree around the centre (a column per pixel of radius), for
+// directional rays the rows of the image turned so the rays run along them.
+// A RayLine says where a row lies in the highlight image and which of its
+// columns are used; everything outside [lo, hi) of a row is never read.
+#pragma once
+
+#include <cstdint>
+
+#include <algorithm>
+
+#include "core/ImageBuffer.h"
+#include "core/ImageChecks.h"
+
+namespace Korvane {
+
+// Row j of a ray-space image: column c lies at (x0 + c dx, y0 + c dy) in the
+// highlight image. Columns [lo, hi) are sampled and smeared; columns at or
+// beyond src_end are not sampled (they start dark and only receive light).
+struct RayLine {
+  float x0 = 0.0f;
+  float y0 = 0.0f;
+  float dx = 1.0f;
+  float dy = 0.0f;
+  int32_t lo = 0;
+  int32_t hi = 0;
+  int32_t src_end = 0;
+};
+
+// Columns of the line that fall inside the rectangle (-margin, w - 1 +
+// margin) x (-margin, h - 1 + margin), as [lo, hi) within [0, cols); an empty
+// range is lo = hi = 0.
+void CalLineRange(RayLine& line, int32_t w, int32_t h, float margin, int32_t cols);
+
+// "HighLightDetect": L = (max + min) >> 1 of B, G, R; below the threshold the
+// colour becomes 0, otherwise each channel becomes v * mask / 255. Alpha is
+// not written.
+struct HighLightParam {
+  const SmartBuffer* src = nullptr;   // BGRA
+  const SmartBuffer* mask = nullptr;  // GRAY8, same size
+  SmartBuffer* dst = nullptr;         // BGRA, same size
+  float threshold = 0.0f;
+};
+int32_t HighLightDetect(const HighLightParam& p, const Rect& band);
+
+// The ray-space image's rows from the highlight image: bilinear samples,
+// zero outside the image (so the rays fade in at its edges). Band rows are
+// ray-space rows. "CarteToPolarTransform" and "ImageRotateTransform".
+struct SampleRowsParam {
+  const SmartBuffer* src = nullptr;  // BGRA highlight image
+  SmartBuffer* dst = nullptr;        // BGRA ray-space image
+  const RayLine* lines = nullptr;    // one per ray-space row
+};
+int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
+
+// "LightRayHalfBlurH" / "LightRayBlurH": light moves along each row towards
+// higher columns only. Column c receives sum_{k=0}^{L-1} (L - k) in[c - k]
+// divided by L (L + 1) / 4 + 1 (twice a weighted average in which light
+// fades linearly over L columns; capped at 255), then weighted by the row's gain (256 = 1): the mask
+// blending that cuts the smear into separate beams. L is at most kMaxRayLength.
+constexpr int32_t kMaxRayLength = 5000;
+struct SmearRowsParam {
+  const SmartBuffer* src = nullptr;
+  SmartBuffer* dst = nullptr;
+  const RayLine* lines = nullptr;
+  const uint16_t* row_gain = nullptr;  // one per row, 0..256
+  int32_t length = 1;                  // L, 1..kMaxRayLength
+};
+int32_t SmearRows(const SmearRowsParam& p, const Rect& band);
+
+// "PolarToCarteTransform": each pixel of `area` takes the bilinear sample of
+// the polar image at column r - r_base and row t, (r, t) from the mapping
+// table (radius in pixels and angle in tenths of a degree, a float pair a
+// pixel). Alpha becomes 255.
+struct PolarToCarteParam {
+  const SmartBuffer* polar = nullptr;
+  int32_t polar_w = 0;        // columns in use (>= 2)
+  int32_t polar_h = 0;        // rows in use (>= 2)
+  SmartBuffer* dst = nullptr;
+  const float* map = nullptr;  // dst width x height x 2
+  float r_base = 0.0f;
+  Rect area;
+};
+int32_t PolarToCarte(const PolarToCarteParam& p, const Rect& band);
+
+// The inverse rotation: pixel (x, y) of `area` takes the bilinear sample of
+// the rotated image at (u0 + x ux + y uy, v0 + x vx + y vy). Alpha becomes 255.
+struct RotateBackParam {
+  const SmartBuffer* rotated = nullptr;
+  int32_t rotated_w = 0;  // columns in use (>= 2)
+  int32_t rotated_h = 0;  // rows in use (>= 2)
+  SmartBuffer* dst = nullptr;
+  float u0 = 0.0f, ux = 1.0f, uy = 0.0f;
+  float v0 = 0.0f, vx = 0.0f, vy = 1.0f;
+  Rect area;
+};
+int32_t RotateBack(const RotateBackParam& p, const Rect& band);
+
+// "PostProcess": each pixel to HSV; saturation and value through the tables
+// (indexed by the 8-bit level, giving 0..32640), the hue turned by
+// hue_shift hundredths of a degree with a single wrap by 35999 and a clamp to
+// 0..35999; back to RGB. Alpha untouched. Black stays black.
+struct PostProcessParam {
+  SmartBuffer* img = nullptr;
+  const int32_t* value_lut = nullptr;  // 256 entries
+  const int32_t* sat_lut = nullptr;    // 256 entries
+  int32_t hue_shift = 0;               // -18000..18000
+};
+int32_t PostProcess(const PostProcessParam& p, const Rect& band);
+// The shifted hue with the wrap and clamp above.
+int32_t ShiftHue(int32_t h, int32_t shift);
+
+// "Blend": T[i] = min((int)(i * strength + 0.5), 255); for each pixel of
+// roi (photo coordinates), dst(x - left, y - top) = min(src + T[ray], 255)
+// on B, G, R, alpha from src.
+void BuildBlendTable(float strength, uint8_t table[256]);
+struct BlendParam {
+  const SmartBuffer* src = nullptr;  // photo
+  const SmartBuffer* rays = nullptr; // full-size rays
+  SmartBuffer* dst = nullptr;        // roi-sized
+  const uint8_t* table = nullptr;
+  Rect roi;
+};
+int32_t BlendRays(const BlendParam& p, const Rect& band);
+
+// SSE4.1 forms with the same results.
+void BuildBlendTable_SSE4(float strength, uint8_t table[256]);
+int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band);
+int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band);
+int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band);
+
+namespace light_rays_detail {
+
+// Bilinear mix of four BGRA pixels with 8-bit fractions fx, fy (0..255),
+// rounded: the B, G, R of the result in the low three bytes, alpha 255.
+inline uint32_t Mix4(const uint8_t* p00, const uint8_t* p01, const uint8_t* p10, const uint8_t* p11, int32_t fx,
+                     int32_t fy) {
+  const int32_t w00 = (256 - fx) * (256 - fy), w01 = fx * (256 - fy), w10 = (256 - fx) * fy, w11 = fx * fy;
+  uint32_t out = 0xFF000000u;
+  for (int32_t c = 0; c < 3; ++c) {
+    const int32_t v = (p00[c] * w00 + p01[c] * w01 + p10[c] * w10 + p11[c] * w11 + 32768) >> 16;
+    out |= static_cast<uint32_t>(v) << (8 * c);
+  }
+  return out;
+}
+
+// The 8-bit fraction of a position whose integer part is i.
+inline int32_t Frac8(float v, int32_t i) { return static_cast<int32_t>((v - static_cast<float>(i)) * 256.0f); }
+
+// One bilinear sample of a BGRA image, zero outside it: pixels beyond the
+// edge count as black, so the image fades out over its last pixel.
+inline uint32_t SampleOrZero(const SmartBuffer& img, float x, float y) {
+  if (!(x > -1.0f && y > -1.0f && x < static_cast<float>(img.width) && y < static_cast<float>(img.height))) return 0;
+  const int32_t xi = static_cast<int32_t>(x + 1.0f) - 1;  // floor, x > -1
+  const int32_t yi = static_cast<int32_t>(y + 1.0f) - 1;
+  static const uint8_t kBlack[4] = {0, 0, 0, 0};
+  const auto at = [&](int32_t px, int32_t py) -> const uint8_t* {
+    if (px < 0 || py < 0 || px >= img.width || py >= img.height) return kBlack;
+    return RowPtr(img, py) + static_cast<ptrdiff_t>(px) * 4;
+  };
+  return Mix4(at(xi, yi), at(xi + 1, yi), at(xi, yi + 1), at(xi + 1, yi + 1), Frac8(x, xi), Frac8(y, yi));
+}
+
+// The top-left pixel and 8-bit fractions of a bilinear sample at (u, v),
+// clamped into the first w x h pixels of a ray-space image (w, h >= 2).
+struct Cell {
+  int32_t ui, vi, fu, fv;
+};
+inline Cell ClampedCell(int32_t w, int32_t h, float u, float v) {
+  u = std::min(std::max(u, 0.0f), static_cast<float>(w - 1));
+  v = std::min(std::max(v, 0.0f), static_cast<float>(h - 1));
+  Cell c;
+  c.ui = std::min(static_cast<int32_t>(u), w - 2);
+  c.vi = std::min(static_cast<int32_t>(v), h - 2);
+  c.fu = std::min(Frac8(u, c.ui), 255);
+  c.fv = std::min(Frac8(v, c.vi), 255);
+  return c;
+}
+
+// The rows of `band` inside `area`, cut to the image.
+inline Rect BandInArea(const Rect& band, const Rect& area, const SmartBuffer& dst) {
+  Rect r = Clip(area, dst.width, dst.height);
+  r.top = std::max(r.top, band.top);
+  r.bottom = std::min(r.bottom, band.bottom);
+  return r;
+}
+
+}  // namespace light_rays_detail
+
+}  // namespace Korvane

@@ -1,0 +1,62 @@
+// The loops of the ray-space transforms, written once for both kernel forms:
+// each form instantiates them with its own four-pixel bilinear mix (the
+// plain one in LightRaysSample.cpp, the SSE4.1 one in LightRaysSample_sse4.cpp).
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+
+#include "core/ImageChecks.h"
+#include "effects/light_rays/LightRaysKernels.h"
+
+namespace Korvane {
+namespace light_rays_detail {
+
+template <class Mix>
+int32_t SampleRowsWith(const SampleRowsParam& p, const Rect& band, Mix mix) {
+  if (!p.src || !p.dst || !p.lines || !p.src->data || !p.dst->data) return E_POINTER;
+  const SmartBuffer& src = *p.src;
+  const int32_t top = std::max(band.top, 0), bottom = std::min(band.bottom, p.dst->height);
+  for (int32_t j = top; j < bottom; ++j) {
+    const RayLine& l = p.lines[j];
+    uint32_t* out = RowPtr<uint32_t>(*p.dst, j);
+    const int32_t end = std::min(std::max(l.src_end, l.lo), l.hi);
+    for (int32_t c = l.lo; c < end; ++c) {
+      const float x = l.x0 + static_cast<float>(c) * l.dx;
+      const float y = l.y0 + static_cast<float>(c) * l.dy;
+      // Most samples lie well inside: four direct reads.
+      const int32_t xi = static_cast<int32_t>(x), yi = static_cast<int32_t>(y);
+      if (x >= 0.0f && y >= 0.0f && xi + 1 < src.width && yi + 1 < src.height) {
+        const uint8_t* r0 = RowPtr(src, yi) + static_cast<ptrdiff_t>(xi) * 4;
+        const uint8_t* r1 = r0 + src.stride;
+        out[c] = mix(r0, r0 + 4, r1, r1 + 4, Frac8(x, xi), Frac8(y, yi));
+      } else {
+        out[c] = SampleOrZero(src, x, y);
+      }
+    }
+    if (end < l.hi) std::memset(out + end, 0, static_cast<size_t>(l.hi - end) * 4);
+  }
+  return S_OK;
+}
+
+template <class Mix>
+int32_t PolarToCarteWith(const PolarToCarteParam& p, const Rect& band, Mix mix) {
+  if (!p.polar || !p.dst || !p.map || !p.polar->data || !p.dst->data) return E_POINTER;
+  if (p.polar_w < 2 || p.polar_h < 2) return E_INVALIDARG;
+  const Rect r = BandInArea(band, p.area, *p.dst);
+  const size_t map_stride = static_cast<size_t>(p.dst->width) * 2;
+  const int32_t stride = p.polar->stride;
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    const float* m = p.map + map_stride * y;
+    uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
+    for (int32_t x = r.left; x < r.right; ++x) {
+      const Cell cell = ClampedCell(p.polar_w, p.polar_h, m[2 * x] - p.r_base, m[2 * x + 1]);
+      const uint8_t* r0 = RowPtr(*p.polar, cell.vi) + static_cast<ptrdiff_t>(cell.ui) * 4;
+      out[x] = mix(r0, r0 + 4, r0 + stride, r0 + stride + 4, cell.fu, cell.fv);
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace light_rays_detail
+}  // namespace Korvane

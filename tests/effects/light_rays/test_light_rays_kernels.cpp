@@ -1,0 +1,178 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "TestSupport.h"
+#include "effects/light_rays/LightRaysKernels.h"
+
+using namespace Korvane;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+SmartBuffer View(Bytes& b, int w, int h, int fmt = PIXEL_BGRA32) { return MakeSmartBufferView(b.data(), w, h, fmt); }
+
+constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 17, 33};
+
+}  // namespace
+
+TEST(LightRaysKernels, BlendTableAndBlendPlainAndSseAgree) {
+  std::mt19937 rng(4);
+  std::vector<float> strengths = {0.0f, 1.0f, 0.5f, 0.25f, 0.999f, 0.0039f};
+  for (int i = 0; i < 200; ++i) strengths.push_back(std::uniform_real_distribution<float>(0, 1)(rng));
+  for (float s : strengths) {
+    uint8_t plain[256], sse[256];
+    BuildBlendTable(s, plain);
+    BuildBlendTable_SSE4(s, sse);
+    ASSERT_EQ(0, std::memcmp(plain, sse, 256)) << s;
+    for (int i : {0, 1, 128, 255}) ASSERT_EQ(plain[i], std::min(static_cast<int>(i * s + 0.5), 255)) << s;
+  }
+  uint8_t table[256];
+  BuildBlendTable(0.7f, table);
+  for (int w : kWidths) {
+    const int h = 3;
+    Bytes src = KorvaneTest::RandomBytes(w * h * 4, w), rays = KorvaneTest::RandomBytes(w * h * 4, w + 1);
+    const Rect roi{w / 3, 1, w, h};
+    const int dw = RectWidth(roi), dh = RectHeight(roi);
+    Bytes a(dw * dh * 4, 7), b(dw * dh * 4, 7);
+    SmartBuffer s = View(src, w, h), r = View(rays, w, h), da = View(a, dw, dh), db = View(b, dw, dh);
+    BlendParam p{&s, &r, &da, table, roi};
+    ASSERT_EQ(BlendRays(p, roi), S_OK);
+    p.dst = &db;
+    ASSERT_EQ(BlendRays_SSE4(p, roi), S_OK);
+    EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, dw);
+    const size_t si = (static_cast<size_t>(1) * w + roi.left) * 4;
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(a[c], std::min(src[si + c] + table[rays[si + c]], 255)) << w;
+    EXPECT_EQ(a[3], src[si + 3]);
+  }
+}
+
+TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
+  std::mt19937 rng(9);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  for (int w : kWidths) {
+    const int h = w % 5 + 2;
+    Bytes img = KorvaneTest::RandomBytes(w * h * 4, 30 + w);
+    SmartBuffer src = View(img, w, h);
+    // Lines in every direction, some starting outside the image.
+    const int rows = 24, cols = 2 * (w + h) + 3;
+    std::vector<RayLine> lines(rows);
+    for (RayLine& l : lines) {
+      const float a = unit(rng) * 6.2831853f;
+      l.dx = std::cos(a);
+      l.dy = std::sin(a);
+      l.x0 = unit(rng) * (w + 4) - 2;
+      l.y0 = unit(rng) * (h + 4) - 2;
+      CalLineRange(l, w, h, 2.0f, cols);
+      l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
+    }
+    Bytes a(rows * cols * 4, 1), b(rows * cols * 4, 1);
+    SmartBuffer da = View(a, cols, rows), db = View(b, cols, rows);
+    SampleRowsParam sp{&src, &da, lines.data()};
+    ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
+    sp.dst = &db;
+    ASSERT_EQ(SampleRows_SSE4(sp, Rect{0, 0, cols, rows}), S_OK);
+    EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, cols);
+
+    // Back from a ray-space image through a table of arbitrary positions.
+    std::vector<float> map(static_cast<size_t>(w) * h * 2);
+    for (size_t i = 0; i < map.size(); i += 2) {
+      map[i] = unit(rng) * (cols + 6) - 3;
+      map[i + 1] = unit(rng) * (rows + 6) - 3;
+    }
+    Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
+    SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
+    PolarToCarteParam pp;
+    pp.polar = &da;
+    pp.polar_w = cols;
+    pp.polar_h = rows;
+    pp.dst = &qa;
+    pp.map = map.data();
+    pp.r_base = 1.0f;
+    pp.area = Rect{0, 0, w, h};
+    ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
+    pp.dst = &qb;
+    ASSERT_EQ(PolarToCarte_SSE4(pp, pp.area), S_OK);
+    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+  }
+}
+
+TEST(LightRaysKernels, LineRangesSamplingAndSmear) {
+  // A horizontal line through row 2 of a 6 x 4 image, starting 3 left of it:
+  // columns 2 .. 8 lie strictly inside (-1, 6) horizontally.
+  RayLine l;
+  l.x0 = -3.0f;
+  l.y0 = 2.0f;
+  CalLineRange(l, 6, 4, 1.0f, 20);
+  EXPECT_EQ(l.lo, 2);
+  EXPECT_EQ(l.hi, 10);
+  RayLine miss = l;
+  miss.y0 = 7.0f;
+  CalLineRange(miss, 6, 4, 1.0f, 20);
+  EXPECT_EQ(miss.hi - miss.lo, 0);
+
+  // Sampling: exact pixels on the grid, half of the edge pixel just outside.
+  Bytes img(6 * 4 * 4, 0);
+  for (int x = 0; x < 6; ++x) img[(2 * 6 + x) * 4 + 1] = static_cast<uint8_t>(40 * x + 10);
+  SmartBuffer src = View(img, 6, 4);
+  l.x0 = -3.5f;
+  l.src_end = 20;
+  Bytes row(20 * 4, 99);
+  SmartBuffer out = View(row, 20, 1);
+  SampleRowsParam sp{&src, &out, &l};
+  ASSERT_EQ(SampleRows(sp, Rect{0, 0, 20, 1}), S_OK);
+  EXPECT_EQ(row[2 * 4 + 1], 0);   // x = -1.5: outside, black
+  EXPECT_EQ(row[3 * 4 + 1], 5);   // x = -0.5: half of pixel 0 (10), half black
+  EXPECT_EQ(row[4 * 4 + 1], 30);  // x = 0.5: between 10 and 50
+  EXPECT_EQ(row[9 * 4 + 1], 105); // x = 5.5: half of the last pixel (210)
+  EXPECT_EQ(row[0 * 4 + 1], 99);  // outside [lo, hi): untouched
+
+  // Smear: one sample of 200 at column 5 fades over L = 4 columns, gain 1.
+  Bytes in(12 * 4, 0), smeared(12 * 4, 0);
+  in[5 * 4 + 2] = 200;
+  SmartBuffer si = View(in, 12, 1), so = View(smeared, 12, 1);
+  RayLine whole;
+  whole.lo = 0;
+  whole.hi = 12;
+  const uint16_t gain = 256;
+  SmearRowsParam smear{&si, &so, &whole, &gain, 4};
+  ASSERT_EQ(SmearRows(smear, Rect{0, 0, 12, 1}), S_OK);
+  // Weights 4, 3, 2, 1 over 4 x 5 / 4 + 1 = 6.
+  const int want[12] = {0, 0, 0, 0, 0, 133, 100, 67, 33, 0, 0, 0};
+  for (int c = 0; c < 12; ++c) EXPECT_NEAR(smeared[c * 4 + 2], want[c], 1) << c;
+  for (int c = 0; c < 12; ++c) EXPECT_EQ(smeared[c * 4 + 0], 0) << c;
+  const uint16_t dark = 0;
+  smear.row_gain = &dark;
+  ASSERT_EQ(SmearRows(smear, Rect{0, 0, 12, 1}), S_OK);
+  for (int c = 0; c < 12; ++c) EXPECT_EQ(smeared[c * 4 + 2], 0) << c;
+  smear.length = kMaxRayLength + 1;
+  EXPECT_EQ(SmearRows(smear, Rect{0, 0, 12, 1}), E_INVALIDARG);
+}
+
+TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
+  // Lightness (max + min) >> 1 against the threshold; the mask scales.
+  Bytes src = {255, 255, 253, 9,   200, 100, 0, 9,   10, 20, 30, 9};
+  Bytes mask = {128, 255, 255};
+  Bytes dst(12, 77);
+  SmartBuffer s = View(src, 3, 1), m = View(mask, 3, 1, PIXEL_GRAY8), d = View(dst, 3, 1);
+  HighLightParam p{&s, &m, &d, 100.0f};
+  ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
+  EXPECT_EQ(dst, (Bytes{128, 128, 126, 77, 200, 100, 0, 77, 0, 0, 0, 77}));
+  p.threshold = 254.0f;  // 254 passes, 100 does not
+  ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
+  EXPECT_EQ(dst[0], 128);
+  EXPECT_EQ(dst[4], 0);
+  p.threshold = 254.5f;
+  ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
+  EXPECT_EQ(dst[0], 0);
+
+  // One wrap by 35999 each way, then a clamp.
+  EXPECT_EQ(ShiftHue(35000, 2000), 1001);
+  EXPECT_EQ(ShiftHue(100, -200), 35899);
+  EXPECT_EQ(ShiftHue(1000, 18000), 19000);
+  EXPECT_EQ(ShiftHue(35999, 0), 35999);
+  EXPECT_EQ(ShiftHue(0, -18000), 17999);
+}

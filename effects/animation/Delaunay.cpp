@@ -13,79 +13,291 @@ namespace Korvane {
 
 namespace {
 
-// Squared pixels. A point must see a hull edge by more than this to be added
-// at all, so points nearly on the hull (or nearly on top of a hull vertex) are
-// left out instead of making slivers. Once a point is in, the walks along the
-// hull join every edge it sees by sign: an edge left hidden within the
-// tolerance would make the hull ring bend inwards there, and on large dense
-// sets later points then see such bends from inside the mesh and fold the
-// ring over itself, giving overlapping triangles. The triangle added instead
-// is thin but correctly wound, and the ring stays convex.
-constexpr float kOrientTolerance = 0.1f;
-constexpr double kDuplicateDistance = 0.0001;
+// Points closer than this (in pixels) to a point already in the mesh are left
+// out: they add nothing a warp can use and only make slivers.
+constexpr double kDuplicateDistance = 0.1;
+constexpr double kDuplicateDistance2 = kDuplicateDistance * kDuplicateDistance;
+
+// ---------------------------------------------------------------------------
+// Robust predicates. Each one evaluates its determinant in double with a
+// forward error bound; only when the bound cannot settle the sign is the
+// determinant recomputed exactly as a floating-point expansion (a sum of
+// non-overlapping doubles whose largest term carries the sign). The inputs
+// are the caller's floats (moved to the bounding box's corner when that is
+// exact), so the signs are exact for every finite input and the mesh cannot
+// fold or hold a flat triangle. Requires round-to-nearest double arithmetic
+// without extended precision, which every x86-64 and ARM64 build has.
+
+constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
+constexpr double kSplitter = 134217729.0;            // 2^27 + 1
+constexpr double kOrientBound = (3.0 + 16.0 * kEpsilon) * kEpsilon;
+constexpr double kInCircleBound = (10.0 + 96.0 * kEpsilon) * kEpsilon;
+
+inline void TwoSum(double a, double b, double& x, double& y) {
+  x = a + b;
+  const double bv = x - a, av = x - bv;
+  y = (a - av) + (b - bv);
+}
+
+inline void FastTwoSum(double a, double b, double& x, double& y) {
+  x = a + b;
+  y = b - (x - a);
+}
+
+inline void TwoDiff(double a, double b, double& x, double& y) {
+  x = a - b;
+  const double bv = a - x, av = x + bv;
+  y = (a - av) + (bv - b);
+}
+
+inline void Split(double a, double& hi, double& lo) {
+  const double c = kSplitter * a;
+  hi = c - (c - a);
+  lo = a - hi;
+}
+
+inline void TwoProductPresplit(double a, double b, double bhi, double blo, double& x, double& y) {
+  x = a * b;
+  double ahi, alo;
+  Split(a, ahi, alo);
+  const double err1 = x - ahi * bhi, err2 = err1 - alo * bhi, err3 = err2 - ahi * blo;
+  y = alo * blo - err3;
+}
+
+// An expansion: components in increasing magnitude, none overlapping, zeros
+// dropped (but never empty: zero is the one component 0.0).
+template <int N>
+struct Expansion {
+  double v[N];
+  int n = 0;
+};
+
+// h = e + f; h has room for en + fn components and aliases neither input.
+int Sum(const double* e, int en, const double* f, int fn, double* h) {
+  int ei = 0, fi = 0, hi = 0;
+  double enow = e[0], fnow = f[0], q, qnew, hh;
+  auto next_e = [&] { enow = ++ei < en ? e[ei] : 0.0; };
+  auto next_f = [&] { fnow = ++fi < fn ? f[fi] : 0.0; };
+  auto take_e = [&] { return (fnow > enow) == (fnow > -enow); };  // |e| <= |f|
+  if (take_e()) {
+    q = enow;
+    next_e();
+  } else {
+    q = fnow;
+    next_f();
+  }
+  if (ei < en && fi < fn) {
+    if (take_e()) {
+      FastTwoSum(enow, q, qnew, hh);
+      next_e();
+    } else {
+      FastTwoSum(fnow, q, qnew, hh);
+      next_f();
+    }
+    q = qnew;
+    if (hh != 0.0) h[hi++] = hh;
+    while (ei < en && fi < fn) {
+      if (take_e()) {
+        TwoSum(q, enow, qnew, hh);
+        next_e();
+      } else {
+        TwoSum(q, fnow, qnew, hh);
+        next_f();
+      }
+      q = qnew;
+      if (hh != 0.0) h[hi++] = hh;
+    }
+  }
+  while (ei < en) {
+    TwoSum(q, enow, qnew, hh);
+    next_e();
+    q = qnew;
+    if (hh != 0.0) h[hi++] = hh;
+  }
+  while (fi < fn) {
+    TwoSum(q, fnow, qnew, hh);
+    next_f();
+    q = qnew;
+    if (hh != 0.0) h[hi++] = hh;
+  }
+  if (q != 0.0 || hi == 0) h[hi++] = q;
+  return hi;
+}
+
+template <int NE, int NF, int NH>
+void Sum(const Expansion<NE>& e, const Expansion<NF>& f, Expansion<NH>& h) {
+  static_assert(NH >= NE + NF, "sum does not fit");
+  h.n = Sum(e.v, e.n, f.v, f.n, h.v);
+}
+
+// h = e * b; h has room for 2 en components.
+int Scale(const double* e, int en, double b, double* h) {
+  double bhi, blo, q, hh, p1, p0, sum;
+  Split(b, bhi, blo);
+  int hi = 0;
+  TwoProductPresplit(e[0], b, bhi, blo, q, hh);
+  if (hh != 0.0) h[hi++] = hh;
+  for (int i = 1; i < en; ++i) {
+    TwoProductPresplit(e[i], b, bhi, blo, p1, p0);
+    TwoSum(q, p0, sum, hh);
+    if (hh != 0.0) h[hi++] = hh;
+    FastTwoSum(p1, sum, q, hh);
+    if (hh != 0.0) h[hi++] = hh;
+  }
+  if (q != 0.0 || hi == 0) h[hi++] = q;
+  return hi;
+}
+
+// h = e * f: one scaled copy of f per component of e, summed.
+template <int NE, int NF, int NH>
+void Multiply(const Expansion<NE>& e, const Expansion<NF>& f, Expansion<NH>& h) {
+  static_assert(NH >= 2 * NE * NF, "product does not fit");
+  double part[2 * NF];
+  double acc[NH];
+  h.n = Scale(f.v, f.n, e.v[0], h.v);
+  for (int i = 1; i < e.n; ++i) {
+    const int pn = Scale(f.v, f.n, e.v[i], part);
+    const int an = Sum(h.v, h.n, part, pn, acc);  // at most 2 (i + 1) f.n components
+    std::memcpy(h.v, acc, sizeof(double) * an);
+    h.n = an;
+  }
+}
+
+template <int N>
+void Negate(Expansion<N>& e) {
+  for (int i = 0; i < e.n; ++i) e.v[i] = -e.v[i];
+}
+
+// a - b exactly, as one or two components.
+inline Expansion<2> Difference(double a, double b) {
+  Expansion<2> d;
+  double x, y;
+  TwoDiff(a, b, x, y);
+  if (y != 0.0) d.v[d.n++] = y;
+  d.v[d.n++] = x;
+  return d;
+}
+
+inline double SignOf(double v) { return v > 0.0 ? 1.0 : (v < 0.0 ? -1.0 : 0.0); }
+
+double Orient2dExact(const double* a, const double* b, const double* c) {
+  const Expansion<2> acx = Difference(a[0], c[0]), acy = Difference(a[1], c[1]);
+  const Expansion<2> bcx = Difference(b[0], c[0]), bcy = Difference(b[1], c[1]);
+  Expansion<8> left, right;
+  Multiply(acx, bcy, left);
+  Multiply(acy, bcx, right);
+  Negate(right);
+  Expansion<16> det;
+  Sum(left, right, det);
+  return SignOf(det.v[det.n - 1]);
+}
+
+// Positive when a, b, c turn counter-clockwise with y pointing up (clockwise
+// on screen), negative the other way, 0 exactly when collinear.
+inline double Orient2d(const double* a, const double* b, const double* c) {
+  const double left = (a[0] - c[0]) * (b[1] - c[1]);
+  const double right = (a[1] - c[1]) * (b[0] - c[0]);
+  const double det = left - right;
+  const double bound = kOrientBound * (std::fabs(left) + std::fabs(right));
+  if (det > bound || -det > bound) return det;
+  return Orient2dExact(a, b, c);
+}
+
+double InCircleExact(const double* a, const double* b, const double* c, const double* d) {
+  const Expansion<2> adx = Difference(a[0], d[0]), ady = Difference(a[1], d[1]);
+  const Expansion<2> bdx = Difference(b[0], d[0]), bdy = Difference(b[1], d[1]);
+  const Expansion<2> cdx = Difference(c[0], d[0]), cdy = Difference(c[1], d[1]);
+  // lift(u) * (v.x w.y - w.x v.y), summed over the three rotations.
+  auto term = [](const Expansion<2>& ux, const Expansion<2>& uy, const Expansion<2>& vx,
+                 const Expansion<2>& vy, const Expansion<2>& wx, const Expansion<2>& wy,
+                 Expansion<512>& out) {
+    Expansion<8> xx, yy, p, q;
+    Multiply(ux, ux, xx);
+    Multiply(uy, uy, yy);
+    Expansion<16> lift, cross;
+    Sum(xx, yy, lift);
+    Multiply(vx, wy, p);
+    Multiply(wx, vy, q);
+    Negate(q);
+    Sum(p, q, cross);
+    Multiply(lift, cross, out);
+  };
+  Expansion<512> ta, tb, tc;
+  term(adx, ady, bdx, bdy, cdx, cdy, ta);
+  term(bdx, bdy, cdx, cdy, adx, ady, tb);
+  term(cdx, cdy, adx, ady, bdx, bdy, tc);
+  Expansion<1024> ab;
+  Sum(ta, tb, ab);
+  Expansion<1536> det;
+  Sum(ab, tc, det);
+  return SignOf(det.v[det.n - 1]);
+}
+
+// Positive when d lies inside the circle through a, b, c taken
+// counter-clockwise with y up; for triangles wound counter-clockwise on
+// screen, as the mesh's are, inside is negative.
+inline double InCircle2d(const double* a, const double* b, const double* c, const double* d) {
+  const double adx = a[0] - d[0], bdx = b[0] - d[0], cdx = c[0] - d[0];
+  const double ady = a[1] - d[1], bdy = b[1] - d[1], cdy = c[1] - d[1];
+  const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
+  const double cdxady = cdx * ady, adxcdy = adx * cdy;
+  const double adxbdy = adx * bdy, bdxady = bdx * ady;
+  const double alift = adx * adx + ady * ady;
+  const double blift = bdx * bdx + bdy * bdy;
+  const double clift = cdx * cdx + cdy * cdy;
+  const double det = alift * (bdxcdy - cdxbdy) + blift * (cdxady - adxcdy) + clift * (adxbdy - bdxady);
+  const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * alift +
+                           (std::fabs(cdxady) + std::fabs(adxcdy)) * blift +
+                           (std::fabs(adxbdy) + std::fabs(bdxady)) * clift;
+  const double bound = kInCircleBound * permanent;
+  if (det > bound || -det > bound) return det;
+  return InCircleExact(a, b, c, d);
+}
+
+// ---------------------------------------------------------------------------
 
 inline const float* Pt(const float* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
+inline const double* Pd(const double* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
 
-// Twice the signed area, positive for a triangle wound counter-clockwise on
-// screen (y down).
-inline float Orient(const float* p, const float* q, const float* r) {
-  return (q[1] - p[1]) * (r[0] - q[0]) - (q[0] - p[0]) * (r[1] - q[1]);
+// r lies strictly to the right of the directed line p -> q on screen, that
+// is (p, q, r) is wound clockwise on screen: seen from r, the edge p -> q
+// of a counter-clockwise hull faces it.
+inline bool Sees(const double* r, const double* p, const double* q) { return Orient2d(r, p, q) > 0.0; }
+
+inline double SquaredDistance(const double* a, const double* b) {
+  const double dx = a[0] - b[0], dy = a[1] - b[1];
+  return dx * dx + dy * dy;
 }
 
-// True when p lies strictly inside the circumcircle of the positively wound
-// triangle (a, b, c). NaN from overflowing coordinates answers false.
-inline bool InCircle(const float* a, const float* b, const float* c, const float* p) {
-  const float dx = a[0] - p[0], dy = a[1] - p[1];
-  const float ex = b[0] - p[0], ey = b[1] - p[1];
-  const float fx = c[0] - p[0], fy = c[1] - p[1];
-  const float ap = dx * dx + dy * dy;
-  const float bp = ex * ex + ey * ey;
-  const float cp = fx * fx + fy * fy;
-  return ap * (ex * fy - fx * ey) - bp * (dx * fy - fx * dy) + cp * (dx * ey - ex * dy) < 0.0f;
+// Squared circumradius of (a, b, c); infinite for a degenerate triple, so
+// it never wins the strict comparison of the seed search.
+inline double CalCircumradius(const double* a, const double* b, const double* c) {
+  const double dx = b[0] - a[0], dy = b[1] - a[1];
+  const double ex = c[0] - a[0], ey = c[1] - a[1];
+  const double bl = dx * dx + dy * dy;
+  const double cl = ex * ex + ey * ey;
+  const double cross = dx * ey - dy * ex;
+  if (bl == 0.0 || cl == 0.0 || cross == 0.0) return HUGE_VAL;
+  const double k = 0.5 / cross;
+  const double x = (ey * bl - dy * cl) * k;
+  const double y = (dx * cl - ex * bl) * k;
+  const double r = x * x + y * y;
+  return std::isfinite(r) ? r : HUGE_VAL;
 }
 
-// Squared circumradius; FLT_MAX for a repeated point. A collinear triple
-// gives FLT_MAX too (the quotient would be infinite), so it never wins the
-// strict comparison of the seed search.
-inline float CalCircumradius(const float* a, const float* b, const float* c) {
-  const float dx = b[0] - a[0], dy = b[1] - a[1];
-  const float ex = c[0] - a[0], ey = c[1] - a[1];
-  const float bl = dx * dx + dy * dy;
-  const float cl = ex * ex + ey * ey;
-  const float cross = dx * ey - dy * ex;
-  if (bl == 0.0f || cl == 0.0f || cross == 0.0f) return FLT_MAX;
-  const float k = 0.5f / cross;
-  if (k == 0.0f) return FLT_MAX;
-  const float x = (ey * bl - dy * cl) * k;
-  const float y = (dx * cl - ex * bl) * k;
-  return x * x + y * y;
-}
-
-inline void CalCircumcenter(const float* a, const float* b, const float* c, float* center) {
-  const float dx = b[0] - a[0], dy = b[1] - a[1];
-  const float ex = c[0] - a[0], ey = c[1] - a[1];
-  const float bl = dx * dx + dy * dy;
-  const float cl = ex * ex + ey * ey;
-  const float k = 0.5f / (dx * ey - dy * ex);
+inline void CalCircumcenter(const double* a, const double* b, const double* c, double* center) {
+  const double dx = b[0] - a[0], dy = b[1] - a[1];
+  const double ex = c[0] - a[0], ey = c[1] - a[1];
+  const double bl = dx * dx + dy * dy;
+  const double cl = ex * ex + ey * ey;
+  const double k = 0.5 / (dx * ey - dy * ex);
   center[0] = a[0] + (ey * bl - dy * cl) * k;
   center[1] = a[1] + (dx * cl - ex * bl) * k;
 }
 
-// Within the near-duplicate distance in both coordinates (compared in double).
-inline bool NearDuplicate(const float* a, const float* b) {
-  return std::fabs(static_cast<double>(a[0]) - b[0]) <= kDuplicateDistance &&
-         std::fabs(static_cast<double>(a[1]) - b[1]) <= kDuplicateDistance;
-}
-
-inline float SquaredDistance(float ax, float ay, float bx, float by) {
-  const float dx = ax - bx, dy = ay - by;
-  return dx * dx + dy * dy;
-}
-
-// Order-preserving integer key of a non-negative distance; NaN (from
-// overflowing coordinates) sorts last.
+// Order-preserving integer key of a non-negative distance.
 inline uint32_t DistanceKey(float d) {
-  if (std::isnan(d)) return 0xFFFFFFFFu;
+  if (!(d >= 0.0f)) return 0xFFFFFFFFu;
   uint32_t bits;
   std::memcpy(&bits, &d, sizeof(bits));
   return bits;
@@ -93,28 +305,30 @@ inline uint32_t DistanceKey(float d) {
 
 }  // namespace
 
-uint32_t Delaunay::HashKey(float x, float y) const {
-  const float dx = x - seed_center[0];
-  const float dy = y - seed_center[1];
-  const float a = dx / (std::fabs(dx) + std::fabs(dy));
-  const float angle = dy > 0.0f ? 3.0f - a : 1.0f + a;  // pseudo-angle in [0, 4)
-  const float k = std::floor(angle * 0.25f * static_cast<float>(hash_size));
-  // The point at the centre itself (0 / 0) and overflowing offsets give NaN;
-  // they go to bucket 0 rather than to an undefined conversion.
-  if (!(k >= 0.0f)) return 0;
-  if (k < static_cast<float>(hash_size)) return static_cast<uint32_t>(k);
-  const float wrapped = std::fmod(k, static_cast<float>(hash_size));
-  return (wrapped >= 0.0f && wrapped < static_cast<float>(hash_size)) ? static_cast<uint32_t>(wrapped) : 0;
+uint32_t Delaunay::HashKey(const double* p) const {
+  const double dx = p[0] - seed_center[0];
+  const double dy = p[1] - seed_center[1];
+  const double a = dx / (std::fabs(dx) + std::fabs(dy));
+  const double angle = dy > 0.0 ? 3.0 - a : 1.0 + a;  // pseudo-angle in [0, 4)
+  const double k = std::floor(angle * 0.25 * hash_size);
+  // The centre itself (0 / 0) gives NaN; it goes to bucket 0.
+  if (!(k >= 0.0)) return 0;
+  const uint32_t key = k < hash_size ? static_cast<uint32_t>(k) : 0;
+  return key;
 }
 
 int32_t Delaunay::SortPointsByDist() {
   const uint32_t n = point_count;
   sorted_ids.resize(n);
   m_sort_keys.resize(n);
+  // Squared distances are scaled to the box's size before they become float
+  // keys, so huge coordinates do not overflow them.
+  const double* g = m_coords.data();
   for (uint32_t i = 0; i < n; ++i) {
-    const float* p = Pt(points, i);
-    const uint32_t key = DistanceKey(SquaredDistance(p[0], p[1], seed_center[0], seed_center[1]));
-    m_sort_keys[i] = (static_cast<uint64_t>(key) << 32) | i;
+    const double* p = Pd(g, i);
+    const double dx = p[0] - seed_center[0], dy = p[1] - seed_center[1];
+    const float d = static_cast<float>((dx * m_inv_extent) * (dx * m_inv_extent) + (dy * m_inv_extent) * (dy * m_inv_extent));
+    m_sort_keys[i] = (static_cast<uint64_t>(DistanceKey(d)) << 32) | i;
   }
 
   // The keys carry the index in their low half, so sorting the 64-bit values
@@ -147,12 +361,10 @@ int32_t Delaunay::SortPointsByDist() {
     if (src != m_sort_keys.data()) m_sort_keys.swap(m_sort_tmp);
   }
 
-  // Equal distances are ordered by x, then y (then index, for exact
-  // duplicates). Such runs are short; the coordinates are finite here.
-  const float* pts = points;
-  auto by_position = [pts](uint64_t a, uint64_t b) {
-    const float* pa = Pt(pts, static_cast<uint32_t>(a));
-    const float* pb = Pt(pts, static_cast<uint32_t>(b));
+  // Equal keys are ordered by x, then y (then index, for exact duplicates).
+  auto by_position = [g](uint64_t a, uint64_t b) {
+    const double* pa = Pd(g, static_cast<uint32_t>(a));
+    const double* pb = Pd(g, static_cast<uint32_t>(b));
     if (pa[0] != pb[0]) return pa[0] < pb[0];
     if (pa[1] != pb[1]) return pa[1] < pb[1];
     return static_cast<uint32_t>(a) < static_cast<uint32_t>(b);
@@ -185,10 +397,7 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
   hull_prev[seed_tri_p2] = seed_tri_p1;
   hull_prev[seed_tri_p0] = seed_tri_p2;
   hull_prev[seed_tri_p1] = seed_tri_p0;
-  for (uint32_t v : {seed_tri_p0, seed_tri_p1, seed_tri_p2}) {
-    const float* p = Pt(m_geom, v);
-    hull_hash[HashKey(p[0], p[1])] = v;
-  }
+  for (uint32_t v : {seed_tri_p0, seed_tri_p1, seed_tri_p2}) hull_hash[HashKey(Pd(m_geom, v))] = v;
   hull_tri[seed_tri_p0] = 0;
   hull_tri[seed_tri_p1] = 1;
   hull_tri[seed_tri_p2] = 2;
@@ -196,8 +405,8 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
 }
 
 int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p) {
-  const float* p = Pt(m_geom, add_point);
-  const uint32_t key = HashKey(p[0], p[1]);
+  const double* p = Pd(m_geom, add_point);
+  const uint32_t key = HashKey(p);
   uint32_t start = INVALID;
   for (uint32_t j = 0; j < hash_size; ++j) {
     const uint32_t v = hull_hash[(key + j) % hash_size];
@@ -214,7 +423,7 @@ int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& 
   // The ring never holds more than point_count vertices; the bound only
   // guards against a damaged ring turning into an endless walk.
   uint32_t steps = 0;
-  while (!(Orient(p, Pt(m_geom, e), Pt(m_geom, q)) < -kOrientTolerance)) {
+  while (!Sees(p, Pd(m_geom, e), Pd(m_geom, q))) {
     e = q;
     if (e == start || ++steps > point_count) {
       e = INVALID;
@@ -250,9 +459,8 @@ uint32_t Delaunay::AddTriangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a
 uint32_t Delaunay::Legalize(uint32_t a) {
   uint32_t i = 0;
   uint32_t ar = 0;
-  // Every flip joins the point being inserted to one more vertex, and edges
-  // at that point are never flipped back, so the loop ends after at most
-  // point_count flips even when rounding makes the circle test inconsistent.
+  // With exact circle tests every flip strictly improves the mesh, so the
+  // loop ends.
   for (;;) {
     const uint32_t b = halfedges[a];
     const uint32_t a0 = a - a % 3;
@@ -272,7 +480,7 @@ uint32_t Delaunay::Legalize(uint32_t a) {
     const uint32_t pl = triangles[al];
     const uint32_t p1 = triangles[bl];
 
-    if (!InCircle(Pt(m_geom, p0), Pt(m_geom, pr), Pt(m_geom, pl), Pt(m_geom, p1))) {
+    if (!(InCircle2d(Pd(m_geom, p0), Pd(m_geom, pr), Pd(m_geom, pl), Pd(m_geom, p1)) < 0.0)) {
       if (i == 0) break;
       a = edge_stack[--i];
       continue;
@@ -281,22 +489,11 @@ uint32_t Delaunay::Legalize(uint32_t a) {
     triangles[a] = p1;
     triangles[b] = p0;
     const uint32_t hbl = halfedges[bl];
-    if (hbl == INVALID && hull_tri[p1] == bl) {
-      hull_tri[p1] = a;  // the hull edge bl starts at p1, so p1 holds its record
-    } else if (hbl == INVALID) {
-      // The flipped edge was on the hull: move the hull vertex's record from
-      // bl to a. Walking the previous-links reaches every hull vertex even
-      // while the current insertion has cut some out of the forward ring.
-      uint32_t e = hull_start;
-      for (uint32_t steps = 0; steps <= point_count; ++steps) {
-        if (hull_tri[e] == bl) {
-          hull_tri[e] = a;
-          break;
-        }
-        e = hull_prev[e];
-        if (e == hull_start) break;
-      }
-    }
+    // A hull edge that moves from slot bl to slot a: the hull vertex it
+    // starts at is p1, so its record is repaired in constant time. When the
+    // record names another slot, it belongs to an edge of the point being
+    // inserted and is written once that point's walk is done.
+    if (hbl == INVALID && hull_tri[p1] == bl) hull_tri[p1] = a;
     Link(a, hbl);
     Link(b, halfedges[ar]);
     Link(ar, bl);
@@ -349,129 +546,162 @@ int32_t Delaunay::Triangulate(const float* pts, uint32_t count) {
   return hr;
 }
 
+bool Delaunay::NearAcceptedPoint(const double* p, uint32_t e, uint32_t q) const {
+  // The nearest point already in the mesh is almost always a vertex of the
+  // hull edge the new point sees, a hull neighbour of it, or the vertex
+  // across that edge; checking those keeps the test O(1).
+  const uint32_t h = hull_tri[e];
+  const uint32_t across = triangles[h - h % 3 + (h + 2) % 3];
+  for (uint32_t v : {e, q, hull_prev[e], hull_next[q], across}) {
+    if (SquaredDistance(p, Pd(m_geom, v)) <= kDuplicateDistance2) return true;
+  }
+  return false;
+}
+
 int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   int32_t hr = S_OK;
   const uint32_t n = point_count;
   const float cx = (min_x + max_x) * 0.5f;
   const float cy = (min_y + max_y) * 0.5f;
 
-  // Seed: the point nearest the box centre, its nearest distinct neighbour,
-  // and the point that makes the smallest circumcircle with those two. Near-
-  // duplicates of a seed point are not seeds themselves: the insertion loop
-  // would drop them, and a seed edge of length 0.0001 could never be seen
-  // within the orientation tolerance, leaving a notch in the hull.
-  uint32_t i0 = 0, i1 = 0, i2 = INVALID;
+  // Working coordinates in double, moved to the bounding box's lower corner
+  // when every such move is exact (it keeps the numbers small for the float
+  // filters and the hash); the predicates then decide for the caller's own
+  // points.
+  double origin[2] = {min_x, min_y};
+  m_coords.resize(2 * static_cast<size_t>(n));
+  double* g = m_coords.data();
+  for (int pass = 0; pass < 2; ++pass) {
+    bool exact = true;
+    for (size_t i = 0; i < 2 * static_cast<size_t>(n); ++i) {
+      double x, y;
+      TwoDiff(pts_at(i), origin[i & 1], x, y);
+      g[i] = x;
+      exact = exact && y == 0.0;
+    }
+    if (exact) break;
+    origin[0] = origin[1] = 0.0;
+  }
+  const double extent = std::max({static_cast<double>(max_x) - min_x, static_cast<double>(max_y) - min_y, 1.0});
+  m_inv_extent = 1.0 / extent;
+
+  // Seed: the point nearest the box centre, its nearest neighbour beyond the
+  // duplicate distance, and the point that makes the smallest circumcircle
+  // with those two without being collinear with them.
+  uint32_t i0 = 0, i1 = INVALID, i2 = INVALID;
   float best = std::numeric_limits<float>::infinity();
   for (uint32_t i = 0; i < n; ++i) {
     const float* p = Pt(points, i);
-    const float d = SquaredDistance(cx, cy, p[0], p[1]);
+    const float dx = cx - p[0], dy = cy - p[1];
+    const float d = dx * dx + dy * dy;
     if (d < best) {
       i0 = i;
       best = d;
     }
   }
-  const float* p0 = Pt(points, i0);
-  best = std::numeric_limits<float>::infinity();
+  const double* p0 = Pd(g, i0);
+  double best_d = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
     if (i == i0) continue;
-    const float* p = Pt(points, i);
-    const float d = SquaredDistance(p0[0], p0[1], p[0], p[1]);
-    if (d < best && d > 0.0f && !NearDuplicate(p, p0)) {
+    const double d = SquaredDistance(p0, Pd(g, i));
+    if (d < best_d && d > kDuplicateDistance2) {
       i1 = i;
-      best = d;
+      best_d = d;
     }
   }
-  const float* p1 = Pt(points, i1);
-  float min_radius = FLT_MAX;
+  if (i1 == INVALID) return E_INVALIDARG;
+  const double* p1 = Pd(g, i1);
+  double min_radius = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
     if (i == i0 || i == i1) continue;
-    const float* p = Pt(points, i);
-    if (NearDuplicate(p, p0) || NearDuplicate(p, p1)) continue;
-    const float r = CalCircumradius(p0, p1, p);
-    if (r < min_radius) {
+    const double* p = Pd(g, i);
+    const double r = CalCircumradius(p0, p1, p);
+    if (r < min_radius && SquaredDistance(p, p0) > kDuplicateDistance2 &&
+        SquaredDistance(p, p1) > kDuplicateDistance2 && Orient2d(p0, p1, p) != 0.0) {
       i2 = i;
       min_radius = r;
     }
   }
-  if (i2 == INVALID) return E_INVALIDARG;
-
-  // A seed that is not clearly counter-clockwise is swapped. If that leaves
-  // a nearly flat seed wound the wrong way, it is swapped back so the mesh is
-  // built on a positive triangle; a seed flat even in float is refused.
-  if (!(Orient(Pt(points, i0), Pt(points, i1), Pt(points, i2)) > kOrientTolerance)) std::swap(i1, i2);
-  if (!(Orient(Pt(points, i0), Pt(points, i1), Pt(points, i2)) > 0.0f)) std::swap(i1, i2);
-  if (!(Orient(Pt(points, i0), Pt(points, i1), Pt(points, i2)) > 0.0f)) return E_INVALIDARG;
+  if (i2 == INVALID) {
+    // Rounding can hide the only non-collinear point behind an infinite
+    // radius; any point off the seed line will do then.
+    for (uint32_t i = 0; i < n && i2 == INVALID; ++i) {
+      const double* p = Pd(g, i);
+      if (i != i0 && i != i1 && SquaredDistance(p, p0) > kDuplicateDistance2 &&
+          SquaredDistance(p, p1) > kDuplicateDistance2 && Orient2d(p0, p1, p) != 0.0)
+        i2 = i;
+    }
+    if (i2 == INVALID) return E_INVALIDARG;
+  }
+  // Counter-clockwise on screen is clockwise with y up.
+  if (Orient2d(Pd(g, i0), Pd(g, i1), Pd(g, i2)) > 0.0) std::swap(i1, i2);
 
   hull_start = i0;
-  CalCircumcenter(Pt(points, i0), Pt(points, i1), Pt(points, i2), seed_center);
-  if (!std::isfinite(seed_center[0]) || !std::isfinite(seed_center[1])) return E_INVALIDARG;
+  CalCircumcenter(Pd(g, i0), Pd(g, i1), Pd(g, i2), seed_center);
+  if (!std::isfinite(seed_center[0]) || !std::isfinite(seed_center[1])) {
+    // A nearly flat seed: any centre inside the hull orders the points well enough.
+    seed_center[0] = (Pd(g, i0)[0] + Pd(g, i1)[0] + Pd(g, i2)[0]) / 3.0;
+    seed_center[1] = (Pd(g, i0)[1] + Pd(g, i1)[1] + Pd(g, i2)[1]) / 3.0;
+  }
 
   if (KORVANE_FAILED(SortPointsByDist())) return hr;
 
   // From here on a point is named by its rank in the insertion order, and its
-  // coordinates are copied in that order: the hull front and the triangles
+  // coordinates are reordered to match: the hull front and the triangles
   // next to it then involve recent ranks only, which keeps the working set in
   // cache. Triangles are renamed to the caller's indices at the end.
-  m_coords.resize(2 * static_cast<size_t>(n));
+  m_sorted_coords.resize(2 * static_cast<size_t>(n));
   uint32_t seed_tri_p0 = INVALID, seed_tri_p1 = INVALID, seed_tri_p2 = INVALID;
   for (uint32_t k = 0; k < n; ++k) {
     const uint32_t id = sorted_ids[k];
-    m_coords[2 * static_cast<size_t>(k)] = points[2 * static_cast<size_t>(id)];
-    m_coords[2 * static_cast<size_t>(k) + 1] = points[2 * static_cast<size_t>(id) + 1];
+    m_sorted_coords[2 * static_cast<size_t>(k)] = g[2 * static_cast<size_t>(id)];
+    m_sorted_coords[2 * static_cast<size_t>(k) + 1] = g[2 * static_cast<size_t>(id) + 1];
     if (id == i0) seed_tri_p0 = k;
     if (id == i1) seed_tri_p1 = k;
     if (id == i2) seed_tri_p2 = k;
   }
-  m_geom = m_coords.data();
+  m_geom = m_sorted_coords.data();
   if (KORVANE_FAILED(InitHull(seed_tri_p0, seed_tri_p1, seed_tri_p2))) return hr;
   i0 = seed_tri_p0;
   i1 = seed_tri_p1;
   i2 = seed_tri_p2;
   AddTriangle(i0, i1, i2, INVALID, INVALID, INVALID);
 
-  double prev_x = FLT_MAX, prev_y = FLT_MAX;
+  const double* prev = nullptr;
   for (uint32_t k = 0; k < n; ++k) {
     const uint32_t i = k;
-    const float* p = Pt(m_geom, i);
-
-    // Near-duplicates of the previous accepted point are dropped. Seed points
-    // never become the previous point.
-    if (k > 0 && std::fabs(p[0] - prev_x) <= kDuplicateDistance && std::fabs(p[1] - prev_y) <= kDuplicateDistance)
-      continue;
+    const double* p = Pd(m_geom, i);
     if (i == i0 || i == i1 || i == i2) continue;
-    prev_x = p[0];
-    prev_y = p[1];
+    if (prev && SquaredDistance(p, prev) <= kDuplicateDistance2) continue;
 
     uint32_t add_point = i, start_p = INVALID, prev_p = INVALID, next_p = INVALID;
     if (KORVANE_FAILED(FindFrontier(add_point, start_p, prev_p, next_p))) return hr;
     uint32_t e = prev_p;
-    if (e == INVALID) continue;  // sees no hull edge: inside, or within the tolerance
+    if (e == INVALID) continue;  // on or inside the hull: only ties in the order allow it
+    if (NearAcceptedPoint(p, e, next_p)) continue;
+    prev = p;
 
     // The first triangle, on the visible edge that was found.
     uint32_t t = AddTriangle(e, i, next_p, INVALID, INVALID, hull_tri[e]);
     hull_tri[i] = Legalize(t + 2);
     hull_tri[e] = t;
 
-    // Forward along the hull while edges stay visible. The walk stops short
+    // Forward along the hull while edges face the point. The walk stops short
     // of e so the hull always keeps e, the new point and n.
     uint32_t n_v = next_p;
     for (;;) {
       const uint32_t r = hull_next[n_v];
-      if (r == e || !(Orient(p, Pt(m_geom, n_v), Pt(m_geom, r)) < 0.0f)) break;
+      if (r == e || !Sees(p, Pd(m_geom, n_v), Pd(m_geom, r))) break;
       t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
       hull_tri[i] = Legalize(t + 2);
       hull_next[n_v] = n_v;  // removed from the hull
       n_v = r;
     }
 
-    // Backward. When the edge found first was not the search's start, the
-    // edges before it were seen as hidden within the tolerance, but may still
-    // face p. The walk stops short of n for the same reason as above. n keeps
-    // its old previous-link until the ring is closed below, so the hull
-    // repair walk in Legalize can still reach every hull vertex.
+    // Backward, the same; it stops short of n.
     for (;;) {
       const uint32_t r = hull_prev[e];
-      if (r == n_v || !(Orient(p, Pt(m_geom, r), Pt(m_geom, e)) < 0.0f)) break;
+      if (r == n_v || !Sees(p, Pd(m_geom, r), Pd(m_geom, e))) break;
       t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
       Legalize(t + 2);
       hull_tri[r] = t;
@@ -484,9 +714,8 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     hull_next[e] = i;
     hull_prev[n_v] = i;
     hull_next[i] = n_v;
-    hull_hash[HashKey(p[0], p[1])] = i;
-    const float* pe = Pt(m_geom, e);
-    hull_hash[HashKey(pe[0], pe[1])] = e;
+    hull_hash[HashKey(p)] = i;
+    hull_hash[HashKey(Pd(m_geom, e))] = e;
   }
 
   for (uint32_t t = 0; t < triangle_index_count; ++t) triangles[t] = sorted_ids[triangles[t]];
@@ -517,6 +746,7 @@ int32_t Delaunay::Reset() {
   m_sort_keys.clear();
   m_sort_tmp.clear();
   m_coords.clear();
+  m_sorted_coords.clear();
   points = nullptr;
   m_geom = nullptr;
   point_count = 0;

@@ -1,9 +1,12 @@
 // Sweep-hull Delaunay triangulation: points are added in order of distance
 // from the circumcentre of a seed triangle, each one joined to the part of the
 // convex hull it can see, and new edges made locally Delaunay by edge flips.
-// All geometry is single precision with a fixed orientation tolerance of 0.1.
+// Orientation and in-circle signs are exact for any finite input, so every
+// triangle is wound counter-clockwise on screen with a non-zero area; points
+// within 0.1 pixel of one already in the mesh are left out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -38,7 +41,9 @@ class Delaunay final : public DelaunayTriangle {
   int32_t FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p);
   uint32_t Legalize(uint32_t a);
   uint32_t AddTriangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a, uint32_t b, uint32_t c);
-  uint32_t HashKey(float x, float y) const;
+  uint32_t HashKey(const double* p) const;
+  bool NearAcceptedPoint(const double* p, uint32_t e, uint32_t q) const;
+  double pts_at(size_t i) const { return points[i]; }
   void Link(uint32_t a, uint32_t b) {
     halfedges[a] = b;
     if (b != INVALID) halfedges[b] = a;
@@ -60,15 +65,19 @@ class Delaunay final : public DelaunayTriangle {
   uint32_t triangle_index_count = 0;
   uint32_t hash_size = 0;
   uint32_t hull_start = 0;
-  float seed_center[2] = {0.0f, 0.0f};
+  double seed_center[2] = {0.0, 0.0};
 
   // Sort scratch: (distance key, point index) pairs and the radix passes' copy.
   std::vector<uint64_t> m_sort_keys;
   std::vector<uint64_t> m_sort_tmp;
-  // Coordinates in insertion order; during the insertion phase every vertex
-  // index (in the hull ring, the hash and the triangles) is a position in it.
-  std::vector<float> m_coords;
-  const float* m_geom = nullptr;
+  // The points in double, moved to the bounding box's corner (m_coords), and
+  // the same in insertion order (m_sorted_coords): during the insertion phase
+  // every vertex index (in the hull ring, the hash and the triangles) is a
+  // position in the latter.
+  std::vector<double> m_coords;
+  std::vector<double> m_sorted_coords;
+  const double* m_geom = nullptr;
+  double m_inv_extent = 1.0;  // 1 / the bounding box's larger side
 };
 
 }  // namespace Korvane

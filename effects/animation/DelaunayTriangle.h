@@ -24,9 +24,8 @@ class DelaunayTriangle {
   // read only during the call. Returns S_OK; E_POINTER for a null array;
   // E_INVALIDARG for fewer than 3 points (or more than about 715 million), a
   // non-finite coordinate, or points that form no triangle (all collinear or
-  // coincident); E_OUTOFMEMORY when the working storage cannot be allocated. Points that duplicate
-  // an earlier one within 0.0001, or that lie within the orientation tolerance
-  // of the hull, are left out of the mesh.
+  // coincident); E_OUTOFMEMORY when the working storage cannot be allocated. A point
+  // within 0.1 pixel of one already in the mesh is left out of it.
   virtual int32_t Triangulate(const float* points, uint32_t count) = 0;
 
   // Number of triangles of the last triangulation: 0 after Reset or after a

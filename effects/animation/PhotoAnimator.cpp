@@ -293,8 +293,12 @@ int32_t PhotoAnimator::AddStroke(const FlowData& flow) {
   if (!(total > 0.0) || !std::isfinite(total)) return total > 0.0 ? E_INVALIDARG : S_OK;
   // Samples spaced evenly along the stroke, about a twentieth of the image
   // apart, so every vertex moves by about the same amount.
+  // A stroke gets no more vertices than one 25 times the photo's width plus
+  // height long: beyond that they lie far outside the photo or pile up, and a
+  // huge stroke would otherwise become a mesh that takes seconds to build.
   const double spacing = std::max(m_image_width, m_image_height) / 20.0;
-  const double pieces = std::min(std::max(std::round(total / spacing), 1.0), 100000.0);
+  const double most = spacing > 0.0 ? std::ceil(25.0 * (static_cast<double>(m_image_width) + m_image_height) / spacing) : 1.0;
+  const double pieces = std::min(std::max(std::round(total / spacing), 1.0), most);
   const uint32_t segments = static_cast<uint32_t>(pieces);
   const double piece = total / segments;
   std::vector<MeshPoint> samples;

@@ -2,6 +2,7 @@
 // looping GIF, or numbered PNG files in a folder.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -21,10 +22,14 @@ class AnimationWriter {
 };
 
 // Picks the format from `path`: ".webp" writes an animated WebP (lossy at
-// `quality`, or lossless at 100), ".gif" a looping GIF with a median-cut
-// palette taken from the first frame, anything else is a folder (created if
-// missing) of frame_0000.png, frame_0001.png, ... Both animations loop
-// forever at `fps` frames a second. Returns nullptr with a reason in `error`.
+// `quality`, or lossless at 100), ".gif" a looping GIF with libimagequant's
+// palette of the first frame and even frame times in hundredths of a second,
+// anything else is a folder (created if missing, its old frame_*.png removed)
+// of frame_0000.png, frame_0001.png, ... Both animations loop forever at
+// `fps` frames a second. Returns nullptr with a reason in `error`.
+// frame_0000.png and the like: the files a frame folder holds.
+bool IsFrameFile(const std::filesystem::path& file);
+
 std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
                                                      int quality, std::string& error);
 

@@ -1,148 +1,97 @@
 #include "ImageIO.h"
 
-#include <spng.h>
-#include <turbojpeg.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vips/vips8>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <memory>
+#include <mutex>
+#include <random>
 
 namespace KorvaneTool {
 
+struct ImageMeta {
+  // Blobs copied from the source file, by libvips field name.
+  std::vector<std::pair<std::string, std::vector<uint8_t>>> blobs;
+};
+
 namespace {
 
-bool ReadFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& error) {
-  std::error_code ec;
-  if (!std::filesystem::exists(path, ec)) {
-    error = path + ": no such file";
-    return false;
-  }
-  std::ifstream f(path, std::ios::binary);
-  if (!f) {
-    error = path + ": cannot open for reading";
-    return false;
-  }
-  bytes.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
-  if (bytes.empty()) {
-    error = path + ": file is empty";
-    return false;
-  }
-  return true;
+using vips::VImage;
+using vips::VOption;
+
+}  // namespace
+
+namespace {
+// libvips' warnings (a truncated file, a bad chunk) would print several
+// lines; the last one is kept to explain a failure on one line instead.
+thread_local std::string t_last_warning;
+
+void KeepWarning(const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
+  t_last_warning = message ? message : "";
+}
+}  // namespace
+
+void StartImageLibrary() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    g_log_set_handler("VIPS", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE | G_LOG_LEVEL_INFO),
+                      KeepWarning, nullptr);
+    if (VIPS_INIT("korvane")) vips_error_exit(nullptr);
+    // Only the well-kept loaders (no ImageMagick, PDF or slide readers), and
+    // no cache: every image is read once.
+    vips_block_untrusted_set(TRUE);
+    vips_cache_set_max(0);
+  });
 }
 
-// Images beyond this many pixels are refused rather than risking exhaustion.
-constexpr uint64_t kMaxPixels = 1ull << 28;
+namespace {
 
-bool DecodePng(const std::string& path, const std::vector<uint8_t>& bytes, Image& out,
-               std::string& error) {
-  std::unique_ptr<spng_ctx, void (*)(spng_ctx*)> ctx(spng_ctx_new(0), spng_ctx_free);
-  if (!ctx) {
-    error = path + ": out of memory";
-    return false;
-  }
-  spng_set_crc_action(ctx.get(), SPNG_CRC_USE, SPNG_CRC_USE);
-  spng_set_png_buffer(ctx.get(), bytes.data(), bytes.size());
-  spng_ihdr ihdr;
-  int r = spng_get_ihdr(ctx.get(), &ihdr);
-  if (r) {
-    error = path + ": not a readable PNG (" + spng_strerror(r) + ")";
-    return false;
-  }
-  if (static_cast<uint64_t>(ihdr.width) * ihdr.height > kMaxPixels) {
-    error = path + ": image too large";
-    return false;
-  }
-  size_t size = 0;
-  // RGBA8 reduces 16-bit samples to 8 bits and expands gray and palettes.
-  if ((r = spng_decoded_image_size(ctx.get(), SPNG_FMT_RGBA8, &size))) {
-    error = path + ": " + spng_strerror(r);
-    return false;
-  }
-  std::vector<uint8_t> rgba(size);
-  if ((r = spng_decode_image(ctx.get(), rgba.data(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS))) {
-    error = path + ": damaged PNG (" + spng_strerror(r) + ")";
-    return false;
-  }
-  out = Image(static_cast<int32_t>(ihdr.width), static_cast<int32_t>(ihdr.height), 4);
-  for (size_t i = 0; i < out.pixels.size(); i += 4) {
-    out.pixels[i + 0] = rgba[i + 2];
-    out.pixels[i + 1] = rgba[i + 1];
-    out.pixels[i + 2] = rgba[i + 0];
-    out.pixels[i + 3] = rgba[i + 3];
-  }
-  return true;
+// libvips' last error, on one line.
+std::string VipsMessage(const vips::VError& e) {
+  std::string text = e.what();
+  vips_error_clear();
+  if (text.find_first_not_of(" \n") == std::string::npos) text = t_last_warning;
+  if (text.empty()) text = "damaged or unreadable";
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
+  std::replace(text.begin(), text.end(), '\n', ';');
+  return text;
 }
 
-bool DecodeJpeg(const std::string& path, const std::vector<uint8_t>& bytes, Image& out,
-                std::string& error) {
-  tjhandle tj = tjInitDecompress();
-  if (!tj) {
-    error = path + ": cannot start the JPEG decoder";
-    return false;
+// Progressive JPEGs normally have about ten scans; thousands are an attack on
+// the decoder's time. Counts start-of-scan markers through the marker stream.
+constexpr int kMaxJpegScans = 200;
+
+int CountJpegScans(const uint8_t* p, size_t n) {
+  int scans = 0;
+  size_t i = 2;  // after SOI
+  while (i + 4 <= n) {
+    if (p[i] != 0xFF) return scans;
+    const uint8_t marker = p[i + 1];
+    if (marker == 0xFF) {
+      ++i;
+      continue;
+    }
+    if (marker == 0xD9) return scans;  // EOI
+    const size_t length = static_cast<size_t>(p[i + 2]) << 8 | p[i + 3];
+    i += 2 + length;
+    if (marker != 0xDA) continue;
+    ++scans;
+    // Entropy-coded data runs to the next marker that is neither a stuffed
+    // 0xFF00 nor a restart marker.
+    while (i + 1 < n && !(p[i] == 0xFF && p[i + 1] != 0 && (p[i + 1] < 0xD0 || p[i + 1] > 0xD7))) ++i;
   }
-  int w = 0, h = 0, subsamp = 0, colorspace = 0;
-  bool ok = tjDecompressHeader3(tj, bytes.data(), static_cast<unsigned long>(bytes.size()), &w, &h,
-                                &subsamp, &colorspace) == 0 &&
-            w > 0 && h > 0 && static_cast<uint64_t>(w) * h <= kMaxPixels;
-  if (ok) {
-    out = Image(w, h, 4);
-    ok = tjDecompress2(tj, bytes.data(), static_cast<unsigned long>(bytes.size()), out.pixels.data(),
-                       w, w * 4, h, TJPF_BGRA, 0) == 0;
-  }
-  if (!ok) error = path + ": not a readable JPEG (" + tjGetErrorStr2(tj) + ")";
-  tjDestroy(tj);
-  return ok;
+  return scans;
 }
 
-bool EncodePng(const std::string& path, const Image& img, std::string& error) {
-  std::unique_ptr<spng_ctx, void (*)(spng_ctx*)> ctx(spng_ctx_new(SPNG_CTX_ENCODER), spng_ctx_free);
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
-  if (!file) {
-    error = path + ": cannot open for writing";
-    return false;
-  }
-  spng_set_png_file(ctx.get(), file.get());
-  spng_ihdr ihdr{};
-  ihdr.width = static_cast<uint32_t>(img.width);
-  ihdr.height = static_cast<uint32_t>(img.height);
-  ihdr.bit_depth = 8;
-  ihdr.color_type = img.channels == 1 ? SPNG_COLOR_TYPE_GRAYSCALE : SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
-  spng_set_ihdr(ctx.get(), &ihdr);
-  std::vector<uint8_t> data(img.pixels);
-  if (img.channels == 4) {
-    for (size_t i = 0; i < data.size(); i += 4) std::swap(data[i], data[i + 2]);
-  }
-  const int r = spng_encode_image(ctx.get(), data.data(), data.size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE);
-  if (r) {
-    error = path + ": cannot write PNG (" + spng_strerror(r) + ")";
-    return false;
-  }
-  return true;
-}
-
-bool EncodeJpeg(const std::string& path, const Image& img, int quality, std::string& error) {
-  tjhandle tj = tjInitCompress();
-  unsigned char* jpeg = nullptr;
-  unsigned long size = 0;
-  const int pf = img.channels == 1 ? TJPF_GRAY : TJPF_BGRA;
-  const int sub = img.channels == 1 ? TJSAMP_GRAY : TJSAMP_420;
-  bool ok = tj && tjCompress2(tj, img.pixels.data(), img.width, img.width * img.channels, img.height, pf,
-                              &jpeg, &size, sub, std::clamp(quality, 1, 100), 0) == 0;
-  if (ok) {
-    std::ofstream f(path, std::ios::binary);
-    f.write(reinterpret_cast<const char*>(jpeg), static_cast<std::streamsize>(size));
-    ok = static_cast<bool>(f);
-    if (!ok) error = path + ": cannot write";
-  } else {
-    error = path + ": cannot encode JPEG";
-  }
-  if (jpeg) tjFree(jpeg);
-  if (tj) tjDestroy(tj);
-  return ok;
+bool Bad(const std::string& message, std::string& error) {
+  error = message;
+  return false;
 }
 
 }  // namespace
@@ -153,15 +102,110 @@ std::string Extension(const std::string& path) {
   return ext;
 }
 
+const std::vector<std::string>& WritableFormats() {
+  static const std::vector<std::string> formats = {"jpg", "png", "webp", "tif", "heic", "avif", "jxl"};
+  return formats;
+}
+
+std::string FormatOf(const std::string& extension_or_name) {
+  std::string f = extension_or_name;
+  if (!f.empty() && f[0] == '.') f.erase(0, 1);
+  std::transform(f.begin(), f.end(), f.begin(), [](unsigned char c) { return std::tolower(c); });
+  if (f == "jpeg") f = "jpg";
+  if (f == "tiff") f = "tif";
+  const auto& all = WritableFormats();
+  return std::find(all.begin(), all.end(), f) != all.end() ? f : std::string();
+}
+
+bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::string& error) {
+  bytes.clear();
+  FILE* f = stdin;
+  const std::string name = path == "-" ? "standard input" : path;
+  if (path != "-") {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+      return Bad(path + (errno == ENOENT ? ": no such file" : std::string(": ") + std::strerror(errno)), error);
+    }
+    if (S_ISDIR(st.st_mode)) return Bad(path + ": is a folder, not a file", error);
+    f = std::fopen(path.c_str(), "rb");
+    if (!f) return Bad(path + ": cannot open for reading (" + std::strerror(errno) + ")", error);
+  }
+  char buf[1 << 16];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+  const bool failed = std::ferror(f) != 0;
+  if (f != stdin) std::fclose(f);
+  if (failed) return Bad(name + ": read error", error);
+  if (bytes.empty()) return Bad(name + ": file is empty", error);
+  return true;
+}
+
+bool DecodeImage(const void* data, size_t size, const std::string& name, Image& out, std::string& error) {
+  StartImageLibrary();
+  const auto* p = static_cast<const uint8_t*>(data);
+  t_last_warning.clear();
+  if (size == 0) return Bad(name + ": file is empty", error);
+  const char* loader = vips_foreign_find_load_buffer(data, size);
+  if (!loader) {
+    vips_error_clear();
+    return Bad(name + ": unsupported image format (not JPEG, PNG, WebP, TIFF, GIF, HEIF, AVIF or JPEG XL)", error);
+  }
+  if (std::strncmp(loader, "VipsForeignLoadJpeg", 19) == 0 && CountJpegScans(p, size) > kMaxJpegScans) {
+    return Bad(name + ": JPEG with more than " + std::to_string(kMaxJpegScans) + " scans refused", error);
+  }
+  try {
+    VImage img = VImage::new_from_buffer(data, size, "", VImage::option()->set("fail_on", VIPS_FAIL_ON_TRUNCATED));
+    if (static_cast<uint64_t>(img.width()) * static_cast<uint64_t>(img.height()) > kMaxImagePixels) {
+      return Bad(name + ": " + std::to_string(img.width()) + "x" + std::to_string(img.height()) +
+                     " is more than the " + std::to_string(kMaxImagePixels / 1000000) + "-megapixel limit",
+                 error);
+    }
+    img = img.autorot();
+    if (img.get_typeof(VIPS_META_ICC_NAME) != 0) {
+      img = img.icc_transform("srgb", VImage::option()->set("embedded", true)->set("depth", 8));
+    } else if (img.interpretation() != VIPS_INTERPRETATION_sRGB || img.format() != VIPS_FORMAT_UCHAR) {
+      img = img.colourspace(VIPS_INTERPRETATION_sRGB);
+    }
+    if (img.format() != VIPS_FORMAT_UCHAR) img = img.cast(VIPS_FORMAT_UCHAR);
+    if (img.bands() > 4) img = img.extract_band(0, VImage::option()->set("n", 4));
+    if (img.bands() == 3) img = img.bandjoin_const({255});
+    if (img.bands() != 4) return Bad(name + ": cannot convert to RGBA", error);
+
+    auto meta = std::make_shared<ImageMeta>();
+    for (const char* field : {VIPS_META_EXIF_NAME, VIPS_META_XMP_NAME, VIPS_META_IPTC_NAME, VIPS_META_ICC_NAME}) {
+      if (img.get_typeof(field) != VIPS_TYPE_BLOB) continue;
+      size_t length = 0;
+      const void* blob = img.get_blob(field, &length);
+      const auto* b = static_cast<const uint8_t*>(blob);
+      meta->blobs.emplace_back(field, std::vector<uint8_t>(b, b + length));
+    }
+
+    // Decoded in full first, so a file that ends early fails before the
+    // (possibly huge) image is allocated here.
+    size_t bytes = 0;
+    std::unique_ptr<uint8_t, void (*)(void*)> rgba(static_cast<uint8_t*>(img.write_to_memory(&bytes)), g_free);
+    Image result(img.width(), img.height(), 4);
+    if (bytes != result.pixels.size()) return Bad(name + ": decoded size mismatch", error);
+    const uint8_t* s = rgba.get();
+    uint8_t* d = result.pixels.data();
+    for (size_t i = 0; i < bytes; i += 4) {
+      d[i] = s[i + 2];
+      d[i + 1] = s[i + 1];
+      d[i + 2] = s[i];
+      d[i + 3] = s[i + 3];
+    }
+    if (!meta->blobs.empty()) result.meta = std::move(meta);
+    out = std::move(result);
+    return true;
+  } catch (const vips::VError& e) {
+    return Bad(name + ": cannot read image (" + VipsMessage(e) + ")", error);
+  }
+}
+
 bool LoadImage(const std::string& path, Image& out, std::string& error) {
   std::vector<uint8_t> bytes;
-  if (!ReadFile(path, bytes, error)) return false;
-  static const uint8_t kPng[] = {0x89, 'P', 'N', 'G'};
-  if (bytes.size() >= 4 && std::equal(kPng, kPng + 4, bytes.begin())) return DecodePng(path, bytes, out, error);
-  if (bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF)
-    return DecodeJpeg(path, bytes, out, error);
-  error = path + ": unsupported image format (PNG and JPEG are read)";
-  return false;
+  if (!ReadWholeFile(path, bytes, error)) return false;
+  return DecodeImage(bytes.data(), bytes.size(), path == "-" ? "standard input" : path, out, error);
 }
 
 bool LoadGray(const std::string& path, Image& out, std::string& error) {
@@ -175,12 +219,147 @@ bool LoadGray(const std::string& path, Image& out, std::string& error) {
   return true;
 }
 
+bool RenderText(const std::string& text, int pixel_height, Image& mask) {
+  StartImageLibrary();
+  if (text.empty() || pixel_height < 4) return false;
+  try {
+    // Pango markup would read '<' and '&'; escape them.
+    gchar* escaped = g_markup_escape_text(text.c_str(), -1);
+    const std::string markup = escaped;
+    g_free(escaped);
+    // At 72 dpi a point is a pixel; the font size is about 0.72 of the line.
+    const int size = std::max(1, pixel_height * 72 / 100);
+    VImage v = VImage::text(markup.c_str(), VImage::option()->set("font", ("Sans " + std::to_string(size)).c_str())->set("dpi", 72));
+    if (v.bands() != 1 || v.format() != VIPS_FORMAT_UCHAR || v.width() <= 1) return false;
+    size_t bytes = 0;
+    std::unique_ptr<uint8_t, void (*)(void*)> data(static_cast<uint8_t*>(v.write_to_memory(&bytes)), g_free);
+    Image m(v.width(), v.height(), 1);
+    if (bytes != m.pixels.size()) return false;
+    std::copy(data.get(), data.get() + bytes, m.pixels.begin());
+    mask = std::move(m);
+    return true;
+  } catch (const vips::VError&) {
+    vips_error_clear();
+    return false;
+  }
+}
+
+bool EncodeImage(const Image& img, const std::string& format, const SaveOptions& options,
+                 std::vector<uint8_t>& bytes, std::string& error) {
+  StartImageLibrary();
+  const std::string fmt = FormatOf(format);
+  if (fmt.empty()) {
+    std::string list;
+    for (const auto& f : WritableFormats()) list += (list.empty() ? "." : ", .") + f;
+    return Bad("unsupported output type '" + format + "' (use " + list + ")", error);
+  }
+  if (img.width <= 0 || img.height <= 0 || (img.channels != 1 && img.channels != 4) ||
+      img.pixels.size() != static_cast<size_t>(img.width) * img.height * img.channels) {
+    return Bad("no image to write", error);
+  }
+  // RGB(A) in libvips' order; alpha only when some pixel is not opaque.
+  bool opaque = true;
+  if (img.channels == 4) {
+    for (size_t i = 3; i < img.pixels.size() && opaque; i += 4) opaque = img.pixels[i] == 255;
+  }
+  const int bands = img.channels == 1 ? 1 : opaque ? 3 : 4;
+  std::vector<uint8_t> packed(static_cast<size_t>(img.width) * img.height * bands);
+  if (bands == 1) {
+    packed = img.pixels;
+  } else {
+    for (size_t s = 0, d = 0; s < img.pixels.size(); s += 4, d += bands) {
+      packed[d] = img.pixels[s + 2];
+      packed[d + 1] = img.pixels[s + 1];
+      packed[d + 2] = img.pixels[s];
+      if (bands == 4) packed[d + 3] = img.pixels[s + 3];
+    }
+  }
+  try {
+    VImage v = VImage::new_from_memory(packed.data(), packed.size(), img.width, img.height, bands,
+                                       VIPS_FORMAT_UCHAR);
+    v = v.copy(VImage::option()->set("interpretation", bands == 1 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_sRGB));
+    if (img.meta && !options.strip) {
+      for (const auto& [field, blob] : img.meta->blobs) {
+        // A gray image cannot carry an RGB profile.
+        if (field == VIPS_META_ICC_NAME && bands == 1) continue;
+        vips_image_set_blob_copy(v.get_image(), field.c_str(), blob.data(), blob.size());
+      }
+      v.set(VIPS_META_ORIENTATION, 1);
+    }
+    VOption* opt = VImage::option()->set("strip", options.strip);
+    const int q = std::clamp(options.quality, 1, 100);
+    if (fmt == "jpg") {
+      opt->set("Q", q)->set("subsample_mode",
+                            options.chroma_444 ? VIPS_FOREIGN_SUBSAMPLE_OFF : VIPS_FOREIGN_SUBSAMPLE_ON);
+    } else if (fmt == "webp" || fmt == "heic" || fmt == "avif" || fmt == "jxl") {
+      opt->set("Q", q);
+    } else if (fmt == "tif") {
+      opt->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE);
+    }
+    if (fmt == "avif") opt->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_AV1);
+    void* buf = nullptr;
+    size_t size = 0;
+    v.write_to_buffer(("." + fmt).c_str(), &buf, &size, opt);
+    const auto* b = static_cast<const uint8_t*>(buf);
+    bytes.assign(b, b + size);
+    g_free(buf);
+    return true;
+  } catch (const vips::VError& e) {
+    return Bad("cannot encode " + fmt + " (" + VipsMessage(e) + ")", error);
+  }
+}
+
+bool WriteFileSafely(const std::string& path, const void* data, size_t size, std::string& error) {
+  namespace fs = std::filesystem;
+  if (path == "-") {
+    const bool ok = std::fwrite(data, 1, size, stdout) == size && std::fflush(stdout) == 0;
+    return ok ? true : Bad(std::string("cannot write standard output: ") + std::strerror(errno), error);
+  }
+  std::error_code ec;
+  const fs::file_status link = fs::symlink_status(path, ec);
+  if (fs::is_directory(fs::status(path, ec))) return Bad(path + ": is a folder; give a file name", error);
+  // A regular file (or a new one) is written under a temporary name and
+  // renamed, so a failed write never leaves half a file or loses the old one.
+  const bool in_place = fs::exists(link) && !fs::is_regular_file(link);
+  std::string target = path;
+  if (!in_place) {
+    std::random_device rd;
+    target = path + ".korvane-" + std::to_string(rd() % 1000000) + ".tmp";
+  }
+  FILE* f = std::fopen(target.c_str(), "wb");
+  if (!f) return Bad(path + ": cannot open for writing (" + std::strerror(errno) + ")", error);
+  errno = 0;
+  bool ok = std::fwrite(data, 1, size, f) == size;
+  ok = std::fflush(f) == 0 && ok;
+  const int saved = errno;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok) {
+    const std::string why = std::strerror(saved ? saved : errno);
+    if (!in_place) std::remove(target.c_str());
+    return Bad(path + ": cannot write (" + why + ")", error);
+  }
+  if (!in_place && std::rename(target.c_str(), path.c_str()) != 0) {
+    const std::string why = std::strerror(errno);
+    std::remove(target.c_str());
+    return Bad(path + ": cannot write (" + why + ")", error);
+  }
+  return true;
+}
+
+bool SaveImage(const std::string& path, const Image& img, const SaveOptions& options, std::string& error) {
+  const std::string format = path == "-" ? options.format : Extension(path);
+  std::vector<uint8_t> bytes;
+  if (!EncodeImage(img, format, options, bytes, error)) {
+    error = (path == "-" ? "standard output" : path) + ": " + error;
+    return false;
+  }
+  return WriteFileSafely(path, bytes.data(), bytes.size(), error);
+}
+
 bool SaveImage(const std::string& path, const Image& img, int quality, std::string& error) {
-  const std::string ext = Extension(path);
-  if (ext == ".png") return EncodePng(path, img, error);
-  if (ext == ".jpg" || ext == ".jpeg") return EncodeJpeg(path, img, quality, error);
-  error = path + ": unsupported output type '" + ext + "' (use .png, .jpg or .jpeg)";
-  return false;
+  SaveOptions options;
+  options.quality = quality;
+  return SaveImage(path, img, options, error);
 }
 
 }  // namespace KorvaneTool

@@ -85,9 +85,9 @@ Image ScaleToWidth(const Image& img, int width) {
     for (int x = 0; x < width; ++x) {
       const int sx0 = static_cast<int>(static_cast<int64_t>(x) * img.width / width);
       const int sx1 = std::max(sx0 + 1, static_cast<int>(static_cast<int64_t>(x + 1) * img.width / width));
-      const int count = (sy1 - sy0) * (sx1 - sx0);
+      const int64_t count = static_cast<int64_t>(sy1 - sy0) * (sx1 - sx0);
       for (int c = 0; c < img.channels; ++c) {
-        int sum = 0;
+        int64_t sum = 0;
         for (int sy = sy0; sy < sy1; ++sy)
           for (int sx = sx0; sx < sx1; ++sx) sum += img.at(sx, sy)[c];
         out.at(x, y)[c] = static_cast<uint8_t>((sum + count / 2) / count);
@@ -97,19 +97,56 @@ Image ScaleToWidth(const Image& img, int width) {
   return out;
 }
 
+void DrawText(Image& img, int x, int y, int width, int pixel_height, const std::string& text, Colour colour) {
+  Image mask;
+  if (img.channels != 4) return;
+  if (!RenderText(text, pixel_height, mask)) {
+    const int scale = std::max(1, pixel_height / kGlyphH);
+    DrawLabel(img, x + std::max(0, (width - LabelWidth(text, scale)) / 2), y, text, scale, colour);
+    return;
+  }
+  const int x0 = x + std::max(0, (width - mask.width) / 2);
+  const int y0 = y + (pixel_height - mask.height) / 2;
+  const uint8_t ink[3] = {colour.b, colour.g, colour.r};
+  for (int my = 0; my < mask.height; ++my) {
+    const int iy = y0 + my;
+    if (iy < 0 || iy >= img.height || iy < y || iy >= y + pixel_height) continue;
+    for (int mx = 0; mx < mask.width; ++mx) {
+      const int ix = x0 + mx;
+      if (ix < 0 || ix >= img.width || ix >= x + width) continue;
+      const int a = *mask.at(mx, my);
+      uint8_t* p = img.at(ix, iy);
+      for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>((ink[c] * a + p[c] * (255 - a) + 127) / 255);
+    }
+  }
+}
+
+void SheetSize(int w, int h, int count, int columns, int64_t& sheet_w, int64_t& sheet_h) {
+  columns = std::max(1, std::min(columns, count));
+  const int64_t rows = (static_cast<int64_t>(count) + columns - 1) / columns;
+  const int64_t scale = std::max(1, w / 160);
+  const int64_t gap = 4 * scale;
+  const int64_t strip = kGlyphH * 2 * scale + 2 * gap;
+  sheet_w = gap + columns * (static_cast<int64_t>(w) + gap);
+  sheet_h = gap + rows * (static_cast<int64_t>(h) + strip);
+}
+
 Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>& labels, int columns) {
   if (tiles.empty() || columns <= 0) return Image();
   const int tw = tiles[0].width, th = tiles[0].height;
   for (const Image& t : tiles)
     if (t.width != tw || t.height != th || t.channels != 4 || tw <= 0 || th <= 0) return Image();
+  int64_t sheet_w = 0, sheet_h = 0;
+  SheetSize(tw, th, static_cast<int>(tiles.size()), columns, sheet_w, sheet_h);
+  if (sheet_w * sheet_h > kMaxSheetPixels || sheet_w > 65535 || sheet_h > 65535) return Image();
 
   columns = std::min(columns, static_cast<int>(tiles.size()));
-  const int rows = (static_cast<int>(tiles.size()) + columns - 1) / columns;
-  const int scale = std::max(1, tw / 160);  // about 26 characters across a tile
+  const int scale = std::max(1, tw / 160);  // label lines about a tenth of a 240-pixel tile
   const int gap = 4 * scale;
-  const int strip = LabelHeight(scale) + 2 * gap;
+  const int text_h = kGlyphH * 2 * scale;
+  const int strip = text_h + 2 * gap;
   const int cell_h = th + strip;
-  Image sheet(gap + columns * (tw + gap), gap + rows * cell_h, 4);
+  Image sheet(static_cast<int>(sheet_w), static_cast<int>(sheet_h), 4);
   const uint8_t background[4] = {36, 32, 32, 255};
   FillRect(sheet, 0, 0, sheet.width, sheet.height, background);
 
@@ -117,42 +154,30 @@ Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>&
     const int x0 = gap + static_cast<int>(i % columns) * (tw + gap);
     const int y0 = gap + static_cast<int>(i / columns) * cell_h;
     for (int y = 0; y < th; ++y) std::copy(tiles[i].at(0, y), tiles[i].at(0, y) + tw * 4, sheet.at(x0, y0 + y));
-    if (i < labels.size()) {
-      // Centred when it fits, else from the tile's left edge (and clipped there).
-      const int lw = LabelWidth(labels[i], scale);
-      const int lx = x0 + std::max(0, (tw - lw) / 2);
-      Image cell(tw, strip, 4);
-      FillRect(cell, 0, 0, tw, strip, background);
-      DrawLabel(cell, lx - x0, gap, labels[i], scale, Colour{235, 235, 235, 255});
-      for (int y = 0; y < strip - gap; ++y)
-        std::copy(cell.at(0, y), cell.at(0, y) + tw * 4, sheet.at(x0, y0 + th + y));
-    }
+    if (i < labels.size()) DrawText(sheet, x0, y0 + th + gap, tw, text_h, labels[i], Colour{235, 235, 235, 255});
   }
   return sheet;
 }
 
-void AddSheetOptions(CLI::App& sub, const std::string& flag, const std::string& what, int max_columns,
+void AddSheetOptions(OptionTable& t, const std::string& flag, const std::string& what, int max_columns,
                      SheetOptions* o) {
-  sub.add_flag(flag, o->on, "Write " + what + " side by side, labelled, instead of one");
-  sub.add_option("--tile-width", o->tile_width, "With " + flag + ": shrink the photo to this width first")
-      ->check(CLI::Range(16, 4096));
-  sub.add_option("--columns", o->columns, "With " + flag + ": tiles per row")
-      ->check(CLI::Range(1, max_columns))
-      ->capture_default_str();
+  t.Flag(flag, o->on, "Write " + what + " side by side, labelled, instead of one");
+  t.Number("--tile-width", o->tile_width, 16, 4096, "pixels", "With " + flag + ": shrink the photo to this width first");
+  t.Number("--columns", o->columns, 1, max_columns, "", "With " + flag + ": tiles per row");
 }
 
 Image SheetPhoto(const Image& photo, const SheetOptions& o) {
-  return o.tile_width > 0 && photo.width > o.tile_width ? ScaleToWidth(photo, o.tile_width) : photo;
+  Image small = o.tile_width > 0 && photo.width > o.tile_width ? ScaleToWidth(photo, o.tile_width) : photo;
+  small.meta = photo.meta;
+  return small;
 }
 
-int WriteSheet(const std::string& path, const std::vector<Image>& tiles, const std::vector<std::string>& labels,
-               int columns, int quality, const std::string& what) {
-  const Image sheet = MakeSheet(tiles, labels, columns);
-  if (sheet.width == 0) return Fail("cannot lay out the sheet of " + what);
-  std::string error;
-  if (!SaveImage(path, sheet, quality, error)) return Fail(error);
-  std::printf("wrote %s (%s, %dx%d)\n", path.c_str(), what.c_str(), sheet.width, sheet.height);
-  return 0;
+int CheckSheetSize(const Image& tile, int count, int columns) {
+  int64_t w = 0, h = 0;
+  SheetSize(tile.width, tile.height, count, columns, w, h);
+  if (w * h <= kMaxSheetPixels && w <= 65535 && h <= 65535) return 0;
+  return Fail("the sheet would be " + std::to_string(w) + "x" + std::to_string(h) + " pixels, more than " +
+              std::to_string(kMaxSheetPixels / 1000000) + " megapixels; use a smaller --tile-width or another --columns");
 }
 
 }  // namespace KorvaneTool

@@ -1,20 +1,21 @@
-// Labelled picture sheets for the tool: a built-in 5x7 bitmap font and a
-// grid layout of equal-size tiles, each with a caption strip under it. Used
-// by subcommands that show every variant of an effect side by side.
+// Labelled picture sheets for the tool: a grid of equal-size tiles, each with
+// a caption under it set in a real font (libvips text rendering), or in a
+// built-in 5x7 bitmap font where no font is installed. Used by subcommands
+// that show every variant of an effect side by side.
 //
-//   std::vector<Image> tiles = ...;                  // one size, BGRA
-//   Image sheet = MakeSheet(tiles, {"0 split", ...}, 4);
-//   DrawLabel(sheet, 8, 8, "note", 2, Colour{255, 255, 255, 255});
-//   return WriteSheet(path, tiles, labels, 4, 92, "all 8 types");  // or lay out and save in one
+//   SheetOptions sheet;                    // from AddSheetOptions
+//   Image small = SheetPhoto(photo, sheet);
+//   if (int rc = CheckSheetSize(small, 8, sheet.columns)) return rc;
+//   std::vector<Image> tiles = ...;        // one size, BGRA
+//   Image img = MakeSheet(tiles, {"0 split", ...}, sheet.columns);
 #pragma once
-
-#include <CLI/CLI.hpp>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "ImageIO.h"
+#include "Options.h"
 
 namespace KorvaneTool {
 
@@ -29,10 +30,15 @@ struct Colour {
 int LabelWidth(const std::string& text, int scale);
 int LabelHeight(int scale);
 
-// Draws `text` with its top-left corner at (x, y). ASCII 32..126 have
-// glyphs; other bytes draw as '?'. Anything outside the image is clipped. On
-// a gray image the colour's luma is drawn.
+// Draws `text` in the bitmap font with its top-left corner at (x, y). ASCII
+// 32..126 have glyphs; other bytes draw as '?'. Anything outside the image is
+// clipped. On a gray image the colour's luma is drawn.
 void DrawLabel(Image& img, int x, int y, const std::string& text, int scale, Colour colour);
+
+// Draws `text` in a sans-serif font about `pixel_height` pixels tall, centred
+// in the box (x, y, width, pixel_height) and clipped to it; falls back to the
+// bitmap font when no font can be rendered. BGRA images only.
+void DrawText(Image& img, int x, int y, int width, int pixel_height, const std::string& text, Colour colour);
 
 // Area-average reduction (or nearest-neighbour enlargement) to `width`
 // pixels across, keeping the aspect ratio; at least one row.
@@ -41,29 +47,36 @@ Image ScaleToWidth(const Image& img, int width);
 // Lays `tiles` out left to right, top to bottom in `columns` columns on a dark
 // background, with labels[i] centred in a strip under tile i (missing labels
 // leave the strip empty). The label size follows the tile width. Tiles must
-// be BGRA and of one size; otherwise, or with no tiles, the result is empty.
+// be BGRA and of one size; otherwise, with no tiles, or when the sheet would
+// exceed kMaxSheetPixels, the result is empty.
 Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>& labels, int columns);
+
+// Sheets are bounded by their own size, whatever the photo.
+constexpr int64_t kMaxSheetPixels = 64'000'000;
+
+// The size of the sheet MakeSheet makes from `count` tiles of w x h (64-bit:
+// no overflow for any int sizes).
+void SheetSize(int w, int h, int count, int columns, int64_t& sheet_w, int64_t& sheet_h);
 
 // A subcommand's sheet of every variant, as set on its command line.
 struct SheetOptions {
   bool on = false;
-  int tile_width = 0;  // shrink the photo to this width first; 0 keeps it
+  int tile_width = 240;  // shrink the photo to this width first
   int columns = 4;
 };
 
 // Adds `flag` (e.g. "--type-sheet": write `what`, e.g. "all eight types",
-// side by side instead of one), --tile-width (16..4096) and --columns
-// (1..max_columns) to a subcommand.
-void AddSheetOptions(CLI::App& sub, const std::string& flag, const std::string& what, int max_columns,
+// side by side instead of one), --tile-width and --columns (1..max_columns)
+// to a command's table. `o` holds the defaults.
+void AddSheetOptions(OptionTable& t, const std::string& flag, const std::string& what, int max_columns,
                      SheetOptions* o);
 
 // The photo a sheet's tiles are rendered from: shrunk to the tile width when
 // it is wider.
 Image SheetPhoto(const Image& photo, const SheetOptions& o);
 
-// MakeSheet, then writes the sheet to `path` (JPEG at `quality`) and prints
-// "wrote <path> (<what>, <width>x<height>)". 0, or the exit code of a failure.
-int WriteSheet(const std::string& path, const std::vector<Image>& tiles, const std::vector<std::string>& labels,
-               int columns, int quality, const std::string& what);
+// 0 when a sheet of `count` tiles of `tile`'s size fits kMaxSheetPixels;
+// otherwise prints why (naming --tile-width) and returns exit code 1.
+int CheckSheetSize(const Image& tile, int count, int columns);
 
 }  // namespace KorvaneTool

@@ -1,13 +1,55 @@
 #include "ToolSupport.h"
 
+#include <unistd.h>
+
+#include <cstdarg>
 #include <cstdio>
 #include <filesystem>
 
 namespace KorvaneTool {
 
+namespace {
+bool g_quiet = false;
+bool g_stdout_is_data = false;
+}  // namespace
+
 int Fail(const std::string& message) {
   std::fprintf(stderr, "korvane: %s\n", message.c_str());
-  return 1;
+  return kExitFailure;
+}
+
+int Usage(const std::string& message) {
+  std::fprintf(stderr, "korvane: %s\n", message.c_str());
+  return kExitUsage;
+}
+
+void SetQuiet(bool quiet) { g_quiet = quiet; }
+void SetStdoutIsData(bool data) { g_stdout_is_data = data; }
+
+void Note(const char* format, ...) {
+  if (g_quiet) return;
+  FILE* to = g_stdout_is_data ? stderr : stdout;
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(to, format, args);
+  va_end(args);
+  std::fflush(to);
+}
+
+Progress::Progress(std::string what, int total)
+    : m_what(std::move(what)), m_total(total), m_on(!g_quiet && total > 1 && isatty(fileno(stderr)) != 0) {}
+
+Progress::~Progress() {
+  if (m_drawn) std::fprintf(stderr, "\r\033[K");
+}
+
+void Progress::Step(int done) {
+  if (!m_on) return;
+  const int width = 30, filled = done * width / m_total;
+  std::fprintf(stderr, "\r%s [%s%s] %d/%d", m_what.c_str(), std::string(filled, '#').c_str(),
+               std::string(width - filled, '.').c_str(), done, m_total);
+  std::fflush(stderr);
+  m_drawn = true;
 }
 
 std::string CodeText(int32_t code) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 
 #include "core/ResultCode.h"
@@ -10,8 +11,36 @@
 
 namespace KorvaneTool {
 
+// Exit codes: 0 success, 1 a file or a render failed, 2 the command line is wrong.
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
 // Prints "korvane: <message>" on one line of stderr and returns exit code 1.
 int Fail(const std::string& message);
+
+// The same for a wrong command line: returns exit code 2.
+int Usage(const std::string& message);
+
+// Prints a line of news ("wrote ...") unless --quiet: to stdout, or to stderr
+// while stdout carries an image.
+void Note(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void SetQuiet(bool quiet);
+void SetStdoutIsData(bool data);
+
+// A one-line progress bar on stderr, drawn only when stderr is a terminal
+// (and not with --quiet); nothing at all when piped.
+class Progress {
+ public:
+  Progress(std::string what, int total);
+  ~Progress();
+  void Step(int done);
+
+ private:
+  std::string m_what;
+  int m_total;
+  bool m_on;
+  bool m_drawn = false;
+};
 
 // "E_INVALIDARG (0x80070057)".
 std::string CodeText(int32_t code);

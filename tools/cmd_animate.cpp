@@ -1,12 +1,9 @@
 // korvane animate: a still photo, flow lines and an optional still-region
 // mask become a seamless loop, written as animated WebP, GIF or PNG frames.
-#include <unistd.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -15,6 +12,7 @@
 
 #include "AnimationWriter.h"
 #include "Command.h"
+#include "Options.h"
 #include "ToolSupport.h"
 #include "effects/animation/Animation.h"
 
@@ -30,6 +28,7 @@ struct AnimateOptions {
   int fps = 24;
   int loop_mode = 2;
   int quality = 80;
+  bool quiet = false;
 };
 
 struct FlowLine {
@@ -39,15 +38,13 @@ struct FlowLine {
 
 // Reads {"flows": [{"type": "path"|"anchor"|"stroke", "points": [[x, y], ...]}, ...]}.
 bool LoadFlows(const std::string& path, std::vector<FlowLine>& flows, std::string& error) {
-  std::ifstream file(path);
-  if (!file) {
-    error = "cannot read " + path;
-    return false;
-  }
+  std::vector<uint8_t> bytes;
+  if (!ReadWholeFile(path, bytes, error)) return false;
   nlohmann::json doc;
   try {
-    doc = nlohmann::json::parse(file);
-  } catch (const nlohmann::json::parse_error& e) {
+    doc = nlohmann::json::parse(bytes.begin(), bytes.end());
+  } catch (const nlohmann::json::exception& e) {
+    // Syntax errors, and numbers too large for a double (1e400).
     error = path + ": not valid JSON (" + e.what() + ")";
     return false;
   }
@@ -101,15 +98,6 @@ bool LoadFlows(const std::string& path, std::vector<FlowLine>& flows, std::strin
   return true;
 }
 
-// A one-line progress bar, redrawn in place on a terminal.
-void ShowProgress(int done, int total) {
-  const int width = 30, filled = done * width / total;
-  std::fprintf(stderr, "\rrendering [%s%s] %d/%d", std::string(filled, '#').c_str(),
-               std::string(width - filled, '.').c_str(), done, total);
-  if (done == total) std::fprintf(stderr, "\n");
-  std::fflush(stderr);
-}
-
 struct LoopResult {
   std::string kind;
   double ms_per_frame = 0;
@@ -144,13 +132,14 @@ int RenderLoop(Engine& engine, Image& photo, Image& still, const std::vector<Flo
   auto writer = OpenAnimationWriter(o.output, photo.width, photo.height, o.fps, o.quality, error);
   if (!writer) return Fail(error);
   double render_ms = 0;
+  Progress bar("rendering", progress ? o.frames : 0);
   for (int f = 0; f < o.frames; ++f) {
     const auto t0 = std::chrono::steady_clock::now();
     const int32_t hr = fx->Animate(&p, f);
     render_ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     if (int rc = CheckCode(hr, "animation frame " + std::to_string(f))) return rc;
     if (!writer->AddFrame(frame, error)) return Fail(error);
-    if (progress) ShowProgress(f + 1, o.frames);
+    bar.Step(f + 1);
   }
   if (!writer->Finish(error)) return Fail(error);
   result.kind = writer->Kind();
@@ -158,7 +147,42 @@ int RenderLoop(Engine& engine, Image& photo, Image& still, const std::vector<Flo
   return 0;
 }
 
+// Warnings for flows that cannot move anything, before the loop is rendered.
+void WarnAboutFlows(const std::vector<FlowLine>& lines, const Image& photo, bool has_still) {
+  auto warn = [](const std::string& text) { std::fprintf(stderr, "korvane: warning: %s\n", text.c_str()); };
+  if (lines.empty()) warn("the flow file has no flows: every frame will be the still photo");
+  size_t outside = 0, total = 0;
+  for (const FlowLine& l : lines)
+    for (size_t i = 0; i + 1 < l.points.size(); i += 2, ++total)
+      outside += l.points[i] < 0 || l.points[i + 1] < 0 || l.points[i] >= photo.width || l.points[i + 1] >= photo.height;
+  if (outside > 0) {
+    warn(std::to_string(outside) + " of " + std::to_string(total) + " flow points lie outside the " +
+         std::to_string(photo.width) + "x" + std::to_string(photo.height) +
+         " photo (flow points are in the photo's pixels)");
+  }
+  if (!has_still) warn("no --still mask: motion spreads to the corners of the photo");
+}
+
+// With a frame folder, no earlier frame file may be an input: the folder's
+// old frame_*.png are removed before the first frame is written.
+int CheckFrameFolder(const AnimateOptions& o) {
+  namespace fs = std::filesystem;
+  const std::string ext = Extension(o.output);
+  if (ext == ".webp" || ext == ".gif") return 0;
+  std::error_code ec;
+  if (!fs::is_directory(o.output, ec)) return 0;
+  for (const std::string& in : {o.input, o.flows, o.still}) {
+    if (in.empty() || !IsFrameFile(in)) continue;
+    if (fs::equivalent(fs::path(in).parent_path().empty() ? "." : fs::path(in).parent_path(), o.output, ec)) {
+      return Fail("input " + in + " is a frame file in the output folder " + o.output +
+                  ", whose frame_*.png are replaced; move it or choose another folder");
+    }
+  }
+  return 0;
+}
+
 int RunAnimate(const AnimateOptions& o) {
+  SetQuiet(o.quiet);
   Image photo, still;
   std::string error;
   if (!LoadImage(o.input, photo, error)) return Fail(error);
@@ -167,41 +191,53 @@ int RunAnimate(const AnimateOptions& o) {
   if (!o.still.empty()) {
     if (!LoadGray(o.still, still, error)) return Fail(error);
     if (still.width != photo.width || still.height != photo.height) {
-      return Fail("the still mask is " + std::to_string(still.width) + "x" + std::to_string(still.height) +
+      return Fail("the still mask " + o.still + " is " + std::to_string(still.width) + "x" + std::to_string(still.height) +
                   " but the photo is " + std::to_string(photo.width) + "x" + std::to_string(photo.height));
     }
   } else {
     still = Image(photo.width, photo.height, 1, 0);
   }
   if (int rc = CheckOutputPath(o.output, {o.input, o.flows, o.still})) return rc;
+  if (int rc = CheckFrameFolder(o)) return rc;
+  const std::string ext = Extension(o.output);
+  if (ext == ".webp" || ext == ".gif") {
+    const auto folder = std::filesystem::path(o.output).parent_path();
+    std::error_code ec;
+    if (!folder.empty()) std::filesystem::create_directories(folder, ec);
+    if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
+  }
+  if (!o.quiet) WarnAboutFlows(lines, photo, !o.still.empty());
 
+  const auto t0 = std::chrono::steady_clock::now();
   Engine engine;
   if (!engine.ok()) return Fail("cannot create the engine");
   LoopResult result;
-  if (int rc = RenderLoop(engine, photo, still, lines, o, isatty(fileno(stderr)) != 0, result)) return rc;
-  std::printf("wrote %s (%s, %d frames at %d fps, %dx%d, %.1f ms a frame)\n", o.output.c_str(), result.kind.c_str(),
-              o.frames, o.fps, photo.width, photo.height, result.ms_per_frame);
+  if (int rc = RenderLoop(engine, photo, still, lines, o, !o.quiet, result)) return rc;
+  const double total = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+  Note("wrote %s (%s, %d frames at %d fps, %dx%d, %.0f ms, render %.1f ms a frame)\n", o.output.c_str(),
+       result.kind.c_str(), o.frames, o.fps, photo.width, photo.height, total, result.ms_per_frame);
   return 0;
 }
 
 RegisterCommand reg("animate", "Turn a photo and flow lines into a seamless loop (WebP, GIF or PNG frames)",
                     [](CLI::App& sub) {
   auto o = std::make_shared<AnimateOptions>();
-  sub.add_option("photo", o->input, "Photo to read (PNG or JPEG)")->required();
-  sub.add_option("--flows", o->flows,
-                 "JSON file of flow lines in image pixels: {\"flows\": [{\"type\": \"path\", \"points\": "
-                 "[[x, y], ...]}, ...]}; types path, stroke (moves along the line) and anchor (holds a point)")
-      ->required();
-  sub.add_option("--still", o->still, "Mask image (same size): white parts never move");
-  sub.add_option("-o,--output", o->output, "Where to write: NAME.webp, NAME.gif, or a folder for PNG frames")
-      ->required();
-  sub.add_option("--frames", o->frames, "Frames in one loop")->check(CLI::Range(2, 1000))->capture_default_str();
-  sub.add_option("--fps", o->fps, "Frames a second")->check(CLI::Range(1, 100))->capture_default_str();
-  sub.add_option("--loop-mode", o->loop_mode,
-                 "2 seamless loop (cross-fades two phases), 1 half-step blend, 0 plain drift")
-      ->check(CLI::Range(0, 2))
-      ->capture_default_str();
-  sub.add_option("--quality", o->quality, "WebP quality (100 = lossless)")->check(CLI::Range(1, 100))->capture_default_str();
+  OptionTable t(sub);
+  t.Text("photo", o->input, "Photo to read (JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF, JPEG XL; '-' reads standard input)", true);
+  t.Text("--flows", o->flows,
+         "JSON file of flow lines in image pixels: {\"flows\": [{\"type\": \"path\", \"points\": "
+         "[[x, y], ...]}, ...]}; types path, stroke (moves along the line) and anchor (holds a point)",
+         true);
+  t.Text("--still", o->still,
+         "Mask image (same size): white parts never move. Without it nothing is held still and motion "
+         "spreads to the corners of the photo");
+  t.Text("-o,--output", o->output,
+         "Where to write: NAME.webp, NAME.gif, or a folder for PNG frames (its old frame_*.png are removed)", true);
+  t.Number("--frames", o->frames, 2, 1000, "", "Frames in one loop");
+  t.Number("--fps", o->fps, 1, 100, "frames a second", "Playback speed (GIF rounds a frame to hundredths of a second)");
+  t.Number("--loop-mode", o->loop_mode, 0, 2, "", "2 seamless loop (cross-fades two phases), 1 half-step blend, 0 plain drift");
+  t.Number("--quality", o->quality, 1, 100, "", "WebP quality (100 = lossless)");
+  t.Flag("-q,--quiet", o->quiet, "Print nothing on success (no warnings, no progress)");
   return std::function<int()>([o] { return RunAnimate(*o); });
 });
 
@@ -221,6 +257,20 @@ RegisterDemoStep demo(80, "animate: the sea and clouds in a seamless loop", [](D
     const float a = static_cast<float>(i) * 0.785398f;
     lines.push_back({Korvane::FLOW_ANCHOR, {sun_x + ring * std::cos(a), sun_y + ring * std::sin(a)}});
   }
+  // The flow file and the still mask this loop uses, for a newcomer to copy.
+  nlohmann::json doc;
+  doc["flows"] = nlohmann::json::array();
+  for (const FlowLine& l : lines) {
+    nlohmann::json pts = nlohmann::json::array();
+    for (size_t i = 0; i + 1 < l.points.size(); i += 2) pts.push_back({l.points[i], l.points[i + 1]});
+    const char* type = l.type == Korvane::FLOW_PATH ? "path" : l.type == Korvane::FLOW_STROKE ? "stroke" : "anchor";
+    doc["flows"].push_back({{"type", type}, {"points", pts}});
+  }
+  const std::string flows_path = (std::filesystem::path(ctx.out_dir) / "animation-flows.json").string();
+  const std::string text = doc.dump(1) + "\n";
+  std::string error;
+  if (!WriteFileSafely(flows_path, text.data(), text.size(), error)) return Fail(error);
+  ctx.Report(flows_path, -1);
   Image photo = ctx.scene.photo, still = ctx.scene.still;
   for (const char* name : {"animation.webp", "animation.gif"}) {
     AnimateOptions o;

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "Command.h"
+#include "Options.h"
 #include "ToolSupport.h"
 
 namespace KorvaneTool {
@@ -38,6 +39,7 @@ int RunDemo(const DemoOptions& opt) {
   DemoContext ctx{scene, engine, opt.out_dir};
   if (int rc = ctx.Save("scene.png", scene.photo, -1)) return rc;
   if (int rc = ctx.Save("scene-depth.png", scene.depth, -1)) return rc;
+  if (int rc = ctx.Save("scene-still.png", scene.still, -1)) return rc;
 
   auto steps = DemoSteps();
   std::sort(steps.begin(), steps.end(), [](const DemoStep& a, const DemoStep& b) { return a.order < b.order; });
@@ -51,10 +53,10 @@ int RunDemo(const DemoOptions& opt) {
 
 RegisterCommand reg("demo", "Render every effect on a generated scene (needs no input)", [](CLI::App& sub) {
   auto opt = std::make_shared<DemoOptions>();
-  sub.add_option("-o,--output", opt->out_dir, "Folder to write into (created if missing)")
-      ->capture_default_str();
-  sub.add_option("--width", opt->width, "Scene width in pixels")->check(CLI::Range(64, 8192))->capture_default_str();
-  sub.add_option("--height", opt->height, "Scene height in pixels")->check(CLI::Range(64, 8192))->capture_default_str();
+  OptionTable t(sub);
+  t.Text("-o,--output", opt->out_dir, "Folder to write into (created if missing) [default korvane-demo]");
+  t.Number("--width", opt->width, 64, 8192, "pixels", "Scene width");
+  t.Number("--height", opt->height, 64, 8192, "pixels", "Scene height");
   return std::function<int()>([opt] { return RunDemo(*opt); });
 });
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Command.h"
+#include "PhotoCommand.h"
 #include "ToolSupport.h"
 #include "effects/focus_blur/FocusBlur.h"
 
@@ -14,34 +15,12 @@ namespace KorvaneTool {
 namespace {
 
 struct FocusBlurOptions {
-  std::string input;
+  PhotoIo io;
   std::string guide;
-  std::string output;
   int level = Korvane::FocusBlurParam().blur_level;
   int focus = Korvane::FocusBlurParam().focus_value;
   int range = Korvane::FocusBlurParam().focus_range;
-  int quality = 92;
 };
-
-// An integer option limited to lo..hi. A value outside names the option, the
-// range and the result code the library gives for values out of range.
-CLI::Validator InRange(int lo, int hi) {
-  const std::string range = std::to_string(lo) + ".." + std::to_string(hi);
-  return CLI::Validator(
-      [lo, hi, range](std::string& text) -> std::string {
-        size_t used = 0;
-        long v = 0;
-        try {
-          v = std::stol(text, &used);
-        } catch (const std::exception&) {
-          used = 0;
-        }
-        if (used == 0 || used != text.size()) return "'" + text + "' is not a whole number";
-        if (v < lo || v > hi) return text + " is outside " + range + ": " + CodeText(E_INVALIDARG);
-        return std::string();
-      },
-      "INT in " + range);
-}
 
 // Without a guide: 255 in the middle of the picture falling to 0 in the
 // corners, so the default focus keeps the centre sharp and blurs outwards.
@@ -75,14 +54,8 @@ int Render(Korvane::FocusBlur* fx, Image& photo, Image& guide, Image& result, co
   return CheckCode(fx->Uninit(), "focus blur Uninit");
 }
 
-int RunFocusBlur(const FocusBlurOptions& o) {
+int RenderFocusBlur(const FocusBlurOptions& o, Image& photo, Rendered& out) {
   std::string error;
-  const std::string ext = Extension(o.output);
-  if (ext != ".png" && ext != ".jpg" && ext != ".jpeg") {
-    return Fail("output " + o.output + ": unsupported type '" + ext + "' (use .png, .jpg or .jpeg)");
-  }
-  Image photo;
-  if (!LoadImage(o.input, photo, error)) return Fail(error);
   Image guide;
   if (o.guide.empty()) {
     guide = RadialGuide(photo.width, photo.height);
@@ -94,44 +67,36 @@ int RunFocusBlur(const FocusBlurOptions& o) {
                   CodeText(E_INVALIDARG));
     }
   }
-  if (int rc = CheckOutputPath(o.output, {o.input, o.guide})) return rc;
-
   Engine engine;
   if (!engine.ok()) return Fail("cannot create the engine");
   auto* fx = engine.Create<Korvane::FocusBlur>(Korvane::EFFECT_FOCUS_BLUR);
   if (!fx) return 1;
   Image result(photo.width, photo.height, 4);
-  double ms = 0;
-  if (int rc = Render(fx, photo, guide, result, o, &ms)) return rc;
-  if (!SaveImage(o.output, result, o.quality, error)) return Fail(error);
-  std::printf("wrote %s (%dx%d, level %d, focus %d, range %d, %s guide, %.1f ms)\n", o.output.c_str(), photo.width,
-              photo.height, o.level, o.focus, o.range, o.guide.empty() ? "radial" : "given", ms);
+  if (int rc = Render(fx, photo, guide, result, o, &out.render_ms)) return rc;
+  out.image = std::move(result);
+  out.summary = "level " + std::to_string(o.level) + ", focus " + std::to_string(o.focus) + ", range " +
+                std::to_string(o.range) + ", " + (o.guide.empty() ? "radial" : "given") + " guide";
   return 0;
 }
 
 RegisterCommand reg("focus-blur", "Blur a photo by depth: sharp at the focus value, softer further away",
                     [](CLI::App& sub) {
   auto o = std::make_shared<FocusBlurOptions>();
-  sub.add_option("photo", o->input, "Photo to read (PNG or JPEG)")->required();
-  sub.add_option("-o,--output", o->output, "File to write (.png, .jpg, .jpeg)")->required();
-  sub.add_option("--guide", o->guide,
-                 "Depth or focus guide (PNG or JPEG, read as gray, same size as the photo). Without it a "
-                 "radial guide is used: 255 in the centre falling to 0 in the corners, so the centre stays sharp");
-  sub.add_option("--level", o->level,
-                 "Blur strength 0..100: the strong blur's sigma in fiftieths of a percent of the shorter side "
-                 "(100 = 2%); the weak blur has a sixth of it")
-      ->check(InRange(0, 100))
-      ->capture_default_str();
-  sub.add_option("--focus", o->focus, "Guide value 0..255 that is in focus")
-      ->check(InRange(0, 255))
-      ->capture_default_str();
-  sub.add_option("--range", o->range,
-                 "Guide distance 0..255 still left sharp; beyond it pixels blend towards the weak and then the "
-                 "strong blur (fully strong from a distance of 139)")
-      ->check(InRange(0, 255))
-      ->capture_default_str();
-  sub.add_option("--quality", o->quality, "JPEG quality 1..100")->check(InRange(1, 100))->capture_default_str();
-  return std::function<int()>([o] { return RunFocusBlur(*o); });
+  OptionTable t(sub);
+  AddPhotoOptions(t, o->io);
+  t.Text("--guide", o->guide,
+         "Depth or focus guide (read as gray, same size as the photo). Without it a radial guide is used: "
+         "255 in the centre falling to 0 in the corners, so the centre stays sharp");
+  t.Number("--level", o->level, 0, 100, "fiftieths of a percent of the shorter side",
+           "Blur strength: the strong blur's sigma (100 = 2 %); the weak blur has a sixth of it");
+  t.Number("--focus", o->focus, 0, 255, "", "Guide value that is in focus");
+  t.Number("--range", o->range, 0, 255, "",
+           "Guide distance still left sharp; beyond it pixels blend towards the weak and then the strong blur "
+           "(fully strong from a distance of 139)");
+  return std::function<int()>([o] {
+    return RunPhotos(o->io, {o->guide},
+                     [o](Image& photo, Rendered& out) { return RenderFocusBlur(*o, photo, out); });
+  });
 });
 
 // The demo focuses on the lighthouse: the sea and the sky melt away behind it.

@@ -5,11 +5,13 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "Command.h"
+#include "PhotoCommand.h"
 #include "SheetLayout.h"
 #include "ToolSupport.h"
 #include "effects/glow/Glow.h"
@@ -27,14 +29,13 @@ const char* const kModeNames[29] = {
 };
 
 struct GlowOptions {
-  std::string input;
-  std::string output;
+  PhotoIo io;
   std::string mask;
   std::string roi;
   std::string mode = "screen";
   float intensity = 0.4f;
   float contrast = 2.0f;
-  float radius = -1.0f;  // negative: 1.5 % of the longer side
+  std::optional<float> radius;  // empty: 1.5 % of the longer side
   int threshold = 160;
   float saturation = 0.0f;
   float color_strength = 0.0f;
@@ -44,7 +45,6 @@ struct GlowOptions {
   bool mode_sheet = false;
   int tile_width = 240;
   int columns = 6;
-  int quality = 92;
 };
 
 // "soft light", "Colour_Dodge", "13" -> a mode number; -1 when unknown.
@@ -78,7 +78,7 @@ bool ParseRoi(const std::string& text, Korvane::Rect& roi) {
 
 float AutoRadius(const GlowOptions& o, const Image& photo) {
   const int side = std::max(photo.width, photo.height);
-  return o.radius >= 0.0f ? o.radius : std::min(0.015f * side, static_cast<float>(side / 8));
+  return o.radius ? *o.radius : std::min(0.015f * side, static_cast<float>(side / 8));
 }
 
 // Renders `roi` of the glowing photo into `result` (roi size). 0 or an exit code.
@@ -109,9 +109,7 @@ int Render(Korvane::Glow* fx, Image& photo, Image* mask, Image& result, int mode
   if (hr < 0) {
     std::string hint;
     const int side = std::max(photo.width, photo.height);
-    if (p.glow_radius > static_cast<float>(side / 8)) {
-      hint = " (--radius is at most " + std::to_string(side / 8) + " for this photo)";
-    } else if (photo.width < 2 || photo.height < 2) {
+    if (photo.width < 2 || photo.height < 2) {
       hint = " (the photo must be at least 2x2 pixels)";
     }
     return Fail("glow failed: " + CodeText(hr) + hint);
@@ -119,26 +117,27 @@ int Render(Korvane::Glow* fx, Image& photo, Image* mask, Image& result, int mode
   return 0;
 }
 
-int RunGlow(const GlowOptions& o) {
+int RenderGlow(const GlowOptions& o, Image& photo, Rendered& out) {
   const int mode = ParseMode(o.mode);
-  if (mode < 0) return Fail("unknown blend mode '" + o.mode + "'; choose one of: " + ModeList());
-  Image photo;
   std::string error;
-  if (!LoadImage(o.input, photo, error)) return Fail(error);
-  if (int rc = CheckOutputPath(o.output, {o.input, o.mask})) return rc;
   std::unique_ptr<Image> mask;
   if (!o.mask.empty()) {
     mask = std::make_unique<Image>();
     if (!LoadGray(o.mask, *mask, error)) return Fail(error);
     if (mask->width != photo.width || mask->height != photo.height) {
-      return Fail("mask is " + std::to_string(mask->width) + "x" + std::to_string(mask->height) + ", photo is " +
-                  std::to_string(photo.width) + "x" + std::to_string(photo.height) + "; they must match");
+      return Fail("mask " + o.mask + " is " + std::to_string(mask->width) + "x" + std::to_string(mask->height) +
+                  ", photo is " + std::to_string(photo.width) + "x" + std::to_string(photo.height) +
+                  "; they must match");
     }
+  }
+  const int side = std::max(photo.width, photo.height);
+  if (o.radius && *o.radius > static_cast<float>(side / 8)) {
+    return Fail("--radius " + NumberText(*o.radius) + " is more than an eighth of this photo's longer side (" +
+                std::to_string(side / 8) + " pixels)");
   }
   Korvane::Rect roi{0, 0, photo.width, photo.height};
   if (!o.roi.empty()) {
-    if (o.mode_sheet) return Fail("--roi and --mode-sheet cannot be combined");
-    if (!ParseRoi(o.roi, roi)) return Fail("--roi wants L,T,R,B (four integers), got '" + o.roi + "'");
+    if (!ParseRoi(o.roi, roi)) return Usage("--roi wants L,T,R,B (four integers), got '" + o.roi + "'");
     if (roi.left < 0 || roi.top < 0 || roi.right > photo.width || roi.bottom > photo.height ||
         roi.right <= roi.left || roi.bottom <= roi.top) {
       return Fail("--roi " + o.roi + " must be a non-empty rectangle inside the " + std::to_string(photo.width) +
@@ -153,17 +152,17 @@ int RunGlow(const GlowOptions& o) {
 
   if (!o.mode_sheet) {
     Image result(roi.right - roi.left, roi.bottom - roi.top, 4);
-    double ms = 0;
-    if (int rc = Render(fx, photo, mask.get(), result, mode, roi, o, &ms)) return rc;
-    if (!SaveImage(o.output, result, o.quality, error)) return Fail(error);
-    std::printf("wrote %s (%s, %dx%d, %.1f ms)\n", o.output.c_str(), kModeNames[mode], result.width, result.height,
-                ms);
+    if (int rc = Render(fx, photo, mask.get(), result, mode, roi, o, &out.render_ms)) return rc;
+    out.image = std::move(result);
+    out.summary = kModeNames[mode];
     return 0;
   }
 
   // The sheet: every mode on the photo shrunk to the tile width (the mask
-  // shrinks with it).
+  // shrinks with it; the radius is for the full photo, so it shrinks too).
+  GlowOptions small = o;
   if (photo.width > o.tile_width) {
+    if (o.radius) small.radius = *o.radius * static_cast<float>(o.tile_width) / static_cast<float>(photo.width);
     photo = ScaleToWidth(photo, o.tile_width);
     if (mask) {
       Image m4(mask->width, mask->height, 4);
@@ -173,54 +172,54 @@ int RunGlow(const GlowOptions& o) {
       for (size_t i = 0; i < mask->pixels.size(); ++i) mask->pixels[i] = m4.pixels[i * 4];
     }
   }
+  if (int rc = CheckSheetSize(photo, 29, o.columns)) return rc;
   roi = Korvane::Rect{0, 0, photo.width, photo.height};
   std::vector<Image> tiles;
   std::vector<std::string> labels;
   for (int m = 0; m < 29; ++m) {
     Image tile(photo.width, photo.height, 4);
-    if (int rc = Render(fx, photo, mask.get(), tile, m, roi, o, nullptr)) return rc;
+    double ms = 0;
+    if (int rc = Render(fx, photo, mask.get(), tile, m, roi, small, &ms)) return rc;
+    out.render_ms += ms;
     tiles.push_back(std::move(tile));
     labels.push_back(std::to_string(m) + " " + kModeNames[m]);
   }
-  const Image sheet = MakeSheet(tiles, labels, o.columns);
-  if (!SaveImage(o.output, sheet, o.quality, error)) return Fail(error);
-  std::printf("wrote %s (all 29 blend modes, %dx%d)\n", o.output.c_str(), sheet.width, sheet.height);
+  out.image = MakeSheet(tiles, labels, o.columns);
+  if (out.image.width == 0) return Fail("cannot lay out the sheet of all 29 blend modes");
+  out.summary = "all 29 blend modes";
   return 0;
 }
 
 RegisterCommand reg("glow", "Make the bright parts of a photo glow (29 blend modes, or a sheet of all)",
                     [](CLI::App& sub) {
   auto o = std::make_shared<GlowOptions>();
-  sub.add_option("photo", o->input, "Photo to read (PNG or JPEG)")->required();
-  sub.add_option("-o,--output", o->output, "File to write (.png, .jpg)")->required();
-  sub.add_option("--intensity", o->intensity, "Strength of the glow, 0..1")
-      ->check(CLI::Range(0.0f, 1.0f))->capture_default_str();
-  sub.add_option("--contrast", o->contrast, "Tone curve of the glow, 1..3: 2 neutral, lower harder, higher softer")
-      ->check(CLI::Range(1.0f, 3.0f))->capture_default_str();
-  sub.add_option("--radius", o->radius,
-                 "Blur radius in pixels, up to an eighth of the longer side (default: 1.5 % of it)");
-  sub.add_option("--threshold", o->threshold, "Brightness a channel must exceed to glow, 0..255 (negative: everything glows)")
-      ->check(CLI::Range(-255, 255))->capture_default_str();
-  sub.add_option("--saturation", o->saturation, "Saturation change of the glow, -1..1")
-      ->check(CLI::Range(-1.0f, 1.0f))->capture_default_str();
-  sub.add_option("--color-strength", o->color_strength, "How strongly the glow is tinted with --hue, 0..1 (more extrapolates)")
-      ->check(CLI::Range(0.0f, 100.0f))->capture_default_str();
-  sub.add_option("--hue", o->hue, "Tint hue as a fraction of a turn, 0..1 (0 red, 0.17 yellow, 0.33 green, 0.67 blue)")
-      ->check(CLI::Range(0.0f, 1.0f))->capture_default_str();
-  sub.add_option("--brightness", o->brightness, "Final brightness of the glow, 0..1 (0: no glow)")
-      ->check(CLI::Range(0.0f, 1.0f))->capture_default_str();
-  sub.add_option("--opacity", o->opacity, "Opacity of the glow layer, 0..255")
-      ->check(CLI::Range(0, 255))->capture_default_str();
-  sub.add_option("--mode", o->mode, "Blend mode, by name or number: " + ModeList())->capture_default_str();
-  sub.add_option("--mask", o->mask, "Gray image of the photo's size: where it is dark, nothing glows");
-  sub.add_option("--roi", o->roi, "Write only this rectangle of the result: L,T,R,B (right, bottom exclusive)");
-  sub.add_flag("--mode-sheet", o->mode_sheet, "Write every blend mode side by side, labelled, instead of one");
-  sub.add_option("--tile-width", o->tile_width, "With --mode-sheet: shrink the photo to this width first")
-      ->check(CLI::Range(16, 4096))->capture_default_str();
-  sub.add_option("--columns", o->columns, "With --mode-sheet: tiles per row")
-      ->check(CLI::Range(1, 29))->capture_default_str();
-  sub.add_option("--quality", o->quality, "JPEG quality")->check(CLI::Range(1, 100))->capture_default_str();
-  return std::function<int()>([o] { return RunGlow(*o); });
+  OptionTable t(sub);
+  AddPhotoOptions(t, o->io);
+  t.Number("--intensity", o->intensity, 0, 1, "", "Strength of the glow");
+  t.Number("--contrast", o->contrast, 1, 3, "", "Tone curve of the glow: 2 neutral, lower harder, higher softer");
+  t.Number("--radius", o->radius, 0, 8192, "pixels", "Blur radius, at most an eighth of the photo's longer side",
+           "1.5 % of the longer side");
+  t.Number("--threshold", o->threshold, -255, 255, "", "Brightness 0..255 a channel must exceed to glow (negative: everything glows)");
+  t.Number("--saturation", o->saturation, -1, 1, "", "Saturation change of the glow");
+  t.Number("--color-strength", o->color_strength, 0, 100, "", "How strongly the glow is tinted with --hue (above 1 extrapolates)");
+  t.Number("--hue", o->hue, 0, 1, "turns", "Tint hue (0 red, 0.17 yellow, 0.33 green, 0.67 blue)");
+  t.Number("--brightness", o->brightness, 0, 1, "", "Final brightness of the glow (0: no glow)");
+  t.Number("--opacity", o->opacity, 0, 255, "", "Opacity of the glow layer");
+  t.Text("--mode", o->mode, "Blend mode, by name or number [default screen]: " + ModeList());
+  sub.get_option("--mode")->check(CLI::Validator(
+      [](std::string& text) -> std::string {
+        return ParseMode(text) < 0 ? "unknown blend mode '" + text + "'; choose one of: " + ModeList() : std::string();
+      },
+      ""))->type_name("MODE");
+  t.Text("--mask", o->mask, "Gray image of the photo's size: where it is dark, nothing glows");
+  t.Text("--roi", o->roi, "Write only this rectangle of the result: L,T,R,B in pixels (right, bottom exclusive)");
+  t.Flag("--mode-sheet", o->mode_sheet, "Write every blend mode side by side, labelled, instead of one");
+  t.Number("--tile-width", o->tile_width, 16, 4096, "pixels", "With --mode-sheet: shrink the photo to this width first");
+  t.Number("--columns", o->columns, 1, 29, "", "With --mode-sheet: tiles per row");
+  sub.get_option("--roi")->excludes(sub.get_option("--mode-sheet"));
+  return std::function<int()>([o] {
+    return RunPhotos(o->io, {o->mask}, [o](Image& photo, Rendered& out) { return RenderGlow(*o, photo, out); });
+  });
 });
 
 // The sunset scene's sun, glitter and shore lights bloom, once in screen and

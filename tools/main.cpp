@@ -4,41 +4,141 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <functional>
+#include <new>
 
 #include "Command.h"
+#include "ToolSupport.h"
 #include "core/Version.h"
 
-int main(int argc, char** argv) {
-  using namespace KorvaneTool;
-  CLI::App app{"korvane " KORVANE_VERSION_STRING
-               " - image effects for still photographs.\n"
-               "Run 'korvane demo' to render every effect on a generated scene, or\n"
-               "'korvane <command> --help' for one effect's options.",
-               "korvane"};
-  app.require_subcommand(1);
-  app.set_version_flag("--version", KORVANE_VERSION_STRING);
+namespace {
 
+using namespace KorvaneTool;
+
+const char kExitCodes[] =
+    "Exit status: 0 success, 1 a file or a render failed, 2 a usage error (unknown command or option, value out "
+    "of range).";
+
+// Edit distance, for "did you mean".
+size_t Distance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diag = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t up = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diag + (a[i - 1] != b[j - 1])});
+      diag = up;
+    }
+  }
+  return row[b.size()];
+}
+
+// The names within a third of their length of `word` (or sharing its start).
+std::vector<std::string> CloseTo(const std::string& word, const std::vector<std::string>& names) {
+  std::vector<std::string> close;
+  for (const std::string& n : names) {
+    const size_t limit = std::max<size_t>(2, n.size() / 3);
+    if (Distance(word, n) <= limit || (word.size() >= 3 && n.compare(0, word.size(), word) == 0)) close.push_back(n);
+  }
+  return close;
+}
+
+std::string Join(const std::vector<std::string>& names) {
+  std::string s;
+  for (size_t i = 0; i < names.size(); ++i) s += (i ? (i + 1 == names.size() ? " or " : ", ") : "") + names[i];
+  return s;
+}
+
+int ListCommands(FILE* to) {
+  std::fprintf(to, "korvane %s - image effects for still photographs\n\nUsage: korvane <command> [options]\n\nCommands:\n",
+               KORVANE_VERSION_STRING);
+  for (const CommandInfo& c : Commands()) std::fprintf(to, "  %-12s %s\n", c.name.c_str(), c.summary.c_str());
+  std::fprintf(to,
+               "\n'korvane <command> --help' shows a command's options; 'korvane demo' renders every effect on a "
+               "generated scene.\n%s\n",
+               kExitCodes);
+  return 0;
+}
+
+// The options a subcommand knows, as typed on the command line.
+std::vector<std::string> OptionNames(CLI::App* sub) {
+  std::vector<std::string> names;
+  for (const CLI::Option* opt : sub->get_options()) {
+    for (const std::string& n : opt->get_lnames()) names.push_back("--" + n);
+    for (const std::string& n : opt->get_snames()) names.push_back("-" + n);
+  }
+  return names;
+}
+
+int Run(int argc, char** argv) {
   auto& commands = Commands();
   std::sort(commands.begin(), commands.end(),
             [](const CommandInfo& a, const CommandInfo& b) { return a.name < b.name; });
+  std::vector<std::string> names;
+  for (const CommandInfo& c : commands) names.push_back(c.name);
+
+  if (argc < 2 || std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0 ||
+      std::strcmp(argv[1], "-h") == 0) {
+    return ListCommands(stdout);
+  }
+  if (argv[1][0] != '-' && std::find(names.begin(), names.end(), argv[1]) == names.end()) {
+    const auto close = CloseTo(argv[1], names);
+    return Usage(std::string("unknown command '") + argv[1] + "'" +
+                 (close.empty() ? "; 'korvane help' lists the commands" : "; did you mean " + Join(close) + "?"));
+  }
+
+  CLI::App app{"korvane " KORVANE_VERSION_STRING " - image effects for still photographs", "korvane"};
+  app.require_subcommand(1);
+  app.set_version_flag("--version", KORVANE_VERSION_STRING);
+  app.footer(kExitCodes);
   std::vector<std::pair<CLI::App*, std::function<int()>>> runners;
   for (auto& c : commands) {
     CLI::App* sub = app.add_subcommand(c.name, c.summary);
+    sub->footer(kExitCodes);
     runners.emplace_back(sub, c.setup(*sub));
   }
   try {
     app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() != 0) {
-      // One line naming the problem; --help shows the rest.
-      std::fprintf(stderr, "korvane: %s\n", e.what());
-      return e.get_exit_code();
-    }
+  } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ExtrasError& e) {
+    // A misspelt option: name the close ones of the command it was given to.
+    for (auto& [sub, run] : runners) {
+      if (!sub->parsed()) continue;
+      for (const std::string& extra : sub->remaining()) {
+        if (extra.size() < 2 || extra[0] != '-') continue;
+        const std::string typed = extra.substr(0, extra.find('='));
+        const auto close = CloseTo(typed, OptionNames(sub));
+        return Usage(sub->get_name() + ": unknown option " + typed +
+                     (close.empty() ? "; see 'korvane " + sub->get_name() + " --help'"
+                                    : "; did you mean " + Join(close) + "?"));
+      }
+    }
+    return Usage(e.what());
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    // One line naming the problem; --help shows the rest.
+    return Usage(e.what());
   }
   for (auto& [sub, run] : runners) {
     if (sub->parsed()) return run();
   }
-  return 1;
+  return ListCommands(stderr) + kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory");
+  } catch (const std::exception& e) {
+    return Fail(std::string("unexpected error: ") + e.what());
+  }
 }

@@ -62,12 +62,24 @@ TEST(Cli, InfoDescribesTheMachine) {
   EXPECT_NE(r.output.find("workers:"), std::string::npos);
 }
 
-TEST(Cli, UnknownCommandAndMissingCommandFail) {
-  EXPECT_NE(RunCli("no-such-command").exit_code, 0);
-  EXPECT_NE(RunCli("").exit_code, 0);
-  const CliResult help = RunCli("--help");
-  EXPECT_EQ(help.exit_code, 0);
-  EXPECT_NE(help.output.find("demo"), std::string::npos);
+TEST(Cli, BareHelpAndUnknownCommands) {
+  // Bare, "help" and "--help" list every command with its line and the exit codes.
+  for (const char* args : {"", "help", "--help"}) {
+    const CliResult r = RunCli(args);
+    EXPECT_EQ(r.exit_code, 0) << args;
+    for (const char* s : {"animate", "demo", "focus-blur", "glitch", "glow", "info", "Exit status: 0 success, 1"}) {
+      EXPECT_NE(r.output.find(s), std::string::npos) << args << ": " << s;
+    }
+  }
+  CliResult r = RunCli("no-such-command");
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.output.find("unknown command 'no-such-command'; 'korvane help'"), std::string::npos) << r.output;
+  r = RunCli("glitc x.png");
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.output.find("did you mean glitch"), std::string::npos) << r.output;
+  r = RunCli("glow --help");
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_NE(r.output.find("Exit status"), std::string::npos);
 }
 
 TEST(Cli, DemoRendersTheSceneAndEachEffectIntoTheFolder) {

@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a fresh machine lacks (only those missing).
+#   install-deps.sh tool   what the library and the korvane tool need
+#   install-deps.sh        that, plus what the tests and benchmarks need
 set -euo pipefail
 
 packages=(
   cmake g++ make pkg-config binutils
-  libgtest-dev libbenchmark-dev                      # tests and benchmarks
   libcli11-dev nlohmann-json3-dev                    # the korvane tool's options and flow files
-  libspng-dev libturbojpeg0-dev libwebp-dev libgif-dev  # the tool's image files
-  libopencv-dev libcgal-dev                          # peers in benchmarks and cross-checks only
+  libvips-dev libwebp-dev libimagequant-dev libcgif-dev  # the tool's image files and animations
 )
+if [ "${1:-all}" != "tool" ]; then
+  packages+=(
+    libgtest-dev libbenchmark-dev                    # tests and benchmarks
+    libopencv-dev libcgal-dev                        # peers in benchmarks and cross-checks only
+  )
+fi
 
 missing=()
 for p in "${packages[@]}"; do

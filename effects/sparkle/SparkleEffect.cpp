@@ -208,8 +208,8 @@ int32_t SparkleEffect::ReleaseAllSparkleTypesBuff() {
   m_manual_types.clear();
   m_manual_cache.clear();
   m_auto_spk_dst = SmartBuffer();
-  m_rotated_auto = SmartBuffer();
   m_auto_pyramid = ShapePyramid();
+  m_auto_pyramid_generation = 0;
   for (auto& v : m_auto_variants) v = SparkleVariant();
   m_auto_key = AutoKey();
   return S_OK;
@@ -517,69 +517,80 @@ int32_t SparkleEffect::CopySparkleShape() {
   return S_OK;
 }
 
+// The shapes turn as their variants are sampled: here the angles, and the
+// halvings of any shape that changed.
 int32_t SparkleEffect::InitRotatedSparkleType() {
   int32_t hr;
-  if (m_auto_rebuild) {
-    if (!m_rotated_auto.data && (hr = CreateSmartBufferData(m_rotated_auto, SPK_SIZE, SPK_SIZE, PIXEL_BGRA32)) < 0) {
-      return hr;
-    }
-    if ((hr = RotateShape(m_thread_adapter, m_auto_spk_dst, m_rotated_auto, m_auto_render.rotation)) < 0) return hr;
+  if (!TurnOf(m_auto_render.rotation, m_auto_cos, m_auto_sin) ||
+      !TurnOf(m_manual_render.rotation, m_manual_cos, m_manual_sin)) {
+    return E_INVALIDARG;
+  }
+  if (m_auto_rebuild && m_auto_pyramid_generation != m_auto_sparkle_type.generation) {
+    m_auto_pyramid_generation = 0;
+    if ((hr = m_auto_pyramid.Build(m_auto_spk_dst)) < 0) return hr;
+    m_auto_pyramid_generation = m_auto_sparkle_type.generation;
   }
   if (!m_param.manual_sparkle) return S_OK;
-  // Manual types in use, each turned once per change of angle or shape.
   for (const ManualSparkle& s : m_manual_sparkles) {
     auto t = m_manual_types.find(s.type_id);
     if (t == m_manual_types.end() || !t->second.shape.data) continue;
     ManualTypeCache& c = m_manual_cache[s.type_id];
-    if (c.rotated.data && c.rotation == m_manual_render.rotation && c.generation == t->second.generation) continue;
-    c.variants.clear();
-    c.rotation = -1.0f;
-    if (!c.rotated.data && (hr = CreateSmartBufferData(c.rotated, SPK_SIZE, SPK_SIZE, PIXEL_BGRA32)) < 0) return hr;
-    if ((hr = RotateShape(m_thread_adapter, t->second.shape, c.rotated, m_manual_render.rotation)) < 0) return hr;
-    if ((hr = c.pyramid.Build(c.rotated)) < 0) return hr;
-    c.rotation = m_manual_render.rotation;
-    c.generation = t->second.generation;
+    if (c.generation != t->second.generation) {
+      c.generation = 0;
+      if ((hr = c.pyramid.Build(t->second.shape)) < 0) return hr;
+      c.generation = t->second.generation;
+      c.changed = true;
+    }
+    if (c.rotation != m_manual_render.rotation) {
+      c.rotation = m_manual_render.rotation;
+      c.changed = true;
+    }
   }
   return S_OK;
 }
 
 int32_t SparkleEffect::InitMultiScaledSparkleType() {
-  int32_t hr;
   const int32_t s = std::max(m_scaled_img_size_w, m_scaled_img_size_h);
+  std::vector<VariantJob> jobs;
   if (m_auto_rebuild) {
-    if ((hr = m_auto_pyramid.Build(m_rotated_auto)) < 0) return hr;
     for (int32_t i = 0; i < kSizeCount; ++i) {
-      if ((hr = MakeSparkleVariant(m_thread_adapter, m_system_info, m_auto_pyramid,
-                                   AutoGlintSize(i, m_auto_render.size, s), m_auto_variants[i],
-                                   "auto_sparkle_type.shape")) < 0) {
-        return hr;
+      SparkleVariant& v = m_auto_variants[i];
+      v.d = AutoGlintSize(i, m_auto_render.size, s);
+      jobs.push_back(VariantJob{&m_auto_pyramid.LevelFor(v.d), &v, m_auto_cos, m_auto_sin});
+    }
+  }
+  const size_t auto_jobs = jobs.size();
+  if (m_param.manual_sparkle) {
+    // The sizes the manual sparkles need this frame; others are dropped.
+    std::map<uint16_t, std::set<int32_t>> used;
+    for (const ManualSparkle& m : m_manual_sparkles) {
+      auto c = m_manual_cache.find(m.type_id);
+      if (c == m_manual_cache.end() || !c->second.generation) continue;  // its type has no shape
+      const int32_t d = ManualGlintSize(m.scale, m_manual_render.size, s);
+      if (!used[m.type_id].insert(d).second) continue;
+      auto v = c->second.variants.find(d);
+      if (v != c->second.variants.end() && !c->second.changed) continue;
+      SparkleVariant& variant = c->second.variants[d];
+      variant.d = d;
+      jobs.push_back(VariantJob{&c->second.pyramid.LevelFor(d), &variant, m_manual_cos, m_manual_sin});
+    }
+    for (auto& kv : m_manual_cache) {
+      const std::set<int32_t>& sizes = used[kv.first];
+      for (auto v = kv.second.variants.begin(); v != kv.second.variants.end();) {
+        v = sizes.count(v->first) ? std::next(v) : kv.second.variants.erase(v);
       }
+      kv.second.changed = false;
     }
   }
-  if (!m_param.manual_sparkle) return S_OK;
-  // The sizes the manual sparkles need this frame; others are dropped.
-  std::map<uint16_t, std::set<int32_t>> used;
-  for (const ManualSparkle& m : m_manual_sparkles) {
-    auto c = m_manual_cache.find(m.type_id);
-    if (c == m_manual_cache.end()) continue;  // its type has no shape
-    const int32_t d = ManualGlintSize(m.scale, m_manual_render.size, s);
-    used[m.type_id].insert(d);
-    auto v = c->second.variants.find(d);
-    if (v != c->second.variants.end()) continue;
-    SparkleVariant& variant = c->second.variants[d];
-    if ((hr = MakeSparkleVariant(m_thread_adapter, m_system_info, c->second.pyramid, d, variant, "manual_shape")) <
-        0) {
-      c->second.variants.erase(d);
-      return hr;
-    }
+  const int32_t hr = SampleSparkleVariants(m_thread_adapter, jobs);
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_CALL(auto_jobs ? "ResizeBuffer(auto_sparkle_type.shape, scaled_sparkle_type.shape)"
+                                      : "ResizeBuffer(manual_shape, scaled_sparkle_type.shape)",
+                            hr);
+    // Nothing half made is kept: every variant is sampled again next frame.
+    for (auto& kv : m_manual_cache) kv.second.changed = true;
   }
-  for (auto& kv : m_manual_cache) {
-    auto& sizes = used[kv.first];
-    for (auto v = kv.second.variants.begin(); v != kv.second.variants.end();) {
-      v = sizes.count(v->first) ? std::next(v) : kv.second.variants.erase(v);
-    }
-  }
-  return S_OK;
+  return hr;
 }
 
 int32_t SparkleEffect::InitTempSparkleType() {
@@ -700,7 +711,7 @@ int32_t SparkleEffect::PasteAutoSparkle(const SparkleRenderParam& rp) {
   return S_OK;
 }
 
-int32_t SparkleEffect::PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src) {
+int32_t SparkleEffect::PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src, SmartBuffer& light) {
   if (rp.amount == 0.0f) return S_OK;
   const int32_t s = std::max(m_scaled_img_size_w, m_scaled_img_size_h);
   const float kx = static_cast<float>(m_scaled_img_size_w) / m_img_size_w;
@@ -724,7 +735,7 @@ int32_t SparkleEffect::PasteManualSparkle(const SparkleRenderParam& rp, const Im
     } else if (rp.color_mode == SPARKLE_COLOR_RANDOM) {
       color = SparkleRandomColor(m.color_index);
     }
-    if ((hr = PasteOne(v->second, m_manu_scaled_light_buff, px, py, lightness, color, rp.color_mode)) < 0) return hr;
+    if ((hr = PasteOne(v->second, light, px, py, lightness, color, rp.color_mode)) < 0) return hr;
     m_manual_drawn = true;
   }
   return S_OK;
@@ -806,10 +817,23 @@ int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
     return hr;
   }
   const bool manual = m_param.manual_sparkle && !m_manual_sparkles.empty() && m_manual_render.amount != 0.0f;
+  // Saturating adds add up in any grouping, so when neither set's colour is
+  // adjusted the manual glints go straight into the automatic map, with no
+  // second map to clear and combine.
+  const bool separate =
+      manual && !(SparkleAdjustIsIdentity(SparkleAdjustParam{{}, {}, 1.0f, m_auto_render.saturation,
+                                                              m_auto_render.brightness}) &&
+                  SparkleAdjustIsIdentity(SparkleAdjustParam{{}, {}, 1.0f, m_manual_render.saturation,
+                                                              m_manual_render.brightness}));
   m_manual_drawn = false;
-  if ((hr = ClearLightMaps(manual)) < 0) return hr;
+  if ((hr = ClearLightMaps(separate)) < 0) return hr;
   if (m_param.auto_sparkle && (hr = Step(PasteAutoSparkle(m_auto_render), "PasteAutoSparkle")) < 0) return hr;
-  if (manual && (hr = Step(PasteManualSparkle(m_manual_render, src), "PasteManualSparkle")) < 0) return hr;
+  if (manual && (hr = Step(PasteManualSparkle(m_manual_render, src,
+                                              separate ? m_manu_scaled_light_buff : m_auto_scaled_light_buff),
+                           "PasteManualSparkle")) < 0) {
+    return hr;
+  }
+  m_manual_drawn = m_manual_drawn && separate;
   return FinishFrame(src, dst);
 }
 

@@ -96,7 +96,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t InitTempSparkleType();
   int32_t ClearLightMaps(bool manual);
   int32_t PasteAutoSparkle(const SparkleRenderParam& rp);
-  int32_t PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src);
+  int32_t PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src, SmartBuffer& light);
   int32_t PasteOne(const SparkleVariant& variant, SmartBuffer& light, float px, float py, float lightness,
                    const LightColor& color, int32_t color_mode);
   int32_t FinishFrame(const ImageBuffer& src, ImageBuffer& dst);
@@ -122,8 +122,9 @@ class SparkleEffect final : public Sparkle, public EffectCore {
 
   // Variants of the current frame.
   SmartBuffer m_auto_spk_dst;      // working copy of the automatic shape
-  SmartBuffer m_rotated_auto;      // and turned
-  ShapePyramid m_auto_pyramid;
+  ShapePyramid m_auto_pyramid;     // halvings of the working copy
+  uint32_t m_auto_pyramid_generation = 0;
+  float m_auto_cos = 1.0f, m_auto_sin = 0.0f;  // this frame's turn
   SparkleVariant m_auto_variants[kSizeCount];
   struct AutoKey {
     float rotation = -1.0f, size = -1.0f;
@@ -133,12 +134,14 @@ class SparkleEffect final : public Sparkle, public EffectCore {
       return rotation == o.rotation && size == o.size && s == o.s && generation == o.generation;
     }
   } m_auto_key, m_pending_key;
+  // A manual type's halvings and its variants by size, resampled when the
+  // turn or the shape changes.
   struct ManualTypeCache {
     float rotation = -1.0f;
     uint32_t generation = 0;
-    SmartBuffer rotated;
+    bool changed = true;
     ShapePyramid pyramid;
-    std::map<int32_t, SparkleVariant> variants;  // by size
+    std::map<int32_t, SparkleVariant> variants;
   };
   std::map<uint16_t, ManualTypeCache> m_manual_cache;
   bool m_auto_rebuild = false;
@@ -156,6 +159,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   SmartBuffer m_auto_scaled_light_buff;
   SmartBuffer m_manu_scaled_light_buff;
   bool m_manual_drawn = false;  // the manual map holds light this frame
+  float m_manual_cos = 1.0f, m_manual_sin = 0.0f;
 
   // Fixed tuning: glint sizes from 1% to 3% of the light map's longer side,
   // scales up to 6, the normalised long side, and the brightness of the fast

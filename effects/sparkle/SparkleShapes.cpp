@@ -1,58 +1,15 @@
 #include "effects/sparkle/SparkleShapes.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
 #include "core/BandTask.h"
-#include "core/BilinearResize.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
 
 namespace Korvane {
-
-int32_t RotateShape(CThreadAdapter& adapter, const SmartBuffer& src, SmartBuffer& dst, float degrees) {
-  if (!src.data || !dst.data) return E_POINTER;
-  if (!IsBgra(src) || !IsBgra(dst)) return E_NOTIMPL;
-  if (!SameSize(src, dst) || !RowsFit(src, 4) || !RowsFit(dst, 4) || !std::isfinite(degrees)) return E_INVALIDARG;
-  double turn = std::fmod(static_cast<double>(degrees), 360.0);
-  if (turn < 0.0) turn += 360.0;
-  const int32_t w = src.width, h = src.height;
-  if (turn == 0.0) {
-    for (int32_t y = 0; y < h; ++y) std::memcpy(RowPtr(dst, y), RowPtr(src, y), static_cast<size_t>(w) * 4);
-    return S_OK;
-  }
-  // Inverse mapping: each destination pixel samples src at its position
-  // turned back about the centre. Weights in 1/256, as the resize kernels.
-  const double a = turn * 3.14159265358979323846 / 180.0;
-  const float c = static_cast<float>(std::cos(a)), s = static_cast<float>(std::sin(a));
-  const float cx = (w - 1) * 0.5f, cy = (h - 1) * 0.5f;
-  return RunBands(adapter, FullRect(w, h), [&](const Rect& band) {
-    for (int32_t y = band.top; y < band.bottom; ++y) {
-      uint8_t* out = RowPtr(dst, y);
-      const float dy = static_cast<float>(y) - cy;
-      for (int32_t x = 0; x < w; ++x, out += 4) {
-        const float dx = static_cast<float>(x) - cx;
-        const float sx = c * dx + s * dy + cx;
-        const float sy = -s * dx + c * dy + cy;
-        const float fx0 = std::floor(sx), fy0 = std::floor(sy);
-        const int32_t x0 = static_cast<int32_t>(fx0), y0 = static_cast<int32_t>(fy0);
-        const int32_t wx = static_cast<int32_t>((sx - fx0) * 256.0f + 0.5f);
-        const int32_t wy = static_cast<int32_t>((sy - fy0) * 256.0f + 0.5f);
-        uint32_t acc[4] = {0, 0, 0, 0};
-        const int32_t weights[4] = {(256 - wx) * (256 - wy), wx * (256 - wy), (256 - wx) * wy, wx * wy};
-        for (int32_t k = 0; k < 4; ++k) {
-          const int32_t px = x0 + (k & 1), py = y0 + (k >> 1);
-          if (px < 0 || py < 0 || px >= w || py >= h || weights[k] == 0) continue;
-          const uint8_t* p = RowPtr(src, py) + static_cast<ptrdiff_t>(px) * 4;
-          for (int32_t ch = 0; ch < 4; ++ch) acc[ch] += static_cast<uint32_t>(p[ch] * weights[k]);
-        }
-        for (int32_t ch = 0; ch < 4; ++ch) out[ch] = static_cast<uint8_t>((acc[ch] + 32768u) >> 16);
-      }
-    }
-    return S_OK;
-  });
-}
 
 int32_t HalveShape(const SmartBuffer& src, SmartBuffer& dst) {
   if (!src.data) return E_POINTER;
@@ -89,26 +46,101 @@ const SmartBuffer& ShapePyramid::LevelFor(int32_t d) const {
   return levels[i];
 }
 
-int32_t MakeSparkleVariant(CThreadAdapter& adapter, const SystemInfo& info, const ShapePyramid& pyramid,
-                           int32_t d, SparkleVariant& variant, const char* what) {
-  int32_t hr;
-  if (variant.d != d || !variant.shape.data) {
-    variant.d = 0;
-    if (KORVANE_FAILED(CreateSmartBufferData(variant.shape, d, d, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(variant.tmp, d + 1, d + 1, PIXEL_BGRA32))) {
-      return hr;
+bool TurnOf(float degrees, float& cos_a, float& sin_a) {
+  if (!std::isfinite(degrees)) return false;
+  double turn = std::fmod(static_cast<double>(degrees), 360.0);
+  if (turn < 0.0) turn += 360.0;
+  // Whole quarter turns move pixels exactly.
+  static const float kQuarter[4][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}};
+  if (std::fmod(turn, 90.0) == 0.0) {
+    const int q = static_cast<int>(turn / 90.0) & 3;
+    cos_a = kQuarter[q][0];
+    sin_a = kQuarter[q][1];
+    return true;
+  }
+  const double a = turn * 3.14159265358979323846 / 180.0;
+  cos_a = static_cast<float>(std::cos(a));
+  sin_a = static_cast<float>(std::sin(a));
+  return true;
+}
+
+namespace {
+
+// Row y of job j's variant. Inverse mapping: each variant pixel, scaled to
+// the level and turned back about the centre, samples the level. Positions
+// step along the row in 16.16 fixed point (no float work per pixel); the
+// top 8 bits of the fraction are the bilinear weight.
+void SampleRow(const VariantJob& j, int32_t y) {
+  const SmartBuffer& src = *j.level;
+  SparkleVariant& v = *j.variant;
+  const int32_t n = src.width, d = v.d;
+  const double k = static_cast<double>(n) / d;
+  const double cd = (d - 1) * 0.5, cn = (n - 1) * 0.5;
+  const double dy = (y - cd) * k, dx0 = -cd * k;
+  const auto fixed = [](double f) { return static_cast<int64_t>(std::llround(f * 65536.0)); };
+  int64_t su = fixed(j.cos_a * dx0 + j.sin_a * dy + cn);
+  int64_t sv = fixed(-j.sin_a * dx0 + j.cos_a * dy + cn);
+  const int64_t du = fixed(j.cos_a * k), dv = fixed(-j.sin_a * k);
+  uint8_t* out = RowPtr(v.shape, y);
+  for (int32_t x = 0; x < d; ++x, out += 4, su += du, sv += dv) {
+    const int32_t x0 = static_cast<int32_t>(su >> 16), y0 = static_cast<int32_t>(sv >> 16);
+    if (static_cast<uint32_t>(x0 + 1) > static_cast<uint32_t>(n) ||
+        static_cast<uint32_t>(y0 + 1) > static_cast<uint32_t>(n)) {  // wholly outside
+      std::memset(out, 0, 4);
+      continue;
     }
-    variant.d = d;
+    const uint32_t wx = static_cast<uint32_t>(su >> 8) & 255u, wy = static_cast<uint32_t>(sv >> 8) & 255u;
+    const uint32_t w[4] = {(256 - wx) * (256 - wy), wx * (256 - wy), (256 - wx) * wy, wx * wy};
+    uint32_t acc[4] = {32768, 32768, 32768, 32768};
+    if (x0 >= 0 && y0 >= 0 && x0 + 1 < n && y0 + 1 < n) {
+      const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
+      const uint8_t* b = a + src.stride;
+      uint64_t pa, pb;
+      std::memcpy(&pa, a, 8);
+      std::memcpy(&pb, b, 8);
+      if ((pa | pb) == 0) {  // most of a star is black
+        std::memset(out, 0, 4);
+        continue;
+      }
+      for (int32_t c = 0; c < 4; ++c) acc[c] += a[c] * w[0] + a[c + 4] * w[1] + b[c] * w[2] + b[c + 4] * w[3];
+    } else {  // on the edge: only the taps inside count
+      for (int32_t t = 0; t < 4; ++t) {
+        const int32_t px = x0 + (t & 1), py = y0 + (t >> 1);
+        if (px < 0 || py < 0 || px >= n || py >= n) continue;
+        const uint8_t* p = RowPtr(src, py) + static_cast<ptrdiff_t>(px) * 4;
+        for (int32_t c = 0; c < 4; ++c) acc[c] += p[c] * w[t];
+      }
+    }
+    for (int32_t c = 0; c < 4; ++c) out[c] = static_cast<uint8_t>(acc[c] >> 16);
   }
-  ResizeParam p;
-  p.src = pyramid.LevelFor(d);
-  p.dst = variant.shape;
-  p.src_roi = FullRect(p.src);
-  if ((hr = RunBilinearResize(adapter, info, p, FullRect(d, d))) < 0) {
-    DebugLog("[Korvane] ResizeBuffer(%s, scaled_sparkle_type.shape) Error! - Return Code: %x", what,
-             static_cast<unsigned>(hr));
+}
+
+}  // namespace
+
+int32_t SampleSparkleVariants(CThreadAdapter& adapter, std::vector<VariantJob>& jobs) {
+  int32_t hr;
+  // Row r of the run is row r - first[j] of job j.
+  std::vector<int32_t> first(jobs.size() + 1, 0);
+  for (size_t j = 0; j < jobs.size(); ++j) {
+    const VariantJob& job = jobs[j];
+    if (!job.level || !job.variant || !job.level->data) return E_POINTER;
+    if (!IsBgra(*job.level)) return E_NOTIMPL;
+    if (job.level->width != job.level->height || job.variant->d < 1 || !RowsFit(*job.level, 4)) return E_INVALIDARG;
+    SparkleVariant& v = *job.variant;
+    if (!v.shape.data || v.shape.width != v.d || v.shape.height != v.d) {
+      if ((hr = CreateSmartBufferData(v.shape, v.d, v.d, PIXEL_BGRA32)) < 0) return hr;
+    }
+    first[j + 1] = first[j] + v.d;
   }
-  return hr;
+  if (jobs.empty()) return S_OK;
+  return RunBands(adapter, Rect{0, 0, 1, first.back()}, [&](const Rect& band) {
+    size_t j = static_cast<size_t>(std::upper_bound(first.begin(), first.end(), band.top) - first.begin()) - 1;
+    for (int32_t r = band.top; r < band.bottom; ++r) {
+      while (r >= first[j + 1]) ++j;
+      SampleRow(jobs[j], r - first[j]);
+    }
+    return S_OK;
+  });
 }
 
 int32_t OddShapeSize(float length) {

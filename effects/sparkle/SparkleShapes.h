@@ -1,8 +1,9 @@
-// Preparing sparkle shapes for pasting: rotation of the working copy, a
-// chain of halvings for clean reductions, and the sized variants.
+// Preparing sparkle shapes for pasting: a chain of halvings for clean
+// reductions, and the sized, turned variants sampled from it.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "core/ImageBuffer.h"
 #include "core/SystemInfo.h"
@@ -10,17 +11,11 @@
 
 namespace Korvane {
 
-// Rotates src (BGRA32) by `degrees` clockwise on screen about its centre
-// into dst (BGRA32, src's size), bilinear; what comes from outside src is
-// transparent black. The angle is taken modulo 360, and a whole multiple of
-// 360 copies src exactly. Rows run in bands on the adapter.
-int32_t RotateShape(CThreadAdapter& adapter, const SmartBuffer& src, SmartBuffer& dst, float degrees);
-
 // dst (created here at floor(w / 2) x floor(h / 2)) gets the mean of each
 // 2 x 2 block of src, rounded. E_INVALIDARG for a src narrower or lower than 2.
 int32_t HalveShape(const SmartBuffer& src, SmartBuffer& dst);
 
-// Successive halvings of a rotated shape, so that a variant of any size is
+// Successive halvings of a shape, so that a variant of any size is
 // resized by a factor between 0.5 and 1 (or enlarged from the full size),
 // which bilinear sampling does without dropping thin lines.
 struct ShapePyramid {
@@ -42,11 +37,26 @@ struct SparkleVariant {
   SmartBuffer tmp;
 };
 
-// Creates `variant` at d x d from the pyramid ("ResizeBuffer": bilinear, on
-// the adapter), with its temporary image. `what` names the source shape in
-// the log line of a failed resize.
-int32_t MakeSparkleVariant(CThreadAdapter& adapter, const SystemInfo& info, const ShapePyramid& pyramid,
-                           int32_t d, SparkleVariant& variant, const char* what);
+// One variant to make: `level` (a pyramid level, square) turned by the
+// angle whose cosine and sine are given, clockwise on screen about its
+// centre, and scaled onto the variant's d x d pixels centre to centre;
+// bilinear with 8-bit weights, transparent black outside the level.
+struct VariantJob {
+  const SmartBuffer* level = nullptr;
+  SparkleVariant* variant = nullptr;
+  float cos_a = 1.0f;
+  float sin_a = 0.0f;
+};
+
+// Cosine and sine of a clockwise turn in degrees (taken modulo 360), exact
+// for whole quarter turns. False for an angle that is not finite.
+bool TurnOf(float degrees, float& cos_a, float& sin_a);
+
+// Makes every job's variant shape (created here at the variant's d when it
+// has another size; the temporary image is left to the caller). All variants are sampled in one run on the adapter, their rows shared out
+// between the workers. A variant whose level has d's size and no turn is an
+// exact copy.
+int32_t SampleSparkleVariants(CThreadAdapter& adapter, std::vector<VariantJob>& jobs);
 
 // An odd pasting size (at least 3) from a length in light-map pixels.
 int32_t OddShapeSize(float length);

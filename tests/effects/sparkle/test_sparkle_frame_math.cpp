@@ -101,27 +101,35 @@ SmartBuffer Buffer(const Bytes& bytes, int32_t w, int32_t h) {
 
 Bytes Pixels(const SmartBuffer& b) { return Bytes(b.data.get(), b.data.get() + size_t(b.stride) * b.height); }
 
+// A variant of the level's own size samples its pixels exactly at whole
+// quarter turns.
 TEST(SparkleShapes, WholeTurnsCopyAndQuarterTurnsMovePixelsExactly) {
   KorvaneTest::Runner run(2);
   const int32_t n = 9;
   const Bytes noise = KorvaneTest::RandomBytes(size_t(n) * n * 4, 5);
   const SmartBuffer src = Buffer(noise, n, n);
-  SmartBuffer dst = Buffer(Bytes(noise.size(), 7), n, n);
-  for (float deg : {0.0f, 360.0f, -720.0f}) {
-    ASSERT_EQ(RotateShape(run.adapter, src, dst, deg), S_OK);
-    EXPECT_EQ(Pixels(dst), noise) << deg;
-  }
+  SparkleVariant v;
+  v.d = n;
+  auto turn = [&](float deg) {
+    VariantJob job{&src, &v};
+    EXPECT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
+    std::vector<VariantJob> jobs{job};
+    EXPECT_EQ(SampleSparkleVariants(run.adapter, jobs), S_OK);
+    return Pixels(v.shape);
+  };
+  for (float deg : {0.0f, 360.0f, -720.0f}) EXPECT_EQ(turn(deg), noise) << deg;
   // Clockwise on screen: the top-left corner goes to the top-right.
-  ASSERT_EQ(RotateShape(run.adapter, src, dst, 90.0f), S_OK);
+  const Bytes q = turn(90.0f);
   for (int32_t y = 0; y < n; ++y)
     for (int32_t x = 0; x < n; ++x)
       for (int32_t c = 0; c < 4; ++c)
-        ASSERT_EQ(dst.data[(size_t(y) * n + x) * 4 + c], noise[(size_t(n - 1 - x) * n + y) * 4 + c])
-            << x << "," << y;
+        ASSERT_EQ(q[(size_t(y) * n + x) * 4 + c], noise[(size_t(n - 1 - x) * n + y) * 4 + c]) << x << "," << y;
   // Half a quarter: the corners come from outside and are black.
-  ASSERT_EQ(RotateShape(run.adapter, src, dst, 45.0f), S_OK);
-  EXPECT_EQ(dst.data[0], 0);
-  EXPECT_EQ(RotateShape(run.adapter, src, dst, NAN), E_INVALIDARG);
+  EXPECT_EQ(turn(45.0f)[0], 0);
+  float c, s;
+  EXPECT_FALSE(TurnOf(NAN, c, s));
+  EXPECT_TRUE(TurnOf(-90.0f, c, s));
+  EXPECT_EQ(s, -1.0f);
 }
 
 TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
@@ -141,9 +149,15 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
   for (float len : {0.0f, 3.9f, 19.2f, 20.0f})
     EXPECT_EQ(OddShapeSize(len) % 2, 1) << len;
   EXPECT_EQ(OddShapeSize(20.0f), 21);
-  SparkleVariant v;
-  ASSERT_EQ(MakeSparkleVariant(run.adapter, KorvaneTest::Level(0), pyr, 21, v, "test"), S_OK);
+  // Several variants in one run, each from the level that suits its size.
+  SparkleVariant v, big;
+  v.d = 21;
+  big.d = 301;
+  std::vector<VariantJob> jobs{{&pyr.LevelFor(21), &v}, {&pyr.LevelFor(301), &big}};
+  ASSERT_EQ(SampleSparkleVariants(run.adapter, jobs), S_OK);
   EXPECT_EQ(v.shape.width, 21);
+  EXPECT_EQ(big.shape.height, 301);
+  EXPECT_EQ(big.shape.data[(150 * 301 + 150) * 4], 255);
   // A thin spike survives the reduction: the centre column stays lit to the tip's half.
   EXPECT_GT(v.shape.data[(5 * 21 + 10) * 4], 20);
   EXPECT_LT(v.shape.data[(5 * 21 + 4) * 4], v.shape.data[(5 * 21 + 10) * 4] / 2);

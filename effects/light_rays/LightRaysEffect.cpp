@@ -537,8 +537,13 @@ int32_t LightRaysEffect::PolarTransformProcess() {
     KORVANE_LOG_FAILED_STEP("CarteToPolarTransform", hr);
     return hr;
   }
+  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
   SmearRowsParam smear{&m_polar_buff, &m_temp_polar_buff, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
-  if ((hr = RunStage("LightRayHalfBlurH", BandTask<SmearRowsParam, SmearRows>, &smear, polar)) < 0) return hr;
+  hr = RunBands(m_thread_adapter, polar, [&](const Rect& band) { return blur.fn(smear, band); });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP("LightRayHalfBlurH", hr);
+    return hr;
+  }
 
   const auto back = KORVANE_PICK(m_system_info, PolarToCarte, PolarToCarte_SSE4);
   PolarToCarteParam to_carte;
@@ -589,8 +594,13 @@ int32_t LightRaysEffect::RotateTransformProcess() {
     KORVANE_LOG_FAILED_STEP("ImageRotateTransform", hr);
     return hr;
   }
+  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
   SmearRowsParam smear{&m_rotate_buff, &m_temp_rotate_buff, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
-  if ((hr = RunStage("LightRayBlurH", BandTask<SmearRowsParam, SmearRows>, &smear, rotated)) < 0) return hr;
+  hr = RunBands(m_thread_adapter, rotated, [&](const Rect& band) { return blur.fn(smear, band); });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP("LightRayBlurH", hr);
+    return hr;
+  }
 
   RotateBackParam back;
   back.rotated = &m_temp_rotate_buff;
@@ -604,7 +614,10 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   back.vx = ex;
   back.vy = ey;
   back.area = m_downsized_roi;
-  return RunStage("InverseRotateTransform", BandTask<RotateBackParam, RotateBack>, &back, m_downsized_roi);
+  const auto inverse = KORVANE_PICK(m_system_info, RotateBack, RotateBack_SSE4);
+  hr = RunBands(m_thread_adapter, m_downsized_roi, [&](const Rect& band) { return inverse.fn(back, band); });
+  if (hr < 0) KORVANE_LOG_FAILED_STEP("InverseRotateTransform", hr);
+  return hr;
 }
 
 int32_t LightRaysEffect::SoftneessProcess() {

@@ -58,11 +58,13 @@ struct SampleRowsParam {
 int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
 
 // "LightRayHalfBlurH" / "LightRayBlurH": light moves along each row towards
-// higher columns only. Column c receives sum_{k=0}^{L-1} (L - k) in[c - k]
-// divided by L (L + 1) / 4 + 1 (twice a weighted average in which light
-// fades linearly over L columns; capped at 255), then weighted by the row's gain (256 = 1): the mask
-// blending that cuts the smear into separate beams. L is at most kMaxRayLength.
-constexpr int32_t kMaxRayLength = 5000;
+// higher columns only. Column c receives t = sum_{k=0}^{L-1} (L - k) in[c - k]
+// (exact integers) scaled by k = gain / 256 / (L (L + 1) / 4 + 1): twice a
+// weighted average in which light fades linearly over L columns, weighted by
+// the row's gain (256 = 1), the mask blending that cuts the smear into
+// separate beams. Out is (int)(float(t) * k + 0.5f), capped at 255, in both
+// forms. L is at most kMaxRayLength, which keeps t below 2^31.
+constexpr int32_t kMaxRayLength = 4096;
 struct SmearRowsParam {
   const SmartBuffer* src = nullptr;
   SmartBuffer* dst = nullptr;
@@ -132,6 +134,8 @@ void BuildBlendTable_SSE4(float strength, uint8_t table[256]);
 int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band);
 int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band);
 int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band);
+int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band);
+int32_t SmearRows_SSE4(const SmearRowsParam& p, const Rect& band);
 
 namespace light_rays_detail {
 

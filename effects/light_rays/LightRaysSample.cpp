@@ -9,9 +9,6 @@
 
 namespace Korvane {
 
-using light_rays_detail::BandInArea;
-using light_rays_detail::Cell;
-using light_rays_detail::ClampedCell;
 using light_rays_detail::Mix4;
 
 void CalLineRange(RayLine& line, int32_t w, int32_t h, float margin, int32_t cols) {
@@ -41,30 +38,15 @@ void CalLineRange(RayLine& line, int32_t w, int32_t h, float margin, int32_t col
 }
 
 int32_t SampleRows(const SampleRowsParam& p, const Rect& band) {
-  return light_rays_detail::SampleRowsWith(p, band, Mix4);
+  return light_rays_detail::SampleRowsWith(p, band, [](auto... a) { return Mix4(a...); });
 }
 
 int32_t PolarToCarte(const PolarToCarteParam& p, const Rect& band) {
-  return light_rays_detail::PolarToCarteWith(p, band, Mix4);
+  return light_rays_detail::PolarToCarteWith(p, band, [](auto... a) { return Mix4(a...); });
 }
 
 int32_t RotateBack(const RotateBackParam& p, const Rect& band) {
-  if (!p.rotated || !p.dst || !p.rotated->data || !p.dst->data) return E_POINTER;
-  if (p.rotated_w < 2 || p.rotated_h < 2) return E_INVALIDARG;
-  const Rect r = BandInArea(band, p.area, *p.dst);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
-    const float fy = static_cast<float>(y);
-    for (int32_t x = r.left; x < r.right; ++x) {
-      const float fx = static_cast<float>(x);
-      const float u = p.u0 + fx * p.ux + fy * p.uy;
-      const float v = p.v0 + fx * p.vx + fy * p.vy;
-      const Cell cell = ClampedCell(p.rotated_w, p.rotated_h, u, v);
-      const uint8_t* r0 = RowPtr(*p.rotated, cell.vi) + static_cast<ptrdiff_t>(cell.ui) * 4;
-      out[x] = Mix4(r0, r0 + 4, r0 + p.rotated->stride, r0 + p.rotated->stride + 4, cell.fu, cell.fv);
-    }
-  }
-  return S_OK;
+  return light_rays_detail::RotateBackWith(p, band, [](auto... a) { return Mix4(a...); });
 }
 
 }  // namespace Korvane

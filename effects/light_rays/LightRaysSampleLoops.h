@@ -58,5 +58,24 @@ int32_t PolarToCarteWith(const PolarToCarteParam& p, const Rect& band, Mix mix) 
   return S_OK;
 }
 
+template <class Mix>
+int32_t RotateBackWith(const RotateBackParam& p, const Rect& band, Mix mix) {
+  if (!p.rotated || !p.dst || !p.rotated->data || !p.dst->data) return E_POINTER;
+  if (p.rotated_w < 2 || p.rotated_h < 2) return E_INVALIDARG;
+  const Rect r = BandInArea(band, p.area, *p.dst);
+  const int32_t stride = p.rotated->stride;
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
+    const float fy = static_cast<float>(y);
+    for (int32_t x = r.left; x < r.right; ++x) {
+      const float fx = static_cast<float>(x);
+      const Cell cell = ClampedCell(p.rotated_w, p.rotated_h, p.u0 + fx * p.ux + fy * p.uy, p.v0 + fx * p.vx + fy * p.vy);
+      const uint8_t* r0 = RowPtr(*p.rotated, cell.vi) + static_cast<ptrdiff_t>(cell.ui) * 4;
+      out[x] = mix(r0, r0 + 4, r0 + stride, r0 + stride + 4, cell.fu, cell.fv);
+    }
+  }
+  return S_OK;
+}
+
 }  // namespace light_rays_detail
 }  // namespace Korvane

@@ -37,11 +37,15 @@ inline uint32_t Mix4Sse(const uint8_t* p00, const uint8_t* p01, const uint8_t* p
 }  // namespace
 
 int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band) {
-  return light_rays_detail::SampleRowsWith(p, band, Mix4Sse);
+  return light_rays_detail::SampleRowsWith(p, band, [](auto... a) { return Mix4Sse(a...); });
 }
 
 int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band) {
-  return light_rays_detail::PolarToCarteWith(p, band, Mix4Sse);
+  return light_rays_detail::PolarToCarteWith(p, band, [](auto... a) { return Mix4Sse(a...); });
+}
+
+int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band) {
+  return light_rays_detail::RotateBackWith(p, band, [](auto... a) { return Mix4Sse(a...); });
 }
 
 }  // namespace Korvane

@@ -77,6 +77,21 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
     ASSERT_EQ(SampleRows_SSE4(sp, Rect{0, 0, cols, rows}), S_OK);
     EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, cols);
 
+    // The smear of random rows (lengths short and long, every gain).
+    Bytes noise = KorvaneTest::RandomBytes(rows * cols * 4, 60 + w);
+    SmartBuffer dn = View(noise, cols, rows);
+    std::vector<uint16_t> gains(rows);
+    for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
+    for (int length : {1, 2, 5, cols, kMaxRayLength}) {
+      Bytes sa(rows * cols * 4, 3), sb(rows * cols * 4, 3);
+      SmartBuffer qa = View(sa, cols, rows), qb = View(sb, cols, rows);
+      SmearRowsParam smear{&dn, &qa, lines.data(), gains.data(), length};
+      ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
+      smear.dst = &qb;
+      ASSERT_EQ(SmearRows_SSE4(smear, Rect{0, 0, cols, rows}), S_OK);
+      EXPECT_EQ(sa, sb) << w << ", length " << length << ": " << KorvaneTest::FirstDifference(sa, sb, cols);
+    }
+
     // Back from a ray-space image through a table of arbitrary positions.
     std::vector<float> map(static_cast<size_t>(w) * h * 2);
     for (size_t i = 0; i < map.size(); i += 2) {
@@ -96,6 +111,24 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
     ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
     pp.dst = &qb;
     ASSERT_EQ(PolarToCarte_SSE4(pp, pp.area), S_OK);
+    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+
+    // The inverse rotation at an arbitrary angle, reading past every edge.
+    RotateBackParam rp;
+    rp.rotated = &da;
+    rp.rotated_w = cols;
+    rp.rotated_h = rows;
+    rp.dst = &qa;
+    rp.u0 = -2.5f;
+    rp.ux = 0.8f;
+    rp.uy = 0.6f;
+    rp.v0 = rows * 0.5f;
+    rp.vx = -0.6f;
+    rp.vy = 0.8f;
+    rp.area = Rect{0, h / 2, w, h};
+    ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
+    rp.dst = &qb;
+    ASSERT_EQ(RotateBack_SSE4(rp, rp.area), S_OK);
     EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
   }
 }

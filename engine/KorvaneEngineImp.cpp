@@ -16,6 +16,7 @@
 #include "effects/glitch/GlitchEffect.h"
 #include "effects/glow/GlowEffect.h"
 #include "effects/light_rays/LightRaysEffect.h"
+#include "effects/sparkle/SparkleEffect.h"
 
 using Korvane::DebugLog;
 
@@ -69,6 +70,7 @@ int32_t KorvaneEngineImp::Construct(void** p_effect_inst, int32_t type) {
     case Korvane::EFFECT_GLITCH: return Make<Korvane::Glitch, Korvane::GlitchEffect>(p_effect_inst, type);
     case Korvane::EFFECT_LIGHT_RAYS: return Make<Korvane::LightRays, Korvane::LightRaysEffect>(p_effect_inst, type);
     case Korvane::EFFECT_BOKEH: return Make<Korvane::Bokeh, Korvane::BokehEffect>(p_effect_inst, type);
+    case Korvane::EFFECT_SPARKLE: return Make<Korvane::Sparkle, Korvane::SparkleEffect>(p_effect_inst, type);
     case Korvane::EFFECT_GLOW: return Make<Korvane::Glow, Korvane::GlowEffect>(p_effect_inst, type);
     case Korvane::EFFECT_FOCUS_BLUR: return Make<Korvane::FocusBlur, Korvane::FocusBlurEffect>(p_effect_inst, type);
     default:

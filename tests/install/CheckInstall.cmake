@@ -1,11 +1,20 @@
 # Installs the build into a scratch prefix, then builds and runs a tiny
-# consumer twice: with find_package(Korvane) and with pkg-config.
+# consumer twice: with find_package(Korvane) and with pkg-config. With TOOL
+# set, the installed korvane tool must run from that prefix too, with no
+# help from the environment.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix}
                 RESULT_VARIABLE rc OUTPUT_QUIET)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "install failed")
+endif()
+
+if(TOOL)
+  execute_process(COMMAND ${prefix}/bin/korvane info RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "installed tool failed to run: ${err}")
+  endif()
 endif()
 
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${CONSUMER_SRC} -B ${WORK_DIR}/build

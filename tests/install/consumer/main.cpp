@@ -1,12 +1,12 @@
 // A minimal application: loads the engine and runs one effect through the
-// installed headers only.
+// public headers only (installed, or from a source tree it builds itself).
 #include <cstdio>
 #include <vector>
 
-#include "core/ImageBuffer.h"
-#include "core/Version.h"
-#include "effects/focus_blur/FocusBlur.h"
-#include "engine/KorvaneEngine.h"
+#include <korvane/core/ImageBuffer.h>
+#include <korvane/core/Version.h>
+#include <korvane/effects/focus_blur/FocusBlur.h>
+#include <korvane/engine/KorvaneEngine.h>
 
 int main() {
   KorvaneEngine* engine = nullptr;

@@ -1,5 +1,4 @@
 #include "core/BilinearResize.h"
-#include "core/ImageChecks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,6 +6,7 @@
 
 #include "core/BilinearResizePlan.h"
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "core/Simd.h"
 

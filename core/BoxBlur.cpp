@@ -1,5 +1,4 @@
 #include "core/BoxBlur.h"
-#include "core/ImageChecks.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,8 +9,8 @@
 
 #include "core/BoxBlurDetail.h"
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
 #include "core/ResultCode.h"
-#include "core/Simd.h"
 #include "core/Simd.h"
 
 namespace Korvane {

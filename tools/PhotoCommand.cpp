@@ -95,6 +95,8 @@ int RunPhotos(const PhotoIo& io, const std::vector<std::string>& others, const R
   if (std::count(io.inputs.begin(), io.inputs.end(), std::string("-")) > 1) {
     return Usage("standard input ('-') can be read once");
   }
+  std::error_code ec;
+  if (std::filesystem::is_directory(io.output, ec)) return Fail(io.output + ": is a folder; give a file name");
   if (io.output != "-") {
     const std::string ext = Extension(OutputName(io.output, io.inputs.front()));
     if (FormatOf(ext).empty() && !(pattern && io.output.find("{ext}") != std::string::npos)) {

@@ -162,3 +162,25 @@ TEST(CliAnimate, RefusesMismatchedMaskUnknownFormatAndOverwritingInput) {
   EXPECT_NE(r.exit_code, 0);
   EXPECT_NE(ReadAll(fx.flows).find("stroke"), std::string::npos) << "the flow file was overwritten";
 }
+
+TEST(CliAnimate, WarnsAboutFlowsThatCannotMoveAnythingAndCleansTheFrameFolder) {
+  AnimateFixture fx;
+  const std::string empty = fx.Write("empty.json", R"({"flows": []})");
+  const std::string outside = fx.Write("outside.json", R"({"flows": [{"type": "path", "points": [[500, 500], [900, 600]]}]})");
+  CliResult r = RunCli(fx.Args(empty, fx.dir + "/new/a.webp") + " --frames 2");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("warning: the flow file has no flows"), std::string::npos) << r.output;
+  EXPECT_TRUE(std::filesystem::exists(fx.dir + "/new/a.webp")) << "the missing folder is created";
+  r = RunCli("animate " + fx.photo + " --flows " + outside + " --frames 2 -o " + fx.dir + "/b.webp");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("warning: 2 of 2 flow points lie outside the 64x40 photo"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("warning: no --still mask"), std::string::npos) << r.output;
+
+  std::filesystem::create_directories(fx.dir + "/frames");
+  std::ofstream(fx.dir + "/frames/frame_0099.png") << "old";
+  std::ofstream(fx.dir + "/frames/notes.txt") << "mine";
+  ASSERT_EQ(RunCli(fx.Args(fx.flows, fx.dir + "/frames") + " --frames 3 -q").exit_code, 0);
+  EXPECT_FALSE(std::filesystem::exists(fx.dir + "/frames/frame_0099.png"));
+  EXPECT_TRUE(std::filesystem::exists(fx.dir + "/frames/frame_0002.png"));
+  EXPECT_TRUE(std::filesystem::exists(fx.dir + "/frames/notes.txt"));
+}

@@ -1,9 +1,11 @@
 // The tool's error exits: one line naming the file or option, a non-zero
 // exit code, library result codes by name, and no output written.
 #include <gtest/gtest.h>
+#include <vips/vips8>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -104,4 +106,121 @@ TEST(CliErrors, TheInputIsNeverOverwritten) {
   ExpectFailure("focus-blur " + dir + "/photo.png --guide " + dir + "/depth.png -o " + dir + "/depth.png",
                 "is the input file");
   EXPECT_EQ(std::filesystem::file_size(dir + "/photo.png"), before);
+}
+
+namespace {
+
+uint32_t Crc32(const std::string& bytes) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (unsigned char c : bytes) {
+    crc ^= c;
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+std::string Be32(uint32_t v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+
+std::string Chunk(const std::string& type_and_data) {
+  return Be32(static_cast<uint32_t>(type_and_data.size() - 4)) + type_and_data + Be32(Crc32(type_and_data));
+}
+
+// A PNG of a few dozen bytes whose valid header claims w x h.
+std::string PngHeaderOnly(uint32_t w, uint32_t h) {
+  return std::string("\x89PNG\r\n\x1a\n", 8) +
+         Chunk("IHDR" + Be32(w) + Be32(h) + std::string("\x08\x06\x00\x00\x00", 5)) +
+         Chunk(std::string("IDAT\x78\x9c\x01\x00\x00", 9)) + Chunk("IEND");
+}
+
+// A JPEG whose marker stream holds `scans` start-of-scan segments.
+std::string JpegWithScans(int scans) {
+  std::string j("\xFF\xD8", 2);
+  for (int i = 0; i < scans; ++i) j += std::string("\xFF\xDA\x00\x08\x01\x01\x00\x00\x3F\x00\x00", 11);
+  return j + std::string("\xFF\xD9", 2);
+}
+
+void WriteBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+}  // namespace
+
+TEST(CliErrors, HostileFilesGiveOneLineAndWriteNothing) {
+  const std::string dir = Scratch();
+  WritePhoto(dir, "photo.png", 16, 12);
+  const std::string photo = dir + "/photo.png", out = dir + "/out.png";
+  WriteBytes(dir + "/huge.png", PngHeaderOnly(16384, 16384));
+  WriteBytes(dir + "/scans.jpg", JpegWithScans(300));
+  WriteBytes(dir + "/big-number.json", R"({"flows": [{"type": "path", "points": [[1e400, 5], [3, 4]]}]})");
+  std::filesystem::create_directories(dir + "/folder");
+  const std::string anim = "animate " + photo + " --flows " + dir + "/big-number.json -o " + out;
+  const struct {
+    std::string args, message;
+  } cases[] = {
+      {"glitch " + dir + "/huge.png -o " + out, "huge.png: 16384x16384 is more than the 200-megapixel limit"},
+      {"glitch " + dir + "/scans.jpg -o " + out, "scans.jpg: JPEG with more than 200 scans refused"},
+      {anim, "big-number.json: not valid JSON"},
+      {"glitch " + dir + "/folder -o " + out, "folder: is a folder, not a file"},
+      {"focus-blur " + photo + " --guide " + dir + "/folder -o " + out, "folder: is a folder"},
+      {"glow " + photo + " --mask " + dir + "/folder -o " + out, "folder: is a folder"},
+      {"animate " + photo + " --flows " + dir + "/folder -o " + out, "folder: is a folder"},
+      {"animate " + dir + "/folder --flows " + dir + "/big-number.json -o " + out, "folder: is a folder"},
+      {"glitch " + photo + " -o " + dir + "/folder", "folder: is a folder; give a file name"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    ExpectFailure(c.args, c.message, out);
+  }
+  ExpectFailure(anim + " --frames 1", "--frames: 1 is outside 2..1000", out, 2);
+  ExpectFailure(anim + " --loop-mode -1", "--loop-mode: -1 is outside 0..2", out, 2);
+}
+
+TEST(CliErrors, AFailedWriteIsReportedAndKeepsTheOldFile) {
+  const std::string dir = Scratch();
+  WritePhoto(dir, "photo.png", 16, 12);
+  // A full disk is noticed when the data is flushed at close, not only on write.
+  if (std::filesystem::exists("/dev/full")) {
+    std::filesystem::create_symlink("/dev/full", dir + "/full.png");
+    ExpectFailure("glitch " + dir + "/photo.png -o " + dir + "/full.png", "full.png: cannot write");
+  }
+  // A render that fails leaves an earlier output as it was.
+  WriteBytes(dir + "/out.png", "earlier");
+  ExpectFailure("glow " + dir + "/photo.png --radius 5 -o " + dir + "/out.png", "--radius 5");
+  std::ifstream f(dir + "/out.png");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(f), {}), "earlier");
+}
+
+TEST(CliErrors, RunningOutOfMemoryIsOneLine) {
+  const std::string dir = Scratch();
+  // 36 megapixels in a small file; 400 MB of address space cannot hold it twice.
+  StartImageLibrary();
+  (vips::VImage::black(6000, 6000, vips::VImage::option()->set("bands", 3)) + 128)
+      .cast(VIPS_FORMAT_UCHAR)
+      .write_to_file((dir + "/big.png").c_str(), vips::VImage::option()->set("compression", 1));
+  const std::string cmd = "ulimit -v 400000; \"" + std::string(KORVANE_CLI) + "\" glow " + dir + "/big.png -o " + dir +
+                          "/out.png 2>&1";
+  FILE* pipe = popen(cmd.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::string text;
+  char buf[512];
+  for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) text.append(buf, n);
+  const int status = pclose(pipe);
+  ASSERT_TRUE(WIFEXITED(status)) << "killed by a signal: " << text;
+  EXPECT_EQ(WEXITSTATUS(status), 1) << text;
+  EXPECT_NE(text.find("korvane: "), std::string::npos) << text;
+  EXPECT_NE(text.find("memory"), std::string::npos) << text;
+  EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
+}
+
+TEST(CliErrors, FrameFoldersNeverEatTheirInputs) {
+  const std::string dir = Scratch();
+  std::filesystem::create_directories(dir + "/d");
+  WritePhoto(dir, "d/frame_0000.png", 16, 12);
+  WriteBytes(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[2, 2], [10, 6]]}]})");
+  const auto before = std::filesystem::file_size(dir + "/d/frame_0000.png");
+  ExpectFailure("animate " + dir + "/d/frame_0000.png --flows " + dir + "/flows.json -o " + dir + "/d",
+                "frame_0000.png is a frame file in the output folder");
+  EXPECT_EQ(std::filesystem::file_size(dir + "/d/frame_0000.png"), before);
 }

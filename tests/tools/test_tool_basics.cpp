@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -90,9 +92,36 @@ TEST(Cli, DemoRendersTheSceneAndEachEffectIntoTheFolder) {
   EXPECT_EQ(scene.width, 160);
   EXPECT_EQ(scene.height, 120);
   EXPECT_NE(r.output.find("focus-blur.png"), std::string::npos) << r.output;
+  // What the animation uses, for a newcomer to copy.
+  EXPECT_EQ(ReadImage(dir + "/out/scene-still.png").width, 160);
+  std::ifstream flows(dir + "/out/animation-flows.json");
+  const std::string text((std::istreambuf_iterator<char>(flows)), {});
+  EXPECT_NE(text.find("\"flows\""), std::string::npos);
+  EXPECT_NE(text.find("\"anchor\""), std::string::npos);
   for (const char* name : {"focus-blur.png", "glitch-split.png", "glitch-circle.png"}) {
     const Image out = ReadImage(dir + "/out/" + name);
     EXPECT_EQ(out.width, 160) << name;
     EXPECT_NE(out.pixels, scene.pixels) << name;
   }
+}
+
+TEST(Cli, BatchNamesEachOutputAndReportsTheBadFile) {
+  const std::string dir = Scratch();
+  WriteImage(dir, "a.png", NoisePhoto(20, 16, 1));
+  WriteImage(dir, "c.jpg", NoisePhoto(24, 16, 2));
+  std::ofstream(dir + "/b.png") << "not a picture";
+  const CliResult r = RunCli("glitch " + dir + "/a.png " + dir + "/b.png " + dir + "/c.jpg -o " + dir +
+                             "/out/{name}-{ext}.png");
+  EXPECT_EQ(r.exit_code, 1) << r.output;
+  EXPECT_NE(r.output.find("b.png: unsupported image format"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("3 photos in"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("1 failed"), std::string::npos) << r.output;
+  EXPECT_EQ(ReadImage(dir + "/out/a-png.png").width, 20);
+  EXPECT_EQ(ReadImage(dir + "/out/c-jpg.png").width, 24);
+  EXPECT_FALSE(std::filesystem::exists(dir + "/out/b-png.png"));
+  // Several photos need {name}; --quiet prints nothing on success.
+  EXPECT_EQ(RunCli("glitch " + dir + "/a.png " + dir + "/c.jpg -o " + dir + "/one.png").exit_code, 2);
+  const CliResult quiet = RunCli("glitch " + dir + "/a.png " + dir + "/c.jpg -q -o " + dir + "/q/{name}.jpg");
+  EXPECT_EQ(quiet.exit_code, 0);
+  EXPECT_EQ(quiet.output, "");
 }

@@ -49,6 +49,7 @@ DemoScene MakeDemoScene(int width, int height) {
   s.photo = Image(width, height, 4);
   s.depth = Image(width, height, 1);
   s.still = Image(width, height, 1);
+  s.subject = Image(width, height, 1);
   s.subject_depth = 220;
   const float W = static_cast<float>(width), H = static_cast<float>(height);
   const float horizon = 0.56f * H;
@@ -92,23 +93,24 @@ DemoScene MakeDemoScene(int width, int height) {
       // The lighthouse on its rock: the subject that stays sharp and still.
       const float tower_t = (fy - tower_top) / (tower_base - tower_top);
       const float half = (0.028f + 0.022f * Clamp01(tower_t)) * W;
-      bool subject = false;
+      bool subject = false, tower = false;
       if (tower_t >= 0 && tower_t <= 1 && std::fabs(fx - tower_x) < half) {
         const float shade = 0.55f + 0.45f * std::cos((fx - tower_x) / half * 1.3f);
         const bool red = static_cast<int>(tower_t * 6) % 2 == 0;
         c = red ? Rgb{200 * shade, 40 * shade, 35 * shade} : Rgb{240 * shade, 235 * shade, 225 * shade};
-        subject = true;
+        subject = tower = true;
       }
       const float lamp_y = tower_top - 0.03f * H;
       if (fy >= lamp_y && fy < tower_top && std::fabs(fx - tower_x) < 0.025f * W) {
         c = {255, 245, 200};
-        subject = true;
+        subject = tower = true;
       }
       const float rx = (fx - tower_x) / (0.16f * W), ry = (fy - rock_y) / (0.07f * H);
       if (rx * rx + ry * ry < 1.0f + 0.25f * (Noise(fx / 20.0f, fy / 20.0f) - 0.5f) && fy > tower_base - 10) {
         const float n = Fbm(fx / 25.0f, fy / 25.0f);
         c = {60 + 50 * n, 55 + 45 * n, 50 + 40 * n};
         subject = true;
+        tower = false;
       }
       if (subject) depth = static_cast<float>(s.subject_depth);
 
@@ -119,6 +121,7 @@ DemoScene MakeDemoScene(int width, int height) {
       p[3] = 255;
       *s.depth.at(x, y) = static_cast<uint8_t>(depth);
       *s.still.at(x, y) = subject ? 255 : 0;
+      *s.subject.at(x, y) = tower ? 255 : 0;
     }
   }
   // Small bright lights along the distant shore, and a few in the sky.

@@ -23,6 +23,7 @@ struct DemoScene {
   Image photo;          // BGRA
   Image depth;          // gray guide: larger is nearer
   Image still;          // gray: non-zero marks what must not move (the lighthouse)
+  Image subject;        // gray: the lighthouse alone, without its rock (what crumbles)
   int subject_depth = 0;  // guide value of the lighthouse
   std::vector<DemoFlow> flows;  // sea and clouds drift to the right
 };

@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+// A dark photo 320 x 200 with bright dots, and a guide that keeps the left
+// quarter in focus.
+void WriteLights(const std::string& dir) {
+  const int w = 320, h = 200;
+  Image photo(w, h, 4), guide(w, h, 1);
+  std::mt19937 rng(4);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = photo.at(x, y);
+      p[0] = static_cast<uint8_t>(30 + rng() % 4), p[1] = 20, p[2] = 25, p[3] = 255;
+      *guide.at(x, y) = x < w / 4 ? 230 : 0;
+    }
+  for (auto [cx, cy] : {std::pair<int, int>{100, 50}, {200, 120}, {280, 60}, {150, 170}})
+    for (int y = cy - 1; y <= cy + 1; ++y)
+      for (int x = cx - 1; x <= cx + 1; ++x) {
+        uint8_t* p = photo.at(x, y);
+        p[0] = 200, p[1] = 240, p[2] = 255;
+      }
+  WriteImage(dir, "photo.png", photo);
+  WriteImage(dir, "depth.png", guide);
+}
+
+}  // namespace
+
+TEST(CliBokeh, PointsJsonListsTheDetectedPoints) {
+  const std::string dir = Scratch();
+  WriteLights(dir);
+  const CliResult r = RunCli("bokeh " + dir + "/photo.png --points-json " + dir + "/points.json");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  std::vector<uint8_t> bytes;
+  std::string error;
+  ASSERT_TRUE(ReadWholeFile(dir + "/points.json", bytes, error)) << error;
+  const auto doc = nlohmann::json::parse(bytes.begin(), bytes.end());
+  EXPECT_EQ(doc["width"], 640);
+  EXPECT_EQ(doc["height"], 400);
+  ASSERT_GE(doc["points"].size(), 4u);
+  int previous = -1;
+  for (const auto& p : doc["points"]) {
+    const int x = p["x"], y = p["y"];
+    EXPECT_GT(y * 640 + x, previous);  // list order is scan order
+    previous = y * 640 + x;
+    EXPECT_GE(p["phase"].get<int>(), 0);
+    EXPECT_LT(p["phase"].get<int>(), 132);
+    EXPECT_LT(p["random"].get<double>(), 1.0);
+    EXPECT_LT(p["color"].get<int>(), 24);
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
+}
+
+TEST(CliBokeh, StillLoopAndOverlay) {
+  const std::string dir = Scratch();
+  WriteLights(dir);
+  const Image photo = ReadImage(dir + "/photo.png");
+  const Image still =
+      RunCliImage("bokeh " + dir + "/photo.png --guide " + dir + "/depth.png --amount 1 --shape hexagon --color random",
+                  dir + "/still.png");
+  ASSERT_EQ(still.width, 320);
+  ASSERT_EQ(still.height, 200);
+  // Light is added near the dots.
+  int brighter = 0;
+  for (int y = 40; y < 60; ++y)
+    for (int x = 90; x < 110; ++x) brighter += still.at(x, y)[1] > photo.at(x, y)[1] + 20;
+  EXPECT_GT(brighter, 20);
+
+  const CliResult loop = RunCli("bokeh " + dir + "/photo.png --twinkle --frames 3 -o " + dir + "/frames");
+  ASSERT_EQ(loop.exit_code, 0) << loop.output;
+  for (const char* f : {"frame_0000.png", "frame_0001.png", "frame_0002.png"})
+    EXPECT_TRUE(std::filesystem::exists(dir + "/frames/" + f)) << f;
+
+  const CliResult overlay = RunCli("bokeh " + dir + "/photo.png --points-overlay " + dir + "/rings.png");
+  ASSERT_EQ(overlay.exit_code, 0) << overlay.output;
+  EXPECT_EQ(ReadImage(dir + "/rings.png").width, 320);
+}
+
+TEST(CliBokeh, RefusesBadInput) {
+  const std::string dir = Scratch();
+  WriteLights(dir);
+  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --amount 2 -o " + dir + "/o.png").exit_code, 2);
+  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png -o " + dir + "/o.png --color pink").exit_code, 2);
+  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png").exit_code, 2);  // nothing to write
+  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --shape " + dir + "/missing.png -o " + dir + "/o.png").exit_code, 1);
+  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/photo.png -o " + dir + "/photo.png").exit_code, 1);
+}

@@ -80,6 +80,26 @@ TEST(SheetLayout, SheetHoldsEveryTileUntouched) {
   EXPECT_EQ(MakeSheet(tiles, {}, 3).width, 0);  // tiles of another size
 }
 
+TEST(SheetLayout, SizesAreBoundedAndNeverOverflow) {
+  // Ten million source pixels into one: the sum passes 2^31.
+  const Image wide = ScaleToWidth(Image(100000, 100, 4, 255), 1);
+  ASSERT_EQ(wide.width, 1);
+  EXPECT_EQ(wide.at(0, 0)[0], 255);
+  // The sheet of a very tall photo is refused by its size, before any tile is made.
+  int64_t w = 0, h = 0;
+  SheetSize(240, 2000000000, 29, 6, w, h);
+  EXPECT_GT(h, int64_t{2000000000} * 5);
+  EXPECT_NE(CheckSheetSize(Image(240, 60000, 1), 8, 4), 0);
+  EXPECT_EQ(CheckSheetSize(Image(240, 160, 1), 8, 4), 0);
+  // The glitch sheet is made of 240-pixel tiles by default, whatever the photo.
+  const std::string dir = KorvaneToolTest::Scratch();
+  const std::string in = WriteImage(dir, "wide.png", NoisePhoto(1200, 40, 9));
+  ASSERT_EQ(RunCli("glitch " + in + " --type-sheet --columns 8 -o " + dir + "/s.png").exit_code, 0);
+  int64_t sw = 0, sh = 0;
+  SheetSize(240, 8, 8, 8, sw, sh);
+  EXPECT_EQ(ReadImage(dir + "/s.png").width, sw);
+}
+
 TEST(SheetLayout, LabelsScaleAndClipAtTheImageEdges) {
   EXPECT_EQ(LabelWidth("Ab1", 1), 17);
   EXPECT_EQ(LabelWidth("Ab1", 3), 51);

@@ -68,6 +68,8 @@ TEST(ImageFormats, EveryClaimedFormatReadsAsTheSamePicture) {
                           .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_RGB16)), nullptr, 1},
       {"palette.png", pic, VImage::option()->set("palette", true), 4},
       {"lossless.webp", pic, VImage::option()->set("lossless", true), 0},
+      {"lossless.jxl", pic, VImage::option()->set("lossless", true), 1},
+      {"still.avif", pic, VImage::option()->set("Q", 90)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_AV1), 24},
       {"deflate.tif", pic, VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE), 0},
       // The saturated blue lies outside the CMYK gamut; it comes back duller.
       {"cmyk.jpg", pic.icc_transform("cmyk", VImage::option()->set("input_profile", "srgb")),

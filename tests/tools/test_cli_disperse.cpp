@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "ImageIO.h"
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+// A textured photo with a square subject, as PNG files in a scratch folder.
+struct DisperseFixture {
+  std::string dir, photo, mask;
+  Image img;
+  DisperseFixture() : dir(Scratch()) {
+    img = NoisePhoto(48, 32, 4);
+    for (size_t i = 3; i < img.pixels.size(); i += 4) img.pixels[i] = 255;
+    Image m(48, 32, 1, 0);
+    for (int y = 8; y < 24; ++y)
+      for (int x = 20; x < 36; ++x) *m.at(x, y) = 255;
+    photo = WriteImage(dir, "photo.png", img);
+    mask = WriteImage(dir, "mask.png", m);
+  }
+};
+
+TEST(CliDisperse, WritesFramesThatStartFromThePhotoAndLoops) {
+  DisperseFixture f;
+  const CliResult r = RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --size 1 --density 1 -o " +
+                             f.dir + "/frames");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  EXPECT_NE(r.output.find("6 frames"), std::string::npos) << r.output;
+  const Image first = ReadImage(f.dir + "/frames/frame_0000.png");
+  EXPECT_EQ(first.pixels, f.img.pixels);
+  const Image mid = ReadImage(f.dir + "/frames/frame_0003.png");
+  EXPECT_NE(mid.pixels, f.img.pixels);
+  EXPECT_FALSE(std::filesystem::exists(f.dir + "/frames/frame_0006.png"));
+
+  // The loop goes back the way it came: its last frame is its second.
+  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --loop -o " + f.dir + "/loop").exit_code, 0);
+  EXPECT_EQ(ReadImage(f.dir + "/loop/frame_0005.png").pixels, ReadImage(f.dir + "/loop/frame_0001.png").pixels);
+  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 4 -q -o " + f.dir + "/d.webp").output, "");
+  EXPECT_TRUE(std::filesystem::exists(f.dir + "/d.webp"));
+}
+
+TEST(CliDisperse, BadSettingsAndMasksFailWithOneLine) {
+  DisperseFixture f;
+  CliResult r = RunCli("disperse " + f.photo + " --mask " + f.mask + " --spread 200 -o " + f.dir + "/o.webp");
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.output.find("--spread: 200 is outside 0..180"), std::string::npos) << r.output;
+  r = RunCli("disperse " + f.photo + " --mask " + f.mask + " --size 0.2 -o " + f.dir + "/o.webp");
+  EXPECT_EQ(r.exit_code, 2) << r.output;
+  const std::string small = WriteImage(f.dir, "small.png", Image(10, 10, 1, 255));
+  r = RunCli("disperse " + f.photo + " --mask " + small + " -o " + f.dir + "/o.webp");
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("is 10x10 but the photo is 48x32"), std::string::npos) << r.output;
+  EXPECT_EQ(RunCli("disperse " + f.photo + " -o " + f.dir + "/o.webp").exit_code, 2);  // no mask
+  EXPECT_FALSE(std::filesystem::exists(f.dir + "/o.webp"));
+}
+
+}  // namespace

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "TestSupport.h"
 #include "core/BilinearResize.h"
-#include "tests/core/KernelTestSupport.h"
 
 using namespace Korvane;
 using namespace KorvaneTest;

@@ -2,9 +2,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "TestSupport.h"
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
-#include "tests/core/KernelTestSupport.h"
 
 using namespace Korvane;
 using namespace KorvaneTest;

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "TestSupport.h"
 #include "core/BoxBlur.h"
-#include "tests/core/KernelTestSupport.h"
 
 using namespace Korvane;
 using namespace KorvaneTest;

@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "AnimationTestSupport.h"
+#include "TestSupport.h"
 #include "core/SmartBuffer.h"
 #include "effects/animation/InpaintMask.h"
 
@@ -25,7 +25,7 @@ struct Photo {
 
 Photo RandomPhoto(int w, int h, uint32_t seed) {
   Photo p(w, h);
-  p.bgra = AnimationTest::RandomBytes(p.bgra.size(), seed);
+  p.bgra = KorvaneTest::RandomBytes(p.bgra.size(), seed);
   return p;
 }
 

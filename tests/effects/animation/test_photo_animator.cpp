@@ -7,15 +7,14 @@
 #include <random>
 #include <vector>
 
+#include "TestSupport.h"
 #include "core/Simd.h"
 #include "core/ThreadPool.h"
 #include "effects/animation/AnimationKernels.h"
 #include "effects/animation/PhotoAnimator.h"
-#include "AnimationTestSupport.h"
-#include "TestSupport.h"
 
 using namespace Korvane;
-using AnimationTest::RandomBytes;
+using KorvaneTest::RandomBytes;
 
 namespace {
 
@@ -77,14 +76,8 @@ struct Frame {
 };
 
 // An animator on its own pool of `workers`, plain (simd 0) or SSE4.1 (5).
-struct Rig {
-  CThreadPool pool;
-  std::unique_ptr<PhotoAnimator> anim;
-  explicit Rig(int workers = 2, int simd = 0) {
-    pool.Create(workers);
-    anim = std::make_unique<PhotoAnimator>(&pool);
-    anim->SetSystemInfo(SystemInfo{2, simd, 0});
-  }
+struct Rig : KorvaneTest::EffectRig<PhotoAnimator> {
+  explicit Rig(int workers = 2, int simd = 0) : EffectRig(workers, simd) {}
 };
 
 // Every frame of a loop, rendered into an output pre-filled with `fill`;
@@ -94,12 +87,12 @@ std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, ui
   Rig rig(workers, simd);
   Frame out(roi ? roi->right - roi->left : s.w, roi ? roi->bottom - roi->top : s.h, fill);
   AnimationParam p = s.Param(&out.buf, frames, loop_mode);
-  EXPECT_EQ(rig.anim->Init(&p), S_OK);
+  EXPECT_EQ(rig->Init(&p), S_OK);
   p.p_output_roi = roi;
   std::vector<std::vector<uint8_t>> result;
   for (uint32_t f = 0; f < frames; ++f) {
     std::fill(out.px.begin(), out.px.end(), fill);
-    EXPECT_EQ(rig.anim->Animate(&p, int32_t(f)), S_OK);
+    EXPECT_EQ(rig->Animate(&p, int32_t(f)), S_OK);
     result.push_back(out.px);
   }
   return result;
@@ -201,9 +194,9 @@ TEST(PhotoAnimator, PaddedRowsRenderAsPacked) {
     AnimationParam p = s.Param(&out.buf, 4);
     p.input = &in.buf;
     p.mask = &still.buf;
-    ASSERT_EQ(rig.anim->Init(&p), S_OK);
+    ASSERT_EQ(rig->Init(&p), S_OK);
     for (int32_t f = 0; f < 4; ++f) {
-      ASSERT_EQ(rig.anim->Animate(&p, f), S_OK);
+      ASSERT_EQ(rig->Animate(&p, f), S_OK);
       EXPECT_EQ(out.Packed(), packed[f]) << "simd " << simd << " frame " << f << ": "
                                          << KorvaneTest::FirstDifference(out.Packed(), packed[f], s.w);
     }
@@ -220,11 +213,11 @@ TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
   s.Add(7, {1, 2, 3, 4});                // unknown kind: ignored
   Frame out(100, 100);
   AnimationParam p = s.Param(&out.buf);
-  ASSERT_EQ(rig.anim->Init(&p), S_OK);
-  const auto& v = rig.anim->MeshPoints();
+  ASSERT_EQ(rig->Init(&p), S_OK);
+  const auto& v = rig->MeshPoints();
   ASSERT_EQ(v.size(), 7u);
-  EXPECT_TRUE(v[0].x == 50 && rig.anim->FlowDx()[0] == 0 && v[1].x == 20 && rig.anim->FlowDx()[1] == 5);
-  EXPECT_EQ(rig.anim->FlowDy()[2], -3);
+  EXPECT_TRUE(v[0].x == 50 && rig->FlowDx()[0] == 0 && v[1].x == 20 && rig->FlowDx()[1] == 5);
+  EXPECT_EQ(rig->FlowDy()[2], -3);
   // 100 / 50 is below the smallest margin of 5.
   EXPECT_TRUE(v[3].x == -5 && v[3].y == -5 && v[6].x == 104 && v[6].y == 104);
 
@@ -232,9 +225,9 @@ TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
   Scene wide(5000, 6, false);
   Frame out2(5000, 6);
   AnimationParam p2 = wide.Param(&out2.buf);
-  ASSERT_EQ(rig.anim->Init(&p2), S_OK);
-  EXPECT_EQ(rig.anim->MeshPoints()[1].x, 4999 + 50);
-  EXPECT_EQ(rig.anim->MeshPoints()[1].y, -5);
+  ASSERT_EQ(rig->Init(&p2), S_OK);
+  EXPECT_EQ(rig->MeshPoints()[1].x, 4999 + 50);
+  EXPECT_EQ(rig->MeshPoints()[1].y, -5);
 }
 
 TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
@@ -244,15 +237,15 @@ TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
   s.Add(FLOW_STROKE, {10, 10, 13, 10, 70, 10, 70, 50});
   Frame out(200, 100);
   AnimationParam p = s.Param(&out.buf);
-  ASSERT_EQ(rig.anim->Init(&p), S_OK);
-  const auto& v = rig.anim->MeshPoints();
+  ASSERT_EQ(rig->Init(&p), S_OK);
+  const auto& v = rig->MeshPoints();
   ASSERT_EQ(v.size(), 10u + 4u);
   for (int i = 0; i < 10; ++i) {
-    EXPECT_NEAR(std::hypot(rig.anim->FlowDx()[i], rig.anim->FlowDy()[i]), 10.0, 1e-3) << i;
+    EXPECT_NEAR(std::hypot(rig->FlowDx()[i], rig->FlowDy()[i]), 10.0, 1e-3) << i;
     if (i < 6) { EXPECT_NEAR(v[i].x, 10 + 10 * i, 1e-3); }
     if (i > 6) { EXPECT_NEAR(v[i].y, 10 * (i - 5), 1e-3); }
   }
-  EXPECT_GT(rig.anim->MovingTriangleCount(), 0u);
+  EXPECT_GT(rig->MovingTriangleCount(), 0u);
 }
 
 TEST(PhotoAnimator, ResultCodes) {

@@ -1,5 +1,5 @@
-// Random images, pools of a chosen size, and a slow, literal reference of the
-// masked blur and the blend for the focus blur tests.
+// A slow, literal reference of the masked blur and the blend for the focus
+// blur tests (random images and pools come from the shared test support).
 #pragma once
 
 #include <cstdint>
@@ -8,31 +8,14 @@
 #include <random>
 #include <vector>
 
-#include "core/SystemInfo.h"
-#include "core/ThreadPool.h"
+#include "TestSupport.h"
 #include "effects/focus_blur/FocusBlend.h"
 #include "effects/focus_blur/GaussianBlur.h"
 
 namespace FocusBlurTest {
 
-inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::vector<uint8_t> v(n);
-  for (auto& b : v) b = static_cast<uint8_t>(rng() & 0xFF);
-  return v;
-}
-
-inline std::unique_ptr<Korvane::CThreadPool> MakePool(int workers) {
-  auto pool = std::make_unique<Korvane::CThreadPool>();
-  pool->Create(workers);
-  return pool;
-}
-
-inline Korvane::SystemInfo Simd(int level) {
-  Korvane::SystemInfo info;
-  info.simd_level = level;
-  return info;
-}
+using KorvaneTest::Level;
+using KorvaneTest::RandomBytes;
 
 // One blur pass exactly as described: each masked pixel takes the weighted
 // mean of the masked pixels within n - 1 along the row (or column), taps in

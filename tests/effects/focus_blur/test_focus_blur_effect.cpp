@@ -4,7 +4,6 @@
 #include <string>
 
 #include "FocusBlurTestSupport.h"
-#include "TestSupport.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
 using namespace Korvane;
@@ -28,9 +27,9 @@ struct Scene {
 };
 
 std::vector<uint8_t> Render(Scene& s, int workers, int simd_level) {
-  auto pool = MakePool(workers);
-  FocusBlurEffect fx(pool.get());
-  fx.SetSystemInfo(Simd(simd_level));
+  KorvaneTest::Runner run(workers);
+  FocusBlurEffect fx(&run.pool);
+  fx.SetSystemInfo(Level(simd_level));
   EXPECT_EQ(fx.Init(&s.param), S_OK);
   EXPECT_EQ(fx.Process(&s.param), S_OK);
   EXPECT_EQ(fx.Uninit(), S_OK);
@@ -124,8 +123,8 @@ TEST(FocusBlurEffect, SharpRegionDoesNotBleedIntoTheBlur) {
 }
 
 TEST(FocusBlurEffect, UnusableRecordsAreLoggedAndLeaveTheOutputAlone) {
-  auto pool = MakePool(2);
-  FocusBlurEffect fx(pool.get());
+  KorvaneTest::Runner run(2);
+  FocusBlurEffect fx(&run.pool);
   EXPECT_EQ(fx.Process(nullptr), E_POINTER);
 
   struct Breakage {
@@ -165,7 +164,7 @@ TEST(FocusBlurEffect, FailingPassLogsItsCallAndReturnsZero) {
   for (int simd : {0, 5}) {
     if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
     FocusBlurEffect fx(nullptr);
-    fx.SetSystemInfo(Simd(simd));
+    fx.SetSystemInfo(Level(simd));
     Scene s(8, 8, 2);
     int32_t hr = -1;
     const std::string log = Logged([&] { hr = fx.Process(&s.param); });
@@ -273,9 +272,9 @@ TEST(FocusBlurEffect, PaddedRowsRenderAsPacked) {
         param.blur_level = c.level;
         param.focus_value = 128;
         param.focus_range = 20;
-        auto pool = MakePool(3);
-        FocusBlurEffect fx(pool.get());
-        fx.SetSystemInfo(Simd(simd));
+        KorvaneTest::Runner run(3);
+        FocusBlurEffect fx(&run.pool);
+        fx.SetSystemInfo(Level(simd));
         const std::string log = Logged([&] { EXPECT_EQ(fx.Process(&param), S_OK); });
         EXPECT_EQ(log, "");
         const KorvaneTest::TestImage& result = in_place ? in : out;

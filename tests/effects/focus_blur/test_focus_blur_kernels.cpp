@@ -58,9 +58,8 @@ namespace {
 // Runs one blur task form over the whole image through a pool of `workers`.
 std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uint8_t> img, int w, int h,
                                  const float* weights, int n, const std::vector<bool>& mask, int workers) {
-  auto pool = MakePool(workers);
-  CThreadAdapter adapter;
-  adapter.Init(pool.get());
+  KorvaneTest::Runner run(workers);
+  CThreadAdapter& adapter = run.adapter;
   GaussianBlurParam p;
   p.buffer = MakeSmartBufferView(img.data(), w, h);
   p.weights.reset(new float[kGaussianHalfTaps]);
@@ -159,9 +158,8 @@ namespace {
 // writing a working image pre-filled with `fill`.
 std::vector<uint8_t> RunBothPasses(ThreadTask task, const std::vector<uint8_t>& img, int w, int h,
                                    const GaussianBlurParam& model, int workers, uint8_t fill) {
-  auto pool = MakePool(workers);
-  CThreadAdapter adapter;
-  adapter.Init(pool.get());
+  KorvaneTest::Runner run(workers);
+  CThreadAdapter& adapter = run.adapter;
   std::vector<uint8_t> out(img.size(), fill);
   std::vector<uint8_t> src = img;
   GaussianBlurParam p = model;

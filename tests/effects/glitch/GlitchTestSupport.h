@@ -1,24 +1,17 @@
-// Random images and a slow reference for the glitch tests.
+// A slow reference for the glitch tests (random images come from the shared
+// test support).
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <random>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace GlitchTest {
 
-// Every byte random, alpha and row padding included, so a misplaced byte shows.
-inline std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
-  std::vector<uint8_t> v(n);
-  std::mt19937 rng(seed);
-  for (size_t i = 0; i < n; i += 4) {
-    const uint32_t r = rng();
-    for (size_t k = 0; k < 4 && i + k < n; ++k) v[i + k] = static_cast<uint8_t>(r >> (8 * k));
-  }
-  return v;
-}
+using KorvaneTest::RandomBytes;
 
 using Offsets = std::array<std::array<int32_t, 2>, 3>;  // (x, y) of blue, green, red
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "GlitchTestSupport.h"
-#include "TestSupport.h"
 #include "core/ThreadPool.h"
 #include "effects/glitch/GlitchEffect.h"
 
@@ -18,18 +17,13 @@ struct Settings {
 // or over a copy of the source itself when `in_place`.
 std::vector<uint8_t> Render(const std::vector<uint8_t>& src, int32_t w, int32_t h, Settings s, int workers = 2,
                             int32_t simd_level = 0, uint8_t fill = 0, bool in_place = false) {
-  CThreadPool pool;
-  pool.Create(workers);
-  GlitchEffect fx(&pool);
-  SystemInfo info;
-  info.simd_level = simd_level;
-  fx.SetSystemInfo(info);
+  KorvaneTest::EffectRig<GlitchEffect> fx(workers, simd_level);
   std::vector<uint8_t> in = src, out(src.size(), fill);
   ImageBuffer ib = MakeImageBuffer(in.data(), w, h), ob = MakeImageBuffer((in_place ? in : out).data(), w, h);
   GlitchImages images{&ib, &ob};
-  EXPECT_EQ(fx.SetImages(&images), S_OK);
+  EXPECT_EQ(fx->SetImages(&images), S_OK);
   GlitchParam p{&ib, &ob, s.type, s.shift_x, s.shift_y, s.radius, s.angle};
-  EXPECT_EQ(fx.Process(&p), S_OK);
+  EXPECT_EQ(fx->Process(&p), S_OK);
   return in_place ? in : out;
 }
 

@@ -11,6 +11,7 @@
 #include <random>
 #include <vector>
 
+#include "TestSupport.h"
 #include "core/ResultCode.h"
 #include "core/Simd.h"
 #include "core/ThreadAdapter.h"
@@ -271,17 +272,12 @@ Image Random(int32_t w, int32_t h, std::mt19937& rng, int min_alpha = 0) {
   return im;
 }
 
-struct Runner {
-  CThreadPool pool;
-  CThreadAdapter adapter;
+// A pool with the blend tables.
+struct Runner : KorvaneTest::Runner {
   int32_t map[kGlowBlendModeCount];
   ThreadTask kernels[kGlowBlendSlotCount];
   ThreadTask kernels_sse41[kGlowBlendSlotCount];
-  explicit Runner(int workers) {
-    pool.Create(workers);
-    adapter.Init(&pool);
-    FillGlowBlendTables(map, kernels, kernels_sse41);
-  }
+  explicit Runner(int workers) : KorvaneTest::Runner(workers) { FillGlowBlendTables(map, kernels, kernels_sse41); }
   int32_t Run(int32_t slot, GlowBlendParam& p, bool sse = false) {
     return adapter.RunTaskByMultiThread(sse ? kernels_sse41[slot] : kernels[slot], &p, nullptr, p.roi);
   }
@@ -437,7 +433,9 @@ TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = &sv; }), E_INVALIDARG);
   // A dst smaller than the roi is written only where it exists.
   std::fill(small.px.begin(), small.px.end(), 0);
-  if (HaveSse41()) EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }, true), S_OK);
+  if (HaveSse41()) {
+    EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }, true), S_OK);
+  }
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }), S_OK);
   // Modes outside 0..28 have no slot, so the effect can refuse them.
   EXPECT_EQ(GlowBlendSlot(29), -1);

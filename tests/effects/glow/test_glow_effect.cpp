@@ -22,12 +22,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes Noise(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  Bytes v(n);
-  for (auto& b : v) b = static_cast<uint8_t>(rng());
-  return v;
-}
+using KorvaneTest::RandomBytes;
 
 // Opaque colour gradients with noise and a grid of bright spots.
 Bytes Photo(int w, int h) {
@@ -46,15 +41,8 @@ Bytes Photo(int w, int h) {
 }
 
 // One effect on its own pool, initialised for a w x h photo (w > 0).
-struct Rig {
-  CThreadPool pool;
-  std::unique_ptr<GlowEffect> fx;
-  Rig(int w, int h, int workers = 2, int32_t simd = 0) {
-    pool.Create(workers);
-    fx = std::make_unique<GlowEffect>(&pool);
-    SystemInfo info;
-    info.simd_level = simd;
-    fx->SetSystemInfo(info);
+struct Rig : KorvaneTest::EffectRig<GlowEffect> {
+  Rig(int w, int h, int workers = 2, int32_t simd = 0) : EffectRig(workers, simd) {
     if (w > 0) {
       EXPECT_EQ(fx->Initialize(w, h), S_OK);
     }
@@ -84,7 +72,7 @@ GlowParam MakeParam(Bytes& src, Bytes& dst, int w, int h) {
 // Renders Photo(w, h) with `tweak` applied to MakeParam's record.
 template <class Tweak>
 Bytes Render(int w, int h, int workers, int32_t simd, Tweak tweak) {
-  Bytes src = Photo(w, h), dst, mask = Noise(static_cast<size_t>(w) * h, 3);
+  Bytes src = Photo(w, h), dst, mask = RandomBytes(static_cast<size_t>(w) * h, 3);
   Rig rig(w, h, workers, simd);
   GlowParam p = MakeParam(src, dst, w, h);
   tweak(p, mask);
@@ -308,27 +296,80 @@ TEST(GlowEffect, SameOutputForOneTwoAndEightWorkers) {
 
 // A record of the exact renderings, every mode, plain and SSE4.1, under
 // settings that reach each stage's special cases (no blur, strongest curves,
-// a mask). Any speed work on a stage must leave these bytes alone.
+// a mask). Any speed work on a stage must leave these bytes alone. Each case
+// pins one FNV-1a digest over all 29 modes' outputs; when it breaks, the
+// per-mode digests of the plain form name the modes that changed, and the
+// SSE4.1 form is compared pixel by pixel with the plain one, its reference.
+namespace {
+
+struct DigestCase {
+  float contrast, radius;
+  bool mask;
+  uint64_t digest;           // all modes, either form
+  uint32_t modes[29];        // per mode, plain form, folded to 32 bits
+};
+
+uint64_t Fnv(uint64_t h, const Bytes& bytes) {
+  for (uint8_t b : bytes) h = (h ^ b) * 1099511628211ull;
+  return h;
+}
+constexpr uint64_t kFnvBasis = 1469598103934665603ull;
+uint32_t Fold(uint64_t h) { return static_cast<uint32_t>(h ^ (h >> 32)); }
+
+std::vector<Bytes> RenderModes(const DigestCase& c, int32_t simd) {
+  std::vector<Bytes> out;
+  for (int32_t mode = 0; mode < 29; ++mode) {
+    out.push_back(Render(67, 43, 2, simd, [&](GlowParam& p, Bytes& mask) {
+      p.glow_contrast = c.contrast;
+      p.glow_radius = c.radius;
+      if (c.mask) p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
+      p.blend_mode = mode;
+    }));
+  }
+  return out;
+}
+
+}  // namespace
+
 TEST(GlowEffect, RenderingsMatchTheirRecordedDigests) {
-  struct Case { float contrast, radius; bool mask; uint64_t digest; };
-  const Case cases[] = {{1.6f, 5.0f, false, 0x63822ae089bc5609ull},
-                        {1.0f, 0.0f, true, 0xa95aae27aa60dc48ull},
-                        {3.0f, 8.0f, true, 0x7e64bc96dc9166feull}};
-  for (const Case& c : cases)
-    for (int32_t simd : {0, 5}) {
-      if (simd && !KORVANE_HAVE_SSE41) continue;
-      uint64_t digest = 1469598103934665603ull;  // FNV-1a over all 29 modes' outputs
-      for (int32_t mode = 0; mode < 29; ++mode) {
-        const Bytes out = Render(67, 43, 2, simd, [&](GlowParam& p, Bytes& mask) {
-          p.glow_contrast = c.contrast;
-          p.glow_radius = c.radius;
-          if (c.mask) p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
-          p.blend_mode = mode;
-        });
-        for (uint8_t b : out) digest = (digest ^ b) * 1099511628211ull;
-      }
-      EXPECT_EQ(digest, c.digest) << std::hex << "0x" << digest << " contrast " << c.contrast << " simd " << simd;
+  // clang-format off
+  const DigestCase cases[] = {
+      {1.6f, 5.0f, false, 0x63822ae089bc5609ull, {
+          0x266d7c01u, 0x94f12dbau, 0xb22c4bf0u, 0x489d39b3u, 0x75ff6eb8u, 0xa677e0f3u, 0xa15b225au,
+          0xdf3dfccfu, 0xed4c3273u, 0xaa92ccadu, 0x8e226887u, 0xfadb8573u, 0xf10a0017u, 0xc10175f0u,
+          0x7fb060e3u, 0xd909f78eu, 0x3feacaf1u, 0xdd9c61b5u, 0x8eb34bb3u, 0x0c6ee51eu, 0xa3846cd4u,
+          0xd7049a8au, 0xb739a045u, 0xc7e71510u, 0x8aeefed2u, 0xeb9a2506u, 0xfcf42c6fu, 0x8e0931e9u,
+          0x266d7c01u}},
+      {1.0f, 0.0f, true, 0xa95aae27aa60dc48ull, {
+          0x735ab8fdu, 0x89b6ed33u, 0x6b359e17u, 0xe91fe536u, 0xb18701c0u, 0x9d875551u, 0x052a76bdu,
+          0xb81af40bu, 0xdf154fd9u, 0x507b560au, 0x17d33dfeu, 0x0f42916du, 0x7161acafu, 0x46cf0942u,
+          0xd1032b25u, 0x06038773u, 0x0e1beedau, 0xd65ff9c3u, 0xaeb7523bu, 0x96ec89dfu, 0x9ff85e9cu,
+          0xe68d3fc5u, 0x6050e5f5u, 0xc89e0141u, 0x4cb73729u, 0x4e2bed94u, 0x9b6890dbu, 0xe66c72a5u,
+          0x735ab8fdu}},
+      {3.0f, 8.0f, true, 0x7e64bc96dc9166feull, {
+          0x28a0cac5u, 0xe1386915u, 0x76bf9da5u, 0x12ec5650u, 0x5c53af5eu, 0x5fa78b49u, 0xaf85ae75u,
+          0xc02c361eu, 0x8bd9b4c3u, 0xde9ebc4du, 0x3582c958u, 0xebf72c16u, 0x71432ebau, 0xbd63e08cu,
+          0x39395eccu, 0x98a98488u, 0x0b0b515du, 0x1b951820u, 0x8ca2081du, 0x4c2a7f68u, 0x599f4245u,
+          0xa78bcc5fu, 0x6d696851u, 0x35917d3au, 0x76c1fc6au, 0x8d44de51u, 0x678ceaf1u, 0x40804556u,
+          0x28a0cac5u}}};
+  // clang-format on
+  for (const DigestCase& c : cases) {
+    const std::vector<Bytes> plain = RenderModes(c, 0);
+    uint64_t digest = kFnvBasis;
+    for (const Bytes& out : plain) digest = Fnv(digest, out);
+    EXPECT_EQ(digest, c.digest) << std::hex << "0x" << digest << " contrast " << c.contrast << " plain";
+    for (int32_t mode = 0; mode < 29; ++mode) {
+      const uint32_t d = Fold(Fnv(kFnvBasis, plain[mode]));
+      EXPECT_EQ(d, c.modes[mode]) << std::hex << "contrast " << c.contrast << ", mode " << std::dec << mode
+                                  << " changed in the plain form";
     }
+    if (!KORVANE_HAVE_SSE41) continue;
+    const std::vector<Bytes> sse = RenderModes(c, 5);
+    for (int32_t mode = 0; mode < 29; ++mode) {
+      EXPECT_EQ(sse[mode], plain[mode]) << "contrast " << c.contrast << ", mode " << mode << ", SSE4.1 vs plain: "
+                                        << KorvaneTest::FirstDifference(sse[mode], plain[mode], 67);
+    }
+  }
 }
 
 TEST(GlowEffect, Sse41WritesTheRoiFromDstsOrigin) {
@@ -364,7 +405,7 @@ TEST(GlowEffect, PaddedRowsRenderAsPacked) {
       for (bool in_place : {false, true}) {
         KorvaneTest::TestImage src(w, h, PIXEL_BGRA32, 20), dst(w, h, PIXEL_BGRA32, 8), mask(w, h, PIXEL_GRAY8, 5);
         src.Fill(Photo(w, h));
-        mask.Fill(Noise(static_cast<size_t>(w) * h, 3));
+        mask.Fill(RandomBytes(static_cast<size_t>(w) * h, 3));
         Bytes unused_src, unused_dst;
         Rig rig(w, h, 3, simd);
         GlowParam p = MakeParam(unused_src, unused_dst, w, h);
@@ -390,8 +431,8 @@ TEST(GlowStages, DetectHighlightReadsThreeMaskBytesAndTreatsBytesBeyondTheMaskAs
     const int h = 3 + w % 4, cols = w + w % 4, rows = h + h % 4;  // the aligned allocation
     for (int32_t t : {0, 100, 255, -40, -1000})
       for (bool with_mask : {false, true}) {
-        const Bytes src = Noise(static_cast<size_t>(cols) * rows * 4, rng());
-        Bytes mask = Noise(static_cast<size_t>(w) * h, rng()), src_copy = src;
+        const Bytes src = RandomBytes(static_cast<size_t>(cols) * rows * 4, rng());
+        Bytes mask = RandomBytes(static_cast<size_t>(w) * h, rng()), src_copy = src;
         SmartBuffer s = MakeSmartBufferView(src_copy.data(), cols, rows);
         SmartBuffer m = MakeSmartBufferView(mask.data(), w, h, PIXEL_GRAY8);
         // Reference: clamp(in - t) weighted by the mask byte of column x + c.
@@ -454,7 +495,7 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
       floats[i] = i % 4 == 0 ? k * 0.003921569f : i % 4 == 1 ? std::nextafter(k / 255.0f, 0.0f)
                 : i % 4 == 2 ? wide(rng) * 30.0f : (rng() % 5 ? wide(rng) : std::nanf(""));
     }
-    const Bytes bytes = Noise(static_cast<size_t>(w) * h * 4, rng());
+    const Bytes bytes = RandomBytes(static_cast<size_t>(w) * h * 4, rng());
     Bytes out[2] = {bytes, bytes};
     // Back to floats plainly and through the tone table, into differently filled buffers.
     std::vector<float> in[2] = {floats, floats}, back[2][2];
@@ -516,7 +557,7 @@ TEST(GlowStages, AdjustColorMatchesTheStepByStepRecipeForEverySettingShape) {
   // Covers each shortcut of the stage (no tint, no saturation change,
   // brightness 1) and the full path, including tints stronger than 1.
   const int w = 97, h = 5;
-  Bytes base = Noise(static_cast<size_t>(w) * h * 4, 5);
+  Bytes base = RandomBytes(static_cast<size_t>(w) * h * 4, 5);
   const uint8_t pure[][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {10, 200, 90}};
   for (int i = 0; i < 6; ++i) std::copy(pure[i], pure[i] + 3, &base[i * 4]);
   std::copy_n(base.begin(), 2 * w * 4, base.begin() + 3 * w * 4);  // repeated colours (the stage memoises)
@@ -534,7 +575,7 @@ TEST(GlowStages, AdjustColorMatchesTheStepByStepRecipeForEverySettingShape) {
 
 TEST(GlowStages, FloatAdjustColorFollowsTheByteStage) {
   const int w = 64, h = 4;
-  Bytes bytes = Noise(static_cast<size_t>(w) * h * 4, 9);
+  Bytes bytes = RandomBytes(static_cast<size_t>(w) * h * 4, 9);
   std::vector<float> floats(static_cast<size_t>(w) * h * 3);
   for (size_t i = 0, j = 0; i < bytes.size(); i += 4, j += 3)
     for (int c = 0; c < 3; ++c) floats[j + c] = bytes[i + c] / 255.0f;

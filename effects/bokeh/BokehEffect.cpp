@@ -196,9 +196,17 @@ int32_t BokehEffect::CalDominantColor(const SmartBuffer& img, uint32_t& color) {
   for (int32_t y = 0; y < img.height; ++y) {
     const uint8_t* p = RowPtr<const uint8_t>(img, y);
     for (int32_t x = 0; x < img.width; ++x, p += 4) {
+      // Lightness and saturation are tested first in integers, exactly as
+      // RgbToHsl rounds them, so only voting pixels pay for the hue.
+      const int32_t mx = std::max(p[0], std::max(p[1], p[2])), mn = std::min(p[0], std::min(p[1], p[2]));
+      const int32_t sum = mx + mn, span = sum <= 255 ? sum : 510 - sum;
+      if (sum * 64 <= kMinDominantLevel || span == 0 ||
+          (mx - mn) * kHslMax + span / 2 < (kMinDominantLevel + 1) * span) {
+        continue;
+      }
       int32_t h, s, l;
       RgbToHsl(p[2], p[1], p[0], h, s, l);
-      if (s > kMinDominantLevel && l > kMinDominantLevel) ++bins[(h % kHueFull) / 1000];
+      ++bins[(h % kHueFull) / 1000];
     }
   }
   int32_t best = 0;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "core/HslColor.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
 #include "effects/bokeh/BokehEffect.h"
@@ -169,6 +170,24 @@ TEST(BokehRules, ColoursAndSizeIdentifiers) {
   uint32_t colour = 1;
   ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
   EXPECT_EQ(colour, 24000u);
+  // The vote follows the HSL rounding exactly: every colour either way of
+  // the 0.3 limits counts as RgbToHsl says.
+  std::mt19937 rng(8);
+  for (int round = 0; round < 200; ++round) {
+    int64_t bins[36] = {};
+    for (int32_t i = 0; i < 100; ++i) {
+      uint8_t* p = img.data.get() + 4 * i;
+      for (int k = 0; k < 3; ++k) p[k] = static_cast<uint8_t>(rng() % 256);
+      int32_t h, s, l;
+      RgbToHsl(p[2], p[1], p[0], h, s, l);
+      if (s > 9792 && l > 9792) ++bins[h / 1000];
+    }
+    int32_t best = 0;
+    for (int32_t i = 1; i < 36; ++i)
+      if (bins[i] > bins[best]) best = i;
+    ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
+    ASSERT_EQ(colour, static_cast<uint32_t>(best * 1000));
+  }
   std::memset(img.data.get(), 90, static_cast<size_t>(img.stride) * img.height);  // grey: nothing qualifies
   ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
   EXPECT_EQ(colour, 0u);

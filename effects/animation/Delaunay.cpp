@@ -28,6 +28,12 @@ constexpr double kDuplicateDistance2 = kDuplicateDistance * kDuplicateDistance;
 // fold or hold a flat triangle. Requires round-to-nearest double arithmetic
 // without extended precision, which every x86-64 and ARM64 build has.
 
+#if defined(_MSC_VER)
+#define KORVANE_NOINLINE __declspec(noinline)
+#else
+#define KORVANE_NOINLINE __attribute__((noinline))
+#endif
+
 constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
 constexpr double kSplitter = 134217729.0;            // 2^27 + 1
 constexpr double kOrientBound = (3.0 + 16.0 * kEpsilon) * kEpsilon;
@@ -180,7 +186,10 @@ inline Expansion<2> Difference(double a, double b) {
 
 inline double SignOf(double v) { return v > 0.0 ? 1.0 : (v < 0.0 ? -1.0 : 0.0); }
 
-double Orient2dExact(const double* a, const double* b, const double* c) {
+// Rarely needed: kept out of line so its large stack frame does not burden
+// every caller.
+template <class T>
+KORVANE_NOINLINE double Orient2dExact(const T* a, const T* b, const T* c) {
   const Expansion<2> acx = Difference(a[0], c[0]), acy = Difference(a[1], c[1]);
   const Expansion<2> bcx = Difference(b[0], c[0]), bcy = Difference(b[1], c[1]);
   Expansion<8> left, right;
@@ -194,16 +203,18 @@ double Orient2dExact(const double* a, const double* b, const double* c) {
 
 // Positive when a, b, c turn counter-clockwise with y pointing up (clockwise
 // on screen), negative the other way, 0 exactly when collinear.
-inline double Orient2d(const double* a, const double* b, const double* c) {
-  const double left = (a[0] - c[0]) * (b[1] - c[1]);
-  const double right = (a[1] - c[1]) * (b[0] - c[0]);
+template <class T>
+inline double Orient2d(const T* a, const T* b, const T* c) {
+  const double left = (double(a[0]) - c[0]) * (double(b[1]) - c[1]);
+  const double right = (double(a[1]) - c[1]) * (double(b[0]) - c[0]);
   const double det = left - right;
   const double bound = kOrientBound * (std::fabs(left) + std::fabs(right));
   if (det > bound || -det > bound) return det;
   return Orient2dExact(a, b, c);
 }
 
-double InCircleExact(const double* a, const double* b, const double* c, const double* d) {
+template <class T>
+KORVANE_NOINLINE double InCircleExact(const T* a, const T* b, const T* c, const T* d) {
   const Expansion<2> adx = Difference(a[0], d[0]), ady = Difference(a[1], d[1]);
   const Expansion<2> bdx = Difference(b[0], d[0]), bdy = Difference(b[1], d[1]);
   const Expansion<2> cdx = Difference(c[0], d[0]), cdy = Difference(c[1], d[1]);
@@ -236,9 +247,10 @@ double InCircleExact(const double* a, const double* b, const double* c, const do
 // Positive when d lies inside the circle through a, b, c taken
 // counter-clockwise with y up; for triangles wound counter-clockwise on
 // screen, as the mesh's are, inside is negative.
-inline double InCircle2d(const double* a, const double* b, const double* c, const double* d) {
-  const double adx = a[0] - d[0], bdx = b[0] - d[0], cdx = c[0] - d[0];
-  const double ady = a[1] - d[1], bdy = b[1] - d[1], cdy = c[1] - d[1];
+template <class T>
+inline double InCircle2d(const T* a, const T* b, const T* c, const T* d) {
+  const double adx = double(a[0]) - d[0], bdx = double(b[0]) - d[0], cdx = double(c[0]) - d[0];
+  const double ady = double(a[1]) - d[1], bdy = double(b[1]) - d[1], cdy = double(c[1]) - d[1];
   const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
   const double cdxady = cdx * ady, adxcdy = adx * cdy;
   const double adxbdy = adx * bdy, bdxady = bdx * ady;
@@ -246,6 +258,10 @@ inline double InCircle2d(const double* a, const double* b, const double* c, cons
   const double blift = bdx * bdx + bdy * bdy;
   const double clift = cdx * cdx + cdy * cdy;
   const double det = alift * (bdxcdy - cdxbdy) + blift * (cdxady - adxcdy) + clift * (adxbdy - bdxady);
+  // Each |u.x v.y| + |v.x u.y| is at most half the sum of two lifts, so the
+  // permanent is at most half the lifts' sum squared: a cheaper first bound.
+  const double lifts = alift + blift + clift;
+  if (std::fabs(det) > kInCircleBound * 0.5 * lifts * lifts) return det;
   const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * alift +
                            (std::fabs(cdxady) + std::fabs(adxcdy)) * blift +
                            (std::fabs(adxbdy) + std::fabs(bdxady)) * clift;
@@ -257,15 +273,16 @@ inline double InCircle2d(const double* a, const double* b, const double* c, cons
 // ---------------------------------------------------------------------------
 
 inline const float* Pt(const float* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
-inline const double* Pd(const double* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
+
 
 // r lies strictly to the right of the directed line p -> q on screen, that
 // is (p, q, r) is wound clockwise on screen: seen from r, the edge p -> q
 // of a counter-clockwise hull faces it.
-inline bool Sees(const double* r, const double* p, const double* q) { return Orient2d(r, p, q) > 0.0; }
+inline bool Sees(const float* r, const float* p, const float* q) { return Orient2d(r, p, q) > 0.0; }
 
-inline double SquaredDistance(const double* a, const double* b) {
-  const double dx = a[0] - b[0], dy = a[1] - b[1];
+template <class T>
+inline double SquaredDistance(const T* a, const T* b) {
+  const double dx = double(a[0]) - b[0], dy = double(a[1]) - b[1];
   return dx * dx + dy * dy;
 }
 
@@ -305,16 +322,16 @@ inline uint32_t DistanceKey(float d) {
 
 }  // namespace
 
-uint32_t Delaunay::HashKey(const double* p) const {
-  const double dx = p[0] - seed_center[0];
-  const double dy = p[1] - seed_center[1];
-  const double a = dx / (std::fabs(dx) + std::fabs(dy));
-  const double angle = dy > 0.0 ? 3.0 - a : 1.0 + a;  // pseudo-angle in [0, 4)
-  const double k = std::floor(angle * 0.25 * hash_size);
+uint32_t Delaunay::HashKey(const float* p) const {
+  // Only roughly needed, so in float, on offsets scaled to the box's size.
+  const float dx = static_cast<float>((p[0] - seed_center[0]) * m_inv_extent);
+  const float dy = static_cast<float>((p[1] - seed_center[1]) * m_inv_extent);
+  const float a = dx / (std::fabs(dx) + std::fabs(dy));
+  const float angle = dy > 0.0f ? 3.0f - a : 1.0f + a;  // pseudo-angle in [0, 4)
+  const float k = std::floor(angle * 0.25f * static_cast<float>(hash_size));
   // The centre itself (0 / 0) gives NaN; it goes to bucket 0.
-  if (!(k >= 0.0)) return 0;
-  const uint32_t key = k < hash_size ? static_cast<uint32_t>(k) : 0;
-  return key;
+  if (!(k >= 0.0f)) return 0;
+  return k < static_cast<float>(hash_size) ? static_cast<uint32_t>(k) : 0;
 }
 
 int32_t Delaunay::SortPointsByDist() {
@@ -323,12 +340,11 @@ int32_t Delaunay::SortPointsByDist() {
   m_sort_keys.resize(n);
   // Squared distances are scaled to the box's size before they become float
   // keys, so huge coordinates do not overflow them.
-  const double* g = m_coords.data();
+  const float* pts = points;
   for (uint32_t i = 0; i < n; ++i) {
-    const double* p = Pd(g, i);
-    const double dx = p[0] - seed_center[0], dy = p[1] - seed_center[1];
-    const float d = static_cast<float>((dx * m_inv_extent) * (dx * m_inv_extent) + (dy * m_inv_extent) * (dy * m_inv_extent));
-    m_sort_keys[i] = (static_cast<uint64_t>(DistanceKey(d)) << 32) | i;
+    const double dx = (static_cast<double>(pts[2 * static_cast<size_t>(i)]) - m_origin[0] - seed_center[0]) * m_inv_extent;
+    const double dy = (static_cast<double>(pts[2 * static_cast<size_t>(i) + 1]) - m_origin[1] - seed_center[1]) * m_inv_extent;
+    m_sort_keys[i] = (static_cast<uint64_t>(DistanceKey(static_cast<float>(dx * dx + dy * dy))) << 32) | i;
   }
 
   // The keys carry the index in their low half, so sorting the 64-bit values
@@ -362,9 +378,9 @@ int32_t Delaunay::SortPointsByDist() {
   }
 
   // Equal keys are ordered by x, then y (then index, for exact duplicates).
-  auto by_position = [g](uint64_t a, uint64_t b) {
-    const double* pa = Pd(g, static_cast<uint32_t>(a));
-    const double* pb = Pd(g, static_cast<uint32_t>(b));
+  auto by_position = [pts](uint64_t a, uint64_t b) {
+    const float* pa = Pt(pts, static_cast<uint32_t>(a));
+    const float* pb = Pt(pts, static_cast<uint32_t>(b));
     if (pa[0] != pb[0]) return pa[0] < pb[0];
     if (pa[1] != pb[1]) return pa[1] < pb[1];
     return static_cast<uint32_t>(a) < static_cast<uint32_t>(b);
@@ -397,7 +413,7 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
   hull_prev[seed_tri_p2] = seed_tri_p1;
   hull_prev[seed_tri_p0] = seed_tri_p2;
   hull_prev[seed_tri_p1] = seed_tri_p0;
-  for (uint32_t v : {seed_tri_p0, seed_tri_p1, seed_tri_p2}) hull_hash[HashKey(Pd(m_geom, v))] = v;
+  for (uint32_t v : {seed_tri_p0, seed_tri_p1, seed_tri_p2}) hull_hash[HashKey(Pt(m_geom, v))] = v;
   hull_tri[seed_tri_p0] = 0;
   hull_tri[seed_tri_p1] = 1;
   hull_tri[seed_tri_p2] = 2;
@@ -405,8 +421,9 @@ int32_t Delaunay::InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t 
 }
 
 int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p) {
-  const double* p = Pd(m_geom, add_point);
+  const float* p = Pt(m_geom, add_point);
   const uint32_t key = HashKey(p);
+  m_last_key = key;
   uint32_t start = INVALID;
   for (uint32_t j = 0; j < hash_size; ++j) {
     const uint32_t v = hull_hash[(key + j) % hash_size];
@@ -423,7 +440,7 @@ int32_t Delaunay::FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& 
   // The ring never holds more than point_count vertices; the bound only
   // guards against a damaged ring turning into an endless walk.
   uint32_t steps = 0;
-  while (!Sees(p, Pd(m_geom, e), Pd(m_geom, q))) {
+  while (!Sees(p, Pt(m_geom, e), Pt(m_geom, q))) {
     e = q;
     if (e == start || ++steps > point_count) {
       e = INVALID;
@@ -480,7 +497,7 @@ uint32_t Delaunay::Legalize(uint32_t a) {
     const uint32_t pl = triangles[al];
     const uint32_t p1 = triangles[bl];
 
-    if (!(InCircle2d(Pd(m_geom, p0), Pd(m_geom, pr), Pd(m_geom, pl), Pd(m_geom, p1)) < 0.0)) {
+    if (!(InCircle2d(Pt(m_geom, p0), Pt(m_geom, pr), Pt(m_geom, pl), Pt(m_geom, p1)) < 0.0)) {
       if (i == 0) break;
       a = edge_stack[--i];
       continue;
@@ -546,14 +563,14 @@ int32_t Delaunay::Triangulate(const float* pts, uint32_t count) {
   return hr;
 }
 
-bool Delaunay::NearAcceptedPoint(const double* p, uint32_t e, uint32_t q) const {
+bool Delaunay::NearAcceptedPoint(const float* p, uint32_t e, uint32_t q) const {
   // The nearest point already in the mesh is almost always a vertex of the
-  // hull edge the new point sees, a hull neighbour of it, or the vertex
-  // across that edge; checking those keeps the test O(1).
+  // hull edge the new point sees or the vertex across that edge; checking
+  // those keeps the test O(1).
   const uint32_t h = hull_tri[e];
   const uint32_t across = triangles[h - h % 3 + (h + 2) % 3];
-  for (uint32_t v : {e, q, hull_prev[e], hull_next[q], across}) {
-    if (SquaredDistance(p, Pd(m_geom, v)) <= kDuplicateDistance2) return true;
+  for (uint32_t v : {e, q, across}) {
+    if (SquaredDistance(p, Pt(m_geom, v)) <= kDuplicateDistance2) return true;
   }
   return false;
 }
@@ -564,26 +581,26 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   const float cx = (min_x + max_x) * 0.5f;
   const float cy = (min_y + max_y) * 0.5f;
 
-  // Working coordinates in double, moved to the bounding box's lower corner
-  // when every such move is exact (it keeps the numbers small for the float
-  // filters and the hash); the predicates then decide for the caller's own
-  // points.
-  double origin[2] = {min_x, min_y};
-  m_coords.resize(2 * static_cast<size_t>(n));
-  double* g = m_coords.data();
-  for (int pass = 0; pass < 2; ++pass) {
-    bool exact = true;
-    for (size_t i = 0; i < 2 * static_cast<size_t>(n); ++i) {
-      double x, y;
-      TwoDiff(pts_at(i), origin[i & 1], x, y);
-      g[i] = x;
-      exact = exact && y == 0.0;
+  // The working coordinates are moved to the bounding box's lower corner
+  // when every such move is exact in float, which keeps them small for the
+  // hash and the sort; otherwise they stay as given. The predicates work in
+  // double on them and decide for the caller's own points either way.
+  m_origin[0] = min_x;
+  m_origin[1] = min_y;
+  for (size_t i = 0; i < 2 * static_cast<size_t>(n); ++i) {
+    double x, y;
+    TwoDiff(points[i], m_origin[i & 1], x, y);
+    if (y != 0.0 || static_cast<double>(static_cast<float>(x)) != x) {
+      m_origin[0] = m_origin[1] = 0.0;
+      break;
     }
-    if (exact) break;
-    origin[0] = origin[1] = 0.0;
   }
   const double extent = std::max({static_cast<double>(max_x) - min_x, static_cast<double>(max_y) - min_y, 1.0});
   m_inv_extent = 1.0 / extent;
+  auto at = [this](uint32_t i, double* out) {
+    out[0] = points[2 * static_cast<size_t>(i)] - m_origin[0];
+    out[1] = points[2 * static_cast<size_t>(i) + 1] - m_origin[1];
+  };
 
   // Seed: the point nearest the box centre, its nearest neighbour beyond the
   // duplicate distance, and the point that makes the smallest circumcircle
@@ -599,49 +616,50 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
       best = d;
     }
   }
-  const double* p0 = Pd(g, i0);
+  double p0[2], p1[2], p2[2], p[2];
+  at(i0, p0);
   double best_d = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
     if (i == i0) continue;
-    const double d = SquaredDistance(p0, Pd(g, i));
+    at(i, p);
+    const double d = SquaredDistance(p0, p);
     if (d < best_d && d > kDuplicateDistance2) {
       i1 = i;
       best_d = d;
     }
   }
   if (i1 == INVALID) return E_INVALIDARG;
-  const double* p1 = Pd(g, i1);
+  at(i1, p1);
+  auto usable = [&](uint32_t i, const double* q) {
+    return i != i0 && i != i1 && SquaredDistance(q, p0) > kDuplicateDistance2 &&
+           SquaredDistance(q, p1) > kDuplicateDistance2 && Orient2d(p0, p1, q) != 0.0;
+  };
   double min_radius = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
-    if (i == i0 || i == i1) continue;
-    const double* p = Pd(g, i);
+    at(i, p);
     const double r = CalCircumradius(p0, p1, p);
-    if (r < min_radius && SquaredDistance(p, p0) > kDuplicateDistance2 &&
-        SquaredDistance(p, p1) > kDuplicateDistance2 && Orient2d(p0, p1, p) != 0.0) {
+    if (r < min_radius && usable(i, p)) {
       i2 = i;
       min_radius = r;
     }
   }
-  if (i2 == INVALID) {
-    // Rounding can hide the only non-collinear point behind an infinite
-    // radius; any point off the seed line will do then.
-    for (uint32_t i = 0; i < n && i2 == INVALID; ++i) {
-      const double* p = Pd(g, i);
-      if (i != i0 && i != i1 && SquaredDistance(p, p0) > kDuplicateDistance2 &&
-          SquaredDistance(p, p1) > kDuplicateDistance2 && Orient2d(p0, p1, p) != 0.0)
-        i2 = i;
-    }
-    if (i2 == INVALID) return E_INVALIDARG;
+  // Rounding can hide the only non-collinear point behind an infinite
+  // radius; any point off the seed line will do then.
+  for (uint32_t i = 0; i < n && i2 == INVALID; ++i) {
+    at(i, p);
+    if (usable(i, p)) i2 = i;
   }
+  if (i2 == INVALID) return E_INVALIDARG;
+  at(i2, p2);
   // Counter-clockwise on screen is clockwise with y up.
-  if (Orient2d(Pd(g, i0), Pd(g, i1), Pd(g, i2)) > 0.0) std::swap(i1, i2);
+  if (Orient2d(p0, p1, p2) > 0.0) std::swap(i1, i2);
 
   hull_start = i0;
-  CalCircumcenter(Pd(g, i0), Pd(g, i1), Pd(g, i2), seed_center);
+  CalCircumcenter(p0, p1, p2, seed_center);
   if (!std::isfinite(seed_center[0]) || !std::isfinite(seed_center[1])) {
     // A nearly flat seed: any centre inside the hull orders the points well enough.
-    seed_center[0] = (Pd(g, i0)[0] + Pd(g, i1)[0] + Pd(g, i2)[0]) / 3.0;
-    seed_center[1] = (Pd(g, i0)[1] + Pd(g, i1)[1] + Pd(g, i2)[1]) / 3.0;
+    seed_center[0] = (p0[0] + p1[0] + p2[0]) / 3.0;
+    seed_center[1] = (p0[1] + p1[1] + p2[1]) / 3.0;
   }
 
   if (KORVANE_FAILED(SortPointsByDist())) return hr;
@@ -654,8 +672,10 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   uint32_t seed_tri_p0 = INVALID, seed_tri_p1 = INVALID, seed_tri_p2 = INVALID;
   for (uint32_t k = 0; k < n; ++k) {
     const uint32_t id = sorted_ids[k];
-    m_sorted_coords[2 * static_cast<size_t>(k)] = g[2 * static_cast<size_t>(id)];
-    m_sorted_coords[2 * static_cast<size_t>(k) + 1] = g[2 * static_cast<size_t>(id) + 1];
+    double q[2];
+    at(id, q);
+    m_sorted_coords[2 * static_cast<size_t>(k)] = static_cast<float>(q[0]);
+    m_sorted_coords[2 * static_cast<size_t>(k) + 1] = static_cast<float>(q[1]);
     if (id == i0) seed_tri_p0 = k;
     if (id == i1) seed_tri_p1 = k;
     if (id == i2) seed_tri_p2 = k;
@@ -667,10 +687,10 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   i2 = seed_tri_p2;
   AddTriangle(i0, i1, i2, INVALID, INVALID, INVALID);
 
-  const double* prev = nullptr;
+  const float* prev = nullptr;
   for (uint32_t k = 0; k < n; ++k) {
     const uint32_t i = k;
-    const double* p = Pd(m_geom, i);
+    const float* p = Pt(m_geom, i);
     if (i == i0 || i == i1 || i == i2) continue;
     if (prev && SquaredDistance(p, prev) <= kDuplicateDistance2) continue;
 
@@ -691,7 +711,7 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     uint32_t n_v = next_p;
     for (;;) {
       const uint32_t r = hull_next[n_v];
-      if (r == e || !Sees(p, Pd(m_geom, n_v), Pd(m_geom, r))) break;
+      if (r == e || !Sees(p, Pt(m_geom, n_v), Pt(m_geom, r))) break;
       t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
       hull_tri[i] = Legalize(t + 2);
       hull_next[n_v] = n_v;  // removed from the hull
@@ -701,7 +721,7 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     // Backward, the same; it stops short of n.
     for (;;) {
       const uint32_t r = hull_prev[e];
-      if (r == n_v || !Sees(p, Pd(m_geom, r), Pd(m_geom, e))) break;
+      if (r == n_v || !Sees(p, Pt(m_geom, r), Pt(m_geom, e))) break;
       t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
       Legalize(t + 2);
       hull_tri[r] = t;
@@ -714,8 +734,8 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     hull_next[e] = i;
     hull_prev[n_v] = i;
     hull_next[i] = n_v;
-    hull_hash[HashKey(p)] = i;
-    hull_hash[HashKey(Pd(m_geom, e))] = e;
+    hull_hash[m_last_key] = i;
+    hull_hash[HashKey(Pt(m_geom, e))] = e;
   }
 
   for (uint32_t t = 0; t < triangle_index_count; ++t) triangles[t] = sorted_ids[triangles[t]];
@@ -745,7 +765,6 @@ int32_t Delaunay::Reset() {
   edge_stack.clear();
   m_sort_keys.clear();
   m_sort_tmp.clear();
-  m_coords.clear();
   m_sorted_coords.clear();
   points = nullptr;
   m_geom = nullptr;

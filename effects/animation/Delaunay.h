@@ -41,9 +41,8 @@ class Delaunay final : public DelaunayTriangle {
   int32_t FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p);
   uint32_t Legalize(uint32_t a);
   uint32_t AddTriangle(uint32_t i0, uint32_t i1, uint32_t i2, uint32_t a, uint32_t b, uint32_t c);
-  uint32_t HashKey(const double* p) const;
-  bool NearAcceptedPoint(const double* p, uint32_t e, uint32_t q) const;
-  double pts_at(size_t i) const { return points[i]; }
+  uint32_t HashKey(const float* p) const;
+  bool NearAcceptedPoint(const float* p, uint32_t e, uint32_t q) const;
   void Link(uint32_t a, uint32_t b) {
     halfedges[a] = b;
     if (b != INVALID) halfedges[b] = a;
@@ -70,14 +69,15 @@ class Delaunay final : public DelaunayTriangle {
   // Sort scratch: (distance key, point index) pairs and the radix passes' copy.
   std::vector<uint64_t> m_sort_keys;
   std::vector<uint64_t> m_sort_tmp;
-  // The points in double, moved to the bounding box's corner (m_coords), and
-  // the same in insertion order (m_sorted_coords): during the insertion phase
-  // every vertex index (in the hull ring, the hash and the triangles) is a
-  // position in the latter.
-  std::vector<double> m_coords;
-  std::vector<double> m_sorted_coords;
-  const double* m_geom = nullptr;
+  // The points less m_origin (the bounding box's corner when that is exact
+  // in float, else 0), in insertion order: during the insertion phase every
+  // vertex index (in the hull ring, the hash and the triangles) is a
+  // position in it.
+  std::vector<float> m_sorted_coords;
+  double m_origin[2] = {0.0, 0.0};
+  const float* m_geom = nullptr;
   double m_inv_extent = 1.0;  // 1 / the bounding box's larger side
+  uint32_t m_last_key = 0;    // hash key of the point FindFrontier placed last
 };
 
 }  // namespace Korvane

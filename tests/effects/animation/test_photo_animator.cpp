@@ -250,7 +250,7 @@ TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
 
 TEST(PhotoAnimator, ResultCodes) {
   Rig rig;
-  PhotoAnimator& anim = *rig.anim;
+  PhotoAnimator& anim = *rig.fx;
   Scene s(40, 30);
   s.AddDefaultFlows();
   Frame out(40, 30);

@@ -469,7 +469,7 @@ void LightRaysEffect::CalThetaWiseGains(int32_t rows) {
   const double rows_per_turn = 360.0 / m_theta_grid;
   for (size_t k = 0; k < m_radial_angles.size(); ++k) {
     const double centre = m_radial_angles[k] / kTwoPi * rows_per_turn;
-    const double width = (0.25 + 1.25 * m_spoke_shape[2 * k]) / m_theta_grid;  // degrees to rows
+    const double width = (0.45 + 1.55 * m_spoke_shape[2 * k]) / m_theta_grid;  // degrees to rows
     AddBump(sum, rows, centre, width, 0.35f + 0.65f * m_spoke_shape[2 * k + 1], rows_per_turn);
   }
   GainsFromPattern(sum, rows, kSpokeBase, m_row_gain);

@@ -11,14 +11,24 @@ namespace KorvaneTool {
 namespace {
 bool g_quiet = false;
 bool g_stdout_is_data = false;
+bool g_bar_visible = false;  // a progress bar is on the terminal's last line
+
+// Clears a progress bar so a message starts on a clean line.
+void ClearBar() {
+  if (!g_bar_visible) return;
+  std::fprintf(stderr, "\r\033[K");
+  g_bar_visible = false;
+}
 }  // namespace
 
 int Fail(const std::string& message) {
+  ClearBar();
   std::fprintf(stderr, "korvane: %s\n", message.c_str());
   return kExitFailure;
 }
 
 int Usage(const std::string& message) {
+  ClearBar();
   std::fprintf(stderr, "korvane: %s\n", message.c_str());
   return kExitUsage;
 }
@@ -28,6 +38,7 @@ void SetStdoutIsData(bool data) { g_stdout_is_data = data; }
 
 void Note(const char* format, ...) {
   if (g_quiet) return;
+  ClearBar();
   FILE* to = g_stdout_is_data ? stderr : stdout;
   va_list args;
   va_start(args, format);
@@ -40,7 +51,7 @@ Progress::Progress(std::string what, int total)
     : m_what(std::move(what)), m_total(total), m_on(!g_quiet && total > 1 && isatty(fileno(stderr)) != 0) {}
 
 Progress::~Progress() {
-  if (m_drawn) std::fprintf(stderr, "\r\033[K");
+  if (m_drawn) ClearBar();
 }
 
 void Progress::Step(int done) {
@@ -49,7 +60,7 @@ void Progress::Step(int done) {
   std::fprintf(stderr, "\r%s [%s%s] %d/%d", m_what.c_str(), std::string(filled, '#').c_str(),
                std::string(width - filled, '.').c_str(), done, m_total);
   std::fflush(stderr);
-  m_drawn = true;
+  m_drawn = g_bar_visible = true;
 }
 
 std::string CodeText(int32_t code) {

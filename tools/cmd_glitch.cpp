@@ -69,7 +69,9 @@ int RenderGlitch(const GlitchOptions& o, Image& photo, Rendered& out) {
     return 0;
   }
   std::vector<Image> tiles;
+  Progress bar("types", 8);
   for (int type = 0; type < 8; ++type) {
+    bar.Step(type);
     double ms = 0;
     if (int rc = Render(fx, photo, result, type, o, &ms)) return rc;
     out.render_ms += ms;

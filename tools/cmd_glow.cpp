@@ -180,7 +180,9 @@ int RenderGlow(const GlowOptions& o, Image& photo, Rendered& out) {
   roi = Korvane::Rect{0, 0, photo.width, photo.height};
   std::vector<Image> tiles;
   std::vector<std::string> labels;
+  Progress bar("blend modes", 29);
   for (int m = 0; m < 29; ++m) {
+    bar.Step(m);
     Image tile(photo.width, photo.height, 4);
     double ms = 0;
     if (int rc = Render(fx, photo, mask.get(), tile, m, roi, small, &ms)) return rc;

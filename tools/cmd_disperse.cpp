@@ -2,8 +2,8 @@
 // particles that drift away with the wind; written as animated WebP, GIF or
 // PNG frames, once through or as a loop that reassembles.
 #include <chrono>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -96,8 +96,7 @@ int RenderFrames(Engine& engine, Image& photo, Image& mask, const DisperseOption
 }
 
 // The whole clip into o.output through the animation writer.
-int RenderClip(Engine& engine, Image& photo, Image& mask, const DisperseOptions& o, bool progress,
-               ClipResult& result) {
+int RenderClip(Engine& engine, Image& photo, Image& mask, const DisperseOptions& o, bool progress, ClipResult& result) {
   std::string error;
   auto writer = OpenAnimationWriter(o.output, photo.width, photo.height, o.fps, o.quality, error);
   if (!writer) return Fail(error);
@@ -122,8 +121,8 @@ int RunDisperse(const DisperseOptions& o) {
   }
   if (int rc = CheckOutputPath(o.output, {o.input, o.mask})) return rc;
   const std::string ext = Extension(o.output);
-  const auto folder = (ext == ".webp" || ext == ".gif") ? std::filesystem::path(o.output).parent_path()
-                                                        : std::filesystem::path();
+  const auto folder =
+      (ext == ".webp" || ext == ".gif") ? std::filesystem::path(o.output).parent_path() : std::filesystem::path();
   std::error_code ec;
   if (!folder.empty()) std::filesystem::create_directories(folder, ec);
   if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
@@ -142,30 +141,34 @@ int RunDisperse(const DisperseOptions& o) {
   return 0;
 }
 
-RegisterCommand reg("disperse", "Crumble the masked subject of a photo into drifting particles (WebP, GIF or PNG frames)",
-                    [](CLI::App& sub) {
-  auto o = std::make_shared<DisperseOptions>();
-  OptionTable t(sub);
-  t.Text("photo", o->input, "Photo to read (JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF, JPEG XL; '-' reads standard input)", true);
-  t.Text("--mask", o->mask, "Mask image (same size): white parts are the subject that crumbles", true);
-  t.Text("-o,--output", o->output,
-         "Where to write: NAME.webp, NAME.gif, or a folder for PNG frames (its old frame_*.png are removed)", true);
-  t.Number("--direction", o->direction, -360, 360, "degrees", "Wind direction: 0 right, 90 up, 180 left");
-  t.Number("--spread", o->spread, 0, 180, "degrees", "Width of the cone the particles fly in, around the wind");
-  t.Number("--distance", o->distance, 0, 1, "image diagonals", "How far a particle flies");
-  t.Number("--size", o->size, 0.5, 32, "pixels", "Particle radius");
-  t.Number("--density", o->density, 0, 1, "", "Share of the subject's pixels that become particles");
-  t.Number("--width", o->width, 0, 1, "", "How much of the subject crumbles at once: 0 a sharp front, 1 everywhere");
-  t.Number("--fade", o->fade, 0, 1, "", "How far particles fade and shrink by the end of their flight");
-  t.Number("--turbulence", o->turbulence, 0, 1, "", "How much the particles curl on their way");
-  t.Number("--seed", o->seed, 0, 4294967295.0, "", "Seed of the particles and the crumbling order");
-  t.Number("--frames", o->frames, 1, 1000, "", "Frames in the clip");
-  t.Number("--fps", o->fps, 1, 100, "frames a second", "Playback speed (GIF rounds a frame to hundredths of a second)");
-  t.Flag("--loop", o->loop, "Crumble over the first half and reassemble over the second, so the clip loops");
-  t.Number("--quality", o->quality, 1, 100, "", "WebP quality (100 = lossless)");
-  t.Flag("-q,--quiet", o->quiet, "Print nothing on success (no warnings, no progress)");
-  return std::function<int()>([o] { return RunDisperse(*o); });
-});
+RegisterCommand reg(
+    "disperse", "Crumble the masked subject of a photo into drifting particles (WebP, GIF or PNG frames)",
+    [](CLI::App& sub) {
+      auto o = std::make_shared<DisperseOptions>();
+      OptionTable t(sub);
+      t.Text("photo", o->input,
+             "Photo to read (JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF, JPEG XL; '-' reads standard input)", true);
+      t.Text("--mask", o->mask, "Mask image (same size): white parts are the subject that crumbles", true);
+      t.Text("-o,--output", o->output,
+             "Where to write: NAME.webp, NAME.gif, or a folder for PNG frames (its old frame_*.png are removed)", true);
+      t.Number("--direction", o->direction, -360, 360, "degrees", "Wind direction: 0 right, 90 up, 180 left");
+      t.Number("--spread", o->spread, 0, 180, "degrees", "Width of the cone the particles fly in, around the wind");
+      t.Number("--distance", o->distance, 0, 1, "image diagonals", "How far a particle flies");
+      t.Number("--size", o->size, 0.5, 32, "pixels", "Particle radius");
+      t.Number("--density", o->density, 0, 1, "", "Share of the subject's pixels that become particles");
+      t.Number("--width", o->width, 0, 1, "",
+               "How much of the subject crumbles at once: 0 a sharp front, 1 everywhere");
+      t.Number("--fade", o->fade, 0, 1, "", "How far particles fade and shrink by the end of their flight");
+      t.Number("--turbulence", o->turbulence, 0, 1, "", "How much the particles curl on their way");
+      t.Number("--seed", o->seed, 0, 4294967295.0, "", "Seed of the particles and the crumbling order");
+      t.Number("--frames", o->frames, 1, 1000, "", "Frames in the clip");
+      t.Number("--fps", o->fps, 1, 100, "frames a second",
+               "Playback speed (GIF rounds a frame to hundredths of a second)");
+      t.Flag("--loop", o->loop, "Crumble over the first half and reassemble over the second, so the clip loops");
+      t.Number("--quality", o->quality, 1, 100, "", "WebP quality (100 = lossless)");
+      t.Flag("-q,--quiet", o->quiet, "Print nothing on success (no warnings, no progress)");
+      return std::function<int()>([o] { return RunDisperse(*o); });
+    });
 
 // The demo's lighthouse crumbles into the evening wind and comes back.
 RegisterDemoStep demo(90, "disperse: the lighthouse crumbles into the wind", [](DemoContext& ctx) {
@@ -191,9 +194,8 @@ RegisterDemoStep demo(90, "disperse: the lighthouse crumbles into the wind", [](
   o.loop = false;
   o.frames = 9;
   double ms = 0;
-  return RenderFrames(ctx.engine, photo, mask, o, false, ms, [&](int f, const Image& frame) {
-    return f == 4 ? ctx.Save("dispersion.png", frame, -1) : 0;
-  });
+  return RenderFrames(ctx.engine, photo, mask, o, false, ms,
+                      [&](int f, const Image& frame) { return f == 4 ? ctx.Save("dispersion.png", frame, -1) : 0; });
 });
 
 }  // namespace

@@ -26,23 +26,23 @@ enum DispersionLoopMode : int32_t {
 };
 
 struct DispersionParam {
-  const ImageBuffer* input = nullptr;  // the photo, PIXEL_BGRA32
-  const ImageBuffer* mask = nullptr;   // PIXEL_GRAY8, the photo's size; non-zero is subject
-  ImageBuffer* output = nullptr;       // PIXEL_BGRA32 of the roi's size (Process only)
-  Rect roi;                            // part of the frame written to output; inside the photo
-  int32_t anime_frame_count = 48;      // >= 1
-  int32_t anime_frame_index = 0;       // 0 .. anime_frame_count - 1; frame 0 is the photo itself
-  int32_t loop_mode = DISPERSION_ONCE; // DispersionLoopMode
-  float direction = 0.0f;              // wind, degrees: 0 right, 90 up (counter-clockwise as seen)
-  float spread = 40.0f;                // 0..180: width of the cone of flight around the wind, degrees
-  float distance = 0.3f;               // 0..1: how far a particle flies, in image diagonals
-  float particle_size = 1.5f;          // 0.5..32: particle radius in pixels
-  float density = 0.5f;                // 0..1: share of subject pixels that become particles
-  float dissolve_width = 0.3f;         // 0..1: how much of the subject crumbles at once
-                                       // (0 a sharp front, 1 everywhere at once)
-  float fade = 1.0f;                   // 0..1: how far particles fade and shrink by the end of their flight
-  float turbulence = 0.3f;             // 0..1: how much particles curl on their way
-  uint32_t seed = 1;                   // the same seed gives the same particles
+  const ImageBuffer* input = nullptr;   // the photo, PIXEL_BGRA32
+  const ImageBuffer* mask = nullptr;    // PIXEL_GRAY8, the photo's size; non-zero is subject
+  ImageBuffer* output = nullptr;        // PIXEL_BGRA32 of the roi's size (Process only)
+  Rect roi;                             // part of the frame written to output; inside the photo
+  int32_t anime_frame_count = 48;       // >= 1
+  int32_t anime_frame_index = 0;        // 0 .. anime_frame_count - 1; frame 0 is the photo itself
+  int32_t loop_mode = DISPERSION_ONCE;  // DispersionLoopMode
+  float direction = 0.0f;               // wind, degrees: 0 right, 90 up (counter-clockwise as seen)
+  float spread = 40.0f;                 // 0..180: width of the cone of flight around the wind, degrees
+  float distance = 0.3f;                // 0..1: how far a particle flies, in image diagonals
+  float particle_size = 1.5f;           // 0.5..32: particle radius in pixels
+  float density = 0.5f;                 // 0..1: share of subject pixels that become particles
+  float dissolve_width = 0.3f;          // 0..1: how much of the subject crumbles at once
+                                        // (0 a sharp front, 1 everywhere at once)
+  float fade = 1.0f;                    // 0..1: how far particles fade and shrink by the end of their flight
+  float turbulence = 0.3f;              // 0..1: how much particles curl on their way
+  uint32_t seed = 1;                    // the same seed gives the same particles
 };
 
 // Result codes: E_POINTER for a missing record, image or pixel pointer;

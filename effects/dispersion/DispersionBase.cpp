@@ -1,7 +1,7 @@
 // The base row of a frame: photo or background, pixel by pixel.
-#include "effects/dispersion/DispersionKernels.h"
-
 #include <cstring>
+
+#include "effects/dispersion/DispersionKernels.h"
 
 namespace Korvane {
 

@@ -1,9 +1,9 @@
 // The circle table and the particle blend.
-#include "effects/dispersion/DispersionKernels.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+
+#include "effects/dispersion/DispersionKernels.h"
 
 namespace Korvane {
 
@@ -63,33 +63,24 @@ void CircleTable::Build(float max_radius) {
   }
 }
 
-void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1,
-                            int32_t y0, int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride) {
-  const CircleTable::Entry& e = table.entries[static_cast<size_t>(p.entry)];
-  const int32_t side = 2 * e.half + 1;
-  const int32_t left = p.x - e.half, top = p.y - e.half;
-  y0 = std::max(y0, top);
-  y1 = std::min(y1, top + side);
+void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
+                            int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride) {
   const uint32_t pb = p.bgra[0], pg = p.bgra[1], pr = p.bgra[2], pa = p.bgra[3];
-  for (int32_t y = y0; y < y1; ++y) {
-    const int32_t j = y - top;
-    const uint8_t* span = &table.spans[e.spans + 2 * static_cast<size_t>(j)];
-    const int32_t a = std::max(x0, left + span[0]);
-    const int32_t b = std::min(x1, left + span[1]);
-    const uint16_t* cov = &table.cover[e.cover + static_cast<size_t>(j) * side] - left;
-    uint8_t* row = origin + (y - oy) * stride - static_cast<int64_t>(ox) * 4;
-    for (int32_t x = a; x < b; ++x) {
-      // (out * (256 - w) + colour * w + 128) >> 8: every term fits 16 bits
-      // unsigned, which the SSE form relies on.
-      const uint32_t w = (cov[x] * static_cast<uint32_t>(p.alpha) + 128) >> 8;
-      const uint32_t keep = 256 - w;
-      uint8_t* px = row + static_cast<int64_t>(x) * 4;
-      px[0] = static_cast<uint8_t>((px[0] * keep + pb * w + 128) >> 8);
-      px[1] = static_cast<uint8_t>((px[1] * keep + pg * w + 128) >> 8);
-      px[2] = static_cast<uint8_t>((px[2] * keep + pr * w + 128) >> 8);
-      px[3] = static_cast<uint8_t>((px[3] * keep + pa * w + 128) >> 8);
-    }
-  }
+  const uint32_t alpha = static_cast<uint32_t>(p.alpha);
+  ForEachDiscRow(table, p, x0, x1, y0, y1, origin, ox, oy, stride,
+                 [&](int32_t, int32_t a, int32_t b, const uint16_t* cov, uint8_t* row) {
+                   for (int32_t x = a; x < b; ++x) {
+                     // (out * (256 - w) + colour * w + 128) >> 8: every term fits
+                     // 16 bits unsigned, which the SSE form relies on.
+                     const uint32_t w = (cov[x] * alpha + 128) >> 8;
+                     const uint32_t keep = 256 - w;
+                     uint8_t* px = row + static_cast<int64_t>(x) * 4;
+                     px[0] = static_cast<uint8_t>((px[0] * keep + pb * w + 128) >> 8);
+                     px[1] = static_cast<uint8_t>((px[1] * keep + pg * w + 128) >> 8);
+                     px[2] = static_cast<uint8_t>((px[2] * keep + pr * w + 128) >> 8);
+                     px[3] = static_cast<uint8_t>((px[3] * keep + pa * w + 128) >> 8);
+                   }
+                 });
 }
 
 }  // namespace Korvane

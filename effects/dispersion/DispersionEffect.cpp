@@ -35,9 +35,8 @@ inline bool IsSubject(const ImageBuffer& mask, int32_t x, int32_t y) { return Ro
 bool DispersionEffect::PreparedKey::operator==(const PreparedKey& o) const {
   return input == o.input && mask == o.mask && width == o.width && height == o.height &&
          input_stride == o.input_stride && mask_stride == o.mask_stride && direction == o.direction &&
-         spread == o.spread && distance == o.distance && particle_size == o.particle_size &&
-         density == o.density && dissolve_width == o.dissolve_width && turbulence == o.turbulence &&
-         seed == o.seed;
+         spread == o.spread && distance == o.distance && particle_size == o.particle_size && density == o.density &&
+         dissolve_width == o.dissolve_width && turbulence == o.turbulence && seed == o.seed;
 }
 
 DispersionEffect::PreparedKey DispersionEffect::KeyOf(const DispersionParam& p) {
@@ -67,8 +66,8 @@ int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_proces
   if (!IsBgra(*p.input) || !IsGray8(*p.mask) || (for_process && !IsBgra(*p.output))) {
     return Refuse(E_NOTIMPL, "input and output must be BGRA32, the mask GRAY8");
   }
-  if (CheckImage(*p.input, PIXEL_BGRA32) < 0 || CheckImage(*p.mask, PIXEL_GRAY8) < 0 ||
-      p.input->width > kMaxSide || p.input->height > kMaxSide) {
+  if (CheckImage(*p.input, PIXEL_BGRA32) < 0 || CheckImage(*p.mask, PIXEL_GRAY8) < 0 || p.input->width > kMaxSide ||
+      p.input->height > kMaxSide) {
     return Refuse(E_INVALIDARG, "input or mask size out of range");
   }
   if (!SameSize(*p.input, *p.mask)) return Refuse(E_INVALIDARG, "mask size differs from the input's");
@@ -201,7 +200,8 @@ void DispersionEffect::MakeParticles(const DispersionParam& p) {
   const ImageBuffer& mask = *p.mask;
   const float theta = p.direction * (kPi / 180.0f);
   const float half_spread = p.spread * 0.5f * (kPi / 180.0f);
-  const float reach = p.distance * std::sqrt(static_cast<float>(m_width) * m_width + static_cast<float>(m_height) * m_height);
+  const float reach =
+      p.distance * std::sqrt(static_cast<float>(m_width) * m_width + static_cast<float>(m_height) * m_height);
 
   // Sample points of a particle's disc for its colour: a grid of at most
   // 7 x 7 points, so large discs cost no more than small ones.

@@ -14,12 +14,12 @@ namespace Korvane {
 
 // A particle as Prepare makes it; Process moves it along its flight.
 struct DispersionParticle {
-  float x = 0, y = 0;            // its subject pixel
-  float start = 0, life = 1;     // progress at which it leaves, and the length of its flight
+  float x = 0, y = 0;                // its subject pixel
+  float start = 0, life = 1;         // progress at which it leaves, and the length of its flight
   float travel_x = 0, travel_y = 0;  // the whole flight, pixels
-  float curl = 0;                // curl radius reached at the end of the flight, pixels
+  float curl = 0;                    // curl radius reached at the end of the flight, pixels
   float curl_phase = 0, curl_turns = 0;
-  float radius = 1;              // at departure, pixels
+  float radius = 1;  // at departure, pixels
   uint8_t bgra[4] = {0, 0, 0, 0};
 };
 
@@ -59,8 +59,7 @@ class DispersionEffect final : public Dispersion, public EffectCore {
     const unsigned char* input = nullptr;
     const unsigned char* mask = nullptr;
     int32_t width = 0, height = 0, input_stride = 0, mask_stride = 0;
-    float direction = 0, spread = 0, distance = 0, particle_size = 0, density = 0, dissolve_width = 0,
-          turbulence = 0;
+    float direction = 0, spread = 0, distance = 0, particle_size = 0, density = 0, dissolve_width = 0, turbulence = 0;
     uint32_t seed = 0;
     bool operator==(const PreparedKey& o) const;
   };
@@ -83,13 +82,13 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   int32_t m_width = 0, m_height = 0;
   float m_proj_min = 0, m_proj_max = 0;
   bool m_has_subject = false;
-  std::vector<float> m_start;                  // per pixel; kDispersionNever outside the subject
-  SmartBuffer m_background;                    // the photo with the subject inpainted away
-  std::vector<DispersionParticle> m_particles; // in drawing order
+  std::vector<float> m_start;                   // per pixel; kDispersionNever outside the subject
+  SmartBuffer m_background;                     // the photo with the subject inpainted away
+  std::vector<DispersionParticle> m_particles;  // in drawing order
   CircleTable m_circles;
   // Per frame, sized by Prepare so Process allocates nothing.
   std::vector<FrameParticle> m_frame;
-  std::vector<int32_t> m_row_span;    // per particle: first and last strip it touches, or -1
+  std::vector<int32_t> m_row_span;      // per particle: first and last strip it touches, or -1
   std::vector<uint32_t> m_strip_start;  // per strip of the roi + 1
   std::vector<uint32_t> m_strip_items;  // particle indices, strip by strip, in list order
 };

@@ -28,8 +28,8 @@ struct DisperseFixture {
 
 TEST(CliDisperse, WritesFramesThatStartFromThePhotoAndLoops) {
   DisperseFixture f;
-  const CliResult r = RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --size 1 --density 1 -o " +
-                             f.dir + "/frames");
+  const CliResult r =
+      RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --size 1 --density 1 -o " + f.dir + "/frames");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_NE(r.output.find("6 frames"), std::string::npos) << r.output;
   const Image first = ReadImage(f.dir + "/frames/frame_0000.png");
@@ -39,7 +39,8 @@ TEST(CliDisperse, WritesFramesThatStartFromThePhotoAndLoops) {
   EXPECT_FALSE(std::filesystem::exists(f.dir + "/frames/frame_0006.png"));
 
   // The loop goes back the way it came: its last frame is its second.
-  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --loop -o " + f.dir + "/loop").exit_code, 0);
+  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --loop -o " + f.dir + "/loop").exit_code,
+            0);
   EXPECT_EQ(ReadImage(f.dir + "/loop/frame_0005.png").pixels, ReadImage(f.dir + "/loop/frame_0001.png").pixels);
   ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 4 -q -o " + f.dir + "/d.webp").output, "");
   EXPECT_TRUE(std::filesystem::exists(f.dir + "/d.webp"));

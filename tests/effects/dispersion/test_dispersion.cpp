@@ -46,7 +46,8 @@ namespace {
 struct Scene {
   TestImage photo, mask, out;
   DispersionParam p;
-  Scene(int32_t w = 97, int32_t h = 61, bool subject = true) : photo(w, h, PIXEL_BGRA32, 12), mask(w, h, PIXEL_GRAY8, 3), out(w, h, PIXEL_BGRA32, 8) {
+  Scene(int32_t w = 97, int32_t h = 61, bool subject = true)
+      : photo(w, h, PIXEL_BGRA32, 12), mask(w, h, PIXEL_GRAY8, 3), out(w, h, PIXEL_BGRA32, 8) {
     photo.FillNoise(7);
     std::vector<uint8_t> m(static_cast<size_t>(w) * h, 0);
     for (int32_t y = 0; y < h; ++y)
@@ -185,7 +186,7 @@ TEST(Dispersion, WithFadeTheLastFrameIsTheBackground) {
   for (int32_t y = 0; y < s.H(); ++y)
     for (int32_t x = 0; x < s.W(); ++x)
       if (RowPtr(s.mask.buf, y)[x] == 0 && !std::equal(s.photo.Row(y) + x * 4, s.photo.Row(y) + x * 4 + 4,
-                                                      &mid[(static_cast<size_t>(y) * s.W() + x) * 4]))
+                                                       &mid[(static_cast<size_t>(y) * s.W() + x) * 4]))
         ++moved;
   EXPECT_GT(moved, 200);
 }

@@ -145,8 +145,9 @@ TEST(CpuProbe, LevelsFollowTheFeatureBits) {
   EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse42), 4);
 }
 
-TEST_F(EngineFixture, BuildsTheImplementedEffectsAndNoOthers) {
-  EXPECT_EQ(BuiltTypes(), (std::vector<int>{EFFECT_DELAUNAY_TRIANGLE, EFFECT_ANIMATION, EFFECT_GLITCH,
+TEST_F(EngineFixture, BuildsEveryEffectTypeAndNoOthers) {
+  EXPECT_EQ(BuiltTypes(), (std::vector<int>{EFFECT_DELAUNAY_TRIANGLE, EFFECT_ANIMATION, EFFECT_DISPERSION,
+                                            EFFECT_GLITCH, EFFECT_LIGHT_RAYS, EFFECT_SPARKLE, EFFECT_BOKEH,
                                             EFFECT_GLOW, EFFECT_FOCUS_BLUR}));
 }
 

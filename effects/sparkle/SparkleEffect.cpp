@@ -54,6 +54,12 @@ int32_t CheckManualShape(const SparkleShape* shape) {
   return S_OK;
 }
 
+bool InsideRoi(const Rect& r, float x, float y) {
+  const int32_t xi = static_cast<int32_t>(x + 0.5f), yi = static_cast<int32_t>(y + 0.5f);
+  return x >= r.left && x < r.right && y >= r.top && y < r.bottom && xi >= r.left && xi < r.right &&
+         yi >= r.top && yi < r.bottom;
+}
+
 bool PointOk(const SparklePoint& p) { return Finite(p.x) && Finite(p.y) && Finite(p.scale); }
 
 // Adds the manual light map into the automatic one over the region (in place).
@@ -563,7 +569,10 @@ int32_t SparkleEffect::InitMultiScaledSparkleType() {
   if (m_param.manual_sparkle) {
     // The sizes the manual sparkles need this frame; others are dropped.
     std::map<uint16_t, std::set<int32_t>> used;
+    // Only glints drawn this frame (shown, lit, inside the ROI) need a variant.
     for (const ManualSparkle& m : m_manual_sparkles) {
+      float px, py, lightness;
+      if (m_manual_render.amount == 0.0f || !ManualDrawn(m, px, py, lightness)) continue;
       auto c = m_manual_cache.find(m.type_id);
       if (c == m_manual_cache.end() || !c->second.generation) continue;  // its type has no shape
       const int32_t d = ManualGlintSize(m.scale, m_manual_render.size, s);
@@ -675,13 +684,6 @@ int32_t SparkleEffect::PasteOne(const SparkleVariant& variant, SmartBuffer& ligh
   return hr;
 }
 
-namespace {
-bool InsideRoi(const Rect& r, float x, float y) {
-  const int32_t xi = static_cast<int32_t>(x + 0.5f), yi = static_cast<int32_t>(y + 0.5f);
-  return x >= r.left && x < r.right && y >= r.top && y < r.bottom && xi >= r.left && xi < r.right &&
-         yi >= r.top && yi < r.bottom;
-}
-}  // namespace
 
 int32_t SparkleEffect::PasteAutoSparkle(const SparkleRenderParam& rp) {
   if (rp.amount == 0.0f) return S_OK;
@@ -711,22 +713,26 @@ int32_t SparkleEffect::PasteAutoSparkle(const SparkleRenderParam& rp) {
   return S_OK;
 }
 
+bool SparkleEffect::ManualDrawn(const ManualSparkle& m, float& px, float& py, float& lightness) const {
+  if (!Shown(m_param.quality_mode, m_manual_render.amount, m.random)) return false;
+  px = (m.x + 0.5f) * static_cast<float>(m_scaled_img_size_w) / m_img_size_w - 0.5f;
+  py = (m.y + 0.5f) * static_cast<float>(m_scaled_img_size_h) / m_img_size_h - 0.5f;
+  if (!InsideRoi(m_scaled_roi, px, py)) return false;
+  lightness = Lightness(m.phase, m.frame_offset);
+  return lightness != 0.0f;
+}
+
 int32_t SparkleEffect::PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src, SmartBuffer& light) {
   if (rp.amount == 0.0f) return S_OK;
   const int32_t s = std::max(m_scaled_img_size_w, m_scaled_img_size_h);
-  const float kx = static_cast<float>(m_scaled_img_size_w) / m_img_size_w;
-  const float ky = static_cast<float>(m_scaled_img_size_h) / m_img_size_h;
   int32_t hr;
   for (const ManualSparkle& m : m_manual_sparkles) {
+    float px, py, lightness;
+    if (!ManualDrawn(m, px, py, lightness)) continue;
     auto c = m_manual_cache.find(m.type_id);
     if (c == m_manual_cache.end()) continue;  // its type has no shape
     auto v = c->second.variants.find(ManualGlintSize(m.scale, rp.size, s));
     if (v == c->second.variants.end()) continue;
-    if (!Shown(m_param.quality_mode, rp.amount, m.random)) continue;
-    const float px = (m.x + 0.5f) * kx - 0.5f, py = (m.y + 0.5f) * ky - 0.5f;
-    if (!InsideRoi(m_scaled_roi, px, py)) continue;
-    const float lightness = Lightness(m.phase, m.frame_offset);
-    if (lightness == 0.0f) continue;
     LightColor color{255, 255, 255};
     if (rp.color_mode == SPARKLE_COLOR_PHOTO) {
       const int32_t x = std::min(std::max(static_cast<int32_t>(m.x + 0.5f), 0), src.width - 1);

@@ -101,6 +101,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
                    const LightColor& color, int32_t color_mode);
   int32_t FinishFrame(const ImageBuffer& src, ImageBuffer& dst);
   float Lightness(int32_t phase, int32_t frame_offset) const;
+  // Whether a manual glint is drawn this frame, and where and how bright.
+  bool ManualDrawn(const ManualSparkle& m, float& px, float& py, float& lightness) const;
   bool Shown(int32_t quality_mode, float amount, float random) const;
 
   // The source and its normalised copy.

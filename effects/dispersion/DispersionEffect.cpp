@@ -157,21 +157,29 @@ int32_t DispersionEffect::DetectMaskEdge(const DispersionParam& p) {
 
   // The leading edge is the subject's farthest extent along the wind; every
   // subject pixel's distance from it, over the whole extent, orders the crumble.
+  // Along a row the projection is linear, so its extremes lie at the row's
+  // first and last subject pixels.
   float lo = 0, hi = 0;
   bool any = false;
+  Rect box{m_width, m_height, 0, 0};
   for (int32_t y = 0; y < m_height; ++y) {
     const uint8_t* m = RowPtr(mask, y);
-    for (int32_t x = 0; x < m_width; ++x) {
-      if (!m[x]) continue;
+    int32_t first = 0, last = m_width - 1;
+    while (first < m_width && !m[first]) ++first;
+    if (first == m_width) continue;
+    while (!m[last]) --last;
+    for (const int32_t x : {first, last}) {
       const float q = x * wx + y * wy;
       if (!any) lo = hi = q, any = true;
       lo = std::min(lo, q);
       hi = std::max(hi, q);
     }
+    box = Rect{std::min(box.left, first), std::min(box.top, y), std::max(box.right, last + 1), y + 1};
   }
   m_proj_min = lo;
   m_proj_max = hi;
   m_has_subject = any;
+  m_subject_box = any ? box : Rect{};
   if (!any) return S_OK;
 
   // Start = where the front passes, blended towards a random time by
@@ -181,10 +189,10 @@ int32_t DispersionEffect::DetectMaskEdge(const DispersionParam& p) {
   const float w = p.dissolve_width;
   const float span = 1.0f - kLife - kJitter;
   Mt19937 gen(p.seed);
-  for (int32_t y = 0; y < m_height; ++y) {
+  for (int32_t y = box.top; y < box.bottom; ++y) {
     const uint8_t* m = RowPtr(mask, y);
     float* s = &m_start[static_cast<size_t>(y) * m_width];
-    for (int32_t x = 0; x < m_width; ++x) {
+    for (int32_t x = box.left; x < box.right; ++x) {
       if (!m[x]) continue;
       const float u = extent > 0 ? (hi - (x * wx + y * wy)) / extent : 0.0f;
       const float r = DrawUnit(gen);
@@ -220,9 +228,10 @@ void DispersionEffect::MakeParticles(const DispersionParam& p) {
   // A stream of its own, so the start times and the particles do not shift
   // one another when a setting changes.
   Mt19937 gen(p.seed ^ 0x9E3779B9u);
-  for (int32_t y = 0; y < m_height; ++y) {
+  const Rect& box = m_subject_box;
+  for (int32_t y = box.top; y < box.bottom; ++y) {
     const uint8_t* m = RowPtr(mask, y);
-    for (int32_t x = 0; x < m_width; ++x) {
+    for (int32_t x = box.left; x < box.right; ++x) {
       if (!m[x] || !(DrawUnit(gen) < p.density)) continue;
       DispersionParticle q;
       q.x = static_cast<float>(x);
@@ -272,7 +281,13 @@ int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
       blur.src.channel = 4;
       blur.src.pix_fmt = PIXEL_BGRA32;
       blur.radius = std::max(2, static_cast<int32_t>(std::hypot(m_width, m_height) / 80.0));
-      if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, FullRect(m_background), 2)) < 0) return hr;
+      // Around the subject only: two passes reach 2 (radius - 1) pixels, so
+      // a margin of twice the radius blurs its pixels as the whole image would.
+      const int32_t margin = 2 * blur.radius;
+      const Rect& b = m_subject_box;
+      const Rect around =
+          Clip(Rect{b.left - margin, b.top - margin, b.right + margin, b.bottom + margin}, m_width, m_height);
+      if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, around, 2)) < 0) return hr;
     }
     MakeParticles(p);
     const size_t n = m_particles.size();

@@ -82,6 +82,7 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   int32_t m_width = 0, m_height = 0;
   float m_proj_min = 0, m_proj_max = 0;
   bool m_has_subject = false;
+  Rect m_subject_box;                           // the subject's bounding box
   std::vector<float> m_start;                   // per pixel; kDispersionNever outside the subject
   SmartBuffer m_background;                     // the photo with the subject inpainted away
   std::vector<DispersionParticle> m_particles;  // in drawing order

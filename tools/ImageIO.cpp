@@ -111,6 +111,12 @@ const std::vector<std::string>& WritableFormats() {
   return formats;
 }
 
+std::string WritableFormatList() {
+  std::string list;
+  for (const auto& f : WritableFormats()) list += (list.empty() ? "." : ", .") + f;
+  return list;
+}
+
 std::string FormatOf(const std::string& extension_or_name) {
   std::string f = extension_or_name;
   if (!f.empty() && f[0] == '.') f.erase(0, 1);
@@ -253,9 +259,7 @@ bool EncodeImage(const Image& img, const std::string& format, const SaveOptions&
   StartImageLibrary();
   const std::string fmt = FormatOf(format);
   if (fmt.empty()) {
-    std::string list;
-    for (const auto& f : WritableFormats()) list += (list.empty() ? "." : ", .") + f;
-    return Bad("unsupported output type '" + format + "' (use " + list + ")", error);
+    return Bad("unsupported output type '" + format + "' (use " + WritableFormatList() + ")", error);
   }
   if (img.width <= 0 || img.height <= 0 || (img.channels != 1 && img.channels != 4) ||
       img.pixels.size() != static_cast<size_t>(img.width) * img.height * img.channels) {

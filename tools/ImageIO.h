@@ -103,6 +103,8 @@ std::string Extension(const std::string& path);
 
 // The still formats SaveImage writes, as extensions without the dot.
 const std::vector<std::string>& WritableFormats();
+// ".jpg, .png, ..." for messages.
+std::string WritableFormatList();
 // "jpeg" -> "jpg", "tiff" -> "tif", case folded; "" when not writable.
 std::string FormatOf(const std::string& extension_or_name);
 

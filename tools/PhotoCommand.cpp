@@ -52,8 +52,7 @@ int OnePhoto(const PhotoIo& io, const std::string& input, const std::string& out
 
 void AddPhotoOptions(OptionTable& t, PhotoIo& io, const std::string& chroma_default) {
   io.chroma = chroma_default;
-  std::string formats;
-  for (const auto& f : WritableFormats()) formats += (formats.empty() ? "." : ", .") + f;
+  const std::string formats = WritableFormatList();
   t.List("photos", io.inputs,
          "Photos to read: JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF or JPEG XL; '-' reads standard input");
   t.Text("-o,--output", io.output,
@@ -100,9 +99,7 @@ int RunPhotos(const PhotoIo& io, const std::vector<std::string>& others, const R
   if (io.output != "-") {
     const std::string ext = Extension(OutputName(io.output, io.inputs.front()));
     if (FormatOf(ext).empty() && !(pattern && io.output.find("{ext}") != std::string::npos)) {
-      std::string formats;
-      for (const auto& f : WritableFormats()) formats += (formats.empty() ? "." : ", .") + f;
-      return Usage("output " + io.output + ": unsupported type '" + ext + "' (use " + formats + ")");
+      return Usage("output " + io.output + ": unsupported type '" + ext + "' (use " + WritableFormatList() + ")");
     }
   }
 

@@ -219,8 +219,10 @@ void DispersionEffect::MakeParticles(const DispersionParam& p) {
   std::vector<Offset> disc;
   const int32_t rr = static_cast<int32_t>(p.particle_size);
   const int32_t step = std::max(1, rr / 3);
-  for (int32_t dy = -rr - rr % step; dy <= rr; dy += step) {
-    for (int32_t dx = -rr - rr % step; dx <= rr; dx += step) {
+  // The grid runs through the centre, which is always subject.
+  const int32_t from = -(rr - rr % step);
+  for (int32_t dy = from; dy <= rr; dy += step) {
+    for (int32_t dx = from; dx <= rr; dx += step) {
       if (dx * dx + dy * dy <= p.particle_size * p.particle_size) disc.push_back(Offset{dx, dy});
     }
   }
@@ -271,7 +273,7 @@ int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
     }
     // The fill carries edge colours inwards in straight streaks; a wide blur
     // turns them into a soft wash. Only subject pixels ever show the
-    // background, so the whole image may be blurred.
+    // background, so only they need it.
     if (m_has_subject) {
       BoxBlurParam blur;
       blur.src.data = m_background.data.get();

@@ -191,6 +191,36 @@ TEST(Dispersion, WithFadeTheLastFrameIsTheBackground) {
   EXPECT_GT(moved, 200);
 }
 
+TEST(Dispersion, ParticlesTakeTheSubjectsOwnColourAtEverySize) {
+  // A flat-coloured subject on noise, plus a one-pixel line: a particle's
+  // disc average may not pick up the surroundings, whatever its size.
+  for (float size : {0.5f, 3.0f, 10.0f, 32.0f}) {
+    Scene s;
+    std::vector<uint8_t> m = s.mask.Packed();
+    for (int32_t y = 5; y < 55; ++y) m[static_cast<size_t>(y) * s.W() + 9] = 1;
+    s.mask.Fill(m);
+    std::vector<uint8_t> photo = s.photo.Packed();
+    for (int32_t y = 0; y < s.H(); ++y)
+      for (int32_t x = 0; x < s.W(); ++x)
+        if (RowPtr(s.mask.buf, y)[x]) {
+          uint8_t* px = Pixel(photo, s.W(), x, y);
+          px[0] = 10, px[1] = 120, px[2] = 230, px[3] = 255;
+        }
+    s.photo.Fill(photo);
+    s.p.particle_size = size;
+    s.p.density = 0.25f;
+    EffectRig<DispersionEffect> fx;
+    ASSERT_EQ(fx->Prepare(&s.p), S_OK) << size;
+    const auto& particles = fx->GetParticles();
+    ASSERT_GT(particles.size(), 100u) << size;
+    for (const DispersionParticle& q : particles) {
+      ASSERT_EQ(std::vector<uint8_t>(q.bgra, q.bgra + 4), std::vector<uint8_t>({10, 120, 230, 255})) << size;
+      ASSERT_NE(RowPtr(s.mask.buf, static_cast<int32_t>(q.y))[static_cast<int32_t>(q.x)], 0) << size;
+    }
+    Render(fx, s, 5);  // large discs across strips and image edges
+  }
+}
+
 TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
   Scene s;
   s.p.loop_mode = DISPERSION_LOOP;

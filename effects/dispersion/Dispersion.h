@@ -28,7 +28,7 @@ enum DispersionLoopMode : int32_t {
 struct DispersionParam {
   const ImageBuffer* input = nullptr;   // the photo, PIXEL_BGRA32
   const ImageBuffer* mask = nullptr;    // PIXEL_GRAY8, the photo's size; non-zero is subject
-  ImageBuffer* output = nullptr;        // PIXEL_BGRA32 of the roi's size (Process only)
+  ImageBuffer* output = nullptr;        // PIXEL_BGRA32 of the roi's size, apart from input and mask (Process only)
   Rect roi;                             // part of the frame written to output; inside the photo
   int32_t anime_frame_count = 48;       // >= 1
   int32_t anime_frame_index = 0;        // 0 .. anime_frame_count - 1; frame 0 is the photo itself

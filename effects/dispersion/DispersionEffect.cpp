@@ -30,6 +30,15 @@ int32_t Refuse(int32_t code, const char* what) {
 
 inline bool IsSubject(const ImageBuffer& mask, int32_t x, int32_t y) { return RowPtr(mask, y)[x] != 0; }
 
+// True when the bytes of two images' rows share any address.
+bool Overlap(const ImageBuffer& a, const ImageBuffer& b) {
+  const auto end = [](const ImageBuffer& i) {
+    return i.data + static_cast<ptrdiff_t>(i.height - 1) * i.stride +
+           static_cast<ptrdiff_t>(i.width) * BytesPerPixel(i.pix_fmt);
+  };
+  return a.data < end(b) && b.data < end(a);
+}
+
 }  // namespace
 
 bool DispersionEffect::PreparedKey::operator==(const PreparedKey& o) const {
@@ -76,6 +85,10 @@ int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_proces
     if (CheckImage(*p.output, PIXEL_BGRA32) < 0 || p.output->width != RectWidth(p.roi) ||
         p.output->height != RectHeight(p.roi)) {
       return Refuse(E_INVALIDARG, "output size differs from the roi's");
+    }
+    // Later frames read the photo again, so the output may not overwrite it.
+    if (Overlap(*p.output, *p.input) || Overlap(*p.output, *p.mask)) {
+      return Refuse(E_INVALIDARG, "output shares memory with the input or mask");
     }
   }
   if (p.anime_frame_count < 1 || p.anime_frame_index < 0 || p.anime_frame_index >= p.anime_frame_count) {

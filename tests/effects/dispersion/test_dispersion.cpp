@@ -314,6 +314,7 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
       {"short stride", [](Scene& s) { s.photo.buf.stride = 8; }, E_INVALIDARG},
       {"roi outside", [](Scene& s) { s.p.roi.right = 98; }, E_INVALIDARG},
       {"output size", [](Scene& s) { s.p.output = &small_out.buf; }, E_INVALIDARG},
+      {"output is the input", [](Scene& s) { s.p.output = &s.photo.buf; }, E_INVALIDARG},
       {"no frames", [](Scene& s) { s.p.anime_frame_count = 0; }, E_INVALIDARG},
       {"frame index", [](Scene& s) { s.p.anime_frame_index = 10; }, E_INVALIDARG},
       {"loop mode", [](Scene& s) { s.p.loop_mode = 2; }, E_INVALIDARG},

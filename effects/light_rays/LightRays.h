@@ -62,7 +62,9 @@ struct LightRaysParam {
   // index. Note the pattern that moves: with ray_mode 0 the radial spokes,
   // with any other ray_mode the directional shafts (so ray_mode 2, which
   // draws radial rays, keeps its spokes where the last animated radial
-  // frame left them).
+  // frame left them). The pattern is kept between calls: with animate_rays
+  // 0 a call draws it as the last animated call left it (as Initialize
+  // made it when none did).
   uint8_t animate_rays = 0;
   // Non-zero: the ray colour's hue turns once around over the loop.
   uint8_t animate_hue = 0;

@@ -438,3 +438,33 @@ TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
     }
   }
 }
+
+// ---------------------------------------------------------------- failures
+
+TEST(LightRaysEffect, AFailingStageIsLoggedWhereItFailsAndAsTotalCost) {
+  // Without a pool every parallel call fails (E_INVALIDARG), so the first
+  // stage of each road fails and reports up.
+  const int w = 16, h = 12;
+  Bytes src = Photo(w, h), dst(static_cast<size_t>(w) * h * 4, 0x5A);
+  LightRaysEffect fx(nullptr);
+  fx.SetSystemInfo(KorvaneTest::Level(SIMD_NONE));
+  ASSERT_EQ(fx.Initialize(w, h), S_OK);
+  LightRaysParam p = Base(src, w, h);
+  p.dst = MakeSmartBufferView(dst.data(), w, h);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fx.Process(p), E_INVALIDARG);
+  std::string log = testing::internal::GetCapturedStderr();
+  for (const char* line : {"(src downsample) - Return Code: 80070057",
+                           "[Korvane] [Korvane] DownSampleInput() Error! - Return Code: 80070057",
+                           "[Korvane] [Korvane](Total cost) - Return Code: 80070057"}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line << " not in:\n" << log;
+  }
+  EXPECT_LT(log.find("DownSampleInput()"), log.find("Total cost"));
+  p.ray_length = 0;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fx.Process(p), E_INVALIDARG);
+  log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("[Korvane] [Korvane](MemCopyROI) - Return Code: 80070057"), std::string::npos) << log;
+  EXPECT_EQ(log.find("Total cost"), std::string::npos) << log;
+  EXPECT_EQ(dst, Bytes(dst.size(), 0x5A));
+}

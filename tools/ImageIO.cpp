@@ -29,11 +29,21 @@ using vips::VOption;
 
 namespace {
 // libvips' warnings (a truncated file, a bad chunk) would print several
-// lines; the last one is kept to explain a failure on one line instead.
-thread_local std::string t_last_warning;
+// lines; the last one is kept to explain a failure on one line instead. They
+// may come from libvips' own worker threads.
+std::mutex g_warning_lock;
+std::string g_last_warning;
 
 void KeepWarning(const gchar*, GLogLevelFlags, const gchar* message, gpointer) {
-  t_last_warning = message ? message : "";
+  std::lock_guard<std::mutex> lock(g_warning_lock);
+  g_last_warning = message ? message : "";
+}
+
+std::string LastWarning(bool clear) {
+  std::lock_guard<std::mutex> lock(g_warning_lock);
+  std::string text = g_last_warning;
+  if (clear) g_last_warning.clear();
+  return text;
 }
 }  // namespace
 
@@ -60,7 +70,7 @@ namespace {
 std::string VipsMessage(const vips::VError& e) {
   std::string text = e.what();
   vips_error_clear();
-  if (text.find_first_not_of(" \n") == std::string::npos) text = t_last_warning;
+  if (text.find_first_not_of(" \n") == std::string::npos) text = LastWarning(false);
   if (text.empty()) text = "damaged or unreadable";
   while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
   std::replace(text.begin(), text.end(), '\n', ';');
@@ -153,7 +163,7 @@ bool ReadWholeFile(const std::string& path, std::vector<uint8_t>& bytes, std::st
 bool DecodeImage(const void* data, size_t size, const std::string& name, Image& out, std::string& error) {
   StartImageLibrary();
   const auto* p = static_cast<const uint8_t*>(data);
-  t_last_warning.clear();
+  LastWarning(true);
   if (size == 0) return Bad(name + ": file is empty", error);
   const char* loader = vips_foreign_find_load_buffer(data, size);
   if (!loader) {

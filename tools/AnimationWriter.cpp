@@ -7,14 +7,12 @@
 #include <webp/mux.h>
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <numeric>
 #include <vector>
 
 namespace KorvaneTool {
@@ -89,10 +87,6 @@ class WebPWriter final : public AnimationWriter {
 
  private:
   int Timestamp(int frame) const { return static_cast<int>(static_cast<int64_t>(frame) * 1000 / m_fps); }
-  static bool Bad(const std::string& message, std::string& error) {
-    error = message;
-    return false;
-  }
 
   std::string m_path;
   int m_width, m_height, m_fps, m_quality;

@@ -308,7 +308,11 @@ int32_t LightRaysEffect::RunPipeline() {
   detect.dst = &m_resized_hlr_buff;
   detect.threshold = m_param.hlr_threshold;
   const Rect resized{0, 0, m_resized_img_w, m_resized_img_h};
-  if ((hr = RunStage("HighLightDetect", BandTask<HighLightParam, HighLightDetect>, &detect, resized)) < 0) return hr;
+  const auto find = KORVANE_PICK(m_system_info, HighLightDetect, HighLightDetect_SSE4);
+  if ((hr = RunBands(m_thread_adapter, resized, [&](const Rect& band) { return find.fn(detect, band); })) < 0) {
+    KORVANE_LOG_FAILED_STEP("HighLightDetect", hr);
+    return hr;
+  }
 
   if (m_param.ray_mode == LIGHT_RAYS_DIRECTIONAL) {
     if (KORVANE_FAILED(RotateTransformProcess())) return hr;

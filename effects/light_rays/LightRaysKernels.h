@@ -46,6 +46,7 @@ struct HighLightParam {
   float threshold = 0.0f;
 };
 int32_t HighLightDetect(const HighLightParam& p, const Rect& band);
+int32_t HighLightDetect_SSE4(const HighLightParam& p, const Rect& band);
 
 // The ray-space image's rows from the highlight image: bilinear samples,
 // zero outside the image (so the rays fade in at its edges). Band rows are

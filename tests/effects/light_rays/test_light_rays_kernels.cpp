@@ -202,6 +202,35 @@ TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
   ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
   EXPECT_EQ(dst[0], 0);
 
+  // The SSE4.1 form: every (value, mask) pair, and random pixels of odd widths.
+  Bytes every(256 * 256 * 4), every_mask(256 * 256), a(every.size(), 9), b(every.size(), 9);
+  for (int v = 0; v < 256; ++v)
+    for (int k = 0; k < 256; ++k) {
+      const size_t i = static_cast<size_t>(v) * 256 + k;
+      every[i * 4] = every[i * 4 + 1] = every[i * 4 + 2] = static_cast<uint8_t>(v);
+      every[i * 4 + 3] = static_cast<uint8_t>(k);
+      every_mask[i] = static_cast<uint8_t>(k);
+    }
+  SmartBuffer es = View(every, 256, 256), em = View(every_mask, 256, 256, PIXEL_GRAY8);
+  SmartBuffer ea = View(a, 256, 256), eb = View(b, 256, 256);
+  for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
+    HighLightParam all{&es, &em, &ea, threshold};
+    ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
+    all.dst = &eb;
+    ASSERT_EQ(HighLightDetect_SSE4(all, Rect{0, 0, 256, 256}), S_OK);
+    ASSERT_EQ(a, b) << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
+  }
+  for (int w : kWidths) {
+    Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
+    Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
+    SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
+    HighLightParam hp{&ps, &pm, &qa, 100.25f};
+    ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
+    hp.dst = &qb;
+    ASSERT_EQ(HighLightDetect_SSE4(hp, Rect{0, 0, w, 3}), S_OK);
+    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+  }
+
   // One wrap by 35999 each way, then a clamp.
   EXPECT_EQ(ShiftHue(35000, 2000), 1001);
   EXPECT_EQ(ShiftHue(100, -200), 35899);

@@ -111,12 +111,8 @@ int Render(Korvane::Glow* fx, Image& photo, Image* mask, Image& result, int mode
   const int32_t hr = fx->Process(p);
   if (ms) *ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
   if (hr < 0) {
-    std::string hint;
-    const int side = std::max(photo.width, photo.height);
-    if (photo.width < 2 || photo.height < 2) {
-      hint = " (the photo must be at least 2x2 pixels)";
-    }
-    return Fail("glow failed: " + CodeText(hr) + hint);
+    const bool tiny = photo.width < 2 || photo.height < 2;
+    return Fail("glow failed: " + CodeText(hr) + (tiny ? " (the photo must be at least 2x2 pixels)" : ""));
   }
   return 0;
 }

@@ -35,4 +35,8 @@ int32_t BlendRays(const BlendParam& p, const Rect& band) {
   return S_OK;
 }
 
+int32_t BlendRaysTask(ThreadJob* job, int32_t* result) {
+  return Done(result, BlendRays(*static_cast<const BlendParam*>(job->param), job->rect));
+}
+
 }  // namespace Korvane

@@ -64,4 +64,8 @@ int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band) {
   return S_OK;
 }
 
+int32_t BlendRaysTask_SSE4(ThreadJob* job, int32_t* result) {
+  return Done(result, BlendRays_SSE4(*static_cast<const BlendParam*>(job->param), job->rect));
+}
+
 }  // namespace Korvane

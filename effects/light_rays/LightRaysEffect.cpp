@@ -11,6 +11,7 @@
 #include "core/ColorSpace.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 
 namespace Korvane {
@@ -324,8 +325,8 @@ int32_t LightRaysEffect::RunPipeline() {
     KORVANE_LOG_FAILED_STEP("SoftneessProcess", hr);
     return hr;
   }
-  if ((hr = PostProcessRays()) < 0 || KORVANE_FAILED(UpSampleHLR())) return hr;
-  return Blend();
+  if ((hr = PostProcessRays()) < 0) return hr;
+  return UpSampleAndBlend();
 }
 
 float LightRaysEffect::HalfX(float x) const {
@@ -690,29 +691,27 @@ int32_t LightRaysEffect::PostProcessRays() {
   return RunStage("PostProcess", BandTask<PostProcessParam, PostProcess>, &p, m_downsized_roi);
 }
 
-int32_t LightRaysEffect::UpSampleHLR() {
+int32_t LightRaysEffect::UpSampleAndBlend() {
+  // "hlr upsample" and "Blend" run a few rows at a time, so the enlarged rays
+  // are blended while they are still in cache.
   ResizeParam up;
   up.src = m_resized_hlr_buff;
   up.dst = m_hlr_buff;
   up.src_roi = m_downsized_roi;
-  const int32_t hr = RunBilinearResize(m_thread_adapter, m_system_info, up, m_param.roi);
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("hlr upsample", hr);
-  return hr;
-}
-
-int32_t LightRaysEffect::Blend() {
   const auto table_fn = KORVANE_PICK(m_system_info, BuildBlendTable, BuildBlendTable_SSE4);
-  const auto blend = KORVANE_PICK(m_system_info, BlendRays, BlendRays_SSE4);
   uint8_t table[256];
   table_fn.fn(m_param.blend_strength, table);
-  BlendParam p;
-  p.src = &m_param.src;
-  p.rays = &m_hlr_buff;
-  p.dst = &m_param.dst;
-  p.table = table;
-  p.roi = m_param.roi;
-  const int32_t hr = RunBands(m_thread_adapter, m_param.roi, [&](const Rect& band) { return blend.fn(p, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("Blend", hr);
+  BlendParam blend;
+  blend.src = &m_param.src;
+  blend.rays = &m_hlr_buff;
+  blend.dst = &m_param.dst;
+  blend.table = table;
+  blend.roi = m_param.roi;
+  RowPipeline chain(16);
+  chain.Then("hlr upsample", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &up)
+      .Then("Blend", KORVANE_PICK(m_system_info, BlendRaysTask, BlendRaysTask_SSE4).fn, &blend);
+  const int32_t hr = chain.Run(m_thread_adapter, m_param.roi);
+  if (hr < 0 && chain.FailedStep() == 0) KORVANE_LOG_FAILED_CALL("UpSampleHLR()", hr);
   return hr;
 }
 

@@ -61,8 +61,8 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   int32_t RotateTransformProcess();
   int32_t SoftneessProcess();
   int32_t PostProcessRays();
-  int32_t UpSampleHLR();
-  int32_t Blend();
+  // UpSampleHLR and Blend, chained row chunk by row chunk.
+  int32_t UpSampleAndBlend();
 
   // Per-call settings derived from the record, in half-size pixels.
   float HalfX(float x) const;

@@ -15,6 +15,7 @@
 
 #include "core/ImageBuffer.h"
 #include "core/ImageChecks.h"
+#include "core/ThreadAdapter.h"
 
 namespace Korvane {
 
@@ -129,10 +130,13 @@ struct BlendParam {
   Rect roi;
 };
 int32_t BlendRays(const BlendParam& p, const Rect& band);
+// The same as a task for the adapter (job->param is a BlendParam).
+int32_t BlendRaysTask(ThreadJob* job, int32_t* result);
 
 // SSE4.1 forms with the same results.
 void BuildBlendTable_SSE4(float strength, uint8_t table[256]);
 int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band);
+int32_t BlendRaysTask_SSE4(ThreadJob* job, int32_t* result);
 int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band);
 int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band);
 int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band);

@@ -88,7 +88,49 @@ int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band) {
 }
 
 int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band) {
-  return light_rays_detail::PolarToCarteWith(p, band, [](auto... a) { return Mix4Sse(a...); });
+  if (!p.polar || !p.dst || !p.map || !p.polar->data || !p.dst->data) return E_POINTER;
+  if (p.polar_w < 2 || p.polar_h < 2) return E_INVALIDARG;
+  const Rect r = light_rays_detail::BandInArea(band, p.area, *p.dst);
+  const size_t map_stride = static_cast<size_t>(p.dst->width) * 2;
+  const int32_t stride = p.polar->stride;
+  const uint8_t* polar = p.polar->data.get();
+  const __m128 base = _mm_set1_ps(p.r_base), zero = _mm_setzero_ps(), scale = _mm_set1_ps(256.0f);
+  const __m128 last_u = _mm_set1_ps(static_cast<float>(p.polar_w - 1));
+  const __m128 last_v = _mm_set1_ps(static_cast<float>(p.polar_h - 1));
+  const __m128i cell_u = _mm_set1_epi32(p.polar_w - 2), cell_v = _mm_set1_epi32(p.polar_h - 2);
+  const __m128i most = _mm_set1_epi32(255);
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    const float* m = p.map + map_stride * y;
+    uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
+    int32_t x = r.left;
+    // ClampedCell for four pixels at once: the same clamps and truncations.
+    for (; x + 4 <= r.right; x += 4) {
+      const __m128 a = _mm_loadu_ps(m + 2 * x), b = _mm_loadu_ps(m + 2 * x + 4);
+      __m128 u = _mm_sub_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)), base);
+      __m128 v = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+      u = _mm_min_ps(_mm_max_ps(u, zero), last_u);
+      v = _mm_min_ps(_mm_max_ps(v, zero), last_v);
+      const __m128i ui = _mm_min_epi32(_mm_cvttps_epi32(u), cell_u);
+      const __m128i vi = _mm_min_epi32(_mm_cvttps_epi32(v), cell_v);
+      const __m128i fu = _mm_min_epi32(_mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(u, _mm_cvtepi32_ps(ui)), scale)), most);
+      const __m128i fv = _mm_min_epi32(_mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(v, _mm_cvtepi32_ps(vi)), scale)), most);
+      alignas(16) int32_t iu[4], iv[4], wu[4], wv[4];
+      _mm_store_si128(reinterpret_cast<__m128i*>(iu), ui);
+      _mm_store_si128(reinterpret_cast<__m128i*>(iv), vi);
+      _mm_store_si128(reinterpret_cast<__m128i*>(wu), fu);
+      _mm_store_si128(reinterpret_cast<__m128i*>(wv), fv);
+      for (int32_t k = 0; k < 4; ++k) {
+        const uint8_t* r0 = polar + static_cast<ptrdiff_t>(iv[k]) * stride + static_cast<ptrdiff_t>(iu[k]) * 4;
+        out[x + k] = Mix4Sse(r0, r0 + 4, r0 + stride, r0 + stride + 4, wu[k], wv[k]);
+      }
+    }
+    for (; x < r.right; ++x) {
+      const light_rays_detail::Cell cell = light_rays_detail::ClampedCell(p.polar_w, p.polar_h, m[2 * x] - p.r_base, m[2 * x + 1]);
+      const uint8_t* r0 = polar + static_cast<ptrdiff_t>(cell.vi) * stride + static_cast<ptrdiff_t>(cell.ui) * 4;
+      out[x] = Mix4Sse(r0, r0 + 4, r0 + stride, r0 + stride + 4, cell.fu, cell.fv);
+    }
+  }
+  return S_OK;
 }
 
 int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band) {

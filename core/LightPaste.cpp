@@ -185,6 +185,19 @@ int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int
   return S_OK;
 }
 
+int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio) {
+  if (long_side < 1) return E_INVALIDARG;
+  if (long_side <= 640) {
+    ratio = 1.0f;
+  } else if (long_side < 5120) {
+    const float t = static_cast<float>(long_side - 640) / 4480.0f;
+    ratio = 1.0f - t + 0.25f * t;
+  } else {
+    ratio = 0.25f;
+  }
+  return S_OK;
+}
+
 int32_t PasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                    const Rect& shape_roi) {
   return RunPasteLight(shape, light, pt_int, args, shape_roi, PasteRowPlain);

@@ -13,6 +13,7 @@
 
 #include "AnimationWriter.h"
 #include "Command.h"
+#include "LightPointsJson.h"
 #include "Options.h"
 #include "ToolSupport.h"
 #include "effects/bokeh/Bokeh.h"
@@ -171,28 +172,6 @@ struct Renderer {
 
 const Korvane::BokehEffect& Inspect(const Korvane::Bokeh* fx) { return *static_cast<const Korvane::BokehEffect*>(fx); }
 
-// {"width": W, "height": H, "points": [{"x", "y", "phase", "random", "color"}, ...]}.
-int WritePointsJson(const Korvane::Bokeh* fx, const std::string& path) {
-  const auto& fxi = Inspect(fx);
-  std::string text = "{\"width\": " + std::to_string(fxi.GetNormSize().w) +
-                     ", \"height\": " + std::to_string(fxi.GetNormSize().h) + ", \"points\": [";
-  bool first = true;
-  char buf[160];
-  for (const auto& [key, p] : fxi.GetBokehList()) {
-    (void)key;
-    std::snprintf(buf, sizeof buf, "%s\n  {\"x\": %d, \"y\": %d, \"phase\": %d, \"random\": %.9g, \"color\": %d}",
-                  first ? "" : ",", p.x, p.y, p.phase, static_cast<double>(p.random), p.color_index);
-    text += buf;
-    first = false;
-  }
-  text += first ? "]}\n" : "\n]}\n";
-  std::string error;
-  if (!WriteFileSafely(path, text.data(), text.size(), error)) return Fail(error);
-  Note("wrote %s (%zu light points on the %dx%d detection copy)\n", path.c_str(), fxi.GetBokehList().size(),
-       fxi.GetNormSize().w, fxi.GetNormSize().h);
-  return 0;
-}
-
 // A ring around every light point, on a copy of the photo.
 int WritePointsOverlay(const Korvane::Bokeh* fx, const Image& photo, const std::string& path) {
   const auto& fxi = Inspect(fx);
@@ -272,7 +251,10 @@ int RunBokeh(const BokehOptions& o) {
   Renderer r(engine);
   if (int rc = r.Start(photo, shape, o)) return rc;
   if (!o.points_json.empty()) {
-    if (int rc = WritePointsJson(r.fx, o.points_json)) return rc;
+    const auto& fxi = Inspect(r.fx);
+    if (int rc = WriteLightPointsJson(o.points_json, fxi.GetNormSize().w, fxi.GetNormSize().h, fxi.GetBokehList())) {
+      return rc;
+    }
   }
   if (!o.points_overlay.empty()) {
     if (int rc = WritePointsOverlay(r.fx, photo, o.points_overlay)) return rc;

@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tools/ToolTestSupport.h"
+
+using namespace KorvaneTool;
+using namespace KorvaneToolTest;
+
+namespace {
+
+// A dark photo with a few small bright dots: light points for the detector.
+Image DotsPhoto(int w, int h) {
+  Image img(w, h, 4, 30);
+  for (int i = 3; i < w * h * 4; i += 4) img.pixels[i] = 255;
+  for (int cy = 12; cy < h; cy += 24)
+    for (int cx = 12; cx < w; cx += 24)
+      for (int c = 0; c < 3; ++c) img.at(cx, cy)[c] = 250;
+  return img;
+}
+
+void WriteText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+TEST(CliSparkle, PlacedGlintsShineWhereTheFileSaysAndPointsAreListed) {
+  const std::string dir = Scratch();
+  const Image photo = DotsPhoto(120, 96);
+  const std::string in = WriteImage(dir, "photo.png", photo);
+  WriteText(dir + "/pts.json", R"({"sparkles": [{"x": 36, "y": 60, "scale": 2}, {"x": 84, "y": 24}]})");
+
+  // Only the placed glints (the detected ones at amount 0): light at each
+  // point, nothing far from them, never darker.
+  const Image out = RunCliImage("sparkle " + in + " --amount 0 --manual " + dir + "/pts.json --manual-shape cross",
+                                dir + "/placed.png");
+  ASSERT_EQ(out.width, 120);
+  EXPECT_GT(out.at(36, 60)[1], 100);  // the photo is 30; each glint has its own fixed brightness
+  EXPECT_GT(out.at(84, 24)[1], 100);
+  EXPECT_EQ(out.at(110, 90)[1], photo.at(110, 90)[1]);
+  for (size_t i = 0; i < out.pixels.size(); ++i) ASSERT_GE(out.pixels[i], photo.pixels[i]) << i;
+
+  // The detected points, in the form bokeh writes.
+  const CliResult r = RunCli("sparkle " + in + " --points-json " + dir + "/points.json");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  std::ifstream f(dir + "/points.json");
+  const nlohmann::json doc = nlohmann::json::parse(f);
+  EXPECT_EQ(doc["width"], 640);
+  EXPECT_EQ(doc["height"], 512);
+  ASSERT_GE(doc["points"].size(), 20u);  // 5 x 4 dots
+  for (const char* key : {"x", "y", "phase", "random", "color"}) EXPECT_TRUE(doc["points"][0].contains(key)) << key;
+}
+
+TEST(CliSparkle, LoopsWriteEveryFrame) {
+  const std::string dir = Scratch();
+  const std::string in = WriteImage(dir, "photo.png", DotsPhoto(64, 48));
+  const CliResult r = RunCli("sparkle " + in + " --rotate --twinkle --frames 5 --shape star8 -o " + dir + "/frames");
+  ASSERT_EQ(r.exit_code, 0) << r.output;
+  int files = 0;
+  for (const auto& e : std::filesystem::directory_iterator(dir + "/frames")) files += e.path().extension() == ".png";
+  EXPECT_EQ(files, 5);
+  EXPECT_NE(ReadImage(dir + "/frames/frame_0001.png").pixels, ReadImage(dir + "/frames/frame_0002.png").pixels);
+}
+
+TEST(CliSparkle, BadInputsFailWithAReason) {
+  const std::string dir = Scratch();
+  const std::string in = WriteImage(dir, "photo.png", DotsPhoto(40, 30));
+  const std::string out = " -o " + dir + "/o.png";
+  CliResult r = RunCli("sparkle " + in + " --amount 1.5" + out);
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_NE(r.output.find("--amount"), std::string::npos) << r.output;
+  WriteText(dir + "/bad.json", R"({"sparkles": [{"x": 3, "y": "a"}]})");
+  r = RunCli("sparkle " + in + " --manual " + dir + "/bad.json" + out);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("sparkles[0]"), std::string::npos) << r.output;
+  WriteText(dir + "/big.json", R"({"sparkles": [{"x": 3, "y": 4, "scale": 7}]})");
+  EXPECT_EQ(RunCli("sparkle " + in + " --manual " + dir + "/big.json" + out).exit_code, 1);
+  WriteText(dir + "/ok.json", R"({"sparkles": [{"x": 3, "y": 4}]})");
+  r = RunCli("sparkle " + in + " --manual " + dir + "/ok.json --manual-shape " + in + out);  // 40 x 30 shape
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.output.find("200x200"), std::string::npos) << r.output;
+  EXPECT_EQ(RunCli("sparkle " + in).exit_code, 2);  // no output at all
+  EXPECT_FALSE(std::filesystem::exists(dir + "/o.png"));
+}
+
+}  // namespace

@@ -151,6 +151,8 @@ int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartB
   return S_OK;
 }
 
+namespace {
+
 int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band) {
   if (!p.base.data || !p.light.data || !p.dst.data) return E_POINTER;
   if (!IsBgra(p.base) || !IsBgra(p.light) || !IsBgra(p.dst)) return E_NOTIMPL;
@@ -160,6 +162,25 @@ int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band) {
   }
   if (band.left < p.roi.left || band.top < p.roi.top || band.right > p.roi.right || band.bottom > p.roi.bottom) {
     return E_INVALIDARG;
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+void AddRowPlain(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count) {
+  for (int32_t x = 0; x < count; ++x, b += 4, l += 4, o += 4) {
+    for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + l[k]));
+    o[3] = b[3];
+  }
+}
+
+int32_t RunImageAddLightMap(const LightMapAddParam& p, const Rect& band, AddRowFn row) {
+  const int32_t hr = CheckLightMapAdd(p, band);
+  if (hr < 0) return hr;
+  for (int32_t y = band.top; y < band.bottom; ++y) {
+    row(RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4, RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4,
+        RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left);
   }
   return S_OK;
 }
@@ -209,20 +230,7 @@ int32_t BilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuff
 }
 
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band) {
-  const int32_t hr = CheckLightMapAdd(p, band);
-  if (hr < 0) return hr;
-  for (int32_t y = band.top; y < band.bottom; ++y) {
-    const uint8_t* b = RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4;
-    const uint8_t* l = RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4;
-    uint8_t* o = RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4;
-    for (int32_t x = 0; x < band.right - band.left; ++x, b += 4, l += 4, o += 4) {
-      o[0] = static_cast<uint8_t>(std::min(255, b[0] + l[0]));
-      o[1] = static_cast<uint8_t>(std::min(255, b[1] + l[1]));
-      o[2] = static_cast<uint8_t>(std::min(255, b[2] + l[2]));
-      o[3] = b[3];
-    }
-  }
-  return S_OK;
+  return RunImageAddLightMap(p, band, AddRowPlain);
 }
 
 }  // namespace Korvane

@@ -28,8 +28,12 @@ int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartB
 void PasteRowPlain(const uint8_t* shape, uint8_t* light, int32_t count, const int32_t* c, int32_t mode);
 void MixRowPlain(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uint8_t* out, int32_t count);
 
-// Checks of the light-map add; S_OK when the band may be processed.
-int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band);
+// One row of the light-map add: out = min(255, base + light) for B, G, R,
+// base's alpha.
+using AddRowFn = void (*)(const uint8_t* base, const uint8_t* light, uint8_t* out, int32_t count);
+void AddRowPlain(const uint8_t* base, const uint8_t* light, uint8_t* out, int32_t count);
+// Checks the images and the band, then runs `row` over the band's rows.
+int32_t RunImageAddLightMap(const LightMapAddParam& p, const Rect& band, AddRowFn row);
 
 }  // namespace lightpaste_detail
 }  // namespace Korvane

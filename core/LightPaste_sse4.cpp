@@ -72,6 +72,18 @@ void MixRowSse(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uint8
   if (i < count) MixRowPlain(a, b, wa, wb, out, count - i);
 }
 
+// Adding the light without its alpha keeps the base's alpha.
+void AddRowSse(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count) {
+  const __m128i no_alpha = _mm_set1_epi32(0x00FFFFFF);
+  int32_t x = 0;
+  for (; x + 4 <= count; x += 4, b += 16, l += 16, o += 16) {
+    const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+    const __m128i vl = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(l)), no_alpha);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(o), _mm_adds_epu8(vb, vl));
+  }
+  if (x < count) AddRowPlain(b, l, o, count - x);
+}
+
 }  // namespace
 
 int32_t PasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
@@ -85,27 +97,7 @@ int32_t BilinearPasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& tmp, Smar
 }
 
 int32_t ImageAddLightMap_SSE4(const LightMapAddParam& p, const Rect& band) {
-  const int32_t hr = CheckLightMapAdd(p, band);
-  if (hr < 0) return hr;
-  const __m128i no_alpha = _mm_set1_epi32(0x00FFFFFF);
-  const int32_t count = band.right - band.left;
-  for (int32_t y = band.top; y < band.bottom; ++y) {
-    const uint8_t* b = RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4;
-    const uint8_t* l = RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4;
-    uint8_t* o = RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4;
-    int32_t x = 0;
-    // Adding the light without its alpha keeps the base's alpha.
-    for (; x + 4 <= count; x += 4, b += 16, l += 16, o += 16) {
-      const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
-      const __m128i vl = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(l)), no_alpha);
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(o), _mm_adds_epu8(vb, vl));
-    }
-    for (; x < count; ++x, b += 4, l += 4, o += 4) {
-      for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + l[k]));
-      o[3] = b[3];
-    }
-  }
-  return S_OK;
+  return RunImageAddLightMap(p, band, AddRowSse);
 }
 
 }  // namespace Korvane

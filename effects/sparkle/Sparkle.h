@@ -5,8 +5,10 @@
 //   SetSource, all drawn with the one automatic shape;
 // - manual sparkles, placed by the caller in photo pixels, each drawn with
 //   the caller-supplied shape of its type identifier and at its own scale.
-// The glints are pasted into a light map (reduced for large photos in
-// quality mode 1 and 3), which is enlarged and added to the photo.
+// Each set is pasted into a light map of its own (reduced for large photos in
+// quality modes 1 and 3), which its render record's saturation and
+// brightness adjust; the two maps combine by a saturating add, and the sum is
+// enlarged and added to the photo.
 //
 // Use: CreateEffect(&p, EFFECT_SPARKLE) gives a Sparkle*.
 //
@@ -131,8 +133,8 @@ class Sparkle {
   virtual int32_t AddManualSparkles(const SparklePoint* points, int32_t count, const SparkleShape* shape) = 0;
 
   // Edits what is placed: `value` is a SparkleUpdate or a type identifier.
-  // A sparkle is at a point when the point lies within half the sparkle's
-  // largest drawn size (1.5% of the photo's longer side times its scale).
+  // A sparkle is at a point when the point lies within 1.5% of the photo's
+  // longer side times the sparkle's scale (at least 2 pixels) of it.
   // Remove hides the automatic sparkles at the points too (ShowAllAutoSparkles
   // brings them back). Move takes pairs (count even) and moves the nearest
   // manual sparkle at each `from`; a `to.scale` above 0 also sets its scale.
@@ -164,8 +166,8 @@ class Sparkle {
   // until it is registered again. Process needs a new automatic shape.
   virtual int32_t ResetSparkleTypes() = 0;
 
-  // Releases the shapes, both sparkle lists and the working images; the
-  // source must be set again.
+  // Releases the shapes, both sparkle lists and the working images and
+  // lifts the maximum; the source must be set again.
   virtual int32_t ReleaseBuffer() = 0;
 };
 

@@ -147,7 +147,9 @@ void BM_FocusBlur(benchmark::State& state) {
   cpu.Report(state);
 }
 
-void BM_Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, SceneOf(static_cast<int>(state.range(0))).photo); }
+void BM_Memcpy(benchmark::State& state) {
+  KorvaneBench::MemcpyFloor(state, SceneOf(static_cast<int>(state.range(0))).photo);
+}
 
 #define KORVANE_BENCH_ROW(fn, name, ...) \
   BENCHMARK(fn)->Name(name)->Args({__VA_ARGS__})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime()

@@ -179,7 +179,8 @@ int32_t RunImageAddLightMap(const LightMapAddParam& p, const Rect& band, AddRowF
   const int32_t hr = CheckLightMapAdd(p, band);
   if (hr < 0) return hr;
   for (int32_t y = band.top; y < band.bottom; ++y) {
-    row(RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4, RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4,
+    row(RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4,
+        RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4,
         RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left);
   }
   return S_OK;

@@ -24,9 +24,9 @@ inline void AddProducts(uint8_t* d, __m128i lo, __m128i hi) {
 void PasteRowSse(const uint8_t* s, uint8_t* d, int32_t count, const int32_t* c, int32_t mode) {
   const __m128i zero = _mm_setzero_si128();
   // B, G, R factors and 0 for alpha, for two pixels.
-  const __m128i factors = _mm_setr_epi16(static_cast<int16_t>(c[0]), static_cast<int16_t>(c[1]),
-                                         static_cast<int16_t>(c[2]), 0, static_cast<int16_t>(c[0]),
-                                         static_cast<int16_t>(c[1]), static_cast<int16_t>(c[2]), 0);
+  const __m128i factors =
+      _mm_setr_epi16(static_cast<int16_t>(c[0]), static_cast<int16_t>(c[1]), static_cast<int16_t>(c[2]), 0,
+                     static_cast<int16_t>(c[0]), static_cast<int16_t>(c[1]), static_cast<int16_t>(c[2]), 0);
   int32_t i = 0;
   if (mode == LIGHT_PASTE_CHANNELS) {
     for (; i + 4 <= count; i += 4, s += 16, d += 16) {

@@ -94,7 +94,8 @@ int32_t GradientV(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rec
     const uint8_t* above = RowPtr<const uint8_t>(src, std::max(y - d, 0));
     const uint8_t* below = RowPtr<const uint8_t>(src, std::min(y + d, last));
     float* out = RowPtr<float>(dst, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) out[x] = (Lightness(above + 4 * x) - Lightness(below + 4 * x)) / 255.0f;
+    for (int32_t x = roi.left; x < roi.right; ++x)
+      out[x] = (Lightness(above + 4 * x) - Lightness(below + 4 * x)) / 255.0f;
   }
   return S_OK;
 }
@@ -251,8 +252,8 @@ void Clear(SmartBuffer& b) { std::memset(b.data.get(), 0, static_cast<size_t>(b.
 
 }  // namespace
 
-int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst,
-                     float k, int32_t d, const Rect& roi) {
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                     int32_t d, const Rect& roi) {
   int32_t hr = CheckMap(src, false);
   if (hr < 0) return hr;
   if (!dst.data) return E_POINTER;

@@ -83,14 +83,14 @@ int32_t LightPointRadius(int32_t long_side, float max_radius);
 // image (minimum == maximum) gives all zeros. Runs on the adapter; the
 // kernels' plain forms serve every SIMD level. E_POINTER / E_NOTIMPL as the
 // kernels; E_INVALIDARG for d < 0 or roi outside the images.
-int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst,
-                     float k, int32_t d, const Rect& roi);
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                     int32_t d, const Rect& roi);
 
 struct LightPointSettings {
-  int32_t radius = -1;        // gradient and box-blur radius; < 0: LightPointRadius(L, 4.0)
-  float harris_k = 0.006f;    // Harris constant
-  int32_t nms_radius = 4;     // non-maximum suppression window radius (9 x 9)
-  float threshold = 25.0f;    // on the 0..255 response scale; a response equal to it passes
+  int32_t radius = -1;      // gradient and box-blur radius; < 0: LightPointRadius(L, 4.0)
+  float harris_k = 0.006f;  // Harris constant
+  int32_t nms_radius = 4;   // non-maximum suppression window radius (9 x 9)
+  float threshold = 25.0f;  // on the 0..255 response scale; a response equal to it passes
 };
 
 // The whole detector: `map` (created here as FLOAT32 at src's size) holds
@@ -114,10 +114,10 @@ struct LightPoint {
   float random = 0.0f;       // in [0, 1): compared with the amount when pasting
   int32_t x = 0;             // position in the map
   int32_t y = 0;
-  int32_t color_index = 0;   // index into the effect's random colour table
-  int32_t size_id = 0;       // shape variant, set per frame (negative: not pasted)
-  uint8_t enabled = 1;       // 0: never pasted
-  uint8_t flag = 0;          // free for the effect's own use
+  int32_t color_index = 0;  // index into the effect's random colour table
+  int32_t size_id = 0;      // shape variant, set per frame (negative: not pasted)
+  uint8_t enabled = 1;      // 0: never pasted
+  uint8_t flag = 0;         // free for the effect's own use
 };
 
 // Keyed by the pixel index y x width + x, so iteration is in scan order.

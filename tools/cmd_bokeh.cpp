@@ -73,7 +73,8 @@ Inside Star(double radius) {
     const double sector = 2 * M_PI / 5, t = std::fabs(std::fmod(std::fabs(a) + sector / 2, sector) - sector / 2);
     const double inner = radius * 0.42, outer = radius;
     // Straight edges between a tip (t = 0) and a notch (t = sector / 2).
-    const double tip_x = 0, tip_y = outer, notch_x = inner * std::sin(sector / 2), notch_y = inner * std::cos(sector / 2);
+    const double tip_x = 0, tip_y = outer, notch_x = inner * std::sin(sector / 2),
+                 notch_y = inner * std::cos(sector / 2);
     const double px = r * std::sin(t), py = r * std::cos(t);
     return (notch_x - tip_x) * (py - tip_y) - (notch_y - tip_y) * (px - tip_x) <= 0;
   };
@@ -110,12 +111,18 @@ Image DrawShape(const Inside& inside) {
 
 // The named shapes, or any image file.
 bool MakeShape(const std::string& name, Image& shape, std::string& error) {
-  if (name == "circle") shape = DrawShape([](double x, double y) { return x * x + y * y <= 0.9 * 0.9; });
-  else if (name == "hexagon") shape = DrawShape(RegularPolygon(6, 0.9));
-  else if (name == "octagon") shape = DrawShape(RegularPolygon(8, 0.9));
-  else if (name == "heart") shape = DrawShape(Heart(0.9));
-  else if (name == "star") shape = DrawShape(Star(0.92));
-  else return LoadImage(name, shape, error);
+  if (name == "circle")
+    shape = DrawShape([](double x, double y) { return x * x + y * y <= 0.9 * 0.9; });
+  else if (name == "hexagon")
+    shape = DrawShape(RegularPolygon(6, 0.9));
+  else if (name == "octagon")
+    shape = DrawShape(RegularPolygon(8, 0.9));
+  else if (name == "heart")
+    shape = DrawShape(Heart(0.9));
+  else if (name == "star")
+    shape = DrawShape(Star(0.92));
+  else
+    return LoadImage(name, shape, error);
   return true;
 }
 
@@ -266,46 +273,47 @@ int RunBokeh(const BokehOptions& o) {
   if (int rc = RenderOutput(r, photo, o.guide.empty() ? nullptr : &guide, o, &ms, kind)) return rc;
   const double total = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
   Note("wrote %s (%s, %d frame%s, %zu light points, %dx%d, %.0f ms, render %.1f ms a frame)\n", o.output.c_str(),
-       kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx).GetBokehList().size(), photo.width,
-       photo.height, total, ms);
+       kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx).GetBokehList().size(), photo.width, photo.height,
+       total, ms);
   return 0;
 }
 
-RegisterCommand reg("bokeh", "Out-of-focus light discs over a blurred background, still or twinkling loop",
-                    [](CLI::App& sub) {
-  auto o = std::make_shared<BokehOptions>();
-  OptionTable t(sub);
-  t.Text("photo", o->input, "Photo to read (JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF, JPEG XL; '-' reads standard input)",
-         true);
-  t.Text("-o,--output", o->output,
-         "Where to write: an image for one frame; NAME.webp, NAME.gif or a folder of PNG frames for a loop");
-  t.Text("--guide", o->guide,
-         "Depth guide (gray, same size): values near --focus stay sharp, discs grow with the distance from it. "
-         "Without it the whole photo is background");
-  t.Text("--shape", o->shape, "Disc shape: circle, hexagon, octagon, heart, star, or an image file [default circle]");
-  t.Number("--amount", o->amount, 0, 1, "", "Fraction of the light points that get a disc");
-  t.Number("--size-blend", o->size_blend, 0, 1, "", "Disc size from 1x (0) to 1.5x (1)");
-  t.Number("--rotation", o->rotation, -360, 360, "degrees", "Turn of the shape");
-  t.Number("--saturation", o->saturation, -1, 1, "", "Colour strength of the discs");
-  t.Number("--hue-offset", o->hue_offset, -1, 1, "", "Hue turn of the discs (1 = half a turn)");
-  t.Choice("--color", o->color, {"global", "photo", "random"},
-           "Disc colour: the photo's dominant hue, the photo's colour at each point, or random hues");
-  t.Number("--quality-mode", o->quality_mode, 0, 3, "",
-           "0 light map at full size; 1 reduced for large photos; 2 and 3 also place discs on whole pixels");
-  t.Number("--blur-level", o->blur_level, 0, 100, "", "Background blur, as focus-blur's --level");
-  t.Number("--focus", o->focus, 0, 255, "", "Guide value that is in focus");
-  t.Number("--range", o->range, 0, 255, "", "Guide distance still left sharp");
-  t.Flag("--twinkle", o->twinkle, "Points light up and fade over the loop");
-  t.Flag("--hue-shift", o->hue_shift, "The discs' hue turns once over the loop");
-  t.Number("--frames", o->frames, 1, 1000, "", "Frames: 1 writes a still, more a loop");
-  t.Number("--fps", o->fps, 1, 100, "frames a second", "Playback speed of a loop");
-  t.Number("--webp-quality", o->webp_quality, 1, 100, "", "Quality of an animated WebP (100 = lossless)");
-  t.Text("--points-json", o->points_json,
-         "Write the detected light points as JSON (positions on the 640-pixel detection copy) and stop");
-  t.Text("--points-overlay", o->points_overlay, "Write the photo with a ring around every detected light point");
-  t.Flag("-q,--quiet", o->quiet, "Print nothing on success");
-  return std::function<int()>([o] { return RunBokeh(*o); });
-});
+RegisterCommand reg(
+    "bokeh", "Out-of-focus light discs over a blurred background, still or twinkling loop", [](CLI::App& sub) {
+      auto o = std::make_shared<BokehOptions>();
+      OptionTable t(sub);
+      t.Text("photo", o->input,
+             "Photo to read (JPEG, PNG, WebP, TIFF, GIF, HEIF/AVIF, JPEG XL; '-' reads standard input)", true);
+      t.Text("-o,--output", o->output,
+             "Where to write: an image for one frame; NAME.webp, NAME.gif or a folder of PNG frames for a loop");
+      t.Text("--guide", o->guide,
+             "Depth guide (gray, same size): values near --focus stay sharp, discs grow with the distance from it. "
+             "Without it the whole photo is background");
+      t.Text("--shape", o->shape,
+             "Disc shape: circle, hexagon, octagon, heart, star, or an image file [default circle]");
+      t.Number("--amount", o->amount, 0, 1, "", "Fraction of the light points that get a disc");
+      t.Number("--size-blend", o->size_blend, 0, 1, "", "Disc size from 1x (0) to 1.5x (1)");
+      t.Number("--rotation", o->rotation, -360, 360, "degrees", "Turn of the shape");
+      t.Number("--saturation", o->saturation, -1, 1, "", "Colour strength of the discs");
+      t.Number("--hue-offset", o->hue_offset, -1, 1, "", "Hue turn of the discs (1 = half a turn)");
+      t.Choice("--color", o->color, {"global", "photo", "random"},
+               "Disc colour: the photo's dominant hue, the photo's colour at each point, or random hues");
+      t.Number("--quality-mode", o->quality_mode, 0, 3, "",
+               "0 light map at full size; 1 reduced for large photos; 2 and 3 also place discs on whole pixels");
+      t.Number("--blur-level", o->blur_level, 0, 100, "", "Background blur, as focus-blur's --level");
+      t.Number("--focus", o->focus, 0, 255, "", "Guide value that is in focus");
+      t.Number("--range", o->range, 0, 255, "", "Guide distance still left sharp");
+      t.Flag("--twinkle", o->twinkle, "Points light up and fade over the loop");
+      t.Flag("--hue-shift", o->hue_shift, "The discs' hue turns once over the loop");
+      t.Number("--frames", o->frames, 1, 1000, "", "Frames: 1 writes a still, more a loop");
+      t.Number("--fps", o->fps, 1, 100, "frames a second", "Playback speed of a loop");
+      t.Number("--webp-quality", o->webp_quality, 1, 100, "", "Quality of an animated WebP (100 = lossless)");
+      t.Text("--points-json", o->points_json,
+             "Write the detected light points as JSON (positions on the 640-pixel detection copy) and stop");
+      t.Text("--points-overlay", o->points_overlay, "Write the photo with a ring around every detected light point");
+      t.Flag("-q,--quiet", o->quiet, "Print nothing on success");
+      return std::function<int()>([o] { return RunBokeh(*o); });
+    });
 
 // The demo's distant shore lights become discs behind the sharp lighthouse.
 RegisterDemoStep demo(70, "bokeh: the shore lights as twinkling discs", [](DemoContext& ctx) {

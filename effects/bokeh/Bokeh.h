@@ -33,10 +33,10 @@ struct BokehParam {
   // from the focus); any other value: the caller's blur mask directly, which
   // mode 3 inverts around the focus value (larger discs further from it).
   int32_t bokeh_source_mode = 1;
-  uint8_t paste_switch = 1;      // non-zero: paste the discs
-  uint8_t hue_shift_switch = 0;  // non-zero: the hue offset turns once over the loop
-  uint8_t twinkle_switch = 0;    // non-zero: each point's lightness follows the twinkle curve over the loop
-  uint8_t reserved_twinkle = 0;  // not read
+  uint8_t paste_switch = 1;        // non-zero: paste the discs
+  uint8_t hue_shift_switch = 0;    // non-zero: the hue offset turns once over the loop
+  uint8_t twinkle_switch = 0;      // non-zero: each point's lightness follows the twinkle curve over the loop
+  uint8_t reserved_twinkle = 0;    // not read
   int32_t anime_frame_count = 0;   // >= 1
   int32_t anime_frame_index = -1;  // >= 0
   uint8_t rebuild_shapes = 1;      // non-zero: rebuild the disc variants every frame
@@ -57,15 +57,15 @@ struct BokehParam {
 
 // Shape settings, copied whole on every Process.
 struct BokehShapeParam {
-  ImageBuffer shape;         // BGRA32 disc image, its brightness is the light (any size, square is best)
-  int32_t reserved = 0;      // not read
-  float size_blend = 0.0f;   // 0..1: disc size factor from 1.0 to 1.5
-  float amount = 0.0f;       // 0..1: fraction of the light points shown
-  float rotation = 0.0f;     // degrees, about the shape's centre
-  float hue_offset = 0.0f;   // -1..1: a half turn of hue per unit
-  float saturation = 0.0f;   // -1..1
-  int32_t shape_changed = 1; // non-zero: rebuild the disc variants
-  int32_t color_mode = 1;    // 0 the photo's dominant hue, 1 the photo's colour at the point, 2 random hues
+  ImageBuffer shape;          // BGRA32 disc image, its brightness is the light (any size, square is best)
+  int32_t reserved = 0;       // not read
+  float size_blend = 0.0f;    // 0..1: disc size factor from 1.0 to 1.5
+  float amount = 0.0f;        // 0..1: fraction of the light points shown
+  float rotation = 0.0f;      // degrees, about the shape's centre
+  float hue_offset = 0.0f;    // -1..1: a half turn of hue per unit
+  float saturation = 0.0f;    // -1..1
+  int32_t shape_changed = 1;  // non-zero: rebuild the disc variants
+  int32_t color_mode = 1;     // 0 the photo's dominant hue, 1 the photo's colour at the point, 2 random hues
 };
 
 class Bokeh {

@@ -77,6 +77,12 @@ void RotateRows(const SmartBuffer& src, SmartBuffer& dst, float degrees, int32_t
 
 bool Inside(const Rect& r, float x, float y) { return x >= r.left && x < r.right && y >= r.top && y < r.bottom; }
 
+// A named step's result, logged with the step's name when it failed.
+int32_t Step(const char* name, int32_t code) {
+  if (code < 0) KORVANE_LOG_FAILED_STEP(name, code);
+  return code;
+}
+
 }  // namespace
 
 BokehEffect::BokehEffect(CThreadPool* pool) : EffectCore(pool) { ResetParams(); }
@@ -139,7 +145,7 @@ const std::array<float, BokehEffect::kTwinkleSamples>& BokehEffect::TwinkleCurve
   // Dark for most of the cycle: a point lights up only in the middle of it.
   static const std::array<float, kTwinkleSamples> curve = [] {
     std::array<float, kTwinkleSamples> c{};
-    int32_t i = 23;                                       // 23 zeros
+    int32_t i = 23;                                         // 23 zeros
     for (int32_t k = 1; k <= 38; ++k) c[i++] = 0.025f * k;  // rise to 0.95
     c[i++] = 0.975f;
     c[i++] = 0.975f;
@@ -162,9 +168,9 @@ int32_t BokehEffect::CalTwinkleAnimeParam(int32_t count, int32_t index) {
   }
   for (auto& [key, p] : m_bokeh_list) {
     (void)key;
-    const int32_t frame = std::min(
-        static_cast<int32_t>(static_cast<float>(p.phase) * static_cast<float>(count) / kTwinkleSamples + 0.5f),
-        count - 1);
+    const int32_t frame =
+        std::min(static_cast<int32_t>(static_cast<float>(p.phase) * static_cast<float>(count) / kTwinkleSamples + 0.5f),
+                 count - 1);
     p.frame_offset = static_cast<int32_t>((static_cast<int64_t>(frame) + index) % count);
   }
   return S_OK;
@@ -278,15 +284,12 @@ int32_t BokehEffect::SetSourceSteps(const ImageBuffer& src) {
   Clear(m_norm_src_buff);
   Clear(location_map);
   const SmartBuffer view = SmartBufferView(src);
-  if ((hr = ResizeBuffer(m_thread_adapter, m_system_info, view, FullRect(view), m_norm_src_buff,
-                         FullRect(m_norm_src_buff))) < 0) {
-    KORVANE_LOG_FAILED_STEP("ResizeBuffer", hr);
+  if ((hr = Step("ResizeBuffer", ResizeBuffer(m_thread_adapter, m_system_info, view, FullRect(view), m_norm_src_buff,
+                                              FullRect(m_norm_src_buff)))) < 0)
     return hr;
-  }
-  if ((hr = InitAutoBokehMap(m_thread_adapter, m_system_info, m_norm_src_buff, location_map)) < 0) {
-    KORVANE_LOG_FAILED_STEP("InitAutoBokehMap", hr);
+  if ((hr = Step("InitAutoBokehMap",
+                 InitAutoBokehMap(m_thread_adapter, m_system_info, m_norm_src_buff, location_map))) < 0)
     return hr;
-  }
   if (KORVANE_FAILED(InitBokehList(location_map))) return hr;
   if (KORVANE_FAILED(CalDominantColor(m_norm_src_buff, m_bokeh_global_color))) return hr;
   if (KORVANE_FAILED(CalRandomColor(m_bokeh_random_color_count, m_bokeh_random_color_table))) return hr;
@@ -350,14 +353,8 @@ int32_t BokehEffect::RenderFrame() {
   if (KORVANE_FAILED(CalScaleRatio(max(m_src_buff.width, m_src_buff.height)))) return hr;
   if (KORVANE_FAILED(InitBuffers())) return hr;
   if (KORVANE_FAILED(ResizeROI(m_roi, m_scaled_roi, m_scale_ratio))) return hr;
-  if ((hr = ProcessFocusImg()) < 0) {
-    KORVANE_LOG_FAILED_STEP("ProcessFocusImg", hr);
-    return hr;
-  }
-  if ((hr = ProcessBokeh()) < 0) {
-    KORVANE_LOG_FAILED_STEP("Total cost", hr);
-    return hr;
-  }
+  if ((hr = Step("ProcessFocusImg", ProcessFocusImg())) < 0) return hr;
+  if ((hr = Step("Total cost", ProcessBokeh())) < 0) return hr;
   m_prev_param = m_param;
   m_prev_shape_param = m_shape_param;
   m_has_prev = true;
@@ -402,24 +399,16 @@ int32_t BokehEffect::ProcessBokeh() {
   CopyRows(m_shape_param.shape, dst.shape);
   m_shape_copy = dst.shape;
 
-  if ((hr = BokehProcess()) < 0) {
-    KORVANE_LOG_FAILED_STEP("BokehProcess", hr);
-    return hr;
-  }
+  if ((hr = Step("BokehProcess", BokehProcess())) < 0) return hr;
   Clear(m_scaled_light_buff);
-  if ((hr = InitBokehListSizeID()) < 0) {
-    KORVANE_LOG_FAILED_STEP("InitBokehListSizeID", hr);
-    return hr;
-  }
+  if ((hr = Step("InitBokehListSizeID", InitBokehListSizeID())) < 0) return hr;
   if (m_param.paste_switch && (hr = PasteBokehList()) < 0) {
     KORVANE_LOG_FAILED_STEP("PasteBokehList", hr);
     return hr;
   }
-  if ((hr = ResizeBuffer(m_thread_adapter, m_system_info, m_scaled_light_buff, m_scaled_roi, m_light_buff, m_roi)) <
-      0) {
-    KORVANE_LOG_FAILED_STEP("UpsampleLightMap", hr);
+  if ((hr = Step("UpsampleLightMap", ResizeBuffer(m_thread_adapter, m_system_info, m_scaled_light_buff, m_scaled_roi,
+                                                  m_light_buff, m_roi))) < 0)
     return hr;
-  }
   const auto add = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4);
   LightMapAddParam ap;
   ap.base = m_focus_src_buff;
@@ -451,18 +440,9 @@ int32_t BokehEffect::BokehProcess() {
   }
   m_types_ready = false;
   int32_t hr;
-  if ((hr = InitRotatedBokehType()) < 0) {
-    KORVANE_LOG_FAILED_STEP("InitRotatedBokehType", hr);
-    return hr;
-  }
-  if ((hr = InitMultiScaledBokehType()) < 0) {
-    KORVANE_LOG_FAILED_STEP("InitMultiScaledBokehType", hr);
-    return hr;
-  }
-  if ((hr = InitTempBokehType()) < 0) {
-    KORVANE_LOG_FAILED_STEP("InitTempBokehType", hr);
-    return hr;
-  }
+  if ((hr = Step("InitRotatedBokehType", InitRotatedBokehType())) < 0) return hr;
+  if ((hr = Step("InitMultiScaledBokehType", InitMultiScaledBokehType())) < 0) return hr;
+  if ((hr = Step("InitTempBokehType", InitTempBokehType())) < 0) return hr;
   m_types_ready = true;
   m_types_long_side = long_side;
   return S_OK;
@@ -491,8 +471,7 @@ int32_t BokehEffect::InitRotatedBokehType() {
 
 int32_t BokehEffect::InitMultiScaledBokehType() {
   const float t = m_shape_param.size_blend;
-  const std::array<int32_t, kSizeCount> scale_list =
-      CalBokehSizes(t, max(m_scaled_img_size.w, m_scaled_img_size.h));
+  const std::array<int32_t, kSizeCount> scale_list = CalBokehSizes(t, max(m_scaled_img_size.w, m_scaled_img_size.h));
   int32_t hr;
   SmartBuffer blur_shape;
   if (KORVANE_FAILED(CreateSmartBufferData(blur_shape, m_bok_size.w, m_bok_size.h, PIXEL_BGRA32))) return hr;
@@ -561,8 +540,8 @@ int32_t BokehEffect::InitBokehListSizeID() {
   }
   for (auto& [key, p] : m_bokeh_list) {
     (void)key;
-    p.size_id = CalSizeID(RowPtr<const uint8_t>(norm_blur_mask, p.y)[p.x], m_param.bokeh_source_mode,
-                          m_param.focus_value);
+    p.size_id =
+        CalSizeID(RowPtr<const uint8_t>(norm_blur_mask, p.y)[p.x], m_param.bokeh_source_mode, m_param.focus_value);
   }
   return S_OK;
 }
@@ -590,12 +569,12 @@ int32_t BokehEffect::PasteBokehList() {
     pt.x = (entry.x - norm_cx) * scale + scaled_cx;
     pt.y = (entry.y - norm_cy) * scale + scaled_cy;
     const PointI pt_int{static_cast<int32_t>(pt.x + 0.5f), static_cast<int32_t>(pt.y + 0.5f)};
-    if (!Inside(m_scaled_roi, pt.x, pt.y) || !Inside(m_scaled_roi, static_cast<float>(pt_int.x), static_cast<float>(pt_int.y))) {
+    if (!Inside(m_scaled_roi, pt.x, pt.y) ||
+        !Inside(m_scaled_roi, static_cast<float>(pt_int.x), static_cast<float>(pt_int.y))) {
       continue;
     }
-    const float current_lightness = m_param.twinkle_switch
-                                        ? m_twinkle_table[static_cast<size_t>(entry.frame_offset)]
-                                        : curve[static_cast<size_t>(entry.phase)];
+    const float current_lightness = m_param.twinkle_switch ? m_twinkle_table[static_cast<size_t>(entry.frame_offset)]
+                                                           : curve[static_cast<size_t>(entry.phase)];
     if (current_lightness == 0.0f) continue;
 
     int32_t hue = 0, sat = 0, lit = kNeutralLightness;
@@ -617,8 +596,7 @@ int32_t BokehEffect::PasteBokehList() {
         hue = static_cast<int32_t>(m_bokeh_random_color_table[static_cast<size_t>(entry.color_index)]) + hue_shift;
         sat = static_cast<int32_t>(sat_weight * kHslMax);
         break;
-      default:
-        continue;  // no colour: the paste would add nothing
+      default: continue;  // no colour: the paste would add nothing
     }
     if (hue > kHueFull) hue -= kHueFull;
     if (hue < 0) hue += kHueFull;
@@ -634,10 +612,10 @@ int32_t BokehEffect::PasteBokehList() {
     if (whole_pixels) {
       if (KORVANE_FAILED(CalPasteLightROI(bok_roi, pt_int, d, h, w))) return hr;
       if ((hr = paste.fn(bokeh_buff, light_buff, pt_int, args, bok_roi)) < 0) {
-        KORVANE_LOG_FAILED_CALL(paste.simd
-                                    ? "PasteBokeh_SSE(bokeh_buff, light_buff, pt_int, current_lightness, color, bok_roi)"
-                                    : "PasteBokeh(bokeh_buff, light_buff, pt_int, current_lightness, color, bok_roi)",
-                                hr);
+        KORVANE_LOG_FAILED_CALL(
+            paste.simd ? "PasteBokeh_SSE(bokeh_buff, light_buff, pt_int, current_lightness, color, bok_roi)"
+                       : "PasteBokeh(bokeh_buff, light_buff, pt_int, current_lightness, color, bok_roi)",
+            hr);
         return hr;
       }
     } else {

@@ -88,11 +88,11 @@ class BokehEffect final : public Bokeh, public EffectCore {
   void ResetParams();
 
   // Tuning constants.
-  static constexpr float kMinSizeRatio = 0.03f;    // smallest disc, of the light map's longer side
-  static constexpr float kMaxSizeRatio = 0.06f;    // largest disc (reached at 0.9 of the way, see CalBokehSizes)
-  static constexpr float kMinSizeFactor = 1.0f;    // size factor at size blend 0
-  static constexpr float kMaxSizeFactor = 1.5f;    // and at 1
-  static constexpr int32_t kNormLongSide = 640;    // detection image
+  static constexpr float kMinSizeRatio = 0.03f;  // smallest disc, of the light map's longer side
+  static constexpr float kMaxSizeRatio = 0.06f;  // largest disc (reached at 0.9 of the way, see CalBokehSizes)
+  static constexpr float kMinSizeFactor = 1.0f;  // size factor at size blend 0
+  static constexpr float kMaxSizeFactor = 1.5f;  // and at 1
+  static constexpr int32_t kNormLongSide = 640;  // detection image
   static constexpr int32_t kSizeSteps = 10;
   static constexpr int32_t kRandomColorCount = 24;
   static constexpr float kShapeBlurBase = 400.0f;  // shape blur radius: shape width x 16 / this

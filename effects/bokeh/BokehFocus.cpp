@@ -71,8 +71,8 @@ bool BokehFocus::SameAsKept(const BokehFocusParam& p, const SmartBuffer& out) co
   const BokehFocusParam& k = m_kept_param;
   return m_kept && out.data.get() == m_kept_out && SameImage(p.src, k.src) && SameImage(p.guide, k.guide) &&
          p.roi.left == k.roi.left && p.roi.top == k.roi.top && p.roi.right == k.roi.right &&
-         p.roi.bottom == k.roi.bottom && p.blur_buff_ratio == k.blur_buff_ratio &&
-         p.blur_strength == k.blur_strength && p.focus_value == k.focus_value && p.focus_range == k.focus_range;
+         p.roi.bottom == k.roi.bottom && p.blur_buff_ratio == k.blur_buff_ratio && p.blur_strength == k.blur_strength &&
+         p.focus_value == k.focus_value && p.focus_range == k.focus_range;
 }
 
 int32_t BokehFocus::ReleaseBuffer() {
@@ -155,16 +155,18 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
   auto run_blur = [&](GaussianBlurParam& bp) {
     int32_t code = adapter.RunTaskByMultiThread(blur_h.fn, &bp, nullptr, small);
     if (code < 0) {
-      DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blur_param, this, process_region) Error! - "
-               "Return Code: %x",
-               blur_h.name, static_cast<unsigned>(code));
+      DebugLog(
+          "[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blur_param, this, process_region) Error! - "
+          "Return Code: %x",
+          blur_h.name, static_cast<unsigned>(code));
       return code;
     }
     code = adapter.RunTaskByMultiThread(blur_v.fn, &bp, nullptr, small, false);
     if (code < 0) {
-      DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blur_param, this, process_region, false) "
-               "Error! - Return Code: %x",
-               blur_v.name, static_cast<unsigned>(code));
+      DebugLog(
+          "[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blur_param, this, process_region, false) "
+          "Error! - Return Code: %x",
+          blur_v.name, static_cast<unsigned>(code));
     }
     return code;
   };
@@ -179,8 +181,7 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
     weak.buffer = m_weak;
     weak.source = m_small_src;
     weak.weights.reset(new float[kGaussianHalfTaps]);
-    weak.kernel_length =
-        MakeReducedGaussianWeights(level / 6, p.src.width, p.src.height, ratio, weak.weights.get());
+    weak.kernel_length = MakeReducedGaussianWeights(level / 6, p.src.width, p.src.height, ratio, weak.weights.get());
     weak.mask = m_blur_mask;
     if ((hr = run_blur(weak)) < 0) return hr;
 
@@ -198,9 +199,10 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
     blend_param.table = table;
     const auto blend = KORVANE_PICK(info, FocusBlend, FocusBlend_SSE);
     if ((hr = adapter.RunTaskByMultiThread(blend.fn, &blend_param, nullptr, p.roi)) < 0) {
-      DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blend_param, this, process_region) Error! - "
-               "Return Code: %x",
-               blend.name, static_cast<unsigned>(hr));
+      DebugLog(
+          "[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, &blend_param, this, process_region) Error! - "
+          "Return Code: %x",
+          blend.name, static_cast<unsigned>(hr));
       return hr;
     }
   }

@@ -17,13 +17,13 @@
 namespace Korvane {
 
 struct BokehFocusParam {
-  SmartBuffer src;              // BGRA32, the photo
-  SmartBuffer guide;            // GRAY8, src's size; no pixels: the whole photo is background
-  Rect roi;                     // the part of the result that is needed
-  float blur_buff_ratio = 0.5f; // 0.1..1: size of the reduced copy
-  float blur_strength = 1.0f;   // 0..1: focus-blur level 0..100
-  float focus_value = 0.9f;     // 0..1 (x 255)
-  float focus_range = 0.2f;     // 0..1 (x 255)
+  SmartBuffer src;               // BGRA32, the photo
+  SmartBuffer guide;             // GRAY8, src's size; no pixels: the whole photo is background
+  Rect roi;                      // the part of the result that is needed
+  float blur_buff_ratio = 0.5f;  // 0.1..1: size of the reduced copy
+  float blur_strength = 1.0f;    // 0..1: focus-blur level 0..100
+  float focus_value = 0.9f;      // 0..1 (x 255)
+  float focus_range = 0.2f;      // 0..1 (x 255)
 };
 
 // Weights for a copy reduced by `ratio` that reproduce, in full-size pixels,

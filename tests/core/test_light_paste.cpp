@@ -107,7 +107,7 @@ TEST(LightPaste, TwoPastesAddAndSaturate) {
     EXPECT_EQ(Px(light, 4, 4)[0], 255);  // saturated, not wrapped
     EXPECT_EQ(Px(light, 1, 1)[1], 255);
     EXPECT_EQ(Px(light, 1, 1)[2], 5 * ((6 * 254) >> 8));
-    EXPECT_EQ(Px(light, 0, 0)[0], 0);   // outside the 7 x 7 shape
+    EXPECT_EQ(Px(light, 0, 0)[0], 0);  // outside the 7 x 7 shape
   }
 }
 
@@ -187,8 +187,8 @@ TEST(LightPaste, SseFormsMatchPlainOnAwkwardSizes) {
         ASSERT_EQ(CalBilinearPasteLightROI(roi, origin, pt, d, h, w), S_OK);
         ASSERT_EQ(BilinearPasteLight(shape, ta, a, pt, args, roi), S_OK);
         ASSERT_EQ(BilinearPasteLight_SSE4(shape, tb, b, pt, args, roi), S_OK);
-        ASSERT_EQ(Bytes(a), Bytes(b)) << "sub-pixel d " << d << " w " << w << " mode " << mode << " at " << pt.x
-                                      << "," << pt.y;
+        ASSERT_EQ(Bytes(a), Bytes(b)) << "sub-pixel d " << d << " w " << w << " mode " << mode << " at " << pt.x << ","
+                                      << pt.y;
       }
       // The light-map add over an inner roi, into a padded caller image.
       const SmartBuffer light = Noise(w, h, rng());

@@ -74,8 +74,8 @@ TEST(LightPointDetect, GradientsClampAtTheEdgesAndUseHslLightness) {
   CreateSmartBufferData(dy, 3, 2, PIXEL_FLOAT32);
   ASSERT_EQ(GradientH(src, dx, 2, FullRect(src)), S_OK);
   ASSERT_EQ(GradientV(src, dy, 5, FullRect(src)), S_OK);
-  EXPECT_FLOAT_EQ(At(dx, 0, 0), (20.0f - 100.0f) / 255.0f);   // left clamped to column 0
-  EXPECT_FLOAT_EQ(At(dx, 1, 0), (20.0f - 100.0f) / 255.0f);   // both sides clamped
+  EXPECT_FLOAT_EQ(At(dx, 0, 0), (20.0f - 100.0f) / 255.0f);  // left clamped to column 0
+  EXPECT_FLOAT_EQ(At(dx, 1, 0), (20.0f - 100.0f) / 255.0f);  // both sides clamped
   EXPECT_FLOAT_EQ(At(dx, 2, 1), (0.0f - 60.0f) / 255.0f);
   EXPECT_FLOAT_EQ(At(dy, 1, 0), (127.5f - 255.0f) / 255.0f);  // rows clamped
   EXPECT_FLOAT_EQ(At(dy, 0, 1), (20.0f - 0.0f) / 255.0f);

@@ -85,8 +85,8 @@ struct Frame {
   }
 };
 
-std::vector<uint8_t> Render(EffectRig<BokehEffect>& rig, const Frame& f, const TestImage& photo,
-                            const TestImage* guide, Rect roi = Rect{0, 0, kW, kH}) {
+std::vector<uint8_t> Render(EffectRig<BokehEffect>& rig, const Frame& f, const TestImage& photo, const TestImage* guide,
+                            Rect roi = Rect{0, 0, kW, kH}) {
   TestImage out(roi.right - roi.left, roi.bottom - roi.top, PIXEL_BGRA32, 8);
   EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, guide ? &guide->buf : nullptr, &out.buf, roi), S_OK);
   EXPECT_TRUE(out.GuardsIntact());
@@ -101,7 +101,10 @@ TEST(BokehRules, SizesRatiosAndRegions) {
   EXPECT_EQ(BokehEffect::CalNormSize(50, 40).w, 640);  // small photos are scaled up
   EXPECT_EQ(BokehEffect::CalNormSize(50, 40).h, 512);
   float r = 0;
-  struct Case { int32_t mode, side; float want; };
+  struct Case {
+    int32_t mode, side;
+    float want;
+  };
   for (const Case c : {Case{1, 640, 1.0f}, Case{1, 2880, 0.625f}, Case{1, 5120, 0.25f}, Case{3, 9000, 0.25f},
                        Case{1, 300, 1.0f}, Case{0, 9000, 1.0f}, Case{0, 0, 1.0f}}) {
     ASSERT_EQ(BokehEffect::CalScaleRatioFor(c.mode, c.side, r), S_OK) << c.side;

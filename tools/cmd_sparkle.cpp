@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -15,6 +14,7 @@
 
 #include "AnimationWriter.h"
 #include "Command.h"
+#include "LightPointsJson.h"
 #include "Options.h"
 #include "ToolSupport.h"
 #include "effects/sparkle/Sparkle.h"
@@ -195,29 +195,6 @@ const Korvane::SparkleEffect& Inspect(const Korvane::Sparkle* fx) {
   return *static_cast<const Korvane::SparkleEffect*>(fx);
 }
 
-// The same form as `korvane bokeh --points-json`:
-// {"width": W, "height": H, "points": [{"x", "y", "phase", "random", "color"}, ...]}.
-int WritePointsJson(const Korvane::Sparkle* fx, const std::string& path) {
-  const auto& fxi = Inspect(fx);
-  std::string text = "{\"width\": " + std::to_string(fxi.NormWidth()) +
-                     ", \"height\": " + std::to_string(fxi.NormHeight()) + ", \"points\": [";
-  bool first = true;
-  char buf[160];
-  for (const auto& [key, p] : fxi.AutoSparkleList()) {
-    (void)key;
-    std::snprintf(buf, sizeof buf, "%s\n  {\"x\": %d, \"y\": %d, \"phase\": %d, \"random\": %.9g, \"color\": %d}",
-                  first ? "" : ",", p.x, p.y, p.phase, static_cast<double>(p.random), p.color_index);
-    text += buf;
-    first = false;
-  }
-  text += first ? "]}\n" : "\n]}\n";
-  std::string error;
-  if (!WriteFileSafely(path, text.data(), text.size(), error)) return Fail(error);
-  Note("wrote %s (%zu light points on the %dx%d detection copy)\n", path.c_str(), fxi.AutoSparkleList().size(),
-       fxi.NormWidth(), fxi.NormHeight());
-  return 0;
-}
-
 // Every frame into `output`: a still image for one frame, else an animation
 // as `animate` writes them. Returns 0 or an exit code.
 int RenderOutput(Renderer& r, Image& photo, const SparkleOptions& o, double* ms_per_frame, std::string& kind) {
@@ -272,7 +249,10 @@ int RunSparkle(const SparkleOptions& o) {
   Renderer r(engine);
   if (int rc = r.Start(photo, shape, o.manual.empty() ? nullptr : &manual_shape, manual, o)) return rc;
   // The inspection output stands alone: it is for tuning before rendering.
-  if (!o.points_json.empty()) return WritePointsJson(r.fx, o.points_json);
+  if (!o.points_json.empty()) {
+    const auto& fxi = Inspect(r.fx);
+    return WriteLightPointsJson(o.points_json, fxi.NormWidth(), fxi.NormHeight(), fxi.AutoSparkleList());
+  }
   double ms = 0;
   std::string kind;
   if (int rc = RenderOutput(r, photo, o, &ms, kind)) return rc;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/LightPaste.h"
 #include "core/ResultCode.h"
 
 namespace Korvane {
@@ -22,16 +23,7 @@ int32_t CalSparkleScaleRatio(int32_t quality_mode, int32_t long_side, float& rat
     ratio = 1.0f;
     return S_OK;
   }
-  if (long_side < 1) return E_INVALIDARG;
-  if (long_side <= 640) {
-    ratio = 1.0f;
-  } else if (long_side < 5120) {
-    const float t = static_cast<float>(long_side - 640) / 4480.0f;
-    ratio = 1.0f - t + 0.25f * t;
-  } else {
-    ratio = 0.25f;
-  }
-  return S_OK;
+  return CalLightMapScaleRatio(long_side, ratio);
 }
 
 int32_t ScaledLength(int32_t size, float ratio) {

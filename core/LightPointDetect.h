@@ -22,6 +22,7 @@
 #include <cfloat>
 #include <cstdint>
 #include <map>
+#include <vector>
 
 #include "core/ImageBuffer.h"
 #include "core/SystemInfo.h"
@@ -131,5 +132,20 @@ using LightPointList = std::map<int32_t, LightPoint>;
 // platform. E_POINTER without pixels, E_NOTIMPL for another map format,
 // E_INVALIDARG for counts below 1. An empty map gives an empty list.
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list);
+
+// ---------------------------------------------------------------------------
+// Twinkling: a point's brightness follows an effect's curve of `samples`
+// values over the loop, starting at its phase.
+
+// The per-frame table: `count` values of the curve stretched over the loop,
+// entry i the linear interpolation at i x samples / count. E_INVALIDARG for
+// count < 1 or fewer than 2 samples.
+int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table);
+
+// The table entry of a point with this phase at frame `index` of a loop of
+// `count` frames, when it goes through the curve `cycles` times a loop:
+// its start frame min(trunc(phase x count / samples + 0.5), count - 1),
+// plus index x cycles, modulo count (so frame `count` is frame 0 again).
+int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles = 1);
 
 }  // namespace Korvane

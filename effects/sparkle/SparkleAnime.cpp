@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "core/LightPaste.h"
+#include "core/LightPointDetect.h"
 #include "core/ResultCode.h"
 
 namespace Korvane {
@@ -40,25 +41,7 @@ int32_t CalScaledROI(const Rect& roi, Rect& scaled_roi, float ratio, int32_t w, 
 }
 
 int32_t CalTwinkleTable(int32_t count, std::vector<float>& table) {
-  if (count < 1) return E_INVALIDARG;
-  const std::vector<float>& curve = SparkleTwinkleCurve();
-  table.resize(static_cast<size_t>(count));
-  const float step = static_cast<float>(kSparkleCurveLength) / static_cast<float>(count);
-  for (int32_t i = 0; i < count; ++i) {
-    const float x = static_cast<float>(i) * step;
-    const int32_t k = std::min(static_cast<int32_t>(x), kSparkleCurveLength - 2);
-    const float f = x - static_cast<float>(k);
-    table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
-  }
-  return S_OK;
-}
-
-int32_t TwinkleFrameOffset(int32_t phase, int32_t count, int32_t index, int32_t cycles) {
-  const int32_t frame = std::min(
-      static_cast<int32_t>(static_cast<float>(phase) * static_cast<float>(count) / kSparkleCurveLength + 0.5f),
-      count - 1);
-  const int64_t step = static_cast<int64_t>(index % count) * cycles;
-  return static_cast<int32_t>((frame + step) % count);
+  return StretchTwinkleCurve(SparkleTwinkleCurve().data(), kSparkleCurveLength, count, table);
 }
 
 int32_t CalRotation(float rotation, bool rotate, int32_t count, int32_t index, float& out) {

@@ -30,12 +30,9 @@ int32_t ScaledLength(int32_t size, float ratio);
 int32_t CalScaledROI(const Rect& roi, Rect& scaled_roi, float ratio, int32_t w, int32_t h);
 
 // The per-frame twinkle table: `count` samples of the curve stretched over
-// the loop, linearly interpolated. E_INVALIDARG for count < 1.
+// the loop, linearly interpolated. E_INVALIDARG for count < 1. A glint's
+// entry in it is TwinkleFrameOffset (core/LightPointDetect.h) of its phase.
 int32_t CalTwinkleTable(int32_t count, std::vector<float>& table);
-
-// The frame of the loop at which a glint of this phase sits on frame 0, and
-// its table offset at `index` when it flashes `cycles` times per loop.
-int32_t TwinkleFrameOffset(int32_t phase, int32_t count, int32_t index, int32_t cycles);
 
 // rotation + index x 360 / count when rotating, reduced by 360 once when it
 // exceeds 360 (so a loop's frame `count` is its frame 0 again).

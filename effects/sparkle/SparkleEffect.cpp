@@ -487,10 +487,11 @@ int32_t SparkleEffect::CalTwinkleAnimeParam(int32_t count, int32_t index) {
   int32_t hr;
   if ((hr = CalTwinkleTable(count, m_twinkle_table)) < 0) return hr;
   for (auto& kv : m_auto_sparkle_list) {
-    kv.second.frame_offset = TwinkleFrameOffset(kv.second.phase, count, index, m_auto_render.twinkle_cycles);
+    kv.second.frame_offset = TwinkleFrameOffset(kv.second.phase, kSparkleCurveLength, count, index,
+                                                   m_auto_render.twinkle_cycles);
   }
   for (ManualSparkle& s : m_manual_sparkles) {
-    s.frame_offset = TwinkleFrameOffset(s.phase, count, index, m_manual_render.twinkle_cycles);
+    s.frame_offset = TwinkleFrameOffset(s.phase, kSparkleCurveLength, count, index, m_manual_render.twinkle_cycles);
   }
   return S_OK;
 }

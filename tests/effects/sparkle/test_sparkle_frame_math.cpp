@@ -5,6 +5,7 @@
 
 #include "SparkleTestSupport.h"
 #include "core/SmartBuffer.h"
+#include "core/LightPointDetect.h"
 #include "effects/sparkle/SparkleAnime.h"
 #include "effects/sparkle/SparkleColor.h"
 #include "effects/sparkle/SparkleShapes.h"
@@ -39,11 +40,11 @@ TEST(SparkleAnime, TwinkleTableStretchesTheCurveOverTheLoop) {
   // Frame offsets wrap, so frame `count` is frame 0 again, also with cycles.
   for (int cycles : {1, 3})
     for (int phase : {0, 17, 89}) {
-      EXPECT_EQ(TwinkleFrameOffset(phase, 24, 24, cycles), TwinkleFrameOffset(phase, 24, 0, cycles));
-      EXPECT_LT(TwinkleFrameOffset(phase, 24, 23, cycles), 24);
+      EXPECT_EQ(TwinkleFrameOffset(phase, 90, 24, 24, cycles), TwinkleFrameOffset(phase, 90, 24, 0, cycles));
+      EXPECT_LT(TwinkleFrameOffset(phase, 90, 24, 23, cycles), 24);
     }
-  EXPECT_EQ(TwinkleFrameOffset(89, 24, 0, 1), 23);  // trunc(23.7 + 0.5) capped at count - 1
-  EXPECT_EQ(TwinkleFrameOffset(45, 24, 5, 2), (12 + 10) % 24);
+  EXPECT_EQ(TwinkleFrameOffset(89, 90, 24, 0, 1), 23);  // trunc(23.7 + 0.5) capped at count - 1
+  EXPECT_EQ(TwinkleFrameOffset(45, 90, 24, 5, 2), (12 + 10) % 24);
 }
 
 TEST(SparkleAnime, ScaleRatioKeepsFullSizeInModesZeroAndTwo) {

@@ -12,10 +12,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "AnimationWriter.h"
 #include "Command.h"
 #include "LightPointsJson.h"
 #include "Options.h"
+#include "StillOrLoop.h"
 #include "ToolSupport.h"
 #include "effects/sparkle/Sparkle.h"
 #include "effects/sparkle/SparkleEffect.h"
@@ -195,31 +195,12 @@ const Korvane::SparkleEffect& Inspect(const Korvane::Sparkle* fx) {
   return *static_cast<const Korvane::SparkleEffect*>(fx);
 }
 
-// Every frame into `output`: a still image for one frame, else an animation
-// as `animate` writes them. Returns 0 or an exit code.
+// Every frame into `output`: a still for one frame, else a loop.
 int RenderOutput(Renderer& r, Image& photo, const SparkleOptions& o, double* ms_per_frame, std::string& kind) {
-  Image frame(photo.width, photo.height, 4);
-  double ms = 0;
-  std::string error;
-  if (o.frames == 1) {
-    if (int rc = r.Frame(photo, 0, frame, &ms)) return rc;
-    frame.meta = photo.meta;
-    if (!SaveImage(o.output, frame, 92, error)) return Fail(error);
-    kind = "still";
-  } else {
-    auto writer = OpenAnimationWriter(o.output, photo.width, photo.height, o.fps, o.webp_quality, error);
-    if (!writer) return Fail(error);
-    Progress bar("rendering", o.quiet ? 0 : o.frames);
-    for (int f = 0; f < o.frames; ++f) {
-      if (int rc = r.Frame(photo, f, frame, &ms)) return rc;
-      if (!writer->AddFrame(frame, error)) return Fail(error);
-      bar.Step(f + 1);
-    }
-    if (!writer->Finish(error)) return Fail(error);
-    kind = writer->Kind();
-  }
-  *ms_per_frame = ms / o.frames;
-  return 0;
+  const LoopSettings loop{o.frames, o.fps, o.webp_quality, o.quiet};
+  return WriteStillOrLoop(o.output, photo, loop, [&](int index, Image& frame, double* ms) {
+    return r.Frame(photo, index, frame, ms);
+  }, ms_per_frame, kind);
 }
 
 int RunSparkle(const SparkleOptions& o) {

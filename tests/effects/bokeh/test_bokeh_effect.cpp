@@ -296,6 +296,37 @@ TEST(BokehEffect, DiscsLightUpTheLightPoints) {
   EXPECT_EQ(Render(rig, f, photo, &guide), background);
 }
 
+// White lights on grey: no hue wins the vote, so the global colour mode pastes
+// neutral light (equal gains in the three channels); a tinted photo's vote
+// colours it.
+TEST(BokehEffect, GlobalColourWithoutADominantHueIsNeutral) {
+  TestImage photo = Photo(), guide = Guide(), disc = Disc();
+  for (int32_t y = 0; y < kH; ++y)
+    for (int32_t x = 0; x < kW; ++x) {
+      uint8_t* p = photo.Row(y) + 4 * x;
+      const bool dot = p[2] == 255;
+      p[0] = p[1] = p[2] = dot ? 255 : 40;
+    }
+  EffectRig<BokehEffect> rig;
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  EXPECT_EQ(rig->GetGlobalColor(), 0u);
+  Frame f(disc);
+  f.shape.color_mode = 0;
+  f.shape.saturation = 1.0f;
+  f.param.paste_switch = 0;
+  const std::vector<uint8_t> background = Render(rig, f, photo, &guide);
+  f.param.paste_switch = 1;
+  const std::vector<uint8_t> lit = Render(rig, f, photo, &guide);
+  int64_t gain = 0;
+  for (size_t i = 0; i < lit.size(); i += 4) {
+    const int32_t b = lit[i] - background[i], g = lit[i + 1] - background[i + 1], r = lit[i + 2] - background[i + 2];
+    ASSERT_EQ(b, g) << i / 4;
+    ASSERT_EQ(g, r) << i / 4;
+    gain += b;
+  }
+  EXPECT_GT(gain, 0);
+}
+
 TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
   TestImage photo = Photo(4), guide = Guide(), disc = Disc(41);
   std::vector<uint8_t> first;

@@ -296,9 +296,14 @@ RegisterDemoStep demo(75, "sparkle: glints on the sea", [](DemoContext& ctx) {
   o.frames = 24;
   Renderer r(ctx.engine);
   if (int rc = r.Start(photo, shape, &flare, sun, o)) return rc;
+  // The still shows the frame in which the sun's star is near its peak.
+  // (The library is linked as the shared library, which exports only the
+  // engine, so the star's first frame is worked out here.)
+  const int phase = Inspect(r.fx).ManualSparkles()[0].phase;
+  const int start = std::min(static_cast<int>(phase * o.frames / 90.0f + 0.5f), o.frames - 1);
   Image frame(photo.width, photo.height, 4);
   double ms = 0;
-  if (int rc = r.Frame(photo, 8, frame, &ms)) return rc;
+  if (int rc = r.Frame(photo, (o.frames + 8 - start) % o.frames, frame, &ms)) return rc;
   if (int rc = ctx.Save("sparkle.png", frame, ms)) return rc;
   o.output = (std::filesystem::path(ctx.out_dir) / "sparkle.webp").string();
   std::string kind;

@@ -592,7 +592,7 @@ int32_t SparkleEffect::InitMultiScaledSparkleType() {
       kv.second.changed = false;
     }
   }
-  const int32_t hr = SampleSparkleVariants(m_thread_adapter, jobs);
+  const int32_t hr = SampleSparkleVariants(m_thread_adapter, m_system_info, jobs);
   if (hr < 0) {
     KORVANE_LOG_FAILED_CALL(auto_jobs ? "ResizeBuffer(auto_sparkle_type.shape, scaled_sparkle_type.shape)"
                                       : "ResizeBuffer(manual_shape, scaled_sparkle_type.shape)",

@@ -7,7 +7,9 @@
 #include "core/BandTask.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/Simd.h"
 #include "core/SmartBuffer.h"
+#include "effects/sparkle/SparkleShapesDetail.h"
 
 namespace Korvane {
 
@@ -64,60 +66,38 @@ bool TurnOf(float degrees, float& cos_a, float& sin_a) {
   return true;
 }
 
-namespace {
+using namespace sparkle_detail;
 
-// Row y of job j's variant. Inverse mapping: each variant pixel, scaled to
-// the level and turned back about the centre, samples the level. Positions
-// step along the row in 16.16 fixed point (no float work per pixel); the
-// top 8 bits of the fraction are the bilinear weight.
-void SampleRow(const VariantJob& j, int32_t y) {
+void SampleVariantRow(const VariantJob& j, int32_t y) {
   const SmartBuffer& src = *j.level;
-  SparkleVariant& v = *j.variant;
-  const int32_t n = src.width, d = v.d;
-  const double k = static_cast<double>(n) / d;
-  const double cd = (d - 1) * 0.5, cn = (n - 1) * 0.5;
-  const double dy = (y - cd) * k, dx0 = -cd * k;
-  const auto fixed = [](double f) { return static_cast<int64_t>(std::llround(f * 65536.0)); };
-  int64_t su = fixed(j.cos_a * dx0 + j.sin_a * dy + cn);
-  int64_t sv = fixed(-j.sin_a * dx0 + j.cos_a * dy + cn);
-  const int64_t du = fixed(j.cos_a * k), dv = fixed(-j.sin_a * k);
-  uint8_t* out = RowPtr(v.shape, y);
-  for (int32_t x = 0; x < d; ++x, out += 4, su += du, sv += dv) {
-    const int32_t x0 = static_cast<int32_t>(su >> 16), y0 = static_cast<int32_t>(sv >> 16);
-    if (static_cast<uint32_t>(x0 + 1) > static_cast<uint32_t>(n) ||
-        static_cast<uint32_t>(y0 + 1) > static_cast<uint32_t>(n)) {  // wholly outside
+  const int32_t n = src.width, d = j.variant->d;
+  RowWalk walk(j, y);
+  uint8_t* out = RowPtr(j.variant->shape, y);
+  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
+    const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
+    if (Outside(x0, y0, n)) {
       std::memset(out, 0, 4);
       continue;
     }
-    const uint32_t wx = static_cast<uint32_t>(su >> 8) & 255u, wy = static_cast<uint32_t>(sv >> 8) & 255u;
-    const uint32_t w[4] = {(256 - wx) * (256 - wy), wx * (256 - wy), (256 - wx) * wy, wx * wy};
-    uint32_t acc[4] = {32768, 32768, 32768, 32768};
-    if (x0 >= 0 && y0 >= 0 && x0 + 1 < n && y0 + 1 < n) {
-      const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
-      const uint8_t* b = a + src.stride;
-      uint64_t pa, pb;
-      std::memcpy(&pa, a, 8);
-      std::memcpy(&pb, b, 8);
-      if ((pa | pb) == 0) {  // most of a star is black
-        std::memset(out, 0, 4);
-        continue;
-      }
-      for (int32_t c = 0; c < 4; ++c) acc[c] += a[c] * w[0] + a[c + 4] * w[1] + b[c] * w[2] + b[c + 4] * w[3];
-    } else {  // on the edge: only the taps inside count
-      for (int32_t t = 0; t < 4; ++t) {
-        const int32_t px = x0 + (t & 1), py = y0 + (t >> 1);
-        if (px < 0 || py < 0 || px >= n || py >= n) continue;
-        const uint8_t* p = RowPtr(src, py) + static_cast<ptrdiff_t>(px) * 4;
-        for (int32_t c = 0; c < 4; ++c) acc[c] += p[c] * w[t];
-      }
+    const uint32_t wx = static_cast<uint32_t>(walk.su >> 8) & 255u, wy = static_cast<uint32_t>(walk.sv >> 8) & 255u;
+    if (!Inside(x0, y0, n)) {
+      EdgePixel(src, x0, y0, wx, wy, out);
+      continue;
     }
-    for (int32_t c = 0; c < 4; ++c) out[c] = static_cast<uint8_t>(acc[c] >> 16);
+    const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
+    const uint8_t* b = a + src.stride;
+    if (BlackTaps(a, b, out)) continue;
+    // The row pairs first, then the two rows: the same integers as the four
+    // weights (256 - wx)(256 - wy), ... applied at once.
+    for (int32_t c = 0; c < 4; ++c) {
+      const uint32_t top = a[c] * (256 - wx) + a[c + 4] * wx, bottom = b[c] * (256 - wx) + b[c + 4] * wx;
+      out[c] = static_cast<uint8_t>((top * (256 - wy) + bottom * wy + 32768u) >> 16);
+    }
   }
 }
 
-}  // namespace
-
-int32_t SampleSparkleVariants(CThreadAdapter& adapter, std::vector<VariantJob>& jobs) {
+int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs) {
+  const auto row = KORVANE_PICK(info, SampleVariantRow, SampleVariantRow_SSE4);
   int32_t hr;
   // Row r of the run is row r - first[j] of job j.
   std::vector<int32_t> first(jobs.size() + 1, 0);
@@ -137,7 +117,7 @@ int32_t SampleSparkleVariants(CThreadAdapter& adapter, std::vector<VariantJob>& 
     size_t j = static_cast<size_t>(std::upper_bound(first.begin(), first.end(), band.top) - first.begin()) - 1;
     for (int32_t r = band.top; r < band.bottom; ++r) {
       while (r >= first[j + 1]) ++j;
-      SampleRow(jobs[j], r - first[j]);
+      row.fn(jobs[j], r - first[j]);
     }
     return S_OK;
   });

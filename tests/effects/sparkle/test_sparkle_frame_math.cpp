@@ -115,7 +115,7 @@ TEST(SparkleShapes, WholeTurnsCopyAndQuarterTurnsMovePixelsExactly) {
     VariantJob job{&src, &v};
     EXPECT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
     std::vector<VariantJob> jobs{job};
-    EXPECT_EQ(SampleSparkleVariants(run.adapter, jobs), S_OK);
+    EXPECT_EQ(SampleSparkleVariants(run.adapter, KorvaneTest::Level(SIMD_SSE41), jobs), S_OK);
     return Pixels(v.shape);
   };
   for (float deg : {0.0f, 360.0f, -720.0f}) EXPECT_EQ(turn(deg), noise) << deg;
@@ -155,13 +155,41 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
   v.d = 21;
   big.d = 301;
   std::vector<VariantJob> jobs{{&pyr.LevelFor(21), &v}, {&pyr.LevelFor(301), &big}};
-  ASSERT_EQ(SampleSparkleVariants(run.adapter, jobs), S_OK);
+  ASSERT_EQ(SampleSparkleVariants(run.adapter, KorvaneTest::Level(0), jobs), S_OK);
   EXPECT_EQ(v.shape.width, 21);
   EXPECT_EQ(big.shape.height, 301);
   EXPECT_EQ(big.shape.data[(150 * 301 + 150) * 4], 255);
   // A thin spike survives the reduction: the centre column stays lit to the tip's half.
   EXPECT_GT(v.shape.data[(5 * 21 + 10) * 4], 20);
   EXPECT_LT(v.shape.data[(5 * 21 + 4) * 4], v.shape.data[(5 * 21 + 10) * 4] / 2);
+}
+
+// Levels of awkward sizes (one pixel, odd widths) with black patches, every
+// variant size from one pixel up, turned and not: both forms, the same bytes.
+TEST(SparkleShapes, SseSamplerMatchesPlainOnAwkwardSizes) {
+  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
+  uint32_t seed = 40;
+  for (int32_t n : {1, 2, 3, 7, 9, 33}) {
+    Bytes level = KorvaneTest::RandomBytes(size_t(n) * n * 4, seed++);
+    for (size_t i = 0; i < level.size(); i += 12) std::fill_n(level.begin() + i, std::min<size_t>(8, level.size() - i), 0);
+    const SmartBuffer src = Buffer(level, n, n);
+    for (int32_t d : {1, 2, 3, 5, 17, 40})
+      for (float deg : {0.0f, 33.0f, 90.0f, 211.7f}) {
+        VariantJob job{&src, nullptr};
+        ASSERT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
+        Bytes got[2];
+        for (int form = 0; form < 2; ++form) {
+          SparkleVariant v;
+          v.d = d;
+          ASSERT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
+          job.variant = &v;
+          for (int32_t y = 0; y < d; ++y) (form ? SampleVariantRow_SSE4 : SampleVariantRow)(job, y);
+          got[form] = Pixels(v.shape);
+        }
+        ASSERT_EQ(got[1], got[0]) << n << " -> " << d << " at " << deg << ": "
+                                  << KorvaneTest::FirstDifference(got[1], got[0], d);
+      }
+  }
 }
 
 TEST(SparkleColor, AdjustChangesSaturationAndBrightnessOfLitPixelsOnly) {

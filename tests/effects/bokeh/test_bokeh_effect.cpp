@@ -327,6 +327,35 @@ TEST(BokehEffect, GlobalColourWithoutADominantHueIsNeutral) {
   EXPECT_GT(gain, 0);
 }
 
+// Slivers and single pixels still render, and write only the output.
+TEST(BokehEffect, TinyAndThinPhotos) {
+  TestImage disc = Disc(9);
+  struct Case {
+    int32_t w, h;
+    Rect roi;
+  };
+  for (const Case c : {Case{1, 1, {0, 0, 1, 1}}, Case{3, 700, {1, 10, 3, 690}}, Case{900, 2, {0, 0, 900, 2}},
+                       Case{7000, 5, {6000, 1, 6999, 4}}}) {
+    TestImage photo(c.w, c.h, PIXEL_BGRA32, 4);
+    photo.FillNoise(c.w);
+    TestImage guide(c.w, c.h, PIXEL_GRAY8, 3);
+    guide.FillNoise(c.h);
+    EffectRig<BokehEffect> rig;
+    ASSERT_EQ(rig->SetSource(&photo.buf), S_OK) << c.w << "x" << c.h;
+    for (int32_t quality : {0, 1, 3}) {
+      Frame f(disc);
+      f.param.quality_mode = quality;
+      f.param.twinkle_switch = 1;
+      f.param.bokeh_source_mode = 3;
+      TestImage out(RectWidth(c.roi), RectHeight(c.roi), PIXEL_BGRA32, 5);
+      EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, c.roi), S_OK)
+          << c.w << "x" << c.h << " quality " << quality;
+      EXPECT_TRUE(out.GuardsIntact());
+      EXPECT_TRUE(photo.GuardsIntact());
+    }
+  }
+}
+
 TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
   TestImage photo = Photo(4), guide = Guide(), disc = Disc(41);
   std::vector<uint8_t> first;

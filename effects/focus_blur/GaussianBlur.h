@@ -52,10 +52,12 @@ int32_t GaussianBlurV_SSE(ThreadJob* job, int32_t* result);
 // Kernels up to this length may run both passes at once: GaussianBlurHV takes
 // a row band, blurs the rows of `source` it needs (the band and n - 1 rows
 // either side) into a small ring, and writes the band's rows of `buffer` (or
-// hands them to `row_sink`) as GaussianBlurH followed by GaussianBlurV would,
-// without the intermediate image. Short kernels spend most of their time moving pixels, not adding
-// taps, so this halves their traffic. Same codes as the single passes, and
-// E_INVALIDARG without a source or for a kernel longer than kShortKernel.
+// of the chunk's scratch rows, with to_scratch) as GaussianBlurH followed by
+// GaussianBlurV would, without the intermediate image. Short kernels spend
+// most of their time moving pixels, not adding taps, so this halves their
+// traffic. Same codes as the single passes, and E_INVALIDARG without a
+// source, for a kernel longer than kShortKernel, or with to_scratch for a
+// job that carries no scratch rows of the band's width.
 constexpr int32_t kShortKernel = 3;
 int32_t GaussianBlurHV(ThreadJob* job, int32_t* result);
 int32_t GaussianBlurHV_SSE(ThreadJob* job, int32_t* result);

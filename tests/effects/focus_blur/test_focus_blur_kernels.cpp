@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "FocusBlurTestSupport.h"
+#include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "core/ThreadAdapter.h"
 
@@ -223,7 +224,8 @@ TEST(GaussianBlurTasks, BothPassesAtOnceMatchTheTwoPasses) {
   }
 }
 
-// The combined task needs a separate source and a short kernel.
+// The combined task needs a separate source and a short kernel, and scratch
+// rows of the band's width when it writes to them.
 TEST(GaussianBlurTasks, BothPassesAtOnceRefuseLongKernelsAndNoSource) {
   std::vector<ThreadTask> forms = {GaussianBlurHV};
 #if KORVANE_HAVE_SSE41
@@ -244,6 +246,21 @@ TEST(GaussianBlurTasks, BothPassesAtOnceRefuseLongKernelsAndNoSource) {
       EXPECT_EQ(task(&job, &result), E_INVALIDARG);
       EXPECT_EQ(result, E_INVALIDARG);
       EXPECT_EQ(img, std::vector<uint8_t>(img.size(), 7));
+    }
+    GaussianBlurParam p;
+    p.buffer = MakeSmartBufferView(img.data(), 6, 4);
+    p.source = MakeSmartBufferView(src.data(), 6, 4);
+    p.weights.reset(new float[kGaussianHalfTaps]);
+    p.kernel_length = 2;
+    MakeGaussianWeights(100, 600, 600, p.weights.get());
+    p.to_scratch = true;
+    std::vector<uint8_t> rows(5 * 4 * 4);
+    RowChunk narrow;
+    narrow.scratch = rows.data();
+    narrow.scratch_stride = 5 * 4;  // one pixel short of the band
+    for (RowChunk* chunk : {static_cast<RowChunk*>(nullptr), &narrow}) {
+      ThreadJob job{chunk, &p, Rect{0, 0, 6, 4}};
+      EXPECT_EQ(task(&job, nullptr), E_INVALIDARG);
     }
   }
 }

@@ -260,22 +260,36 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   if (!IsFloat(dst)) return E_NOTIMPL;
   if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
 
-  SmartBuffer dx, dy, dxx, dyy, dxy;
-  for (SmartBuffer* b : {&dx, &dy, &dxx, &dyy, &dxy}) {
+  SmartBuffer dxx, dyy, dxy;
+  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
     if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
     Clear(*b);
   }
   Clear(dst);
 
-  // Gradients and their products, band by band: every step reads and
-  // writes only the band's own pixels of the maps.
+  // The gradients (as GradientH and GradientV compute them) go straight into
+  // their products, row by row: no gradient maps are stored.
+  const int32_t last_x = src.width - 1, last_y = src.height - 1;
   hr = RunBands(adapter, roi, [&](const Rect& band) {
-    int32_t code;
-    if ((code = GradientH(src, dx, d, band)) < 0) return code;
-    if ((code = GradientV(src, dy, d, band)) < 0) return code;
-    if ((code = MultiplyBuffer(dx, dx, dxx, band)) < 0) return code;
-    if ((code = MultiplyBuffer(dy, dy, dyy, band)) < 0) return code;
-    return MultiplyBuffer(dx, dy, dxy, band);
+    std::vector<float> light(static_cast<size_t>(src.width));
+    for (int32_t y = band.top; y < band.bottom; ++y) {
+      LightnessRow(src, y, light.data());
+      const uint8_t* above = RowPtr<const uint8_t>(src, std::max(y - d, 0));
+      const uint8_t* below = RowPtr<const uint8_t>(src, std::min(y + d, last_y));
+      float* xx = RowPtr<float>(dxx, y);
+      float* yy = RowPtr<float>(dyy, y);
+      float* xy = RowPtr<float>(dxy, y);
+      for (int32_t x = band.left; x < band.right; ++x) {
+        const float gx =
+            (light[static_cast<size_t>(std::max(x - d, 0))] - light[static_cast<size_t>(std::min(x + d, last_x))]) /
+            255.0f;
+        const float gy = (Lightness(above + 4 * x) - Lightness(below + 4 * x)) / 255.0f;
+        xx[x] = gx * gx;
+        yy[x] = gy * gy;
+        xy[x] = gx * gy;
+      }
+    }
+    return S_OK;
   });
   if (hr < 0) {
     KORVANE_LOG_FAILED_STEP("GradientH", hr);

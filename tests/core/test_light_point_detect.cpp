@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "core/BoxBlur.h"
 #include "core/ImageChecks.h"
 #include "core/LightPointDetect.h"
 #include "core/SmartBuffer.h"
@@ -83,6 +84,37 @@ TEST(LightPointDetect, GradientsClampAtTheEdgesAndUseHslLightness) {
   EXPECT_EQ(GradientH(src, src, 1, FullRect(src)), E_INVALIDARG);
   EXPECT_EQ(GradientV(dx, dy, 1, FullRect(src)), E_NOTIMPL);
   EXPECT_EQ(GradientH(src, dx, 1, Rect{0, 0, 4, 2}), E_INVALIDARG);
+}
+
+// The detector's fused gradient products equal the separate kernels run in
+// turn: the response of a noisy picture computed both ways.
+TEST(LightPointDetect, HarrisMatchesTheSeparateKernels) {
+  KorvaneTest::Runner run;
+  SmartBuffer src;
+  CreateSmartBufferData(src, 67, 41, PIXEL_BGRA32);
+  KorvaneTest::FillNoise(src.data.get(), static_cast<size_t>(src.stride) * src.height, 12);
+  const Rect all = FullRect(src);
+  const int32_t d = 3;
+  SmartBuffer got, dx, dy, dxx, dyy, dxy, want;
+  for (SmartBuffer* b : {&got, &dx, &dy, &dxx, &dyy, &dxy, &want}) CreateSmartBufferData(*b, 67, 41, PIXEL_FLOAT32);
+  ASSERT_EQ(HarrisCorner(run.adapter, Level(0), src, got, 0.006f, d, all), S_OK);
+  ASSERT_EQ(GradientH(src, dx, d, all), S_OK);
+  ASSERT_EQ(GradientV(src, dy, d, all), S_OK);
+  ASSERT_EQ(MultiplyBuffer(dx, dx, dxx, all), S_OK);
+  ASSERT_EQ(MultiplyBuffer(dy, dy, dyy, all), S_OK);
+  ASSERT_EQ(MultiplyBuffer(dx, dy, dxy, all), S_OK);
+  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
+    BoxBlurParam blur;
+    blur.src = ImageBuffer{b->data.get(), b->width, b->height, b->stride, 1, PIXEL_FLOAT32};
+    blur.radius = d;
+    ASSERT_EQ(RunBoxBlur(run.adapter, Level(0), blur, all, 2), S_OK);
+  }
+  ASSERT_EQ(CalCornerResponse(dxx, dyy, dxy, want, 0.006f, all), S_OK);
+  float lo, hi;
+  ASSERT_EQ(GetBuffMinMax(want, lo, hi, all), S_OK);
+  ASSERT_EQ(NormalizeMinMax(want, 0.0f, hi, 0.0f, 255.0f, all), S_OK);
+  for (int32_t y = 0; y < 41; ++y)
+    for (int32_t x = 0; x < 67; ++x) ASSERT_EQ(At(got, x, y), At(want, x, y)) << x << "," << y;
 }
 
 TEST(LightPointDetect, MinMaxNormaliseSuppressThreshold) {

@@ -210,7 +210,10 @@ int RenderOutput(Renderer& r, Image& photo, Image* guide, const BokehOptions& o,
   Image frame(photo.width, photo.height, 4);
   double ms = 0;
   std::string error;
-  if (o.frames == 1) {
+  // One frame is a still unless the output can only hold an animation (a
+  // GIF or a frame folder).
+  const std::string ext = Extension(o.output);
+  if (o.frames == 1 && !ext.empty() && ext != ".gif") {
     if (int rc = r.Frame(photo, guide, 0, frame, &ms)) return rc;
     frame.meta = photo.meta;
     if (!SaveImage(o.output, frame, 92, error)) return Fail(error);

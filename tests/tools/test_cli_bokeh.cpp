@@ -80,6 +80,11 @@ TEST(CliBokeh, StillLoopAndOverlay) {
   for (const char* f : {"frame_0000.png", "frame_0001.png", "frame_0002.png"})
     EXPECT_TRUE(std::filesystem::exists(dir + "/frames/" + f)) << f;
 
+  // One frame into a GIF is a one-frame animation.
+  const CliResult gif = RunCli("bokeh " + dir + "/photo.png -o " + dir + "/one.gif");
+  ASSERT_EQ(gif.exit_code, 0) << gif.output;
+  EXPECT_GT(std::filesystem::file_size(dir + "/one.gif"), 0u);
+
   const CliResult overlay = RunCli("bokeh " + dir + "/photo.png --points-overlay " + dir + "/rings.png");
   ASSERT_EQ(overlay.exit_code, 0) << overlay.output;
   EXPECT_EQ(ReadImage(dir + "/rings.png").width, 320);

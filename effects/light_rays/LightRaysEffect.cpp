@@ -31,6 +31,14 @@ constexpr float kShaftBase = 0.2f;         // light between the directional shaf
 
 inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
 
+// Stores `code` in hr; on a failure logs it with `text` and returns true.
+bool FailedCall(int32_t code, const char* text, int32_t& hr) {
+  hr = code;
+  if (code >= 0) return false;
+  KORVANE_LOG_FAILED_CALL(text, code);
+  return true;
+}
+
 // Releases the image references a Process call took, on every way out.
 struct ParamImagesGuard {
   LightRaysParam& p;
@@ -60,6 +68,17 @@ void GainsFromPattern(const std::vector<float>& sum, int32_t rows, float base, s
   for (int32_t j = 0; j < rows; ++j) {
     const float level = base + (1.0f - base) * std::min(sum[j], 1.0f);
     gain[j] = static_cast<uint16_t>(level * 256.0f + 0.5f);
+  }
+}
+
+// Creates one working image; a refused allocation is a failure code here,
+// so it is reported with the buffer's own line like any other failure.
+int32_t CreateBuffer(SmartBuffer& buf, int32_t w, int32_t h, int32_t pix_fmt) {
+  try {
+    return CreateSmartBufferData(buf, w, h, pix_fmt);
+  } catch (const std::bad_alloc&) {
+    buf = SmartBuffer();
+    return E_OUTOFMEMORY;
   }
 }
 
@@ -144,10 +163,16 @@ int32_t LightRaysEffect::Initialize(int32_t width, int32_t height) {
 
   int32_t hr = S_OK;
   try {
-    if (KORVANE_FAILED(CreateSmartBufferData( m_hlr_buff, m_img_w, m_img_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_resized_hlr_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_resized_src_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_resized_msk_buff, m_resized_img_w, m_resized_img_h, PIXEL_GRAY8 )) ||
+    // Each failure is logged with the call as written here (the blanks are
+    // part of the lines).
+    if (FailedCall(CreateBuffer(m_hlr_buff, m_img_w, m_img_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData( m_hlr_buff, m_img_w, m_img_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_resized_hlr_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_resized_hlr_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_resized_src_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_resized_src_buff, m_resized_img_w, m_resized_img_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_resized_msk_buff, m_resized_img_w, m_resized_img_h, PIXEL_GRAY8),
+                   "CreateSmartBufferData(m_resized_msk_buff, m_resized_img_w, m_resized_img_h, PIXEL_GRAY8 )", hr) ||
         KORVANE_FAILED(GenerateSinCosTable(m_cos_table, m_sin_table, m_theta_grid))) {
       ReleaseAll();
       return hr;
@@ -168,10 +193,14 @@ int32_t LightRaysEffect::Initialize(int32_t width, int32_t height) {
     m_max_rotate_w = m_max_rotate_h = diagonal;
     m_polar_buff_size = static_cast<int64_t>(m_max_polar_w) * m_max_polar_h * 4;
     m_rotate_buff_size = static_cast<int64_t>(m_max_rotate_w) * m_max_rotate_h * 4;
-    if (KORVANE_FAILED(CreateSmartBufferData(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)) ||
-        KORVANE_FAILED(CreateSmartBufferData(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32))) {
+    if (FailedCall(CreateBuffer(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)", hr) ||
+        FailedCall(CreateBuffer(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32),
+                   "CreateSmartBufferData(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)", hr)) {
       ReleaseAll();
       return hr;
     }

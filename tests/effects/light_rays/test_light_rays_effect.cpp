@@ -7,6 +7,9 @@
 #include <limits>
 #include <vector>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include "TestSupport.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
@@ -467,4 +470,30 @@ TEST(LightRaysEffect, AFailingStageIsLoggedWhereItFailsAndAsTotalCost) {
   EXPECT_NE(log.find("[Korvane] [Korvane](MemCopyROI) - Return Code: 80070057"), std::string::npos) << log;
   EXPECT_EQ(log.find("Total cost"), std::string::npos) << log;
   EXPECT_EQ(dst, Bytes(dst.size(), 0x5A));
+}
+
+TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
+  // In a child process whose address space has no room for a 48 MB image:
+  // the first working image is refused, logged as the call that made it and
+  // returned as E_OUTOFMEMORY, leaving an effect that Process refuses
+  // (E_FAIL: nothing to work with).
+  const auto run = [] {
+    EffectRig<LightRaysEffect> rig(1);
+    long pages = 0;
+    FILE* f = std::fopen("/proc/self/statm", "r");
+    if (!f || std::fscanf(f, "%ld", &pages) != 1) std::_Exit(3);
+    std::fclose(f);
+    const rlim_t room = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (rlim_t{24} << 20);
+    const rlimit limit{room, room};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(4);
+    if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY) std::_Exit(5);
+    std::vector<uint8_t> px(16 * 4);
+    LightRaysParam p;
+    p.src = MakeSmartBufferView(px.data(), 4000, 3000);
+    p.dst = MakeSmartBufferView(px.data(), 4, 4);
+    p.roi = Rect{0, 0, 4, 4};
+    std::_Exit(rig->Process(p) == E_FAIL ? 0 : 6);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0),
+              "CreateSmartBufferData\\( m_hlr_buff, m_img_w, m_img_h, PIXEL_BGRA32\\) Error! - Return Code: 8007000e");
 }

@@ -358,3 +358,27 @@ TEST(SparkleEffect, TheLoopJoinsAndEveryFrameMoves) {
 }
 
 }  // namespace
+
+namespace {
+
+// Without a pool every parallel call fails (E_INVALIDARG): the first step
+// of SetSource is logged under its name and the source stays unset.
+TEST(SparkleEffect, AFailedSourceIsLoggedAndLeavesNothingSet) {
+  Bytes photo = SpotsPhoto(64, 48), star = StarShape();
+  ImageBuffer src = MakeImageBuffer(photo.data(), 64, 48), shape = MakeImageBuffer(star.data(), SPK_SIZE, SPK_SIZE);
+  SparkleEffect fx(nullptr);
+  fx.SetSystemInfo(KorvaneTest::Level(0));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fx.SetSource(&src), E_INVALIDARG);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("[Korvane] [Korvane](ResizeBuffer) - Return Code: 80070057"), std::string::npos) << log;
+  EXPECT_EQ(fx.SetAutoSparkleShape(&shape), S_OK);  // a plain copy needs no workers
+  SparkleParam p = Frame(1, 0);
+  SparkleRenderParam r;
+  Bytes out(photo.size(), 9);
+  ImageBuffer dst = MakeImageBuffer(out.data(), 64, 48);
+  EXPECT_EQ(fx.Process(&p, &r, &r, &src, &dst, Rect{0, 0, 64, 48}), E_FAIL);
+  EXPECT_EQ(out, Bytes(photo.size(), 9));
+}
+
+}  // namespace

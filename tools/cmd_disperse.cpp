@@ -152,7 +152,7 @@ RegisterCommand reg(
       t.Text("-o,--output", o->output,
              "Where to write: NAME.webp, NAME.gif, or a folder for PNG frames (its old frame_*.png are removed)", true);
       t.Number("--direction", o->direction, -360, 360, "degrees", "Wind direction: 0 right, 90 up, 180 left");
-      t.Number("--spread", o->spread, 0, 180, "degrees", "Width of the cone the particles fly in, around the wind");
+      t.Number("--spread", o->spread, 0, 180, "degrees", "How far either side of the wind particles may fly (180: every way)");
       t.Number("--distance", o->distance, 0, 1, "image diagonals", "How far a particle flies");
       t.Number("--size", o->size, 0.5, 32, "pixels", "Particle radius");
       t.Number("--density", o->density, 0, 1, "", "Share of the subject's pixels that become particles");

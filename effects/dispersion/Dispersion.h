@@ -34,7 +34,8 @@ struct DispersionParam {
   int32_t anime_frame_index = 0;        // 0 .. anime_frame_count - 1; frame 0 is the photo itself
   int32_t loop_mode = DISPERSION_ONCE;  // DispersionLoopMode
   float direction = 0.0f;               // wind, degrees: 0 right, 90 up (counter-clockwise as seen)
-  float spread = 40.0f;                 // 0..180: width of the cone of flight around the wind, degrees
+  float spread = 40.0f;                 // 0..180: particles fly up to this many degrees either side of
+                                        // the wind (180: every way)
   float distance = 0.3f;                // 0..1: how far a particle flies, in image diagonals
   float particle_size = 1.5f;           // 0.5..32: particle radius in pixels
   float density = 0.5f;                 // 0..1: share of subject pixels that become particles

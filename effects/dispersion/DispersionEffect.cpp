@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <climits>
 #include <exception>
+#include <stdexcept>
 
 #include "core/BandTask.h"
 #include "core/BoxBlur.h"
@@ -220,7 +222,8 @@ void DispersionEffect::MakeParticles(const DispersionParam& p) {
   const ImageBuffer& in = *p.input;
   const ImageBuffer& mask = *p.mask;
   const float theta = p.direction * (kPi / 180.0f);
-  const float half_spread = p.spread * 0.5f * (kPi / 180.0f);
+  // Each particle leaves at direction +- spread: 180 sends them every way.
+  const float half_spread = p.spread * (kPi / 180.0f);
   const float reach =
       p.distance * std::sqrt(static_cast<float>(m_width) * m_width + static_cast<float>(m_height) * m_height);
 
@@ -309,6 +312,8 @@ int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
     // A particle's disc spans at most this many strips.
     const int32_t side = 2 * static_cast<int32_t>(std::ceil(p.particle_size + 0.5f)) + 1;
     const size_t strips_each = static_cast<size_t>((side + kStripRows - 1) / kStripRows + 1);
+    // A frame numbers its particles and their strip entries in 32 bits.
+    if (n > static_cast<size_t>(INT32_MAX) / strips_each) throw std::length_error("too many particles");
     m_frame.assign(n, FrameParticle());
     m_row_span.assign(2 * n, -1);
     m_strip_start.assign(static_cast<size_t>(m_height / kStripRows + 2), 0);

@@ -109,7 +109,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
   for (float direction : {0.0f, 90.0f, 210.0f, -45.0f}) {
     Scene s;
     s.p.direction = direction;
-    s.p.spread = 180.0f;
+    s.p.spread = 90.0f;  // the widest cone that stays downwind: +-90 degrees
     s.p.turbulence = 1.0f;
     s.p.distance = 0.1f;
     s.p.fade = 0.0f;  // particles stay, so late frames are crowded too
@@ -140,6 +140,26 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
     EXPECT_GT(checked, 50) << direction;
     EXPECT_GT(changed, 1000) << direction;  // and the effect did something downwind
   }
+  // spread is the angle either side of the wind: at 180 some particles fly
+  // straight back, well beyond the subject's upwind edge.
+  Scene s;
+  s.p.spread = 180.0f;
+  s.p.turbulence = 0.0f;
+  s.p.distance = 0.3f;
+  s.p.fade = 0.0f;
+  EffectRig<DispersionEffect> fx;
+  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+  const float limit = fx->GetTrailingProjection() - s.p.particle_size - 10.0f;
+  const std::vector<uint8_t> photo = s.photo.Packed();
+  int32_t upwind_changed = 0;
+  std::vector<uint8_t> out = Render(fx, s, s.p.anime_frame_count - 1);
+  for (int32_t y = 0; y < s.H(); ++y)
+    for (int32_t x = 0; x < s.W() && x < limit; ++x)
+      if (!std::equal(Pixel(out, s.W(), x, y), Pixel(out, s.W(), x, y) + 4,
+                      &photo[(static_cast<size_t>(y) * s.W() + x) * 4])) {
+        ++upwind_changed;
+      }
+  EXPECT_GT(upwind_changed, 20);
 }
 
 TEST(Dispersion, CrumbledPixelsShowTheBackgroundUntilAParticleCoversThem) {

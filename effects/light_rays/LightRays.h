@@ -46,7 +46,9 @@ struct LightRaysParam {
   // window is about ray_softness full-size pixels wide (0: crisp).
   float ray_softness = 2.0f;
   // 0..max(W, H): how far light travels from its source. 0 draws no rays:
-  // roi of src is copied into dst unchanged.
+  // roi of src is copied into dst unchanged. The smear is done at half size
+  // and stops at 4096 half-size pixels (about 8192 pixels of the photo), so
+  // longer rays on very large photos end there.
   float ray_length = 300.0f;
   // 0..255: lightness ((max + min) / 2 of B, G, R) a pixel needs to emit
   // light. 255 lets only white pixels shine.

@@ -740,7 +740,8 @@ int32_t LightRaysEffect::UpSampleAndBlend() {
   chain.Then("hlr upsample", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &up)
       .Then("Blend", KORVANE_PICK(m_system_info, BlendRaysTask, BlendRaysTask_SSE4).fn, &blend);
   const int32_t hr = chain.Run(m_thread_adapter, m_param.roi);
-  if (hr < 0 && chain.FailedStep() == 0) KORVANE_LOG_FAILED_CALL("UpSampleHLR()", hr);
+  // A failure of the chain itself (no step failed) counts as the first step's.
+  if (hr < 0 && chain.FailedStep() <= 0) KORVANE_LOG_FAILED_CALL("UpSampleHLR()", hr);
   return hr;
 }
 

@@ -80,7 +80,8 @@ struct SparkleRenderParam {
 };
 
 // A manual sparkle position (photo pixels) and its size relative to the
-// largest automatic glint (scale in (0, 6]).
+// largest automatic glint (scale in (0, 6]). Sizes are drawn in steps of 5 %,
+// so glints of nearly the same scale share one prepared shape.
 struct SparklePoint {
   float x = 0.0f;
   float y = 0.0f;

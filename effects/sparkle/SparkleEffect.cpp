@@ -123,7 +123,12 @@ int32_t SparkleEffect::AutoGlintSize(int32_t i, float size, int32_t s) {
 }
 
 int32_t SparkleEffect::ManualGlintSize(float scale, float size, int32_t s) {
-  return OddShapeSize(0.03f * std::min(scale * size, kSparkleMaxScale) * static_cast<float>(s));
+  const float length = 0.03f * std::min(scale * size, kSparkleMaxScale) * static_cast<float>(s);
+  if (!(length > 3.0f)) return OddShapeSize(length);
+  // Lengths snap to steps of 5 %: placed glints of nearly the same scale
+  // share one prepared shape, which bounds the shapes kept for many glints.
+  const float step = std::log(1.05f);
+  return OddShapeSize(std::exp(std::round(std::log(length) / step) * step));
 }
 
 float SparkleEffect::Lightness(int32_t phase, int32_t frame_offset) const {

@@ -69,6 +69,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   // The size of an automatic glint of size identifier i at a render size,
   // on a light map whose longer side is s.
   static int32_t AutoGlintSize(int32_t i, float size, int32_t s);
+  // Placed glints snap to lengths 5 % apart.
   static int32_t ManualGlintSize(float scale, float size, int32_t s);
 
  private:

@@ -277,6 +277,11 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   const Bytes out = r.Render(f);
   const size_t centre = (size_t(160) * 320 + 80) * 4;
   EXPECT_GT(out[centre + 1], r.photo[centre + 1] + 100);
+  // Sizes snap to 5 % steps (nearby scales share a shape) and are odd.
+  EXPECT_EQ(SparkleEffect::ManualGlintSize(2.0f, 2.0f, 1000), SparkleEffect::ManualGlintSize(2.02f, 2.0f, 1000));
+  EXPECT_NE(SparkleEffect::ManualGlintSize(2.0f, 2.0f, 1000), SparkleEffect::ManualGlintSize(2.2f, 2.0f, 1000));
+  EXPECT_EQ(SparkleEffect::ManualGlintSize(2.0f, 2.0f, 1000) % 2, 1);
+  EXPECT_EQ(SparkleEffect::ManualGlintSize(9.0f, 1.0f, 1000), SparkleEffect::ManualGlintSize(6.0f, 1.0f, 1000));
   // 3% of 320 at scale 2 is 19 pixels: nothing 20 pixels away, light along the spikes.
   EXPECT_EQ(out[centre + 20 * 4], r.photo[centre + 20 * 4]);
   EXPECT_GT(out[centre + 6 * 4 + 1], r.photo[centre + 6 * 4 + 1]);

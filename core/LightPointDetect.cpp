@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "core/BandTask.h"
@@ -173,18 +174,24 @@ int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, 
   // (2r + 1)^2.
   const int32_t w = src.width;
   const int32_t top = std::max(roi.top - r, 0), bottom = std::min(roi.bottom + r, src.height);
-  const int32_t left = std::max(roi.left - r, 0), right = std::min(roi.right + r, w);
   const size_t cols = static_cast<size_t>(roi.right - roi.left);
   std::vector<float> row_max(cols * static_cast<size_t>(bottom - top));
+  // Row maxima by blocks of the window's length (van Herk): g runs forward
+  // within each block, h backward, and a window spanning two blocks is
+  // max(h at its start, g at its end), three operations a pixel whatever r.
+  // The row is padded with -infinity, which is the window cut to the image.
+  const int32_t len = 2 * r + 1, padded = w + 2 * r;
+  std::vector<float> pad(static_cast<size_t>(padded), -std::numeric_limits<float>::infinity());
+  std::vector<float> g(pad.size()), h(pad.size());
   for (int32_t y = top; y < bottom; ++y) {
-    const float* s = RowPtr<const float>(src, y);
-    float* m = row_max.data() + cols * static_cast<size_t>(y - top);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      const int32_t x0 = std::max(x - r, left), x1 = std::min(x + r + 1, right);
-      float v = s[x0];
-      for (int32_t i = x0 + 1; i < x1; ++i) v = std::max(v, s[i]);
-      m[x - roi.left] = v;
+    std::memcpy(pad.data() + r, RowPtr<const float>(src, y), static_cast<size_t>(w) * sizeof(float));
+    for (int32_t i = 0; i < padded; ++i) g[i] = i % len == 0 ? pad[i] : std::max(g[i - 1], pad[i]);
+    for (int32_t i = padded - 1; i >= 0; --i) {
+      h[i] = (i % len == len - 1 || i == padded - 1) ? pad[i] : std::max(h[i + 1], pad[i]);
     }
+    float* m = row_max.data() + cols * static_cast<size_t>(y - top);
+    // Pixel x's window is padded [x, x + len - 1].
+    for (int32_t x = roi.left; x < roi.right; ++x) m[x - roi.left] = std::max(h[x], g[x + len - 1]);
   }
   std::vector<float> win(cols);
   for (int32_t y = roi.top; y < roi.bottom; ++y) {

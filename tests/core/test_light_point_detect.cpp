@@ -153,6 +153,34 @@ TEST(LightPointDetect, MinMaxNormaliseSuppressThreshold) {
   EXPECT_EQ(std::vector<uint8_t>(g.data.get(), g.data.get() + 4), (std::vector<uint8_t>{255, 255, 0, 1}));
 }
 
+// Suppression against the plain rule (scan the clipped window) on maps with
+// many equal values, several radii and regions touching the edges.
+TEST(LightPointDetect, SuppressionMatchesTheWindowRule) {
+  std::mt19937 rng(21);
+  for (int round = 0; round < 40; ++round) {
+    const int32_t w = 1 + static_cast<int32_t>(rng() % 37), h = 1 + static_cast<int32_t>(rng() % 29);
+    const int32_t r = 1 + static_cast<int32_t>(rng() % 6);
+    std::vector<float> v(static_cast<size_t>(w) * h);
+    for (float& x : v) x = static_cast<float>(rng() % 5);  // plateaus
+    const SmartBuffer src = FloatMap(w, h, v);
+    SmartBuffer out = FloatMap(w, h, std::vector<float>(v.size(), -1.0f));
+    Rect roi{static_cast<int32_t>(rng() % w), static_cast<int32_t>(rng() % h), 0, 0};
+    roi.right = roi.left + 1 + static_cast<int32_t>(rng() % (w - roi.left));
+    roi.bottom = roi.top + 1 + static_cast<int32_t>(rng() % (h - roi.top));
+    ASSERT_EQ(NonMaximumSuppress(src, out, r, roi), S_OK);
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        const bool inside = x >= roi.left && x < roi.right && y >= roi.top && y < roi.bottom;
+        bool greater = false;
+        for (int32_t yy = std::max(0, y - r); yy <= std::min(h - 1, y + r); ++yy)
+          for (int32_t xx = std::max(0, x - r); xx <= std::min(w - 1, x + r); ++xx)
+            greater |= At(src, xx, yy) > At(src, x, y);
+        const float want = inside && !greater ? At(src, x, y) : -1.0f;
+        ASSERT_EQ(At(out, x, y), want) << "round " << round << " at " << x << "," << y << " r " << r;
+      }
+  }
+}
+
 TEST(LightPointDetect, UniformPictureGivesNoPoints) {
   Runner run;
   SmartBuffer flat;

@@ -28,7 +28,7 @@ struct ManualSparkle {
   float y = 0.0f;
   float scale = 1.0f;
   uint16_t type_id = 2;
-  int32_t phase = 0;         // index into the twinkle curve, always in its lit part
+  int32_t phase = 0;         // index into the twinkle curve
   int32_t frame_offset = 0;  // set per frame
   float random = 0.0f;       // compared with the amount
   int32_t color_index = 0;   // 0..23

@@ -31,7 +31,8 @@ struct DispersionParam {
   ImageBuffer* output = nullptr;        // PIXEL_BGRA32 of the roi's size, apart from input and mask (Process only)
   Rect roi;                             // part of the frame written to output; inside the photo
   int32_t anime_frame_count = 48;       // >= 1
-  int32_t anime_frame_index = 0;        // 0 .. anime_frame_count - 1; frame 0 is the photo itself
+  int32_t anime_frame_index = 0;        // >= 0; frame 0 is the photo itself. Beyond the last frame a
+                                        // loop starts over and a single crumble shows its last frame
   int32_t loop_mode = DISPERSION_ONCE;  // DispersionLoopMode
   float direction = 0.0f;               // wind, degrees: 0 right, 90 up (counter-clockwise as seen)
   float spread = 40.0f;                 // 0..180: particles fly up to this many degrees either side of

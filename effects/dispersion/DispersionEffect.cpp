@@ -93,9 +93,8 @@ int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_proces
       return Refuse(E_INVALIDARG, "output shares memory with the input or mask");
     }
   }
-  if (p.anime_frame_count < 1 || p.anime_frame_index < 0 || p.anime_frame_index >= p.anime_frame_count) {
-    return Refuse(E_INVALIDARG, "anime_frame_index outside 0 .. anime_frame_count - 1");
-  }
+  if (p.anime_frame_count < 1) return Refuse(E_INVALIDARG, "anime_frame_count below 1");
+  if (p.anime_frame_index < 0) return Refuse(E_INVALIDARG, "anime_frame_index below 0");
   if (p.loop_mode != DISPERSION_ONCE && p.loop_mode != DISPERSION_LOOP) {
     return Refuse(E_INVALIDARG, "loop_mode must be 0 or 1");
   }
@@ -111,12 +110,13 @@ int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_proces
 }
 
 float DispersionEffect::CalProgress(int32_t frame_count, int32_t frame_index, int32_t loop_mode) {
-  if (frame_count <= 1) return 0.0f;
+  if (frame_count <= 1 || frame_index <= 0) return 0.0f;
+  // Past the end a loop starts over, and a single crumble stays gone.
   if (loop_mode == DISPERSION_LOOP) {
-    const double phase = static_cast<double>(frame_index) / frame_count;
+    const double phase = static_cast<double>(frame_index % frame_count) / frame_count;
     return static_cast<float>(1.0 - std::fabs(1.0 - 2.0 * phase));
   }
-  return static_cast<float>(static_cast<double>(frame_index) / (frame_count - 1));
+  return static_cast<float>(static_cast<double>(std::min(frame_index, frame_count - 1)) / (frame_count - 1));
 }
 
 void DispersionEffect::ReleaseAll() {

@@ -256,6 +256,13 @@ TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
   EXPECT_LE(MeanAbsDiff(frames.back(), frames.front()), largest);
   EXPECT_EQ(frames.back(), frames[1]);  // the way back retraces the way out
   EXPECT_EQ(frames[5], frames[7]);
+  // Counting on past the end: the loop starts over, a single crumble stays gone.
+  EXPECT_EQ(Render(fx, s, 12), frames[0]);
+  EXPECT_EQ(Render(fx, s, 12 * 1000 + 5), frames[5]);
+  s.p.loop_mode = DISPERSION_ONCE;
+  const std::vector<uint8_t> last = Render(fx, s, 11);
+  EXPECT_EQ(Render(fx, s, 12), last);
+  EXPECT_EQ(Render(fx, s, std::numeric_limits<int32_t>::max()), last);
 }
 
 TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
@@ -336,7 +343,7 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
       {"output size", [](Scene& s) { s.p.output = &small_out.buf; }, E_INVALIDARG},
       {"output is the input", [](Scene& s) { s.p.output = &s.photo.buf; }, E_INVALIDARG},
       {"no frames", [](Scene& s) { s.p.anime_frame_count = 0; }, E_INVALIDARG},
-      {"frame index", [](Scene& s) { s.p.anime_frame_index = 10; }, E_INVALIDARG},
+      {"frame index", [](Scene& s) { s.p.anime_frame_index = -1; }, E_INVALIDARG},
       {"loop mode", [](Scene& s) { s.p.loop_mode = 2; }, E_INVALIDARG},
       {"direction", [](Scene& s) { s.p.direction = std::numeric_limits<float>::infinity(); }, E_INVALIDARG},
       {"spread", [](Scene& s) { s.p.spread = 181.0f; }, E_INVALIDARG},

@@ -487,6 +487,9 @@ TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
     const rlimit limit{room, room};
     if (setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(4);
     if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY) std::_Exit(5);
+    // The largest photo is refused the same way, with no size wrapping round.
+    if (rig->Initialize(65536, 65536) != E_OUTOFMEMORY || rig->Initialize(65537, 8) != E_INVALIDARG) std::_Exit(7);
+    if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY) std::_Exit(8);
     std::vector<uint8_t> px(16 * 4);
     LightRaysParam p;
     p.src = MakeSmartBufferView(px.data(), 4000, 3000);

@@ -13,6 +13,7 @@ if [ "${1:-all}" != "tool" ]; then
   packages+=(
     libgtest-dev libbenchmark-dev                    # tests and benchmarks
     libopencv-dev libcgal-dev                        # peers in benchmarks and cross-checks only
+    clang libfuzzer-14-dev libclang-rt-14-dev        # fuzz targets (libFuzzer, sanitizers)
   )
 fi
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test three ways: an optimised build; an
 # AddressSanitizer + UndefinedBehaviorSanitizer build; and the worker pool and
-# thread adapter under ThreadSanitizer. Any failure stops with non-zero status.
+# thread adapter under ThreadSanitizer. Then runs each fuzz target briefly.
+# Any failure stops with non-zero status.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -19,9 +20,12 @@ cmake --build build/asan -j"$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest -j"$jobs" --output-on-failure)
 
-echo "== ThreadSanitizer: worker pool and thread adapter"
+echo "== ThreadSanitizer: worker pool, thread adapter, one engine shared by host threads"
 cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVANE_SANITIZE=thread \
   -DKORVANE_BUILD_BENCH=OFF -DKORVANE_BUILD_TOOLS=OFF > /dev/null
-cmake --build build/tsan -j"$jobs" --target test_core
+cmake --build build/tsan -j"$jobs" --target test_core test_engine
 (cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest -j"$jobs" --output-on-failure \
-  -R '^(ThreadPool|ThreadAdapter|SegmentBlock)\.')
+  -R '^(ThreadPool|ThreadAdapter|SegmentBlock|EngineThreads)\.')
+
+echo "== Fuzz targets (clang, AddressSanitizer + UndefinedBehaviorSanitizer), 30 s each"
+bash fuzz/run.sh 30

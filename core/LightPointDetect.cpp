@@ -185,9 +185,12 @@ int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, 
   std::vector<float> g(pad.size()), h(pad.size());
   for (int32_t y = top; y < bottom; ++y) {
     std::memcpy(pad.data() + r, RowPtr<const float>(src, y), static_cast<size_t>(w) * sizeof(float));
-    for (int32_t i = 0; i < padded; ++i) g[i] = i % len == 0 ? pad[i] : std::max(g[i - 1], pad[i]);
-    for (int32_t i = padded - 1; i >= 0; --i) {
-      h[i] = (i % len == len - 1 || i == padded - 1) ? pad[i] : std::max(h[i + 1], pad[i]);
+    for (int32_t b = 0; b < padded; b += len) {
+      const int32_t e = std::min(b + len, padded);
+      g[b] = pad[b];
+      for (int32_t i = b + 1; i < e; ++i) g[i] = std::max(g[i - 1], pad[i]);
+      h[e - 1] = pad[e - 1];
+      for (int32_t i = e - 2; i >= b; --i) h[i] = std::max(h[i + 1], pad[i]);
     }
     float* m = row_max.data() + cols * static_cast<size_t>(y - top);
     // Pixel x's window is padded [x, x + len - 1].
@@ -267,37 +270,48 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   if (!IsFloat(dst)) return E_NOTIMPL;
   if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
 
-  SmartBuffer dxx, dyy, dxy;
-  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
+  SmartBuffer light, dxx, dyy, dxy;
+  for (SmartBuffer* b : {&light, &dxx, &dyy, &dxy}) {
     if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
-    Clear(*b);
   }
+  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) Clear(*b);
   Clear(dst);
 
-  // The gradients (as GradientH and GradientV compute them) go straight into
-  // their products, row by row: no gradient maps are stored.
+  // The lightness once, then the gradients (as GradientH and GradientV
+  // compute them) straight into their products: no gradient maps. The
+  // gradients sample d rows and columns around the roi, so the lightness
+  // covers whole rows.
   const int32_t last_x = src.width - 1, last_y = src.height - 1;
-  hr = RunBands(adapter, roi, [&](const Rect& band) {
-    std::vector<float> light(static_cast<size_t>(src.width));
-    for (int32_t y = band.top; y < band.bottom; ++y) {
-      LightnessRow(src, y, light.data());
-      const uint8_t* above = RowPtr<const uint8_t>(src, std::max(y - d, 0));
-      const uint8_t* below = RowPtr<const uint8_t>(src, std::min(y + d, last_y));
-      float* xx = RowPtr<float>(dxx, y);
-      float* yy = RowPtr<float>(dyy, y);
-      float* xy = RowPtr<float>(dxy, y);
-      for (int32_t x = band.left; x < band.right; ++x) {
-        const float gx =
-            (light[static_cast<size_t>(std::max(x - d, 0))] - light[static_cast<size_t>(std::min(x + d, last_x))]) /
-            255.0f;
-        const float gy = (Lightness(above + 4 * x) - Lightness(below + 4 * x)) / 255.0f;
-        xx[x] = gx * gx;
-        yy[x] = gy * gy;
-        xy[x] = gx * gy;
-      }
-    }
+  hr = RunBands(adapter, FullRect(src), [&](const Rect& band) {
+    for (int32_t y = band.top; y < band.bottom; ++y) LightnessRow(src, y, RowPtr<float>(light, y));
     return S_OK;
   });
+  if (hr >= 0) {
+    hr = RunBands(adapter, roi, [&](const Rect& band) {
+      // Columns whose samples need no clamping, for a loop without it.
+      const int32_t inner0 = std::max(band.left, std::min(d, band.right));
+      const int32_t inner1 = std::max(inner0, std::min(band.right, src.width - d));
+      for (int32_t y = band.top; y < band.bottom; ++y) {
+        const float* l = RowPtr<const float>(light, y);
+        const float* above = RowPtr<const float>(light, std::max(y - d, 0));
+        const float* below = RowPtr<const float>(light, std::min(y + d, last_y));
+        float* xx = RowPtr<float>(dxx, y);
+        float* yy = RowPtr<float>(dyy, y);
+        float* xy = RowPtr<float>(dxy, y);
+        auto products = [&](int32_t x, float gx) {
+          const float gy = (above[x] - below[x]) / 255.0f;
+          xx[x] = gx * gx;
+          yy[x] = gy * gy;
+          xy[x] = gx * gy;
+        };
+        auto clamped = [&](int32_t x) { products(x, (l[std::max(x - d, 0)] - l[std::min(x + d, last_x)]) / 255.0f); };
+        for (int32_t x = band.left; x < inner0; ++x) clamped(x);
+        for (int32_t x = inner0; x < inner1; ++x) products(x, (l[x - d] - l[x + d]) / 255.0f);
+        for (int32_t x = inner1; x < band.right; ++x) clamped(x);
+      }
+      return S_OK;
+    });
+  }
   if (hr < 0) {
     KORVANE_LOG_FAILED_STEP("GradientH", hr);
     return hr;

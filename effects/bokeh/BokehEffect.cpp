@@ -157,21 +157,11 @@ const std::array<float, BokehEffect::kTwinkleSamples>& BokehEffect::TwinkleCurve
 
 int32_t BokehEffect::CalTwinkleAnimeParam(int32_t count, int32_t index) {
   if (count <= 0 || index < 0) return E_INVALIDARG;
-  const auto& curve = TwinkleCurve();
-  m_twinkle_table.resize(static_cast<size_t>(count));
-  const float step = static_cast<float>(kTwinkleSamples) / static_cast<float>(count);
-  for (int32_t i = 0; i < count; ++i) {
-    const float x = static_cast<float>(i) * step;
-    const int32_t k = std::min(static_cast<int32_t>(x), kTwinkleSamples - 2);
-    const float f = x - static_cast<float>(k);
-    m_twinkle_table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
-  }
+  const int32_t hr = StretchTwinkleCurve(TwinkleCurve().data(), kTwinkleSamples, count, m_twinkle_table);
+  if (hr < 0) return hr;
   for (auto& [key, p] : m_bokeh_list) {
     (void)key;
-    const int32_t frame =
-        std::min(static_cast<int32_t>(static_cast<float>(p.phase) * static_cast<float>(count) / kTwinkleSamples + 0.5f),
-                 count - 1);
-    p.frame_offset = static_cast<int32_t>((static_cast<int64_t>(frame) + index) % count);
+    p.frame_offset = TwinkleFrameOffset(p.phase, kTwinkleSamples, count, index);
   }
   return S_OK;
 }

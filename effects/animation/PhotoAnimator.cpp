@@ -27,9 +27,15 @@ bool ImageFits(const ImageBuffer& img, int32_t bytes_per_pixel) {
 bool Finite(float x, float y) { return std::isfinite(x) && std::isfinite(y); }
 
 // Inverse of the 3x3 matrix whose columns are (x_k, y_k, 1) of a triangle.
+// Twice the signed area of a rest triangle, as the inverse uses it.
+double RestDeterminant(const float tri[6]) {
+  const double x0 = tri[0], y0 = tri[1], x1 = tri[2], y1 = tri[3], x2 = tri[4], y2 = tri[5];
+  return (y1 - y2) * x0 - (y0 - y2) * x1 + (y0 - y1) * x2;
+}
+
 int32_t GetInverse(const float tri[6], double inv[9]) {
   const double x0 = tri[0], y0 = tri[1], x1 = tri[2], y1 = tri[3], x2 = tri[4], y2 = tri[5];
-  const double det = (y1 - y2) * x0 - (y0 - y2) * x1 + (y0 - y1) * x2;
+  const double det = RestDeterminant(tri);
   if (det == 0.0) return E_FAIL;
   const double r = 1.0 / det;
   inv[0] = (y1 - y2) * r, inv[1] = (x2 - x1) * r, inv[2] = (x1 * y2 - x2 * y1) * r;
@@ -430,6 +436,16 @@ int32_t PhotoAnimator::PrepareWarp(int32_t alpha) {
       future_tri[2 * i + 1] = future_points[t[i]].y;
     }
     float* maps = &m_maps[12 * k];
+    if (RestDeterminant(dst_tri) == 0.0) {
+      // A mesh triangle is never flat, but a sliver next to a vertex far
+      // outside the photo can have an area that rounds to zero here. It has
+      // no affine map; its few pixels move with its first vertex.
+      const float shift[12] = {1, 0, past_tri[0] - dst_tri[0],   0, 1, past_tri[1] - dst_tri[1],
+                               1, 0, future_tri[0] - dst_tri[0], 0, 1, future_tri[1] - dst_tri[1]};
+      std::memcpy(maps, shift, sizeof(shift));
+      m_single[k] = alpha == 0 || std::memcmp(maps, maps + 6, 6 * sizeof(float)) == 0;
+      continue;
+    }
     const float* src_tri = past_tri;
     if (KORVANE_FAILED(GetAffineMat(transform_mat, dst_tri, src_tri))) return hr;
     std::memcpy(maps, transform_mat, sizeof(transform_mat));

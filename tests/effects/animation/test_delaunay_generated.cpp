@@ -221,3 +221,11 @@ TEST(DelaunayGenerated, RandomFlowsReachingOutsideThePhotoAnimate) {
     if (HasFailure()) return;
   }
 }
+
+TEST(DelaunayGenerated, FuzzStrokeToAFarPointAnimates) {
+  // Found by the flow-file fuzz target: a stroke to x = 6.7e27 gave sample
+  // triangles whose area rounds to zero in the animator's affine inverse.
+  const float stroke[] = {3.5f, 102.0f, 6666666666666666666666666665.0f, 41.88f};
+  const FlowData flow{stroke, 2, FLOW_STROKE};
+  ExpectFramesRender(23, 17, &flow, 1, 3);
+}

@@ -208,6 +208,11 @@ TEST(SparkleEffect, ManualShapesAndTheMaximumAreChecked) {
   EXPECT_EQ(r->AddManualSparkles(pts, 2, &ok), S_OK);
   ASSERT_EQ(r->SetMaxManualSparkleCount(-1), S_OK);
   EXPECT_EQ(r->AddManualSparkles(pts, 3, &ok), S_OK);
+  // A new photo keeps the shapes and the placed sparkles.
+  const size_t placed = r->ManualSparkles().size();
+  ASSERT_EQ(r->SetSource(&r.src), S_OK);
+  EXPECT_EQ(r->ManualSparkles().size(), placed);
+  r.Render(Frame(1, 0));  // no new automatic shape needed
   // Phases come from the insertion number: the same edits animate alike.
   Rig other(160, 120);
   SparklePoint far[1] = {{100, 100, 2}};

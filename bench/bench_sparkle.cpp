@@ -63,7 +63,9 @@ void SparkleFrame(benchmark::State& state) {
   const int32_t mode = static_cast<int32_t>(state.range(2));
   std::vector<uint8_t> src = SpotsPhoto(w, h, 200), dst(src.size()), star = Star();
   Korvane::SparkleEffect fx(&KorvaneBench::Pool());
-  fx.SetSystemInfo(KorvaneBench::MachineInfo());
+  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
+  if (state.range(3) == 0) info.simd_level = Korvane::SIMD_NONE;  // the plain kernel forms
+  fx.SetSystemInfo(info);
   Korvane::ImageBuffer in = Korvane::MakeImageBuffer(src.data(), w, h);
   Korvane::ImageBuffer out = Korvane::MakeImageBuffer(dst.data(), w, h);
   Korvane::ImageBuffer shape = Korvane::MakeImageBuffer(star.data(), Korvane::SPK_SIZE, Korvane::SPK_SIZE);
@@ -108,10 +110,11 @@ void BM_Memcpy12M(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Ph
 }  // namespace
 
 BENCHMARK(BM_Memcpy1080)->Name("memcpy/1920x1080")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080_plain")->Args({1920, 1080, 1, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Memcpy12M)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();

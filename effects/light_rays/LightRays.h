@@ -110,8 +110,9 @@ class LightRays {
   virtual ~LightRays() = default;
 
   // Allocates the working images for a width x height photo: E_INVALIDARG
-  // for a side below 1 (or too large to address); the same size again does
-  // nothing. Fixes the ray pattern (a Mersenne Twister seeded 0), so the same
+  // for a side below 1 (or too large to address), E_OUTOFMEMORY when a
+  // working image cannot be had (Process then answers E_FAIL until an
+  // Initialize succeeds); the same size again does nothing. Fixes the ray pattern (a Mersenne Twister seeded 0), so the same
   // settings always render the same picture.
   virtual int32_t Initialize(int32_t width, int32_t height) = 0;
 

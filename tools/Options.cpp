@@ -76,7 +76,7 @@ OptionTable& OptionTable::Choice(const std::string& flags, std::string& value, c
 }
 
 OptionTable& OptionTable::Text(const std::string& flags, std::string& value, const std::string& help, bool required) {
-  CLI::Option* opt = m_sub.add_option(flags, value, help);
+  CLI::Option* opt = m_sub.add_option(flags, value, value.empty() ? help : help + " [default " + value + "]");
   if (required) opt->required();
   return *this;
 }

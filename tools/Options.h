@@ -57,7 +57,8 @@ class OptionTable {
   OptionTable& Choice(const std::string& flags, std::string& value, const std::vector<std::string>& choices,
                       const std::string& help);
 
-  // Free text such as a file name; `required` makes it mandatory.
+  // Free text such as a file name; `required` makes it mandatory. A value
+  // already set is shown as the default.
   OptionTable& Text(const std::string& flags, std::string& value, const std::string& help, bool required = false);
 
   // Several values (the photos of a batch); at least one when `required`.

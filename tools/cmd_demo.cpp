@@ -54,7 +54,7 @@ int RunDemo(const DemoOptions& opt) {
 RegisterCommand reg("demo", "Render every effect on a generated scene (needs no input)", [](CLI::App& sub) {
   auto opt = std::make_shared<DemoOptions>();
   OptionTable t(sub);
-  t.Text("-o,--output", opt->out_dir, "Folder to write into (created if missing) [default korvane-demo]");
+  t.Text("-o,--output", opt->out_dir, "Folder to write into (created if missing)");
   t.Number("--width", opt->width, 64, 8192, "pixels", "Scene width");
   t.Number("--height", opt->height, 64, 8192, "pixels", "Scene height");
   return std::function<int()>([opt] { return RunDemo(*opt); });

@@ -207,7 +207,7 @@ RegisterCommand reg("glow", "Make the bright parts of a photo glow (29 blend mod
   t.Number("--hue", o->hue, 0, 1, "turns", "Tint hue (0 red, 0.17 yellow, 0.33 green, 0.67 blue)");
   t.Number("--brightness", o->brightness, 0, 1, "", "Final brightness of the glow (0: no glow)");
   t.Number("--opacity", o->opacity, 0, 255, "", "Opacity of the glow layer");
-  t.Text("--mode", o->mode, "Blend mode, by name or number [default screen]: " + ModeList());
+  t.Text("--mode", o->mode, "Blend mode, by name or number: " + ModeList());
   sub.get_option("--mode")->check(CLI::Validator(
       [](std::string& text) -> std::string {
         return ParseMode(text) < 0 ? "unknown blend mode '" + text + "'; choose one of: " + ModeList() : std::string();

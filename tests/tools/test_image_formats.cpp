@@ -63,6 +63,7 @@ TEST(ImageFormats, EveryClaimedFormatReadsAsTheSamePicture) {
     int tolerance;
   } cases[] = {
       {"plain.jpg", pic, VImage::option()->set("Q", 95), 12},
+      {"progressive.jpg", pic, VImage::option()->set("Q", 95)->set("interlace", true), 12},
       {"plain.png", pic, nullptr, 0},
       {"sixteen.png", (pic.cast(VIPS_FORMAT_USHORT) * 257).cast(VIPS_FORMAT_USHORT)
                           .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_RGB16)), nullptr, 1},

@@ -44,6 +44,10 @@ inline Korvane::CThreadPool& Pool() {
 // The machine description with the SIMD level of this processor.
 Korvane::SystemInfo MachineInfo();
 
+// The same with the SIMD level held at most at simd_cap (SIMD_NONE runs the
+// plain kernel forms).
+Korvane::SystemInfo MachineInfo(int32_t simd_cap);
+
 // A photo-like test image: smooth gradients plus noise, fixed seed.
 inline std::vector<uint8_t> MakeImage(int width, int height, int channels, uint32_t seed = 1) {
   std::vector<uint8_t> img(static_cast<size_t>(width) * height * channels);
@@ -57,6 +61,13 @@ inline std::vector<uint8_t> MakeImage(int width, int height, int channels, uint3
   return img;
 }
 
+// MakeImage as a BGRA32 photo with every pixel opaque.
+inline std::vector<uint8_t> MakeOpaquePhoto(int width, int height) {
+  std::vector<uint8_t> img = MakeImage(width, height, 4);
+  for (size_t i = 3; i < img.size(); i += 4) img[i] = 255;
+  return img;
+}
+
 // Processor time of the whole process (every worker) per iteration, in ms,
 // as the counter process_cpu_ms: steadier than wall time when other programs
 // share the machine.
@@ -65,6 +76,11 @@ struct ProcessCpu {
   void Report(benchmark::State& state) const {
     const double ms = 1000.0 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
     state.counters["process_cpu_ms"] = ms / static_cast<double>(state.iterations());
+  }
+  // The same, and `bytes` of image handled per iteration as the throughput.
+  void Report(benchmark::State& state, size_t bytes) const {
+    Report(state);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes));
   }
 };
 
@@ -78,11 +94,13 @@ inline void MemcpyFloor(benchmark::State& state, const std::vector<uint8_t>& src
     benchmark::DoNotOptimize(dst.data());
     benchmark::ClobberMemory();
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(src.size()));
+  cpu.Report(state, src.size());
 }
 
 }  // namespace KorvaneBench
+
+// Registers fn under name, timed in wall-clock milliseconds.
+#define KORVANE_BENCH_MS(fn, name) BENCHMARK(fn)->Name(name)->Unit(benchmark::kMillisecond)->UseRealTime()
 
 #include "engine/CpuProbe.h"
 
@@ -90,5 +108,11 @@ inline Korvane::SystemInfo KorvaneBench::MachineInfo() {
   Korvane::SystemInfo info;
   info.processor_count = Korvane::Platform::LogicalProcessorCount();
   info.simd_level = Korvane::ProbeSimdLevel();
+  return info;
+}
+
+inline Korvane::SystemInfo KorvaneBench::MachineInfo(int32_t simd_cap) {
+  Korvane::SystemInfo info = MachineInfo();
+  if (info.simd_level >= simd_cap) info.simd_level = simd_cap;
   return info;
 }

@@ -61,9 +61,7 @@ void Prepare(benchmark::State& state) {
 void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_level) {
   Subject s(w, h, particles);
   Korvane::DispersionEffect fx(&KorvaneBench::Pool());
-  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
-  if (info.simd_level >= simd_level) info.simd_level = simd_level;
-  fx.SetSystemInfo(info);
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
   if (fx.Prepare(&s.p) < 0) return state.SkipWithError("Prepare failed");
   ProcessCpu cpu;
   for (auto _ : state) {
@@ -71,9 +69,8 @@ void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_le
     benchmark::DoNotOptimize(s.out.data());
     benchmark::ClobberMemory();
   }
-  cpu.Report(state);
+  cpu.Report(state, size_t{4} * w * h);
   state.counters["particles"] = static_cast<double>(fx.GetParticles().size());
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * w * h * 4);
 }
 
 void BM_Frame1080(benchmark::State& state) { Frame(state, 1920, 1080, 100000, Korvane::SIMD_SSE42); }
@@ -87,15 +84,12 @@ void BM_Memcpy12Mp(benchmark::State& state) {
   KorvaneBench::MemcpyFloor(state, KorvaneBench::MakeImage(4000, 3000, 4));
 }
 
-BENCHMARK(BM_Memcpy1080)->Name("memcpy/1920x1080")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(Prepare)->Name("korvane/disperse_prepare_1920x1080")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Frame1080)->Name("korvane/disperse_frame_1920x1080_100k")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Frame1080Plain)
-    ->Name("korvane/disperse_frame_1920x1080_100k_plain")
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK(BM_Memcpy12Mp)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Frame12Mp)->Name("korvane/disperse_frame_4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_Memcpy1080, "memcpy/1920x1080");
+KORVANE_BENCH_MS(Prepare, "korvane/disperse_prepare_1920x1080");
+KORVANE_BENCH_MS(BM_Frame1080, "korvane/disperse_frame_1920x1080_100k");
+KORVANE_BENCH_MS(BM_Frame1080Plain, "korvane/disperse_frame_1920x1080_100k_plain");
+KORVANE_BENCH_MS(BM_Memcpy12Mp, "memcpy/4000x3000");
+KORVANE_BENCH_MS(BM_Frame12Mp, "korvane/disperse_frame_4000x3000");
 
 }  // namespace
 

@@ -28,9 +28,7 @@ const std::vector<uint8_t>& Photo() {
 void Glitch(benchmark::State& state, int32_t simd_level) {
   std::vector<uint8_t> src = Photo(), dst(kBytes);
   Korvane::GlitchEffect fx(&KorvaneBench::Pool());
-  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
-  if (info.simd_level >= simd_level) info.simd_level = simd_level;
-  fx.SetSystemInfo(info);
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
   Korvane::ImageBuffer in = Korvane::MakeImageBuffer(src.data(), kWidth, kHeight);
   Korvane::ImageBuffer out = Korvane::MakeImageBuffer(dst.data(), kWidth, kHeight);
   Korvane::GlitchImages images{&in, &out};
@@ -47,8 +45,7 @@ void Glitch(benchmark::State& state, int32_t simd_level) {
     benchmark::DoNotOptimize(dst.data());
     benchmark::ClobberMemory();
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
+  cpu.Report(state, kBytes);
 }
 
 void BM_GlitchType6(benchmark::State& state) { Glitch(state, Korvane::SIMD_SSE42); }
@@ -78,15 +75,14 @@ void BM_OpenCvSplitShiftMerge(benchmark::State& state) {
     cv::merge(moved, dst);
     benchmark::DoNotOptimize(dst.data);
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
+  cpu.Report(state, kBytes);
 }
-BENCHMARK(BM_OpenCvSplitShiftMerge)->Name("opencv/split_warp_merge_4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_OpenCvSplitShiftMerge, "opencv/split_warp_merge_4000x3000");
 #endif
 
-BENCHMARK(BM_Memcpy)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlitchType6)->Name("korvane/glitch_4000x3000_type6")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlitchType6Plain)->Name("korvane/glitch_4000x3000_type6_plain")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_Memcpy, "memcpy/4000x3000");
+KORVANE_BENCH_MS(BM_GlitchType6, "korvane/glitch_4000x3000_type6");
+KORVANE_BENCH_MS(BM_GlitchType6Plain, "korvane/glitch_4000x3000_type6_plain");
 
 }  // namespace
 

@@ -22,11 +22,7 @@ constexpr int kRadius = 40;     // full-size pixels
 constexpr int kThreshold = 160;
 
 const std::vector<uint8_t>& Photo() {
-  static const std::vector<uint8_t> img = [] {
-    std::vector<uint8_t> v = KorvaneBench::MakeImage(kWidth, kHeight, 4);
-    for (size_t i = 3; i < v.size(); i += 4) v[i] = 255;  // an opaque photo
-    return v;
-  }();
+  static const std::vector<uint8_t> img = KorvaneBench::MakeOpaquePhoto(kWidth, kHeight);
   return img;
 }
 
@@ -34,9 +30,7 @@ const std::vector<uint8_t>& Photo() {
 void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, bool tint) {
   std::vector<uint8_t> src = Photo(), dst(kBytes);
   Korvane::GlowEffect fx(&KorvaneBench::Pool());
-  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
-  if (info.simd_level >= simd_level) info.simd_level = simd_level;
-  fx.SetSystemInfo(info);
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
   if (fx.Initialize(kWidth, kHeight) < 0) return state.SkipWithError("Initialize failed");
   Korvane::GlowParam p;
   p.src = Korvane::MakeSmartBufferView(src.data(), kWidth, kHeight);
@@ -58,8 +52,7 @@ void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, bool tint) 
     benchmark::DoNotOptimize(dst.data());
     benchmark::ClobberMemory();
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
+  cpu.Report(state, kBytes);
 }
 
 void BM_GlowScreen(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, Korvane::SIMD_SSE42, false); }
@@ -89,18 +82,17 @@ void BM_OpenCvGlow(benchmark::State& state) {
     cv::add(src, big, dst);
     benchmark::DoNotOptimize(dst.data);
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kBytes);
+  cpu.Report(state, kBytes);
 }
-BENCHMARK(BM_OpenCvGlow)->Name("opencv/glow_4000x3000_r40")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_OpenCvGlow, "opencv/glow_4000x3000_r40");
 #endif
 
-BENCHMARK(BM_Memcpy)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlowScreen)->Name("korvane/glow_4000x3000_r40_screen")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlowAddition)->Name("korvane/glow_4000x3000_r40_addition")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlowScreenTint)->Name("korvane/glow_4000x3000_r40_screen_tinted")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlowHue)->Name("korvane/glow_4000x3000_r40_hue")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_GlowScreenPlain)->Name("korvane/glow_4000x3000_r40_screen_plain")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_Memcpy, "memcpy/4000x3000");
+KORVANE_BENCH_MS(BM_GlowScreen, "korvane/glow_4000x3000_r40_screen");
+KORVANE_BENCH_MS(BM_GlowAddition, "korvane/glow_4000x3000_r40_addition");
+KORVANE_BENCH_MS(BM_GlowScreenTint, "korvane/glow_4000x3000_r40_screen_tinted");
+KORVANE_BENCH_MS(BM_GlowHue, "korvane/glow_4000x3000_r40_hue");
+KORVANE_BENCH_MS(BM_GlowScreenPlain, "korvane/glow_4000x3000_r40_screen_plain");
 
 }  // namespace
 

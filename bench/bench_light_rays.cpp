@@ -27,19 +27,14 @@ constexpr float kAngle = 300.0f;  // directional: down and to the right
 const std::vector<uint8_t>& Photo(int w, int h) {
   static std::vector<uint8_t> big, hd;
   std::vector<uint8_t>& img = w == 4000 ? big : hd;
-  if (img.empty()) {
-    img = KorvaneBench::MakeImage(w, h, 4);
-    for (size_t i = 3; i < img.size(); i += 4) img[i] = 255;  // an opaque photo
-  }
+  if (img.empty()) img = KorvaneBench::MakeOpaquePhoto(w, h);
   return img;
 }
 
 void LightRays(benchmark::State& state, int w, int h, int32_t mode, int32_t simd_level) {
   std::vector<uint8_t> src = Photo(w, h), dst(src.size());
   Korvane::LightRaysEffect fx(&KorvaneBench::Pool());
-  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
-  if (info.simd_level >= simd_level) info.simd_level = simd_level;
-  fx.SetSystemInfo(info);
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
   if (fx.Initialize(w, h) < 0) return state.SkipWithError("Initialize failed");
   Korvane::LightRaysParam p;
   p.src = Korvane::MakeSmartBufferView(src.data(), w, h);
@@ -58,8 +53,7 @@ void LightRays(benchmark::State& state, int w, int h, int32_t mode, int32_t simd
     benchmark::DoNotOptimize(dst.data());
     benchmark::ClobberMemory();
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(src.size()));
+  cpu.Report(state, src.size());
 }
 
 void BM_Radial(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, Korvane::SIMD_SSE42); }
@@ -124,8 +118,7 @@ void BM_OpenCvRadial(benchmark::State& state, int w, int h) {
     cv_rays.After();
     benchmark::DoNotOptimize(cv_rays.dst.data);
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes.size()));
+  cpu.Report(state, bytes.size());
 }
 
 void BM_OpenCvDirectional(benchmark::State& state, int w, int h) {
@@ -147,8 +140,7 @@ void BM_OpenCvDirectional(benchmark::State& state, int w, int h) {
     cv_rays.After();
     benchmark::DoNotOptimize(cv_rays.dst.data);
   }
-  cpu.Report(state);
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes.size()));
+  cpu.Report(state, bytes.size());
 }
 
 BENCHMARK_CAPTURE(BM_OpenCvRadial, big, 4000, 3000)
@@ -159,12 +151,12 @@ BENCHMARK_CAPTURE(BM_OpenCvRadial, hd, 1920, 1080)
     ->Name("opencv/lightrays_1920x1080_radial")->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
-BENCHMARK(BM_Memcpy)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Radial)->Name("korvane/lightrays_4000x3000_radial")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Directional)->Name("korvane/lightrays_4000x3000_directional")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_RadialPlain)->Name("korvane/lightrays_4000x3000_radial_plain")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_RadialHd)->Name("korvane/lightrays_1920x1080_radial")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_DirectionalHd)->Name("korvane/lightrays_1920x1080_directional")->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_Memcpy, "memcpy/4000x3000");
+KORVANE_BENCH_MS(BM_Radial, "korvane/lightrays_4000x3000_radial");
+KORVANE_BENCH_MS(BM_Directional, "korvane/lightrays_4000x3000_directional");
+KORVANE_BENCH_MS(BM_RadialPlain, "korvane/lightrays_4000x3000_radial_plain");
+KORVANE_BENCH_MS(BM_RadialHd, "korvane/lightrays_1920x1080_radial");
+KORVANE_BENCH_MS(BM_DirectionalHd, "korvane/lightrays_1920x1080_directional");
 
 }  // namespace
 

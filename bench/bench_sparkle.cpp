@@ -109,12 +109,12 @@ void BM_Memcpy12M(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Ph
 
 }  // namespace
 
-BENCHMARK(BM_Memcpy1080)->Name("memcpy/1920x1080")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_1920x1080_plain")->Args({1920, 1080, 1, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_Memcpy12M)->Name("memcpy/4000x3000")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(SparkleFrame)->Name("korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0, 1})->Unit(benchmark::kMillisecond)->UseRealTime();
+KORVANE_BENCH_MS(BM_Memcpy1080, "memcpy/1920x1080");
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_plain")->Args({1920, 1080, 1, 0});
+KORVANE_BENCH_MS(BM_Memcpy12M, "memcpy/4000x3000");
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0, 1});
 
 BENCHMARK_MAIN();

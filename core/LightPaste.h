@@ -16,6 +16,7 @@
 // Both forms exist plain and SSE4.1 (suffix _SSE4) with identical results.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -99,6 +100,20 @@ int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio);
 
 // ---------------------------------------------------------------------------
 // Adding the light map to the photo.
+
+// Rectangle r of a BGRA32 map as an ImageBuffer sharing its memory: how a
+// light map, an output or a shape (or a part of one) is handed to the image
+// kernels that take an ImageBuffer.
+inline ImageBuffer Bgra32View(const SmartBuffer& map, const Rect& r) {
+  ImageBuffer v;
+  v.data = map.data.get() + static_cast<ptrdiff_t>(r.top) * map.stride + static_cast<ptrdiff_t>(r.left) * 4;
+  v.width = r.right - r.left;
+  v.height = r.bottom - r.top;
+  v.stride = map.stride;
+  v.channel = 4;
+  v.pix_fmt = PIXEL_BGRA32;
+  return v;
+}
 
 struct LightMapAddParam {
   SmartBuffer base;   // BGRA32: the (blurred) photo

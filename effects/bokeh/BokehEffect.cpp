@@ -403,12 +403,7 @@ int32_t BokehEffect::ProcessBokeh() {
   LightMapAddParam ap;
   ap.base = m_focus_src_buff;
   ap.light = m_light_buff;
-  ap.dst.data = m_dst.data.get();
-  ap.dst.width = m_dst.width;
-  ap.dst.height = m_dst.height;
-  ap.dst.stride = m_dst.stride;
-  ap.dst.channel = 4;
-  ap.dst.pix_fmt = PIXEL_BGRA32;
+  ap.dst = Bgra32View(m_dst, FullRect(m_dst));
   ap.roi = m_roi;
   if ((hr = RunBands(m_thread_adapter, m_roi, [&](const Rect& band) { return add.fn(ap, band); })) < 0) {
     KORVANE_LOG_FAILED_STEP("ImageAddLightMap", hr);
@@ -472,12 +467,7 @@ int32_t BokehEffect::InitMultiScaledBokehType() {
   // ends of the blend, so the blend does not change it.
   const int32_t r = static_cast<int32_t>(m_bok_size.w * 16 / kShapeBlurBase);
   BoxBlurParam blur;
-  blur.src.data = blur_shape.data.get();
-  blur.src.width = blur_shape.width;
-  blur.src.height = blur_shape.height;
-  blur.src.stride = blur_shape.stride;
-  blur.src.channel = 4;
-  blur.src.pix_fmt = PIXEL_BGRA32;
+  blur.src = Bgra32View(blur_shape, FullRect(blur_shape));
   blur.radius = static_cast<int32_t>((1.0f - t) * r + t * r);
   if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, FullRect(blur_shape), 2)) < 0) return hr;
   for (int32_t i = 0; i < kSizeCount; ++i) {

@@ -11,6 +11,7 @@
 #include "core/ColorSpace.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/LightPaste.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 
@@ -661,12 +662,7 @@ int32_t LightRaysEffect::SoftneessProcess() {
   // the highlights left around it never mix into the rays.
   const Rect& area = m_downsized_roi;
   BoxBlurParam boxblur_param;
-  boxblur_param.src.data = RowPtr(m_resized_hlr_buff, area.top) + static_cast<ptrdiff_t>(area.left) * 4;
-  boxblur_param.src.width = RectWidth(area);
-  boxblur_param.src.height = RectHeight(area);
-  boxblur_param.src.stride = m_resized_hlr_buff.stride;
-  boxblur_param.src.channel = 4;
-  boxblur_param.src.pix_fmt = PIXEL_BGRA32;
+  boxblur_param.src = Bgra32View(m_resized_hlr_buff, area);
   boxblur_param.radius = radius;
   const Rect downsized_roi{0, 0, RectWidth(area), RectHeight(area)};
   const auto h = KORVANE_PICK(m_system_info, BoxBlurH, BoxBlurH_SSE);

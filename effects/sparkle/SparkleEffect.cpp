@@ -72,18 +72,6 @@ int32_t RunLightAdd(ThreadJob* job, int32_t* result) {
   return Done(result, s->fn(s->p, job->rect));
 }
 
-// A view of the rectangle r of a map as an ImageBuffer.
-ImageBuffer RectView(const SmartBuffer& b, const Rect& r) {
-  ImageBuffer v;
-  v.data = b.data.get() + static_cast<ptrdiff_t>(r.top) * b.stride + static_cast<ptrdiff_t>(r.left) * 4;
-  v.width = RectWidth(r);
-  v.height = RectHeight(r);
-  v.stride = b.stride;
-  v.channel = 4;
-  v.pix_fmt = PIXEL_BGRA32;
-  return v;
-}
-
 }  // namespace
 
 SparkleEffect::SparkleEffect(CThreadPool* pool) : EffectCore(pool) {
@@ -767,7 +755,7 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
   combine.fn = add.fn;
   combine.p.base = m_auto_scaled_light_buff;
   combine.p.light = m_manu_scaled_light_buff;
-  combine.p.dst = RectView(m_auto_scaled_light_buff, work);
+  combine.p.dst = Bgra32View(m_auto_scaled_light_buff, work);
   combine.p.roi = work;
 
   CombineStep final_add;

@@ -564,21 +564,9 @@ int32_t LightRaysEffect::PolarTransformProcess() {
     if (m_row_gain[j] == 0) l.src_end = l.lo;  // no light on this row: just clear it
   }
 
-  const Rect polar{0, 0, pw, ph};
-  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE4);
-  SampleRowsParam to_polar{&m_resized_hlr_buff, &m_polar_buff, m_lines.data()};
-  hr = RunBands(m_thread_adapter, polar, [&](const Rect& band) { return sample.fn(to_polar, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("CarteToPolarTransform", hr);
+  if ((hr = SampleAndSmear(m_polar_buff, m_temp_polar_buff, Rect{0, 0, pw, ph}, "CarteToPolarTransform",
+                            "LightRayHalfBlurH")) < 0)
     return hr;
-  }
-  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
-  SmearRowsParam smear{&m_polar_buff, &m_temp_polar_buff, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
-  hr = RunBands(m_thread_adapter, polar, [&](const Rect& band) { return blur.fn(smear, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("LightRayHalfBlurH", hr);
-    return hr;
-  }
 
   const auto back = KORVANE_PICK(m_system_info, PolarToCarte, PolarToCarte_SSE4);
   PolarToCarteParam to_carte;
@@ -591,6 +579,22 @@ int32_t LightRaysEffect::PolarTransformProcess() {
   to_carte.area = m_downsized_roi;
   hr = RunBands(m_thread_adapter, m_downsized_roi, [&](const Rect& band) { return back.fn(to_carte, band); });
   if (hr < 0) KORVANE_LOG_FAILED_STEP("PolarToCarteTransform", hr);
+  return hr;
+}
+
+int32_t LightRaysEffect::SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area,
+                                        const char* sample_step, const char* smear_step) {
+  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE4);
+  SampleRowsParam to_lines{&m_resized_hlr_buff, &lines, m_lines.data()};
+  int32_t hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return sample.fn(to_lines, band); });
+  if (hr < 0) {
+    KORVANE_LOG_FAILED_STEP(sample_step, hr);
+    return hr;
+  }
+  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
+  SmearRowsParam smear{&lines, &smeared, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
+  hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return blur.fn(smear, band); });
+  if (hr < 0) KORVANE_LOG_FAILED_STEP(smear_step, hr);
   return hr;
 }
 
@@ -620,22 +624,9 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   const float cy = HalfY(static_cast<float>(m_param.center_y));
   CalDirectionalGains(hr_rows, rcv + (cx - icx) * ex + (cy - icy) * ey, static_cast<float>(m_max_rotate_h));
 
-  int32_t hr;
-  const Rect rotated{0, 0, wr, hr_rows};
-  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE4);
-  SampleRowsParam turn{&m_resized_hlr_buff, &m_rotate_buff, m_lines.data()};
-  hr = RunBands(m_thread_adapter, rotated, [&](const Rect& band) { return sample.fn(turn, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("ImageRotateTransform", hr);
-    return hr;
-  }
-  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
-  SmearRowsParam smear{&m_rotate_buff, &m_temp_rotate_buff, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
-  hr = RunBands(m_thread_adapter, rotated, [&](const Rect& band) { return blur.fn(smear, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("LightRayBlurH", hr);
-    return hr;
-  }
+  int32_t hr = SampleAndSmear(m_rotate_buff, m_temp_rotate_buff, Rect{0, 0, wr, hr_rows}, "ImageRotateTransform",
+                              "LightRayBlurH");
+  if (hr < 0) return hr;
 
   RotateBackParam back;
   back.rotated = &m_temp_rotate_buff;

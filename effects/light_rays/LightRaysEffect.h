@@ -59,6 +59,11 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   int32_t CalPolarMappingTable();
   int32_t PolarTransformProcess();
   int32_t RotateTransformProcess();
+  // Both transforms: the highlights sampled along m_lines into `lines` (one
+  // row a line, over `area`), then smeared along those rows into `smeared`;
+  // a failure is logged under the step that failed.
+  int32_t SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area, const char* sample_step,
+                         const char* smear_step);
   int32_t SoftneessProcess();
   int32_t PostProcessRays();
   // UpSampleHLR and Blend, chained row chunk by row chunk.

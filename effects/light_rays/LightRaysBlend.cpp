@@ -15,24 +15,10 @@ void BuildBlendTable(float strength, uint8_t table[256]) {
 }
 
 int32_t BlendRays(const BlendParam& p, const Rect& band) {
-  if (!p.src || !p.rays || !p.dst || !p.table || !p.src->data || !p.rays->data || !p.dst->data) return E_POINTER;
-  Rect r = Clip(p.roi, p.src->width, p.src->height);
-  r.top = std::max(r.top, band.top);
-  r.bottom = std::min(r.bottom, band.bottom);
-  const uint8_t* t = p.table;
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    const uint8_t* s = RowPtr(*p.src, y);
-    const uint8_t* ray = RowPtr(*p.rays, y);
-    uint8_t* d = RowPtr(*p.dst, y - p.roi.top) - static_cast<ptrdiff_t>(p.roi.left) * 4;
-    for (int32_t x = r.left; x < r.right; ++x) {
-      const int32_t i = 4 * x;
-      d[i + 0] = static_cast<uint8_t>(std::min(s[i + 0] + t[ray[i + 0]], 255));
-      d[i + 1] = static_cast<uint8_t>(std::min(s[i + 1] + t[ray[i + 1]], 255));
-      d[i + 2] = static_cast<uint8_t>(std::min(s[i + 2] + t[ray[i + 2]], 255));
-      d[i + 3] = s[i + 3];
-    }
-  }
-  return S_OK;
+  return light_rays_detail::WalkBlendRows(
+      p, band, [t = p.table](const uint8_t* s, const uint8_t* ray, uint8_t* d, int32_t x0, int32_t x1) {
+        for (int32_t x = x0; x < x1; ++x) light_rays_detail::BlendPixel(s + 4 * x, ray + 4 * x, d + 4 * x, t);
+      });
 }
 
 int32_t BlendRaysTask(ThreadJob* job, int32_t* result) {

@@ -30,38 +30,27 @@ void BuildBlendTable_SSE4(float strength, uint8_t table[256]) {
 }
 
 int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band) {
-  if (!p.src || !p.rays || !p.dst || !p.table || !p.src->data || !p.rays->data || !p.dst->data) return E_POINTER;
-  Rect r = Clip(p.roi, p.src->width, p.src->height);
-  r.top = std::max(r.top, band.top);
-  r.bottom = std::min(r.bottom, band.bottom);
   const uint8_t* t = p.table;
   const __m128i no_alpha = _mm_set1_epi32(0x00FFFFFF);
   const auto looked_up = [t](const uint8_t* ray) -> uint32_t {
     return static_cast<uint32_t>(t[ray[0]]) | static_cast<uint32_t>(t[ray[1]]) << 8 |
            static_cast<uint32_t>(t[ray[2]]) << 16;
   };
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    const uint8_t* s = RowPtr(*p.src, y);
-    const uint8_t* ray = RowPtr(*p.rays, y);
-    uint8_t* d = RowPtr(*p.dst, y - p.roi.top) - static_cast<ptrdiff_t>(p.roi.left) * 4;
-    int32_t x = r.left;
-    for (; x + 4 <= r.right; x += 4) {
-      const uint8_t* q = ray + 4 * x;
-      // The alpha lanes add 0, so alpha comes through from the photo.
-      const __m128i add = _mm_and_si128(
-          _mm_setr_epi32(static_cast<int32_t>(looked_up(q)), static_cast<int32_t>(looked_up(q + 4)),
-                         static_cast<int32_t>(looked_up(q + 8)), static_cast<int32_t>(looked_up(q + 12))),
-          no_alpha);
-      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_adds_epu8(v, add));
-    }
-    for (; x < r.right; ++x) {
-      const int32_t i = 4 * x;
-      for (int32_t c = 0; c < 3; ++c) d[i + c] = static_cast<uint8_t>(std::min(s[i + c] + t[ray[i + c]], 255));
-      d[i + 3] = s[i + 3];
-    }
-  }
-  return S_OK;
+  return light_rays_detail::WalkBlendRows(
+      p, band, [&](const uint8_t* s, const uint8_t* ray, uint8_t* d, int32_t x0, int32_t x1) {
+        int32_t x = x0;
+        for (; x + 4 <= x1; x += 4) {
+          const uint8_t* q = ray + 4 * x;
+          // The alpha lanes add 0, so alpha comes through from the photo.
+          const __m128i add = _mm_and_si128(
+              _mm_setr_epi32(static_cast<int32_t>(looked_up(q)), static_cast<int32_t>(looked_up(q + 4)),
+                             static_cast<int32_t>(looked_up(q + 8)), static_cast<int32_t>(looked_up(q + 12))),
+              no_alpha);
+          const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 4 * x));
+          _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm_adds_epu8(v, add));
+        }
+        for (; x < x1; ++x) light_rays_detail::BlendPixel(s + 4 * x, ray + 4 * x, d + 4 * x, t);
+      });
 }
 
 int32_t BlendRaysTask_SSE4(ThreadJob* job, int32_t* result) {

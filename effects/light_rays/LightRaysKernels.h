@@ -198,6 +198,27 @@ inline Rect BandInArea(const Rect& band, const Rect& area, const SmartBuffer& ds
   return r;
 }
 
+// One pixel of the blend: B, G, R plus the table's value of the ray,
+// saturated at 255; alpha from the photo.
+inline void BlendPixel(const uint8_t* s, const uint8_t* ray, uint8_t* d, const uint8_t* t) {
+  for (int32_t c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(std::min(s[c] + t[ray[c]], 255));
+  d[3] = s[3];
+}
+
+// The row walk of both blend forms: row(s, ray, d, x0, x1) for each row of
+// `band` inside the roi, with columns x0..x1 to blend; the three pointers are
+// at pixel 0 of the row in photo coordinates (d shifted by the roi's corner).
+template <class Row>
+int32_t WalkBlendRows(const BlendParam& p, const Rect& band, Row row) {
+  if (!p.src || !p.rays || !p.dst || !p.table || !p.src->data || !p.rays->data || !p.dst->data) return E_POINTER;
+  const Rect r = BandInArea(band, p.roi, *p.src);
+  for (int32_t y = r.top; y < r.bottom; ++y) {
+    row(RowPtr(*p.src, y), RowPtr(*p.rays, y), RowPtr(*p.dst, y - p.roi.top) - static_cast<ptrdiff_t>(p.roi.left) * 4,
+        r.left, r.right);
+  }
+  return S_OK;
+}
+
 }  // namespace light_rays_detail
 
 }  // namespace Korvane

@@ -234,4 +234,9 @@ int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band) {
   return RunImageAddLightMap(p, band, AddRowPlain);
 }
 
+int32_t RunLightMapAdd(ThreadJob* job, int32_t* result) {
+  const auto* t = static_cast<const LightMapAddTask*>(job->param);
+  return Done(result, t->fn(t->p, job->rect));
+}
+
 }  // namespace Korvane

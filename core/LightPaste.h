@@ -20,6 +20,7 @@
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
+#include "core/ThreadAdapter.h"
 
 namespace Korvane {
 
@@ -128,5 +129,14 @@ struct LightMapAddParam {
 // fit. Run with BandTask<LightMapAddParam, ImageAddLightMap> over roi.
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band);
 int32_t ImageAddLightMap_SSE4(const LightMapAddParam& p, const Rect& band);
+
+// A chosen form of ImageAddLightMap with its parameters, for a RowPipeline
+// step or an adapter task: RunLightMapAdd (job->param a LightMapAddTask) adds
+// over job->rect.
+struct LightMapAddTask {
+  int32_t (*fn)(const LightMapAddParam&, const Rect&) = nullptr;
+  LightMapAddParam p;
+};
+int32_t RunLightMapAdd(ThreadJob* job, int32_t* result);
 
 }  // namespace Korvane

@@ -13,6 +13,7 @@
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
 #include "core/LightPaste.h"
+#include "core/RowPipeline.h"
 #include "core/Simd.h"
 #include "core/SmartBuffer.h"
 
@@ -396,20 +397,22 @@ int32_t BokehEffect::ProcessBokeh() {
     KORVANE_LOG_FAILED_STEP("PasteBokehList", hr);
     return hr;
   }
-  if ((hr = Step("UpsampleLightMap", ResizeBuffer(m_thread_adapter, m_system_info, m_scaled_light_buff, m_scaled_roi,
-                                                  m_light_buff, m_roi))) < 0)
-    return hr;
-  const auto add = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4);
-  LightMapAddParam ap;
-  ap.base = m_focus_src_buff;
-  ap.light = m_light_buff;
-  ap.dst = Bgra32View(m_dst, FullRect(m_dst));
-  ap.roi = m_roi;
-  if ((hr = RunBands(m_thread_adapter, m_roi, [&](const Rect& band) { return add.fn(ap, band); })) < 0) {
-    KORVANE_LOG_FAILED_STEP("ImageAddLightMap", hr);
-    return hr;
-  }
-  return S_OK;
+  // The light map is enlarged and added to the photo a few rows at a time, so
+  // the enlarged rows are still in cache when they are added.
+  ResizeParam up;
+  up.src = m_scaled_light_buff;
+  up.dst = m_light_buff;
+  up.src_roi = m_scaled_roi;
+  LightMapAddTask add;
+  add.fn = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4).fn;
+  add.p.base = m_focus_src_buff;
+  add.p.light = m_light_buff;
+  add.p.dst = Bgra32View(m_dst, FullRect(m_dst));
+  add.p.roi = m_roi;
+  RowPipeline out(16);
+  out.Then("UpsampleLightMap", PickBilinearResize(m_system_info, PIXEL_BGRA32).fn, &up)
+      .Then("ImageAddLightMap", RunLightMapAdd, &add);
+  return out.Run(m_thread_adapter, m_roi);
 }
 
 // --- Shapes -------------------------------------------------------------------

@@ -62,16 +62,6 @@ bool InsideRoi(const Rect& r, float x, float y) {
 
 bool PointOk(const SparklePoint& p) { return Finite(p.x) && Finite(p.y) && Finite(p.scale); }
 
-// Adds the manual light map into the automatic one over the region (in place).
-struct CombineStep {
-  int32_t (*fn)(const LightMapAddParam&, const Rect&) = nullptr;
-  LightMapAddParam p;
-};
-int32_t RunLightAdd(ThreadJob* job, int32_t* result) {
-  const auto* s = static_cast<const CombineStep*>(job->param);
-  return Done(result, s->fn(s->p, job->rect));
-}
-
 }  // namespace
 
 SparkleEffect::SparkleEffect(CThreadPool* pool) : EffectCore(pool) {
@@ -751,14 +741,15 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
   SparkleAdjustParam adjust_manual{m_manu_scaled_light_buff, work, 1.0f, m_manual_render.saturation,
                                    m_manual_render.brightness};
   const auto add = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4);
-  CombineStep combine;
+  // The manual light map added into the automatic one (in place).
+  LightMapAddTask combine;
   combine.fn = add.fn;
   combine.p.base = m_auto_scaled_light_buff;
   combine.p.light = m_manu_scaled_light_buff;
   combine.p.dst = Bgra32View(m_auto_scaled_light_buff, work);
   combine.p.roi = work;
 
-  CombineStep final_add;
+  LightMapAddTask final_add;
   final_add.fn = add.fn;
   final_add.p.base = SmartBufferView(src);
   final_add.p.light = full_size ? m_auto_scaled_light_buff : m_light_buff;
@@ -772,12 +763,12 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
     if (!SparkleAdjustIsIdentity(adjust_manual)) {
       light.Then("AdjustColor(Manaul Sparkle)", adjust_task, &adjust_manual);
     }
-    light.Then("CombineLightMaps", RunLightAdd, &combine);
+    light.Then("CombineLightMaps", RunLightMapAdd, &combine);
   }
   int32_t hr;
   if (full_size) {
     // Every step reads and writes the same rows: one sweep does all.
-    light.Then("ImageAddLightMap", RunLightAdd, &final_add);
+    light.Then("ImageAddLightMap", RunLightMapAdd, &final_add);
     return light.Run(m_thread_adapter, m_roi);
   }
   if (light.StepCount() > 0 && (hr = light.Run(m_thread_adapter, m_scaled_roi)) < 0) return hr;
@@ -789,7 +780,7 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
   RowPipeline out(16);
   out.Then("UpsampleLightMap",
            KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &up)
-      .Then("ImageAddLightMap", RunLightAdd, &final_add);
+      .Then("ImageAddLightMap", RunLightMapAdd, &final_add);
   return out.Run(m_thread_adapter, m_roi);
 }
 

@@ -69,31 +69,14 @@ bool TurnOf(float degrees, float& cos_a, float& sin_a) {
 using namespace sparkle_detail;
 
 void SampleVariantRow(const VariantJob& j, int32_t y) {
-  const SmartBuffer& src = *j.level;
-  const int32_t n = src.width, d = j.variant->d;
-  RowWalk walk(j, y);
-  uint8_t* out = RowPtr(j.variant->shape, y);
-  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
-    const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
-    if (Outside(x0, y0, n)) {
-      std::memset(out, 0, 4);
-      continue;
-    }
-    const uint32_t wx = static_cast<uint32_t>(walk.su >> 8) & 255u, wy = static_cast<uint32_t>(walk.sv >> 8) & 255u;
-    if (!Inside(x0, y0, n)) {
-      EdgePixel(src, x0, y0, wx, wy, out);
-      continue;
-    }
-    const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
-    const uint8_t* b = a + src.stride;
-    if (BlackTaps(a, b, out)) continue;
+  WalkVariantRow(j, y, [](const uint8_t* a, const uint8_t* b, uint32_t wx, uint32_t wy, uint8_t* out) {
     // The row pairs first, then the two rows: the same integers as the four
     // weights (256 - wx)(256 - wy), ... applied at once.
     for (int32_t c = 0; c < 4; ++c) {
       const uint32_t top = a[c] * (256 - wx) + a[c + 4] * wx, bottom = b[c] * (256 - wx) + b[c + 4] * wx;
       out[c] = static_cast<uint8_t>((top * (256 - wy) + bottom * wy + 32768u) >> 16);
     }
-  }
+  });
 }
 
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs) {

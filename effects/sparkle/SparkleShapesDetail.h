@@ -63,5 +63,33 @@ inline bool BlackTaps(const uint8_t* a, const uint8_t* b, uint8_t* out) {
   return true;
 }
 
+// Row y of a variant, the walk and the careful paths of both forms: pixels
+// whose taps lie outside the level are black, those straddling its edge go
+// through EdgePixel, those with four black taps are black; the rest are
+// mixed by mix(a, b, wx, wy, out), a and b the top and bottom taps' rows.
+template <class Mix>
+inline void WalkVariantRow(const VariantJob& j, int32_t y, Mix&& mix) {
+  const SmartBuffer& src = *j.level;
+  const int32_t n = src.width, d = j.variant->d;
+  RowWalk walk(j, y);
+  uint8_t* out = RowPtr(j.variant->shape, y);
+  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
+    const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
+    if (Outside(x0, y0, n)) {
+      std::memset(out, 0, 4);
+      continue;
+    }
+    const uint32_t wx = static_cast<uint32_t>(walk.su >> 8) & 255u, wy = static_cast<uint32_t>(walk.sv >> 8) & 255u;
+    if (!Inside(x0, y0, n)) {
+      EdgePixel(src, x0, y0, wx, wy, out);
+      continue;
+    }
+    const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
+    const uint8_t* b = a + src.stride;
+    if (BlackTaps(a, b, out)) continue;
+    mix(a, b, wx, wy, out);
+  }
+}
+
 }  // namespace sparkle_detail
 }  // namespace Korvane

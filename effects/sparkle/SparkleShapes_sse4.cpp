@@ -10,27 +10,11 @@ namespace Korvane {
 using namespace sparkle_detail;
 
 void SampleVariantRow_SSE4(const VariantJob& j, int32_t y) {
-  const SmartBuffer& src = *j.level;
-  const int32_t n = src.width, d = j.variant->d;
-  RowWalk walk(j, y);
-  uint8_t* out = RowPtr(j.variant->shape, y);
   // B0 B1 G0 G1 R0 R1 A0 A1: each channel of the left and right tap side by side.
   const __m128i pair = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, -1, -1, -1, -1, -1, -1, -1, -1);
   const __m128i half = _mm_set1_epi32(32768);
-  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
-    const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
-    if (Outside(x0, y0, n)) {
-      std::memset(out, 0, 4);
-      continue;
-    }
-    const int32_t wx = static_cast<int32_t>(walk.su >> 8) & 255, wy = static_cast<int32_t>(walk.sv >> 8) & 255;
-    if (!Inside(x0, y0, n)) {
-      EdgePixel(src, x0, y0, static_cast<uint32_t>(wx), static_cast<uint32_t>(wy), out);
-      continue;
-    }
-    const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
-    const uint8_t* b = a + src.stride;
-    if (BlackTaps(a, b, out)) continue;
+  WalkVariantRow(j, y, [pair, half](const uint8_t* a, const uint8_t* b, uint32_t wxu, uint32_t wyu, uint8_t* out) {
+    const int32_t wx = static_cast<int32_t>(wxu), wy = static_cast<int32_t>(wyu);
     const __m128i wpair = _mm_set1_epi32((wx << 16) | (256 - wx));  // (256 - wx, wx) per channel
     const __m128i ta = _mm_cvtepu8_epi16(_mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a)), pair));
     const __m128i tb = _mm_cvtepu8_epi16(_mm_shuffle_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(b)), pair));
@@ -40,7 +24,7 @@ void SampleVariantRow_SSE4(const VariantJob& j, int32_t y) {
     const __m128i bytes = _mm_packus_epi16(_mm_packus_epi32(acc, acc), _mm_setzero_si128());
     const int32_t px = _mm_cvtsi128_si32(bytes);
     std::memcpy(out, &px, 4);
-  }
+  });
 }
 
 }  // namespace Korvane

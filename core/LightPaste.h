@@ -102,17 +102,18 @@ int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio);
 // ---------------------------------------------------------------------------
 // Adding the light map to the photo.
 
-// Rectangle r of a BGRA32 map as an ImageBuffer sharing its memory: how a
-// light map, an output or a shape (or a part of one) is handed to the image
-// kernels that take an ImageBuffer.
-inline ImageBuffer Bgra32View(const SmartBuffer& map, const Rect& r) {
+// Rectangle r of a map (BGRA32 unless told otherwise) as an ImageBuffer
+// sharing its memory: how a light map, an output, a shape or a float map (or
+// a part of one) is handed to the image kernels that take an ImageBuffer.
+inline ImageBuffer MapView(const SmartBuffer& map, const Rect& r, int32_t pix_fmt = PIXEL_BGRA32) {
   ImageBuffer v;
-  v.data = map.data.get() + static_cast<ptrdiff_t>(r.top) * map.stride + static_cast<ptrdiff_t>(r.left) * 4;
+  v.data = map.data.get() + static_cast<ptrdiff_t>(r.top) * map.stride +
+           static_cast<ptrdiff_t>(r.left) * BytesPerPixel(pix_fmt);
   v.width = r.right - r.left;
   v.height = r.bottom - r.top;
   v.stride = map.stride;
-  v.channel = 4;
-  v.pix_fmt = PIXEL_BGRA32;
+  v.channel = ChannelCount(pix_fmt);
+  v.pix_fmt = pix_fmt;
   return v;
 }
 

@@ -10,6 +10,7 @@
 #include "core/BoxBlur.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/LightPaste.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
 
@@ -246,18 +247,6 @@ int32_t LightPointRadius(int32_t long_side, float max_radius) {
 
 namespace {
 
-// The image record of roi within a float map, for the box blur.
-ImageBuffer RoiView(const SmartBuffer& b, const Rect& roi) {
-  ImageBuffer v;
-  v.data = b.data.get() + static_cast<ptrdiff_t>(roi.top) * b.stride + static_cast<ptrdiff_t>(roi.left) * 4;
-  v.width = roi.right - roi.left;
-  v.height = roi.bottom - roi.top;
-  v.stride = b.stride;
-  v.channel = 1;
-  v.pix_fmt = PIXEL_FLOAT32;
-  return v;
-}
-
 void Clear(SmartBuffer& b) { std::memset(b.data.get(), 0, static_cast<size_t>(b.stride) * b.height); }
 
 }  // namespace
@@ -319,7 +308,7 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   // Two box blurs each way over the products.
   for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
     BoxBlurParam blur;
-    blur.src = RoiView(*b, roi);
+    blur.src = MapView(*b, roi, PIXEL_FLOAT32);
     blur.radius = d;
     const Rect whole{0, 0, blur.src.width, blur.src.height};
     if ((hr = RunBoxBlur(adapter, info, blur, whole, 2)) < 0) {

@@ -407,7 +407,7 @@ int32_t BokehEffect::ProcessBokeh() {
   add.fn = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4).fn;
   add.p.base = m_focus_src_buff;
   add.p.light = m_light_buff;
-  add.p.dst = Bgra32View(m_dst, FullRect(m_dst));
+  add.p.dst = MapView(m_dst, FullRect(m_dst));
   add.p.roi = m_roi;
   RowPipeline out(16);
   out.Then("UpsampleLightMap", PickBilinearResize(m_system_info, PIXEL_BGRA32).fn, &up)
@@ -470,7 +470,7 @@ int32_t BokehEffect::InitMultiScaledBokehType() {
   // ends of the blend, so the blend does not change it.
   const int32_t r = static_cast<int32_t>(m_bok_size.w * 16 / kShapeBlurBase);
   BoxBlurParam blur;
-  blur.src = Bgra32View(blur_shape, FullRect(blur_shape));
+  blur.src = MapView(blur_shape, FullRect(blur_shape));
   blur.radius = static_cast<int32_t>((1.0f - t) * r + t * r);
   if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, FullRect(blur_shape), 2)) < 0) return hr;
   for (int32_t i = 0; i < kSizeCount; ++i) {

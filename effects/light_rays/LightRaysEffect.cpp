@@ -653,7 +653,7 @@ int32_t LightRaysEffect::SoftneessProcess() {
   // the highlights left around it never mix into the rays.
   const Rect& area = m_downsized_roi;
   BoxBlurParam boxblur_param;
-  boxblur_param.src = Bgra32View(m_resized_hlr_buff, area);
+  boxblur_param.src = MapView(m_resized_hlr_buff, area);
   boxblur_param.radius = radius;
   const Rect downsized_roi{0, 0, RectWidth(area), RectHeight(area)};
   const auto h = KORVANE_PICK(m_system_info, BoxBlurH, BoxBlurH_SSE);

@@ -746,7 +746,7 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
   combine.fn = add.fn;
   combine.p.base = m_auto_scaled_light_buff;
   combine.p.light = m_manu_scaled_light_buff;
-  combine.p.dst = Bgra32View(m_auto_scaled_light_buff, work);
+  combine.p.dst = MapView(m_auto_scaled_light_buff, work);
   combine.p.roi = work;
 
   LightMapAddTask final_add;

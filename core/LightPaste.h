@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/ImageBuffer.h"
 #include "core/ThreadAdapter.h"
@@ -115,6 +116,11 @@ inline ImageBuffer MapView(const SmartBuffer& map, const Rect& r, int32_t pix_fm
   v.channel = ChannelCount(pix_fmt);
   v.pix_fmt = pix_fmt;
   return v;
+}
+
+// Every byte of a map, padding included, set to `value` (0: a dark light map).
+inline void FillMap(SmartBuffer& map, uint8_t value = 0) {
+  std::memset(map.data.get(), value, static_cast<size_t>(map.stride) * static_cast<size_t>(map.height));
 }
 
 struct LightMapAddParam {

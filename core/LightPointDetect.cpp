@@ -247,7 +247,6 @@ int32_t LightPointRadius(int32_t long_side, float max_radius) {
 
 namespace {
 
-void Clear(SmartBuffer& b) { std::memset(b.data.get(), 0, static_cast<size_t>(b.stride) * b.height); }
 
 }  // namespace
 
@@ -263,8 +262,8 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   for (SmartBuffer* b : {&light, &dxx, &dyy, &dxy}) {
     if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
   }
-  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) Clear(*b);
-  Clear(dst);
+  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) FillMap(*b);
+  FillMap(dst);
 
   // The lightness once, then the gradients (as GradientH and GradientV
   // compute them) straight into their products: no gradient maps. The
@@ -324,7 +323,7 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   float lo = 0.0f, hi = 0.0f;
   if (KORVANE_FAILED(GetBuffMinMax(dst, lo, hi, roi))) return hr;
   if (lo == hi) {
-    Clear(dst);
+    FillMap(dst);
     return S_OK;
   }
   // Over [0, maximum], not [minimum, maximum]: negative responses (edges)
@@ -347,7 +346,7 @@ int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const
   SmartBuffer densive_corner_map;
   if (KORVANE_FAILED(CreateSmartBufferData(densive_corner_map, src.width, src.height, PIXEL_FLOAT32))) return hr;
   if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
-  Clear(map);
+  FillMap(map);
   const Rect roi = FullRect(src);
   if ((hr = HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi)) < 0) {
     KORVANE_LOG_FAILED_STEP("HarrisCorner", hr);

@@ -26,7 +26,6 @@ namespace {
 constexpr int32_t kNeutralLightness = 22848;  // 0.7 of full lightness: the light of uncoloured discs
 constexpr int32_t kMinDominantLevel = 9792;   // 0.3: saturation and lightness a pixel needs to vote for a hue
 
-void Clear(SmartBuffer& b) { std::memset(b.data.get(), 0, static_cast<size_t>(b.stride) * b.height); }
 
 int32_t Ensure(SmartBuffer& b, int32_t w, int32_t h, int32_t fmt) {
   if (b.data && b.width == w && b.height == h && b.pix_fmt == fmt) return S_OK;
@@ -272,8 +271,8 @@ int32_t BokehEffect::SetSourceSteps(const ImageBuffer& src) {
   if (KORVANE_FAILED(CreateSmartBufferData(location_map, m_norm_img_size.w, m_norm_img_size.h, PIXEL_GRAY8))) {
     return hr;
   }
-  Clear(m_norm_src_buff);
-  Clear(location_map);
+  FillMap(m_norm_src_buff);
+  FillMap(location_map);
   const SmartBuffer view = SmartBufferView(src);
   if ((hr = Step("ResizeBuffer", ResizeBuffer(m_thread_adapter, m_system_info, view, FullRect(view), m_norm_src_buff,
                                               FullRect(m_norm_src_buff)))) < 0)
@@ -391,7 +390,7 @@ int32_t BokehEffect::ProcessBokeh() {
   m_shape_copy = dst.shape;
 
   if ((hr = Step("BokehProcess", BokehProcess())) < 0) return hr;
-  Clear(m_scaled_light_buff);
+  FillMap(m_scaled_light_buff);
   if ((hr = Step("InitBokehListSizeID", InitBokehListSizeID())) < 0) return hr;
   if (m_param.paste_switch && (hr = PasteBokehList()) < 0) {
     KORVANE_LOG_FAILED_STEP("PasteBokehList", hr);
@@ -519,7 +518,7 @@ int32_t BokehEffect::InitBokehListSizeID() {
     }
   } else {
     // No mask: the whole photo is background.
-    std::memset(norm_blur_mask.data.get(), 255, static_cast<size_t>(norm_blur_mask.stride) * norm_blur_mask.height);
+    FillMap(norm_blur_mask, 255);
   }
   for (auto& [key, p] : m_bokeh_list) {
     (void)key;

@@ -9,6 +9,7 @@
 #include "core/BilinearResize.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/LightPaste.h"
 #include "core/Simd.h"
 #include "core/SmartBuffer.h"
 #include "effects/focus_blur/FocusBlend.h"
@@ -147,7 +148,7 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
     }
     strong.mask = m_blur_mask;
   } else {
-    std::memset(weight.data.get(), 255, static_cast<size_t>(weight.stride) * weight.height);
+    FillMap(weight, 255);
   }
 
   const auto blur_h = KORVANE_PICK(info, GaussianBlurH, GaussianBlurH_SSE);

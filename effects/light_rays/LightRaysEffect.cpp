@@ -180,11 +180,8 @@ int32_t LightRaysEffect::Initialize(int32_t width, int32_t height) {
     }
     const size_t half_pixels = static_cast<size_t>(m_resized_img_w) * static_cast<size_t>(m_resized_img_h);
     m_polar_map.reset(new float[half_pixels * 2]);
-    for (SmartBuffer* b : {&m_hlr_buff, &m_resized_hlr_buff, &m_resized_src_buff}) {
-      std::memset(b->data.get(), 0, static_cast<size_t>(b->stride) * static_cast<size_t>(b->height));
-    }
-    std::memset(m_resized_msk_buff.data.get(), 255,
-                static_cast<size_t>(m_resized_msk_buff.stride) * static_cast<size_t>(m_resized_msk_buff.height));
+    for (SmartBuffer* b : {&m_hlr_buff, &m_resized_hlr_buff, &m_resized_src_buff}) FillMap(*b);
+    FillMap(m_resized_msk_buff, 255);
     m_msk_dirty = false;
 
     const double rw = m_resized_img_w, rh = m_resized_img_h;
@@ -205,9 +202,7 @@ int32_t LightRaysEffect::Initialize(int32_t width, int32_t height) {
       ReleaseAll();
       return hr;
     }
-    for (SmartBuffer* b : {&m_polar_buff, &m_temp_polar_buff, &m_rotate_buff, &m_temp_rotate_buff}) {
-      std::memset(b->data.get(), 0, static_cast<size_t>(b->stride) * static_cast<size_t>(b->height));
-    }
+    for (SmartBuffer* b : {&m_polar_buff, &m_temp_polar_buff, &m_rotate_buff, &m_temp_rotate_buff}) FillMap(*b);
     m_lines.resize(static_cast<size_t>(std::max(m_max_polar_h, m_max_rotate_h)));
     m_row_gain.resize(m_lines.size());
     m_cone.resize(static_cast<size_t>(m_max_polar_h));
@@ -417,8 +412,7 @@ int32_t LightRaysEffect::DownSampleInput() {
     }
     m_msk_dirty = true;
   } else if (m_msk_dirty) {
-    std::memset(m_resized_msk_buff.data.get(), 255,
-                static_cast<size_t>(m_resized_msk_buff.stride) * static_cast<size_t>(m_resized_msk_buff.height));
+    FillMap(m_resized_msk_buff, 255);
     m_msk_dirty = false;
   }
   CalDownsizedRoi();

@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "ToolSupport.h"
+
 namespace KorvaneTool {
 
 bool IsFrameFile(const std::filesystem::path& file) {
@@ -236,6 +238,16 @@ class PngSequenceWriter final : public AnimationWriter {
 };
 
 }  // namespace
+
+int CreateOutputFolder(const std::string& output) {
+  const std::string ext = Extension(output);
+  if (ext != ".webp" && ext != ".gif") return 0;
+  const auto folder = std::filesystem::path(output).parent_path();
+  std::error_code ec;
+  if (!folder.empty()) std::filesystem::create_directories(folder, ec);
+  if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
+  return 0;
+}
 
 std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
                                                      int quality, std::string& error) {

@@ -27,10 +27,14 @@ class AnimationWriter {
 // anything else is a folder (created if missing, its old frame_*.png removed)
 // of frame_0000.png, frame_0001.png, ... Both animations loop forever at
 // `fps` frames a second. Returns nullptr with a reason in `error`.
+std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
+                                                     int quality, std::string& error);
+
 // frame_0000.png and the like: the files a frame folder holds.
 bool IsFrameFile(const std::filesystem::path& file);
 
-std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
-                                                     int quality, std::string& error);
+// For NAME.webp or NAME.gif, creates the folder the file goes in (a frame
+// folder itself is created when opened). Returns 0 or an exit code.
+int CreateOutputFolder(const std::string& output);
 
 }  // namespace KorvaneTool

@@ -10,7 +10,7 @@
 
 namespace KorvaneTool {
 
-// Renders frame `index` into `frame` (the photo's size, BGRA) and adds the
+// Renders frame `index` into `frame` (BGRA, the photo's size unless given) and adds the
 // effect's own time to *ms. Returns 0 or an exit code after printing why.
 using FrameRenderer = std::function<int(int index, Image& frame, double* ms)>;
 
@@ -27,5 +27,10 @@ struct LoopSettings {
 // ("still", "animated WebP", ...). Returns 0 or an exit code.
 int WriteStillOrLoop(const std::string& output, const Image& photo, const LoopSettings& loop,
                      const FrameRenderer& render, double* ms_per_frame, std::string& kind);
+
+// The loop alone, whatever the frame count: `width` x `height` frames into
+// OpenAnimationWriter, with the same progress bar, mean time and `kind`.
+int WriteLoop(const std::string& output, int width, int height, const LoopSettings& loop,
+              const FrameRenderer& render, double* ms_per_frame, std::string& kind);
 
 }  // namespace KorvaneTool

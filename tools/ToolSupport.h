@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 
 #include "core/ResultCode.h"
@@ -52,6 +54,10 @@ int CheckCode(int32_t code, const std::string& what);
 // when it is not the same file as any of the inputs. Returns 0 or an exit code.
 int CheckOutputPath(const std::string& output, std::initializer_list<std::string> inputs);
 
+// An effect that is given back to the engine when its handle goes.
+template <class T>
+using EffectHandle = std::unique_ptr<T, std::function<void(T*)>>;
+
 // One engine for the process, with typed effect creation.
 class Engine {
  public:
@@ -73,6 +79,16 @@ class Engine {
       return nullptr;
     }
     return static_cast<T*>(p);
+  }
+
+  // The same, owned: the effect is deleted however the caller ends. Empty
+  // after printing why when it cannot be created.
+  template <class T>
+  EffectHandle<T> Own(int32_t type) {
+    return EffectHandle<T>(Create<T>(type), [this, type](T* fx) {
+      void* p = fx;
+      m_engine->DeleteEffect(&p, type);
+    });
   }
 
  private:

@@ -12,6 +12,7 @@
 
 #include "AnimationWriter.h"
 #include "Command.h"
+#include "JsonInput.h"
 #include "Options.h"
 #include "ToolSupport.h"
 #include "effects/animation/Animation.h"
@@ -38,21 +39,8 @@ struct FlowLine {
 
 // Reads {"flows": [{"type": "path"|"anchor"|"stroke", "points": [[x, y], ...]}, ...]}.
 bool LoadFlows(const std::string& path, std::vector<FlowLine>& flows, std::string& error) {
-  std::vector<uint8_t> bytes;
-  if (!ReadWholeFile(path, bytes, error)) return false;
-  nlohmann::json doc;
-  try {
-    doc = nlohmann::json::parse(bytes.begin(), bytes.end());
-  } catch (const nlohmann::json::exception& e) {
-    // Syntax errors, and numbers too large for a double (1e400).
-    error = path + ": not valid JSON (" + e.what() + ")";
-    return false;
-  }
-  if (!doc.is_object() || !doc.contains("flows") || !doc["flows"].is_array()) {
-    error = path + ": expected an object with a \"flows\" array";
-    return false;
-  }
-  const auto& list = doc["flows"];
+  nlohmann::json list;
+  if (!ReadJsonList(path, "flows", list, error)) return false;
   for (size_t i = 0; i < list.size(); ++i) {
     const std::string where = path + ": flows[" + std::to_string(i) + "]";
     const auto& f = list[i];
@@ -106,14 +94,8 @@ struct LoopResult {
 // Renders the whole loop into `output`. 0 or an exit code.
 int RenderLoop(Engine& engine, Image& photo, Image& still, const std::vector<FlowLine>& lines, const AnimateOptions& o,
                bool progress, LoopResult& result) {
-  auto* fx = engine.Create<Korvane::Animation>(Korvane::EFFECT_ANIMATION);
+  auto fx = engine.Own<Korvane::Animation>(Korvane::EFFECT_ANIMATION);
   if (!fx) return 1;
-  // The effect belongs to the engine; give it back however this ends.
-  std::unique_ptr<Korvane::Animation, std::function<void(Korvane::Animation*)>> owner(
-      fx, [&engine](Korvane::Animation* a) {
-        void* p = a;
-        engine.get()->DeleteEffect(&p, Korvane::EFFECT_ANIMATION);
-      });
   std::vector<Korvane::FlowData> flows;
   for (const FlowLine& l : lines) flows.push_back({l.points.data(), static_cast<uint32_t>(l.points.size() / 2), l.type});
   Image frame(photo.width, photo.height, 4);
@@ -199,13 +181,7 @@ int RunAnimate(const AnimateOptions& o) {
   }
   if (int rc = CheckOutputPath(o.output, {o.input, o.flows, o.still})) return rc;
   if (int rc = CheckFrameFolder(o)) return rc;
-  const std::string ext = Extension(o.output);
-  if (ext == ".webp" || ext == ".gif") {
-    const auto folder = std::filesystem::path(o.output).parent_path();
-    std::error_code ec;
-    if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-    if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
-  }
+  if (int rc = CreateOutputFolder(o.output)) return rc;
   if (!o.quiet) WarnAboutFlows(lines, photo, !o.still.empty());
 
   const auto t0 = std::chrono::steady_clock::now();

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "AnimationWriter.h"
 #include "Command.h"
 #include "LightPointsJson.h"
 #include "Options.h"
+#include "StillOrLoop.h"
 #include "ToolSupport.h"
 #include "effects/bokeh/Bokeh.h"
 #include "effects/bokeh/BokehEffect.h"
@@ -132,19 +132,13 @@ int ColorMode(const std::string& name) { return name == "global" ? 0 : name == "
 
 struct Renderer {
   Engine& engine;
-  Korvane::Bokeh* fx = nullptr;
+  EffectHandle<Korvane::Bokeh> fx;
   Korvane::BokehParam param;
   Korvane::BokehShapeParam shape_param;
 
   explicit Renderer(Engine& e) : engine(e) {}
-  ~Renderer() {
-    if (fx) {
-      void* p = fx;
-      engine.get()->DeleteEffect(&p, Korvane::EFFECT_BOKEH);
-    }
-  }
   int Start(Image& photo, Image& shape, const BokehOptions& o) {
-    fx = engine.Create<Korvane::Bokeh>(Korvane::EFFECT_BOKEH);
+    fx = engine.Own<Korvane::Bokeh>(Korvane::EFFECT_BOKEH);
     if (!fx) return 1;
     Korvane::ImageBuffer in = photo.Buffer();
     if (int rc = CheckCode(fx->SetSource(&in), "bokeh SetSource")) return rc;
@@ -207,31 +201,15 @@ int WritePointsOverlay(const Korvane::Bokeh* fx, const Image& photo, const std::
 // animation as `animate` writes them. Returns 0 or an exit code.
 int RenderOutput(Renderer& r, Image& photo, Image* guide, const BokehOptions& o, double* ms_per_frame,
                  std::string& kind) {
-  Image frame(photo.width, photo.height, 4);
-  double ms = 0;
-  std::string error;
+  const LoopSettings loop{o.frames, o.fps, o.webp_quality, o.quiet};
+  const FrameRenderer render = [&](int index, Image& frame, double* ms) {
+    return r.Frame(photo, guide, index, frame, ms);
+  };
   // One frame is a still unless the output can only hold an animation (a
   // GIF or a frame folder).
   const std::string ext = Extension(o.output);
-  if (o.frames == 1 && !ext.empty() && ext != ".gif") {
-    if (int rc = r.Frame(photo, guide, 0, frame, &ms)) return rc;
-    frame.meta = photo.meta;
-    if (!SaveImage(o.output, frame, 92, error)) return Fail(error);
-    kind = "still";
-  } else {
-    auto writer = OpenAnimationWriter(o.output, photo.width, photo.height, o.fps, o.webp_quality, error);
-    if (!writer) return Fail(error);
-    Progress bar("rendering", o.quiet ? 0 : o.frames);
-    for (int f = 0; f < o.frames; ++f) {
-      if (int rc = r.Frame(photo, guide, f, frame, &ms)) return rc;
-      if (!writer->AddFrame(frame, error)) return Fail(error);
-      bar.Step(f + 1);
-    }
-    if (!writer->Finish(error)) return Fail(error);
-    kind = writer->Kind();
-  }
-  *ms_per_frame = ms / o.frames;
-  return 0;
+  if (ext.empty() || ext == ".gif") return WriteLoop(o.output, photo.width, photo.height, loop, render, ms_per_frame, kind);
+  return WriteStillOrLoop(o.output, photo, loop, render, ms_per_frame, kind);
 }
 
 int RunBokeh(const BokehOptions& o) {
@@ -261,13 +239,13 @@ int RunBokeh(const BokehOptions& o) {
   Renderer r(engine);
   if (int rc = r.Start(photo, shape, o)) return rc;
   if (!o.points_json.empty()) {
-    const auto& fxi = Inspect(r.fx);
+    const auto& fxi = Inspect(r.fx.get());
     if (int rc = WriteLightPointsJson(o.points_json, fxi.GetNormSize().w, fxi.GetNormSize().h, fxi.GetBokehList())) {
       return rc;
     }
   }
   if (!o.points_overlay.empty()) {
-    if (int rc = WritePointsOverlay(r.fx, photo, o.points_overlay)) return rc;
+    if (int rc = WritePointsOverlay(r.fx.get(), photo, o.points_overlay)) return rc;
   }
   // The inspection outputs stand alone: they are for tuning before rendering.
   if (o.output.empty() || !o.points_json.empty()) return 0;
@@ -276,7 +254,7 @@ int RunBokeh(const BokehOptions& o) {
   if (int rc = RenderOutput(r, photo, o.guide.empty() ? nullptr : &guide, o, &ms, kind)) return rc;
   const double total = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
   Note("wrote %s (%s, %d frame%s, %zu light points, %dx%d, %.0f ms, render %.1f ms a frame)\n", o.output.c_str(),
-       kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx).GetBokehList().size(), photo.width, photo.height,
+       kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx.get()).GetBokehList().size(), photo.width, photo.height,
        total, ms);
   return 0;
 }

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 
 #include "AnimationWriter.h"
 #include "Command.h"
 #include "Options.h"
+#include "StillOrLoop.h"
 #include "ToolSupport.h"
 #include "effects/dispersion/Dispersion.h"
 
@@ -38,11 +38,6 @@ struct DisperseOptions {
   bool quiet = false;
 };
 
-struct ClipResult {
-  std::string kind;
-  double ms_per_frame = 0;
-};
-
 Korvane::DispersionParam MakeParam(const DisperseOptions& o) {
   Korvane::DispersionParam p;
   p.anime_frame_count = o.frames;
@@ -59,54 +54,50 @@ Korvane::DispersionParam MakeParam(const DisperseOptions& o) {
   return p;
 }
 
-// Renders every frame, handing each to `take`. 0 or an exit code.
-int RenderFrames(Engine& engine, Image& photo, Image& mask, const DisperseOptions& o, bool progress,
-                 double& ms_per_frame, const std::function<int(int, const Image&)>& take) {
-  auto* fx = engine.Create<Korvane::Dispersion>(Korvane::EFFECT_DISPERSION);
-  if (!fx) return kExitFailure;
-  // The effect belongs to the engine; give it back however this ends.
-  std::unique_ptr<Korvane::Dispersion, std::function<void(Korvane::Dispersion*)>> owner(
-      fx, [&engine](Korvane::Dispersion* d) {
-        void* p = d;
-        engine.get()->DeleteEffect(&p, Korvane::EFFECT_DISPERSION);
-      });
-  Image frame(photo.width, photo.height, 4);
-  Korvane::ImageBuffer in = photo.Buffer(), m = mask.Buffer(), out = frame.Buffer();
-  Korvane::DispersionParam p = MakeParam(o);
-  p.input = &in;
-  p.mask = &m;
-  p.output = &out;
-  p.roi = Korvane::Rect{0, 0, photo.width, photo.height};
-  double render_ms = 0;
-  auto t0 = std::chrono::steady_clock::now();
-  if (int rc = CheckCode(fx->Prepare(&p), "dispersion Prepare")) return rc;
-  render_ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-  Progress bar("rendering", progress ? o.frames : 0);
-  for (int f = 0; f < o.frames; ++f) {
-    p.anime_frame_index = f;
-    t0 = std::chrono::steady_clock::now();
-    const int32_t hr = fx->Process(&p);
-    render_ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-    if (int rc = CheckCode(hr, "dispersion frame " + std::to_string(f))) return rc;
-    if (int rc = take(f, frame)) return rc;
-    bar.Step(f + 1);
+// The effect for one clip: created and prepared with the first frame (the
+// preparation counts as render time), given back to the engine at the end.
+struct Renderer {
+  Engine& engine;
+  Image& photo;
+  Image& mask;
+  EffectHandle<Korvane::Dispersion> fx;
+  Korvane::DispersionParam param;
+  Korvane::ImageBuffer in, m, out;
+
+  Renderer(Engine& e, Image& photo_, Image& mask_, const DisperseOptions& o)
+      : engine(e), photo(photo_), mask(mask_), param(MakeParam(o)) {}
+  // Frame `index` into `frame` (the photo's size); adds the effect's time to *ms.
+  int Frame(int index, Image& frame, double* ms) {
+    out = frame.Buffer();
+    if (!fx) {
+      fx = engine.Own<Korvane::Dispersion>(Korvane::EFFECT_DISPERSION);
+      if (!fx) return kExitFailure;
+      in = photo.Buffer();
+      m = mask.Buffer();
+      param.input = &in;
+      param.mask = &m;
+      param.output = &out;
+      param.roi = Korvane::Rect{0, 0, photo.width, photo.height};
+      const auto t0 = std::chrono::steady_clock::now();
+      if (int rc = CheckCode(fx->Prepare(&param), "dispersion Prepare")) return rc;
+      *ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    }
+    param.anime_frame_index = index;
+    const auto t0 = std::chrono::steady_clock::now();
+    const int32_t hr = fx->Process(&param);
+    *ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+    return CheckCode(hr, "dispersion frame " + std::to_string(index));
   }
-  ms_per_frame = render_ms / o.frames;
-  return 0;
-}
+};
 
 // The whole clip into o.output through the animation writer.
-int RenderClip(Engine& engine, Image& photo, Image& mask, const DisperseOptions& o, bool progress, ClipResult& result) {
-  std::string error;
-  auto writer = OpenAnimationWriter(o.output, photo.width, photo.height, o.fps, o.quality, error);
-  if (!writer) return Fail(error);
-  const int rc = RenderFrames(engine, photo, mask, o, progress, result.ms_per_frame, [&](int, const Image& frame) {
-    return writer->AddFrame(frame, error) ? 0 : Fail(error);
-  });
-  if (rc) return rc;
-  if (!writer->Finish(error)) return Fail(error);
-  result.kind = writer->Kind();
-  return 0;
+int RenderClip(Engine& engine, Image& photo, Image& mask, const DisperseOptions& o, bool progress,
+               double* ms_per_frame, std::string& kind) {
+  Renderer r(engine, photo, mask, o);
+  const LoopSettings loop{o.frames, o.fps, o.quality, !progress};
+  return WriteLoop(o.output, photo.width, photo.height, loop,
+                   [&](int index, Image& frame, double* ms) { return r.Frame(index, frame, ms); }, ms_per_frame,
+                   kind);
 }
 
 int RunDisperse(const DisperseOptions& o) {
@@ -120,12 +111,7 @@ int RunDisperse(const DisperseOptions& o) {
                 " but the photo is " + std::to_string(photo.width) + "x" + std::to_string(photo.height));
   }
   if (int rc = CheckOutputPath(o.output, {o.input, o.mask})) return rc;
-  const std::string ext = Extension(o.output);
-  const auto folder =
-      (ext == ".webp" || ext == ".gif") ? std::filesystem::path(o.output).parent_path() : std::filesystem::path();
-  std::error_code ec;
-  if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-  if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
+  if (int rc = CreateOutputFolder(o.output)) return rc;
   bool any = false;
   for (uint8_t v : mask.pixels) any = any || v != 0;
   if (!any && !o.quiet) std::fprintf(stderr, "korvane: warning: the mask is empty: every frame will be the photo\n");
@@ -133,11 +119,12 @@ int RunDisperse(const DisperseOptions& o) {
   const auto t0 = std::chrono::steady_clock::now();
   Engine engine;
   if (!engine.ok()) return Fail("cannot create the engine");
-  ClipResult result;
-  if (int rc = RenderClip(engine, photo, mask, o, !o.quiet, result)) return rc;
+  double ms = 0;
+  std::string kind;
+  if (int rc = RenderClip(engine, photo, mask, o, !o.quiet, &ms, kind)) return rc;
   const double total = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
   Note("wrote %s (%s, %d frames at %d fps, %dx%d, %.0f ms, render %.1f ms a frame)\n", o.output.c_str(),
-       result.kind.c_str(), o.frames, o.fps, photo.width, photo.height, total, result.ms_per_frame);
+       kind.c_str(), o.frames, o.fps, photo.width, photo.height, total, ms);
   return 0;
 }
 
@@ -187,15 +174,22 @@ RegisterDemoStep demo(90, "disperse: the lighthouse crumbles into the wind", [](
   o.fps = 24;
   o.loop = true;
   o.output = (std::filesystem::path(ctx.out_dir) / "dispersion.webp").string();
-  ClipResult result;
-  if (int rc = RenderClip(ctx.engine, photo, mask, o, false, result)) return rc;
-  ctx.Report(o.output, result.ms_per_frame);
+  double ms = 0;
+  std::string kind;
+  if (int rc = RenderClip(ctx.engine, photo, mask, o, false, &ms, kind)) return rc;
+  ctx.Report(o.output, ms);
   // One still in the middle of the crumble, for pages that show no animation.
   o.loop = false;
   o.frames = 9;
-  double ms = 0;
-  return RenderFrames(ctx.engine, photo, mask, o, false, ms,
-                      [&](int f, const Image& frame) { return f == 4 ? ctx.Save("dispersion.png", frame, -1) : 0; });
+  Renderer r(ctx.engine, photo, mask, o);
+  Image frame(photo.width, photo.height, 4);
+  for (int f = 0; f < o.frames; ++f) {
+    if (int rc = r.Frame(f, frame, &ms)) return rc;
+    if (f == 4) {
+      if (int rc = ctx.Save("dispersion.png", frame, -1)) return rc;
+    }
+  }
+  return 0;
 });
 
 }  // namespace

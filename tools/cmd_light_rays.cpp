@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "AnimationWriter.h"
 #include "Command.h"
 #include "DemoScene.h"
 #include "PhotoCommand.h"
+#include "StillOrLoop.h"
 #include "ToolSupport.h"
 #include "effects/light_rays/LightRays.h"
 
@@ -56,6 +56,28 @@ bool ParseNumbers(const std::string& text, size_t count, std::vector<double>& ou
   }
   std::string rest;
   return !(in >> rest);
+}
+
+// The list options as numbers, each left empty when not given.
+struct Lists {
+  std::vector<double> center, roi, lampshade;
+};
+
+// Checks the forms of the list options (no photo needed). 0 or Usage().
+int ParseLists(const LightRaysOptions& o, Lists& l) {
+  if (!o.center.empty() && !ParseNumbers(o.center, 2, l.center)) {
+    return Usage("--center wants X,Y in pixels, got '" + o.center + "'");
+  }
+  if (!o.roi.empty() && !ParseNumbers(o.roi, 4, l.roi)) {
+    return Usage("--roi wants L,T,R,B (four integers), got '" + o.roi + "'");
+  }
+  const std::vector<double>& v = l.lampshade;
+  if (!o.lampshade.empty() &&
+      (!ParseNumbers(o.lampshade, 3, l.lampshade) || v[0] < 0 || v[0] > 360 || v[1] < 0 || v[1] > 180 || v[2] < 0)) {
+    return Usage("--lampshade wants ANGLE,SPREAD,SOFTNESS in degrees (0..360, 0..180, 0 or more), got '" +
+                 o.lampshade + "'");
+  }
+  return 0;
 }
 
 // The centre of the brightest region: lightness averaged over cells of about
@@ -102,12 +124,13 @@ struct Prepared {
 
 int Prepare(const LightRaysOptions& o, Image& photo, Prepared& out) {
   Korvane::LightRaysParam& p = out.param;
+  Lists lists;
+  if (int rc = ParseLists(o, lists)) return rc;
   const int side = std::max(photo.width, photo.height);
   p.src = Korvane::MakeSmartBufferView(photo.pixels.data(), photo.width, photo.height);
   p.roi = Korvane::Rect{0, 0, photo.width, photo.height};
   if (!o.roi.empty()) {
-    std::vector<double> v;
-    if (!ParseNumbers(o.roi, 4, v)) return Usage("--roi wants L,T,R,B (four integers), got '" + o.roi + "'");
+    const std::vector<double>& v = lists.roi;
     p.roi = Korvane::Rect{static_cast<int32_t>(v[0]), static_cast<int32_t>(v[1]), static_cast<int32_t>(v[2]),
                           static_cast<int32_t>(v[3])};
     if (p.roi.left < 0 || p.roi.top < 0 || p.roi.right > photo.width || p.roi.bottom > photo.height ||
@@ -121,17 +144,12 @@ int Prepare(const LightRaysOptions& o, Image& photo, Prepared& out) {
     p.center_x = c.first;
     p.center_y = c.second;
   } else {
-    std::vector<double> v;
-    if (!ParseNumbers(o.center, 2, v)) return Usage("--center wants X,Y in pixels, got '" + o.center + "'");
+    const std::vector<double>& v = lists.center;
     p.center_x = static_cast<int32_t>(std::lround(std::min(std::max(v[0], -1e9), 1e9)));
     p.center_y = static_cast<int32_t>(std::lround(std::min(std::max(v[1], -1e9), 1e9)));
   }
   if (!o.lampshade.empty()) {
-    std::vector<double> v;
-    if (!ParseNumbers(o.lampshade, 3, v) || v[0] < 0 || v[0] > 360 || v[1] < 0 || v[1] > 180 || v[2] < 0) {
-      return Usage("--lampshade wants ANGLE,SPREAD,SOFTNESS in degrees (0..360, 0..180, 0 or more), got '" +
-                   o.lampshade + "'");
-    }
+    const std::vector<double>& v = lists.lampshade;
     p.lampshade_angle = static_cast<float>(v[0]);
     p.lampshade_spread = static_cast<float>(v[1]);
     p.lampshade_param = static_cast<float>(v[2]);
@@ -195,62 +213,49 @@ int RenderFrame(Korvane::LightRays* fx, Prepared& prep, Image& photo, Image& res
   return CheckCode(hr, "light rays");
 }
 
-// The effect, given back to the engine however the caller ends.
-using RaysHandle = std::unique_ptr<Korvane::LightRays, std::function<void(Korvane::LightRays*)>>;
-RaysHandle CreateRays(Engine& engine) {
-  auto* fx = engine.Create<Korvane::LightRays>(Korvane::EFFECT_LIGHT_RAYS);
-  return RaysHandle(fx, [&engine](Korvane::LightRays* a) {
-    void* p = a;
-    if (a) engine.get()->DeleteEffect(&p, Korvane::EFFECT_LIGHT_RAYS);
-  });
+// The options checked against the photo, the effect, and the size of the
+// result (the roi's).
+struct Setup {
+  Prepared prep;
+  EffectHandle<Korvane::LightRays> fx;
+  int width = 0, height = 0;
+};
+
+int SetUp(Engine& engine, const LightRaysOptions& o, Image& photo, Setup& s) {
+  if (int rc = Prepare(o, photo, s.prep)) return rc;
+  s.fx = engine.Own<Korvane::LightRays>(Korvane::EFFECT_LIGHT_RAYS);
+  if (!s.fx) return 1;
+  const Korvane::Rect& roi = s.prep.param.roi;
+  s.width = roi.right - roi.left;
+  s.height = roi.bottom - roi.top;
+  return 0;
 }
 
 int RenderStill(Engine& engine, const LightRaysOptions& o, Image& photo, Rendered& out) {
-  Prepared prep;
-  if (int rc = Prepare(o, photo, prep)) return rc;
-  RaysHandle fx = CreateRays(engine);
-  if (!fx) return 1;
-  const Korvane::Rect& roi = prep.param.roi;
-  Image result(roi.right - roi.left, roi.bottom - roi.top, 4);
-  if (int rc = RenderFrame(fx.get(), prep, photo, result, 0, &out.render_ms)) return rc;
+  Setup s;
+  if (int rc = SetUp(engine, o, photo, s)) return rc;
+  Image result(s.width, s.height, 4);
+  if (int rc = RenderFrame(s.fx.get(), s.prep, photo, result, 0, &out.render_ms)) return rc;
   out.image = std::move(result);
-  out.summary = prep.summary;
+  out.summary = s.prep.summary;
   return 0;
 }
 
 // Writes the whole loop through the animation writer. 0 or an exit code.
 int RenderLoop(Engine& engine, const LightRaysOptions& o, Image& photo, const std::string& output, bool progress,
                double* ms_per_frame, std::string* kind) {
-  Prepared prep;
-  if (int rc = Prepare(o, photo, prep)) return rc;
-  RaysHandle fx = CreateRays(engine);
-  if (!fx) return 1;
-  const Korvane::Rect& roi = prep.param.roi;
-  Image frame(roi.right - roi.left, roi.bottom - roi.top, 4);
-  std::string error;
-  auto writer = OpenAnimationWriter(output, frame.width, frame.height, o.fps, o.io.quality, error);
-  if (!writer) return Fail(error);
-  double ms = 0;
-  Progress bar("rendering", progress ? o.frames : 0);
-  for (int f = 0; f < o.frames; ++f) {
-    if (int rc = RenderFrame(fx.get(), prep, photo, frame, f, &ms)) return rc;
-    if (!writer->AddFrame(frame, error)) return Fail(error);
-    bar.Step(f + 1);
-  }
-  if (!writer->Finish(error)) return Fail(error);
-  *ms_per_frame = ms / o.frames;
-  *kind = writer->Kind();
-  return 0;
+  Setup s;
+  if (int rc = SetUp(engine, o, photo, s)) return rc;
+  const LoopSettings loop{o.frames, o.fps, o.io.quality, !progress};
+  return WriteLoop(output, s.width, s.height, loop, [&](int index, Image& frame, double* ms) {
+    return RenderFrame(s.fx.get(), s.prep, photo, frame, index, ms);
+  }, ms_per_frame, *kind);
 }
 
 int RunLightRays(const LightRaysOptions& o) {
   // The forms of the list options, before any photo is read.
-  std::vector<double> v;
-  if (!o.center.empty() && !ParseNumbers(o.center, 2, v)) return Usage("--center wants X,Y in pixels, got '" + o.center + "'");
-  if (!o.roi.empty() && !ParseNumbers(o.roi, 4, v)) return Usage("--roi wants L,T,R,B (four integers), got '" + o.roi + "'");
-  if (!o.lampshade.empty() && (!ParseNumbers(o.lampshade, 3, v) || v[0] < 0 || v[0] > 360 || v[1] < 0 || v[1] > 180 || v[2] < 0)) {
-    return Usage("--lampshade wants ANGLE,SPREAD,SOFTNESS in degrees (0..360, 0..180, 0 or more), got '" + o.lampshade + "'");
-  }
+  Lists lists;
+  if (int rc = ParseLists(o, lists)) return rc;
   if (o.frames < 2) {
     if (o.animate_rays || o.animate_hue) return Usage("--animate-rays and --animate-hue need --frames 2 or more");
     Engine engine;

@@ -10,9 +10,8 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "Command.h"
+#include "JsonInput.h"
 #include "LightPointsJson.h"
 #include "Options.h"
 #include "StillOrLoop.h"
@@ -90,20 +89,8 @@ bool MakeShape(const std::string& name, Image& shape, std::string& error) {
 // Reads {"sparkles": [{"x": X, "y": Y, "scale": S}, ...]} (photo pixels;
 // scale optional, 1 when absent).
 bool LoadManual(const std::string& path, std::vector<Korvane::SparklePoint>& points, std::string& error) {
-  std::vector<uint8_t> bytes;
-  if (!ReadWholeFile(path, bytes, error)) return false;
-  nlohmann::json doc;
-  try {
-    doc = nlohmann::json::parse(bytes.begin(), bytes.end());
-  } catch (const nlohmann::json::exception& e) {
-    error = path + ": not valid JSON (" + e.what() + ")";
-    return false;
-  }
-  if (!doc.is_object() || !doc.contains("sparkles") || !doc["sparkles"].is_array()) {
-    error = path + ": expected an object with a \"sparkles\" array";
-    return false;
-  }
-  const auto& list = doc["sparkles"];
+  nlohmann::json list;
+  if (!ReadJsonList(path, "sparkles", list, error)) return false;
   for (size_t i = 0; i < list.size(); ++i) {
     const auto& s = list[i];
     const std::string where = path + ": sparkles[" + std::to_string(i) + "]";
@@ -139,20 +126,14 @@ int ColorMode(const std::string& name) {
 
 struct Renderer {
   Engine& engine;
-  Korvane::Sparkle* fx = nullptr;
+  EffectHandle<Korvane::Sparkle> fx;
   Korvane::SparkleParam param;
   Korvane::SparkleRenderParam auto_render, manual_render;
 
   explicit Renderer(Engine& e) : engine(e) {}
-  ~Renderer() {
-    if (fx) {
-      void* p = fx;
-      engine.get()->DeleteEffect(&p, Korvane::EFFECT_SPARKLE);
-    }
-  }
   int Start(Image& photo, Image& shape, Image* manual_shape, const std::vector<Korvane::SparklePoint>& manual,
             const SparkleOptions& o) {
-    fx = engine.Create<Korvane::Sparkle>(Korvane::EFFECT_SPARKLE);
+    fx = engine.Own<Korvane::Sparkle>(Korvane::EFFECT_SPARKLE);
     if (!fx) return 1;
     Korvane::ImageBuffer in = photo.Buffer(), star = shape.Buffer();
     if (int rc = CheckCode(fx->SetSource(&in), "sparkle SetSource")) return rc;
@@ -231,7 +212,7 @@ int RunSparkle(const SparkleOptions& o) {
   if (int rc = r.Start(photo, shape, o.manual.empty() ? nullptr : &manual_shape, manual, o)) return rc;
   // The inspection output stands alone: it is for tuning before rendering.
   if (!o.points_json.empty()) {
-    const auto& fxi = Inspect(r.fx);
+    const auto& fxi = Inspect(r.fx.get());
     return WriteLightPointsJson(o.points_json, fxi.NormWidth(), fxi.NormHeight(), fxi.AutoSparkleList());
   }
   double ms = 0;
@@ -239,7 +220,7 @@ int RunSparkle(const SparkleOptions& o) {
   if (int rc = RenderOutput(r, photo, o, &ms, kind)) return rc;
   const double total = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
   Note("wrote %s (%s, %d frame%s, %zu light points, %zu placed, %dx%d, %.0f ms, render %.1f ms a frame)\n",
-       o.output.c_str(), kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx).AutoSparkleList().size(),
+       o.output.c_str(), kind.c_str(), o.frames, o.frames == 1 ? "" : "s", Inspect(r.fx.get()).AutoSparkleList().size(),
        manual.size(), photo.width, photo.height, total, ms);
   return 0;
 }
@@ -299,7 +280,7 @@ RegisterDemoStep demo(75, "sparkle: glints on the sea", [](DemoContext& ctx) {
   // The still shows the frame in which the sun's star is near its peak.
   // (The library is linked as the shared library, which exports only the
   // engine, so the star's first frame is worked out here.)
-  const int phase = Inspect(r.fx).ManualSparkles()[0].phase;
+  const int phase = Inspect(r.fx.get()).ManualSparkles()[0].phase;
   const int start = std::min(static_cast<int>(phase * o.frames / 90.0f + 0.5f), o.frames - 1);
   Image frame(photo.width, photo.height, 4);
   double ms = 0;

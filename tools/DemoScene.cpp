@@ -160,8 +160,12 @@ DemoScene MakeDemoScene(int width, int height) {
   return s;
 }
 
+std::string DemoContext::Path(const std::string& name) const {
+  return (std::filesystem::path(out_dir) / name).string();
+}
+
 int DemoContext::Save(const std::string& name, const Image& img, double render_ms) {
-  const std::string path = (std::filesystem::path(out_dir) / name).string();
+  const std::string path = Path(name);
   std::string error;
   if (!SaveImage(path, img, 92, error)) return Fail(error);
   Report(path, render_ms);

@@ -36,6 +36,8 @@ struct DemoContext {
   std::string out_dir;
   int files_written = 0;
 
+  // out_dir/name.
+  std::string Path(const std::string& name) const;
   // Writes `img` as out_dir/name and prints the path with the render time.
   int Save(const std::string& name, const Image& img, double render_ms);
   // Prints a file the step wrote itself.

@@ -85,6 +85,14 @@ int CheckOutputPath(const std::string& output, std::initializer_list<std::string
   return 0;
 }
 
+int CheckOutputPaths(std::initializer_list<std::string> outputs, std::initializer_list<std::string> inputs) {
+  for (const std::string& out : outputs) {
+    if (out.empty()) continue;
+    if (int rc = CheckOutputPath(out, inputs)) return rc;
+  }
+  return 0;
+}
+
 Engine::Engine() { CreateKorvaneEngine(&m_engine); }
 Engine::~Engine() { DeleteKorvaneEngine(&m_engine); }
 

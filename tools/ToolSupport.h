@@ -53,6 +53,8 @@ int CheckCode(int32_t code, const std::string& what);
 // Refuses to overwrite the input with the output: the output is replaced only
 // when it is not the same file as any of the inputs. Returns 0 or an exit code.
 int CheckOutputPath(const std::string& output, std::initializer_list<std::string> inputs);
+// The same for each of several outputs; the empty ones (not asked for) are skipped.
+int CheckOutputPaths(std::initializer_list<std::string> outputs, std::initializer_list<std::string> inputs);
 
 // An effect that is given back to the engine when its handle goes.
 template <class T>

@@ -242,7 +242,7 @@ RegisterDemoStep demo(80, "animate: the sea and clouds in a seamless loop", [](D
     const char* type = l.type == Korvane::FLOW_PATH ? "path" : l.type == Korvane::FLOW_STROKE ? "stroke" : "anchor";
     doc["flows"].push_back({{"type", type}, {"points", pts}});
   }
-  const std::string flows_path = (std::filesystem::path(ctx.out_dir) / "animation-flows.json").string();
+  const std::string flows_path = ctx.Path("animation-flows.json");
   const std::string text = doc.dump(1) + "\n";
   std::string error;
   if (!WriteFileSafely(flows_path, text.data(), text.size(), error)) return Fail(error);
@@ -252,7 +252,7 @@ RegisterDemoStep demo(80, "animate: the sea and clouds in a seamless loop", [](D
     AnimateOptions o;
     o.frames = 24;
     o.fps = 24;
-    o.output = (std::filesystem::path(ctx.out_dir) / name).string();
+    o.output = ctx.Path(name);
     LoopResult result;
     if (int rc = RenderLoop(ctx.engine, photo, still, lines, o, false, result)) return rc;
     ctx.Report(o.output, result.ms_per_frame);

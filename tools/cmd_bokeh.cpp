@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -228,10 +227,7 @@ int RunBokeh(const BokehOptions& o) {
     }
   }
   if (!MakeShape(o.shape, shape, error)) return Fail(error);
-  for (const std::string& out : {o.output, o.points_json, o.points_overlay}) {
-    if (out.empty()) continue;
-    if (int rc = CheckOutputPath(out, {o.input, o.guide, o.shape})) return rc;
-  }
+  if (int rc = CheckOutputPaths({o.output, o.points_json, o.points_overlay}, {o.input, o.guide, o.shape})) return rc;
 
   const auto t0 = std::chrono::steady_clock::now();
   Engine engine;
@@ -313,7 +309,7 @@ RegisterDemoStep demo(70, "bokeh: the shore lights as twinkling discs", [](DemoC
   double ms = 0;
   if (int rc = r.Frame(photo, &guide, 12, frame, &ms)) return rc;
   if (int rc = ctx.Save("bokeh.png", frame, ms)) return rc;
-  o.output = (std::filesystem::path(ctx.out_dir) / "bokeh.webp").string();
+  o.output = ctx.Path("bokeh.webp");
   std::string kind;
   if (int rc = RenderOutput(r, photo, &guide, o, &ms, kind)) return rc;
   ctx.Report(o.output, ms);

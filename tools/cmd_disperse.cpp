@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -173,7 +172,7 @@ RegisterDemoStep demo(90, "disperse: the lighthouse crumbles into the wind", [](
   o.frames = 48;
   o.fps = 24;
   o.loop = true;
-  o.output = (std::filesystem::path(ctx.out_dir) / "dispersion.webp").string();
+  o.output = ctx.Path("dispersion.webp");
   double ms = 0;
   std::string kind;
   if (int rc = RenderClip(ctx.engine, photo, mask, o, false, &ms, kind)) return rc;

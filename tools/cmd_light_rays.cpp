@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -332,7 +331,7 @@ RegisterDemoStep demo(50, "light-rays: rays from the sunset's sun", [](DemoConte
   o.frames = 12;
   o.fps = 12;
   o.animate_rays = true;
-  const std::string loop = (std::filesystem::path(ctx.out_dir) / "light-rays.webp").string();
+  const std::string loop = ctx.Path("light-rays.webp");
   double ms = 0;
   std::string kind;
   if (int rc = RenderLoop(ctx.engine, o, photo, loop, false, &ms, &kind)) return rc;

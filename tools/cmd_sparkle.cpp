@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -200,10 +199,7 @@ int RunSparkle(const SparkleOptions& o) {
                   std::to_string(manual_shape.height) + "; manual shapes must be 200x200");
     }
   }
-  for (const std::string& out : {o.output, o.points_json}) {
-    if (out.empty()) continue;
-    if (int rc = CheckOutputPath(out, {o.input, o.shape, o.manual, o.manual_shape})) return rc;
-  }
+  if (int rc = CheckOutputPaths({o.output, o.points_json}, {o.input, o.shape, o.manual, o.manual_shape})) return rc;
 
   const auto t0 = std::chrono::steady_clock::now();
   Engine engine;
@@ -286,7 +282,7 @@ RegisterDemoStep demo(75, "sparkle: glints on the sea", [](DemoContext& ctx) {
   double ms = 0;
   if (int rc = r.Frame(photo, (o.frames + 8 - start) % o.frames, frame, &ms)) return rc;
   if (int rc = ctx.Save("sparkle.png", frame, ms)) return rc;
-  o.output = (std::filesystem::path(ctx.out_dir) / "sparkle.webp").string();
+  o.output = ctx.Path("sparkle.webp");
   std::string kind;
   if (int rc = RenderOutput(r, photo, o, &ms, kind)) return rc;
   ctx.Report(o.output, ms);

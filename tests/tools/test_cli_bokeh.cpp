@@ -84,6 +84,11 @@ TEST(CliBokeh, StillLoopAndOverlay) {
   const CliResult gif = RunCli("bokeh " + dir + "/photo.png -o " + dir + "/one.gif");
   ASSERT_EQ(gif.exit_code, 0) << gif.output;
   EXPECT_GT(std::filesystem::file_size(dir + "/one.gif"), 0u);
+  EXPECT_NE(gif.output.find("GIF"), std::string::npos) << gif.output;
+  // And into a folder, a one-frame PNG sequence.
+  ASSERT_EQ(RunCli("bokeh " + dir + "/photo.png -o " + dir + "/one").exit_code, 0);
+  EXPECT_EQ(ReadImage(dir + "/one/frame_0000.png").width, 320);
+  EXPECT_FALSE(std::filesystem::exists(dir + "/one/frame_0001.png"));
 
   const CliResult overlay = RunCli("bokeh " + dir + "/photo.png --points-overlay " + dir + "/rings.png");
   ASSERT_EQ(overlay.exit_code, 0) << overlay.output;

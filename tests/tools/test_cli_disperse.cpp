@@ -42,8 +42,14 @@ TEST(CliDisperse, WritesFramesThatStartFromThePhotoAndLoops) {
   ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 6 --loop -o " + f.dir + "/loop").exit_code,
             0);
   EXPECT_EQ(ReadImage(f.dir + "/loop/frame_0005.png").pixels, ReadImage(f.dir + "/loop/frame_0001.png").pixels);
-  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 4 -q -o " + f.dir + "/d.webp").output, "");
-  EXPECT_TRUE(std::filesystem::exists(f.dir + "/d.webp"));
+  // The folder of an animation file is created.
+  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 4 -q -o " + f.dir + "/new/d.webp").output,
+            "");
+  EXPECT_TRUE(std::filesystem::exists(f.dir + "/new/d.webp"));
+  // A single frame is still a clip: one PNG in the folder, the photo itself.
+  ASSERT_EQ(RunCli("disperse " + f.photo + " --mask " + f.mask + " --frames 1 -q -o " + f.dir + "/one").exit_code, 0);
+  EXPECT_EQ(ReadImage(f.dir + "/one/frame_0000.png").pixels, f.img.pixels);
+  EXPECT_FALSE(std::filesystem::exists(f.dir + "/one/frame_0001.png"));
 }
 
 TEST(CliDisperse, BadSettingsAndMasksFailWithOneLine) {

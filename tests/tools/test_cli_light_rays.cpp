@@ -77,6 +77,11 @@ TEST(CliLightRays, ALoopWritesEveryFrameAndAnimatesTheBeams) {
   EXPECT_NE(ReadImage(f.dir + "/frames/frame_0000.png").pixels, ReadImage(f.dir + "/frames/frame_0002.png").pixels);
   ASSERT_EQ(RunCli("light-rays " + f.photo + " --frames 3 --animate-rays -q -o " + f.dir + "/loop.webp").output, "");
   EXPECT_TRUE(std::filesystem::exists(f.dir + "/loop.webp"));
+  // A loop with --roi has frames of the roi's size.
+  ASSERT_EQ(RunCli("light-rays " + f.photo + " --frames 2 --roi 10,20,50,30 -q -o " + f.dir + "/part").exit_code, 0);
+  const Image part = ReadImage(f.dir + "/part/frame_0001.png");
+  EXPECT_EQ(part.width, 40);
+  EXPECT_EQ(part.height, 10);
 }
 
 TEST(CliLightRays, BadSettingsFailWithOneLineAndNoOutput) {

@@ -98,8 +98,9 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
   const int32_t sh = std::max(1, static_cast<int32_t>(static_cast<float>(p.src.height) * ratio + 0.5f));
   const float strength = std::isfinite(p.blur_strength) ? std::max(0.0f, std::min(1.0f, p.blur_strength)) : 0.0f;
   const int32_t level = static_cast<int32_t>(strength * 100.0f + 0.5f);
+  // Clamped as floats before the conversion, so no value is out of int range.
   const auto clamp255 = [](float v) {
-    return std::isfinite(v) ? std::max(0, std::min(255, static_cast<int32_t>(v * 255.0f + 0.5f))) : 0;
+    return std::isfinite(v) ? static_cast<int32_t>(std::max(0.0f, std::min(255.0f, v * 255.0f + 0.5f))) : 0;
   };
   const int32_t focus_value = clamp255(p.focus_value), focus_range = clamp255(p.focus_range);
   const Rect small{0, 0, sw, sh};

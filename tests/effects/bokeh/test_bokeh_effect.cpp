@@ -460,6 +460,15 @@ TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {
     for (int32_t x = 0; x < kW; ++x)
       for (int k = 0; k < 3; ++k) diff += std::abs(RowPtr(out, y)[4 * x + k] - want[(y * kW + x) * 4 + k]);
   EXPECT_LT(diff / (kW * kH * 3), 2.5);
+
+  // Found by fuzzing: focus settings far outside 0..1 were converted to int
+  // before being clamped. They clamp to the ends of the range.
+  BokehFocusParam extreme = p;
+  extreme.focus_value = 7.3e19f;
+  extreme.focus_range = -1e30f;
+  SmartBuffer out2, weight2;
+  CreateSmartBufferData(out2, kW, kH, PIXEL_BGRA32);
+  EXPECT_EQ(bf.Process(run.adapter, KorvaneTest::Level(SIMD_SSE41), extreme, false, out2, weight2), S_OK);
   // The blend weight is 255 (fully blurred) everywhere the guide is far from focus.
   EXPECT_EQ(weight.width, kW / 2);
   EXPECT_EQ(RowPtr(weight, 3)[5], 255);

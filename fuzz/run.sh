@@ -8,9 +8,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 shift || true
 targets=("$@")
-# image_read is left out of the default run while its open findings (slow
-# GIFs, see fuzz/findings/README.md) are unfixed; name it to run it.
-[ ${#targets[@]} -gt 0 ] || targets=(flow_file delaunay_points effect_records)
+[ ${#targets[@]} -gt 0 ] || targets=(flow_file delaunay_points effect_records image_read)
 
 if ! command -v clang++ > /dev/null; then
   echo "fuzz: clang++ not found, targets not built"

@@ -95,6 +95,27 @@ int CountJpegScans(const uint8_t* p, size_t n) {
   return scans;
 }
 
+// A GIF's canvas is its screen, grown to hold every frame, and costs pixels
+// whether or not any frame data covers it: a 40-byte file can place a frame
+// ten thousand pixels away and make the decoder fill 100 megapixels. LZW
+// cannot code more than about 2 700 pixels per byte, so a canvas larger than
+// 4 096 pixels per byte of file (above a one-megapixel allowance for
+// transparent margins) is mostly empty and is refused.
+constexpr uint64_t kGifFreePixels = 1u << 20;
+constexpr uint64_t kGifPixelsPerByte = 4096;
+
+// libvips names its loaders by class ("VipsForeignLoadNsgifBuffer"); the
+// class depends on the libvips version, the format word in it does not.
+bool LoaderReads(const char* loader, const char* format) {
+  std::string name = loader;
+  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+  return name.find(format) != std::string::npos;
+}
+
+bool GifCanvasPlausible(uint64_t pixels, size_t file_bytes) {
+  return pixels <= std::max<uint64_t>(kGifFreePixels, kGifPixelsPerByte * file_bytes);
+}
+
 bool Bad(const std::string& message, std::string& error) {
   error = message;
   return false;
@@ -162,14 +183,21 @@ bool DecodeImage(const void* data, size_t size, const std::string& name, Image& 
     vips_error_clear();
     return Bad(name + ": unsupported image format (not JPEG, PNG, WebP, TIFF, GIF, HEIF, AVIF or JPEG XL)", error);
   }
-  if (std::strncmp(loader, "VipsForeignLoadJpeg", 19) == 0 && CountJpegScans(p, size) > kMaxJpegScans) {
+  if (LoaderReads(loader, "jpeg") && CountJpegScans(p, size) > kMaxJpegScans) {
     return Bad(name + ": JPEG with more than " + std::to_string(kMaxJpegScans) + " scans refused", error);
   }
   try {
     VImage img = VImage::new_from_buffer(data, size, "", VImage::option()->set("fail_on", VIPS_FAIL_ON_TRUNCATED));
-    if (static_cast<uint64_t>(img.width()) * static_cast<uint64_t>(img.height()) > kMaxImagePixels) {
-      return Bad(name + ": " + std::to_string(img.width()) + "x" + std::to_string(img.height()) +
-                     " is more than the " + std::to_string(kMaxImagePixels / 1000000) + "-megapixel limit",
+    const uint64_t pixels = static_cast<uint64_t>(img.width()) * static_cast<uint64_t>(img.height());
+    const std::string dims = std::to_string(img.width()) + "x" + std::to_string(img.height());
+    if (pixels > kMaxImagePixels) {
+      return Bad(name + ": " + dims + " is more than the " + std::to_string(kMaxImagePixels / 1000000) +
+                     "-megapixel limit",
+                 error);
+    }
+    if (LoaderReads(loader, "gif") && !GifCanvasPlausible(pixels, size)) {
+      return Bad(name + ": " + dims + " GIF from only " +
+                     std::to_string(size) + " bytes refused (its data cannot fill that canvas)",
                  error);
     }
     img = img.autorot();

@@ -141,6 +141,15 @@ std::string JpegWithScans(int scans) {
   return j + std::string("\xFF\xD9", 2);
 }
 
+std::string Le16(uint16_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
+
+// A GIF with a `sw` x `sh` screen and one w x h frame at (x, y) whose data is
+// a single pixel: the decoder grows the canvas to hold the frame.
+std::string GifWithFrame(uint16_t sw, uint16_t sh, uint16_t x, uint16_t y, uint16_t w, uint16_t h) {
+  return "GIF89a" + Le16(sw) + Le16(sh) + std::string("\x80\x00\x00\x00\x00\x00\xff\xff\xff", 9) + "\x2c" +
+         Le16(x) + Le16(y) + Le16(w) + Le16(h) + std::string("\x00\x02\x02\x44\x01\x00\x3b", 7);
+}
+
 void WriteBytes(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
 }
@@ -153,6 +162,8 @@ TEST(CliErrors, HostileFilesGiveOneLineAndWriteNothing) {
   const std::string photo = dir + "/photo.png", out = dir + "/out.png";
   WriteBytes(dir + "/huge.png", PngHeaderOnly(16384, 16384));
   WriteBytes(dir + "/scans.jpg", JpegWithScans(300));
+  // Found by fuzzing: a few dozen bytes that cost 10-25 s of decoding.
+  WriteBytes(dir + "/far.gif", GifWithFrame(1, 1, 5000, 4000, 5000, 5000));
   WriteBytes(dir + "/big-number.json", R"({"flows": [{"type": "path", "points": [[1e400, 5], [3, 4]]}]})");
   std::filesystem::create_directories(dir + "/folder");
   const std::string anim = "animate " + photo + " --flows " + dir + "/big-number.json -o " + out;
@@ -161,6 +172,7 @@ TEST(CliErrors, HostileFilesGiveOneLineAndWriteNothing) {
   } cases[] = {
       {"glitch " + dir + "/huge.png -o " + out, "huge.png: 16384x16384 is more than the 200-megapixel limit"},
       {"glitch " + dir + "/scans.jpg -o " + out, "scans.jpg: JPEG with more than 200 scans refused"},
+      {"glitch " + dir + "/far.gif -o " + out, "far.gif: 10000x9000 GIF from only 35 bytes refused"},
       {anim, "big-number.json: not valid JSON"},
       {"glitch " + dir + "/folder -o " + out, "folder: is a folder, not a file"},
       {"focus-blur " + photo + " --guide " + dir + "/folder -o " + out, "folder: is a folder"},

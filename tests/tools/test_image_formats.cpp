@@ -69,6 +69,7 @@ TEST(ImageFormats, EveryClaimedFormatReadsAsTheSamePicture) {
                           .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_RGB16)), nullptr, 1},
       {"palette.png", pic, VImage::option()->set("palette", true), 4},
       {"lossless.webp", pic, VImage::option()->set("lossless", true), 0},
+      {"still.gif", pic, VImage::option()->set("dither", 0.0), 8},
       {"lossless.jxl", pic, VImage::option()->set("lossless", true), 1},
       {"still.avif", pic, VImage::option()->set("Q", 90)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_AV1), 24},
       {"deflate.tif", pic, VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE), 0},

@@ -442,6 +442,44 @@ TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
   }
 }
 
+// Applications hand over rows with padding, and input and output rarely
+// share a stride: the pixels must match the packed render and no padding or
+// guard byte may change.
+TEST(LightRaysEffect, PaddedRowsOfUnequalStridesRenderAsPackedOnes) {
+  struct Size { int w, h; };
+  for (const Size s : {Size{1, 1}, Size{17, 9}, Size{70, 45}}) {
+    const Bytes src = Photo(s.w, s.h, 21 + s.w);
+    Bytes mask_bytes = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 9);
+    const Rect roi{s.w / 4, s.h / 3, s.w - s.w / 5, s.h};
+    const Tweak tweak = [&](LightRaysParam& p) {
+      p.mask = MakeSmartBufferView(mask_bytes.data(), s.w, s.h, PIXEL_GRAY8);
+      p.roi = roi;
+    };
+    const Bytes packed = Render(src, s.w, s.h, tweak);
+
+    TestImage photo(s.w, s.h, PIXEL_BGRA32, 12), mask(s.w, s.h, PIXEL_GRAY8, 3),
+        out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 20);
+    photo.Fill(src);
+    mask.Fill(mask_bytes);
+    const auto view = [](TestImage& t) {
+      SmartBuffer b = MakeSmartBufferView(t.buf.data, t.buf.width, t.buf.height, t.buf.pix_fmt);
+      b.stride = t.buf.stride;
+      return b;
+    };
+    EffectRig<LightRaysEffect> rig(2, SIMD_SSE41);
+    ASSERT_EQ(rig->Initialize(s.w, s.h), S_OK);
+    Bytes unused = src;
+    LightRaysParam p = Base(unused, s.w, s.h);
+    p.src = view(photo);
+    p.mask = view(mask);
+    p.dst = view(out);
+    p.roi = roi;
+    ASSERT_EQ(rig->Process(p), S_OK) << s.w << "x" << s.h;
+    EXPECT_EQ(FirstDifference(out.Packed(), packed, out.buf.width), "") << s.w << "x" << s.h;
+    EXPECT_TRUE(photo.GuardsIntact() && mask.GuardsIntact() && out.GuardsIntact()) << s.w << "x" << s.h;
+  }
+}
+
 // ---------------------------------------------------------------- failures
 
 TEST(LightRaysEffect, AFailingStageIsLoggedWhereItFailsAndAsTotalCost) {

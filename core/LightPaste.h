@@ -18,7 +18,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "core/ImageBuffer.h"
 #include "core/ThreadAdapter.h"
@@ -102,26 +101,6 @@ int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio);
 
 // ---------------------------------------------------------------------------
 // Adding the light map to the photo.
-
-// Rectangle r of a map (BGRA32 unless told otherwise) as an ImageBuffer
-// sharing its memory: how a light map, an output, a shape or a float map (or
-// a part of one) is handed to the image kernels that take an ImageBuffer.
-inline ImageBuffer MapView(const SmartBuffer& map, const Rect& r, int32_t pix_fmt = PIXEL_BGRA32) {
-  ImageBuffer v;
-  v.data = map.data.get() + static_cast<ptrdiff_t>(r.top) * map.stride +
-           static_cast<ptrdiff_t>(r.left) * BytesPerPixel(pix_fmt);
-  v.width = r.right - r.left;
-  v.height = r.bottom - r.top;
-  v.stride = map.stride;
-  v.channel = ChannelCount(pix_fmt);
-  v.pix_fmt = pix_fmt;
-  return v;
-}
-
-// Every byte of a map, padding included, set to `value` (0: a dark light map).
-inline void FillMap(SmartBuffer& map, uint8_t value = 0) {
-  std::memset(map.data.get(), value, static_cast<size_t>(map.stride) * static_cast<size_t>(map.height));
-}
 
 struct LightMapAddParam {
   SmartBuffer base;   // BGRA32: the (blurred) photo

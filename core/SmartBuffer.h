@@ -2,7 +2,9 @@
 // smart buffers and caller images.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/ImageBuffer.h"
 #include "core/ResultCode.h"
@@ -35,5 +37,26 @@ int32_t PasteSmartBufferDataWithROI(const SmartBuffer& src, SmartBuffer& dst, Re
 
 // A view of a caller image as a smart buffer (no copy, no ownership).
 SmartBuffer SmartBufferView(const ImageBuffer& img);
+
+// Rectangle r of a working image (BGRA32 unless told otherwise) as an
+// ImageBuffer sharing its memory: how a light map, an output, a shape or a
+// float map (or a part of one) is handed to the kernels that take one.
+inline ImageBuffer MapView(const SmartBuffer& map, const Rect& r, int32_t pix_fmt = PIXEL_BGRA32) {
+  ImageBuffer v;
+  v.data = map.data.get() + static_cast<ptrdiff_t>(r.top) * map.stride +
+           static_cast<ptrdiff_t>(r.left) * BytesPerPixel(pix_fmt);
+  v.width = r.right - r.left;
+  v.height = r.bottom - r.top;
+  v.stride = map.stride;
+  v.channel = ChannelCount(pix_fmt);
+  v.pix_fmt = pix_fmt;
+  return v;
+}
+
+// Every byte of a working image, padding included, set to `value`: working
+// images start cleared so their unused edges never hold old pixels.
+inline void FillMap(SmartBuffer& map, uint8_t value = 0) {
+  std::memset(map.data.get(), value, static_cast<size_t>(map.stride) * static_cast<size_t>(map.height));
+}
 
 }  // namespace Korvane

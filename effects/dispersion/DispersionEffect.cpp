@@ -292,12 +292,7 @@ int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
     // background, so only they need it.
     if (m_has_subject) {
       BoxBlurParam blur;
-      blur.src.data = m_background.data.get();
-      blur.src.width = m_width;
-      blur.src.height = m_height;
-      blur.src.stride = m_background.stride;
-      blur.src.channel = 4;
-      blur.src.pix_fmt = PIXEL_BGRA32;
+      blur.src = MapView(m_background, Rect{0, 0, m_width, m_height});
       blur.radius = std::max(2, static_cast<int32_t>(std::hypot(m_width, m_height) / 80.0));
       // Around the subject only: two passes reach 2 (radius - 1) pixels, so
       // a margin of twice the radius blurs its pixels as the whole image would.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <new>
 
 #include "core/BilinearResize.h"
@@ -93,9 +92,7 @@ int32_t GlowEffect::Initialize(int32_t width, int32_t height) {
     return E_OUTOFMEMORY;
   }
 
-  for (SmartBuffer* b : {&m_scaled_hlr, &m_aligned_hlr, &m_aligned_src, &m_scaled_img_f, &m_img_f}) {
-    std::memset(b->data.get(), 0, static_cast<size_t>(b->stride) * static_cast<size_t>(b->height));
-  }
+  for (SmartBuffer* b : {&m_scaled_hlr, &m_aligned_hlr, &m_aligned_src, &m_scaled_img_f, &m_img_f}) FillMap(*b);
   // The full-size images describe the photo; their strides stay those of the
   // aligned allocation.
   for (SmartBuffer* b : {&m_aligned_hlr, &m_aligned_src, &m_img_f}) {

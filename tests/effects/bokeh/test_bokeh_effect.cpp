@@ -49,8 +49,8 @@ TestImage Photo(int32_t pad = 0) {
 }
 
 // Guide: bright (in focus) on the left third, dark (background) elsewhere.
-TestImage Guide() {
-  TestImage g(kW, kH, PIXEL_GRAY8);
+TestImage Guide(int32_t pad = 0) {
+  TestImage g(kW, kH, PIXEL_GRAY8, pad);
   for (int32_t y = 0; y < kH; ++y)
     for (int32_t x = 0; x < kW; ++x) g.Row(y)[x] = x < kW / 3 ? 230 : 10;
   return g;
@@ -353,6 +353,27 @@ TEST(BokehEffect, TinyAndThinPhotos) {
       EXPECT_TRUE(out.GuardsIntact());
       EXPECT_TRUE(photo.GuardsIntact());
     }
+  }
+}
+
+// Photo, guide and output each with their own row padding give the pixels
+// of packed ones.
+TEST(BokehEffect, PaddedRowsOfUnequalStridesRenderAsPacked) {
+  TestImage disc = Disc(41);
+  const Rect roi{13, 7, kW - 5, kH - 20};
+  std::vector<uint8_t> want;
+  for (int32_t pad : {0, 12}) {
+    TestImage photo = Photo(pad), guide = Guide(pad / 4 + 1);
+    TestImage out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, pad * 2);
+    EffectRig<BokehEffect> rig;
+    ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+    Frame f(disc);
+    f.param.twinkle_switch = 1;
+    f.param.anime_frame_index = 2;
+    ASSERT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, roi), S_OK);
+    EXPECT_TRUE(photo.GuardsIntact() && guide.GuardsIntact() && out.GuardsIntact()) << "pad " << pad;
+    if (want.empty()) want = out.Packed();
+    else EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
   }
 }
 

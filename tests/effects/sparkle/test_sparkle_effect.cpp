@@ -137,10 +137,17 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   EXPECT_EQ(out.Packed(), before);
   EXPECT_TRUE(out.GuardsIntact());
 
-  // A ROI renders into an output of its size, padded rows untouched.
-  KorvaneTest::TestImage roi_out(30, 20, PIXEL_BGRA32, 8);
-  ASSERT_EQ(r->Process(&p, &a, &m, &r.src, &roi_out.buf, Rect{10, 12, 40, 32}), S_OK);
+  // A ROI renders into an output of its size, padded rows untouched; a
+  // padded photo and a packed output of another stride give the same pixels.
+  const Rect roi{10, 12, 40, 32};
+  KorvaneTest::TestImage roi_out(30, 20, PIXEL_BGRA32, 8), padded_src(64, 48, PIXEL_BGRA32, 20), packed_out(30, 20);
+  ASSERT_EQ(r->Process(&p, &a, &m, &r.src, &roi_out.buf, roi), S_OK);
   EXPECT_TRUE(roi_out.GuardsIntact());
+  padded_src.Fill(r.photo);
+  ASSERT_EQ(r->Process(&p, &a, &m, &padded_src.buf, &packed_out.buf, roi), S_OK);
+  EXPECT_EQ(KorvaneTest::FirstDifference(packed_out.Packed(), roi_out.Packed(), 30), "");
+  EXPECT_NE(roi_out.Packed(), std::vector<uint8_t>(roi_out.PackedSize(), KorvaneTest::TestImage::kGuardByte));
+  EXPECT_TRUE(padded_src.GuardsIntact() && packed_out.GuardsIntact());
   EXPECT_EQ(r->ReleaseBuffer(), S_OK);
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);
 }

@@ -234,7 +234,10 @@ int32_t BokehEffect::CalSizeID(int32_t mask_value, int32_t source_mode, float fo
   int32_t v = mask_value, o = 0;
   if (source_mode == 3) {
     v = 255 - v;
-    o = static_cast<int32_t>((1.0f - focus_value) * 255.0f);
+    // Clamped as a float first: beyond +-1024 every identifier is out of
+    // range either way, so the clamp changes no result and nothing overflows.
+    const float offset = (1.0f - focus_value) * 255.0f;
+    o = std::isfinite(offset) ? static_cast<int32_t>(std::max(-1024.0f, std::min(1024.0f, offset))) : 0;
   }
   // Below the middle of the mask the identifier is negative (no disc); with
   // an offset, values below it count upward again.
@@ -322,6 +325,14 @@ int32_t BokehEffect::Process(const BokehParam* param, const BokehShapeParam* sha
   }
   m_param = *param;
   m_shape_param = *shape_param;
+  // Shape settings far outside their ranges are brought into them as
+  // floats, so no later conversion to an integer can overflow: the size
+  // blend and the saturation are clamped, the hue offset (half a turn of hue
+  // per unit) wrapped into one turn either way. In-range values are kept.
+  const auto clamp = [](float v, float lo, float hi) { return std::isfinite(v) ? std::max(lo, std::min(hi, v)) : 0.0f; };
+  m_shape_param.size_blend = clamp(m_shape_param.size_blend, 0.0f, 1.0f);
+  m_shape_param.saturation = clamp(m_shape_param.saturation, -1.0f, 1.0f);
+  m_shape_param.hue_offset = std::isfinite(m_shape_param.hue_offset) ? std::fmod(m_shape_param.hue_offset, 2.0f) : 0.0f;
   m_roi = roi;
   m_src = SmartBufferView(*src);
   m_dst = SmartBufferView(*dst);

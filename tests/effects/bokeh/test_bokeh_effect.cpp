@@ -7,6 +7,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <random>
 #include <vector>
 
@@ -375,6 +377,35 @@ TEST(BokehEffect, PaddedRowsOfUnequalStridesRenderAsPacked) {
     if (want.empty()) want = out.Packed();
     else EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
   }
+}
+
+// Found by fuzzing: a hue offset of -1.3e21 overflowed the conversion of the
+// hue shift to an integer. Every float setting of the record, however far out
+// of range, renders a frame (the sanitizer build checks each conversion).
+TEST(BokehEffect, FloatSettingsFarOutOfRangeStillRender) {
+  TestImage photo = Photo(), guide = Guide(), disc = Disc(41);
+  EffectRig<BokehEffect> rig;
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  const float wild[] = {-1.29711e21f, 3e38f, -3e38f, INFINITY, -INFINITY, NAN};
+  const std::function<void(Frame&, float)> fields[] = {
+      [](Frame& f, float v) { f.shape.hue_offset = v; },     [](Frame& f, float v) { f.shape.saturation = v; },
+      [](Frame& f, float v) { f.shape.size_blend = v; },     [](Frame& f, float v) { f.shape.rotation = v; },
+      [](Frame& f, float v) { f.param.focus_value = v; },    [](Frame& f, float v) { f.param.focus_range = v; },
+      [](Frame& f, float v) { f.param.blur_strength = v; },  [](Frame& f, float v) { f.param.blur_buff_ratio = v; },
+  };
+  for (size_t field = 0; field < std::size(fields); ++field)
+    for (float v : wild)
+      for (int32_t colour : {0, 1, 2}) {
+        Frame f(disc);
+        f.shape.color_mode = colour;
+        f.param.hue_shift_switch = 1;
+        f.param.bokeh_source_mode = 3;
+        fields[field](f, v);
+        TestImage out(kW, kH, PIXEL_BGRA32, 4);
+        ASSERT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, Rect{0, 0, kW, kH}), S_OK)
+            << "field " << field << " value " << v << " colour mode " << colour;
+        EXPECT_TRUE(out.GuardsIntact());
+      }
 }
 
 TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {

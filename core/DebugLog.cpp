@@ -31,4 +31,23 @@ int32_t DebugLog(const char* format, ...) {
   return length;
 }
 
+int32_t LogCall(const char* call_text, int32_t code) {
+  if (code < 0) KORVANE_LOG_FAILED_CALL(call_text, code);
+  return code;
+}
+
+int32_t LogStep(const char* step, int32_t code) {
+  if (code < 0) KORVANE_LOG_FAILED_STEP(step, code);
+  return code;
+}
+
+int32_t LogKernelCall(const char* call_format, const char* kernel_name, int32_t code) {
+  if (code < 0) {
+    char call[512];
+    std::snprintf(call, sizeof(call), call_format, kernel_name);
+    KORVANE_LOG_FAILED_CALL(call, code);
+  }
+  return code;
+}
+
 }  // namespace Korvane

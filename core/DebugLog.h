@@ -17,13 +17,32 @@ int32_t DebugLog(const char* format, ...)
 
 }  // namespace Korvane
 
-// Logs a failed call as "[Korvane] <call as written> Error! - Return Code: %x"
-// (DebugLog adds its own prefix in front, so the line carries it twice) and
-// evaluates to the code. Use as: if ((hr = KORVANE_CALL(f(a, b))) < 0) ...
+// How every failure is logged. There are two kinds of line, and both helpers
+// return the code they were given, so a step reads as one statement:
+//
+//   if ((hr = LogStep("PasteBokehList", PasteBokehList())) < 0) return hr;
+//   if ((hr = LogCall("InitBuffers()", InitBuffers())) < 0) return hr;
+//   if (KORVANE_FAILED(InitBuffers())) return hr;   // the same, text from the source
+//
+// - a failed call: "[Korvane] <the call as written> Error! - Return Code: %x"
+//   (DebugLog adds its own prefix in front, so the line carries it twice);
+// - a failed named step: "[Korvane](<step>) - Return Code: %x".
+//
+// Where the call names a kernel chosen at run time, LogKernelCall puts the
+// name of the form that ran into the text, so a line never names a form that
+// did not run: LogKernelCall("%s(bokeh_buff, light_buff, ...)", paste.name, hr).
+// Nothing is logged for a code that is not negative.
+namespace Korvane {
+
+int32_t LogCall(const char* call_text, int32_t code);
+int32_t LogStep(const char* step, int32_t code);
+int32_t LogKernelCall(const char* call_format, const char* kernel_name, int32_t code);
+
+}  // namespace Korvane
+
 #define KORVANE_LOG_FAILED_CALL(expr_text, code) \
   ::Korvane::DebugLog("[Korvane] %s Error! - Return Code: %x", expr_text, static_cast<unsigned>(code))
 
-// Logs a failed named step as "[Korvane](<name>) - Return Code: %x".
 #define KORVANE_LOG_FAILED_STEP(name, code) \
   ::Korvane::DebugLog("[Korvane](%s) - Return Code: %x", name, static_cast<unsigned>(code))
 

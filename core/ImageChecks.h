@@ -15,6 +15,28 @@
 
 namespace Korvane {
 
+// The longest side any effect accepts: what a JPEG can hold and a little
+// more. Sides are checked against it before anything is allocated, so no
+// working size derived from a side can overflow 32 bits.
+constexpr int32_t kMaxImageSide = 1 << 16;
+
+// v in [lo, hi]; false for NaN.
+inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }
+
+// True when the pixel bytes of a and b share memory (both must have pixels
+// and a positive size).
+inline uintptr_t PixelAddress(const ImageBuffer& img) { return reinterpret_cast<uintptr_t>(img.data); }
+inline uintptr_t PixelAddress(const SmartBuffer& img) { return reinterpret_cast<uintptr_t>(img.data.get()); }
+template <class A, class B>
+inline bool Overlaps(const A& a, const B& b) {
+  auto begin = [](const auto& i) { return PixelAddress(i); };
+  auto end = [&](const auto& i) {
+    return begin(i) + static_cast<size_t>(i.height - 1) * static_cast<size_t>(i.stride) +
+           static_cast<size_t>(i.width) * static_cast<size_t>(BytesPerPixel(i.pix_fmt));
+  };
+  return begin(a) < end(b) && begin(b) < end(a);
+}
+
 // Stores `code` in a task's result slot (when there is one) and returns it:
 // `return Done(result, E_POINTER);`.
 inline int32_t Done(int32_t* result, int32_t code) {

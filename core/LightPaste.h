@@ -13,7 +13,7 @@
 //   part of its position, so a shape moves smoothly as pt moves: its light
 //   centroid lies at pt whatever the fraction.
 //
-// Both forms exist plain and SSE4.1 (suffix _SSE4) with identical results.
+// Both forms exist plain and SSE4.1 (suffix _SSE) with identical results.
 #pragma once
 
 #include <cstddef>
@@ -79,7 +79,7 @@ int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int
 // shape_roi pastes nothing.
 int32_t PasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                    const Rect& shape_roi);
-int32_t PasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t PasteLight_SSE(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                         const Rect& shape_roi);
 
 // Sub-pixel paste of `shape` (d x d) at pt: resamples it into `tmp`
@@ -88,7 +88,7 @@ int32_t PasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& light, PointI pt_
 // CalBilinearPasteLightROI. Codes as PasteLight.
 int32_t BilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
                            const LightPasteArgs& args, const Rect& shape_roi);
-int32_t BilinearPasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
+int32_t BilinearPasteLight_SSE(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
                                 const LightPasteArgs& args, const Rect& shape_roi);
 
 // ---------------------------------------------------------------------------
@@ -114,7 +114,7 @@ struct LightMapAddParam {
 // base's alpha. E_POINTER / E_NOTIMPL / E_INVALIDARG for images that do not
 // fit. Run with BandTask<LightMapAddParam, ImageAddLightMap> over roi.
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band);
-int32_t ImageAddLightMap_SSE4(const LightMapAddParam& p, const Rect& band);
+int32_t ImageAddLightMap_SSE(const LightMapAddParam& p, const Rect& band);
 
 // A chosen form of ImageAddLightMap with its parameters, for a RowPipeline
 // step or an adapter task: RunLightMapAdd (job->param a LightMapAddTask) adds

@@ -86,17 +86,17 @@ void AddRowSse(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count) {
 
 }  // namespace
 
-int32_t PasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t PasteLight_SSE(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                         const Rect& shape_roi) {
   return RunPasteLight(shape, light, pt_int, args, shape_roi, PasteRowSse);
 }
 
-int32_t BilinearPasteLight_SSE4(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
+int32_t BilinearPasteLight_SSE(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
                                 const LightPasteArgs& args, const Rect& shape_roi) {
   return RunBilinearPasteLight(shape, tmp, light, pt, args, shape_roi, PasteRowSse, MixRowSse);
 }
 
-int32_t ImageAddLightMap_SSE4(const LightMapAddParam& p, const Rect& band) {
+int32_t ImageAddLightMap_SSE(const LightMapAddParam& p, const Rect& band) {
   return RunImageAddLightMap(p, band, AddRowSse);
 }
 

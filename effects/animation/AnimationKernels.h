@@ -33,7 +33,7 @@ using WarpSpanFn = void (*)(const WarpSource& src, const float m[6], int32_t y, 
                             int32_t x_end, unsigned char* dst);
 void WarpSpan(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
               unsigned char* dst);
-void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
+void WarpSpan_SSE(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
                    int32_t x_end, unsigned char* dst);
 
 // The past and future samples of each pixel, cross-faded:
@@ -45,7 +45,7 @@ using WarpBlendSpanFn = void (*)(const WarpSource& src, const float m_past[6], c
                                  unsigned char* dst);
 void WarpBlendSpan(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
                    int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
-void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+void WarpBlendSpan_SSE(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
                         int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
 
 namespace animation_detail {

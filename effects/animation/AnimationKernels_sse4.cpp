@@ -156,7 +156,7 @@ int32_t WarpBlendSpan4(const Sampler4& past, const Sampler4& future, int32_t alp
 
 }  // namespace
 
-void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
+void WarpSpan_SSE(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
                    unsigned char* dst) {
   const float fy = static_cast<float>(y);
   const float cx = m[1] * fy + m[2], cy = m[4] * fy + m[5];
@@ -169,7 +169,7 @@ void WarpSpan_SSE4(const WarpSource& src, const float m[6], int32_t y, int32_t x
   animation_detail::WarpPixels(src, m, cx, cy, x, x_end, dst + static_cast<size_t>(x - x_begin) * 4);
 }
 
-void WarpBlendSpan_SSE4(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+void WarpBlendSpan_SSE(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
                         int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst) {
   const float fy = static_cast<float>(y);
   const float px = m_past[1] * fy + m_past[2], py = m_past[4] * fy + m_past[5];

@@ -540,8 +540,8 @@ int32_t PhotoAnimator::RenderFrame(const AnimationParam& param, int32_t alpha) {
   frame_param.self = this;
   frame_param.param = &param;
   frame_param.alpha = alpha;
-  frame_param.warp = KORVANE_PICK(m_system_info, WarpSpan, WarpSpan_SSE4).fn;
-  frame_param.warp_blend = KORVANE_PICK(m_system_info, WarpBlendSpan, WarpBlendSpan_SSE4).fn;
+  frame_param.warp = KORVANE_PICK(m_system_info, WarpSpan, WarpSpan_SSE).fn;
+  frame_param.warp_blend = KORVANE_PICK(m_system_info, WarpBlendSpan, WarpBlendSpan_SSE).fn;
   {
     std::lock_guard<std::mutex> lock(m_chunk_mutex);
     m_next_chunk = 0;

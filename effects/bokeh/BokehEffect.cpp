@@ -414,7 +414,7 @@ int32_t BokehEffect::ProcessBokeh() {
   up.dst = m_light_buff;
   up.src_roi = m_scaled_roi;
   LightMapAddTask add;
-  add.fn = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4).fn;
+  add.fn = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE).fn;
   add.p.base = m_focus_src_buff;
   add.p.light = m_light_buff;
   add.p.dst = MapView(m_dst, FullRect(m_dst));
@@ -549,8 +549,8 @@ int32_t BokehEffect::PasteBokehList() {
   const float sat_weight = (m_shape_param.saturation + 1.0f) * 0.5f;
   const int32_t w = m_scaled_light_buff.width, h = m_scaled_light_buff.height;
   const bool whole_pixels = m_param.quality_mode == 2 || m_param.quality_mode == 3;
-  const auto paste = KORVANE_PICK(m_system_info, PasteLight, PasteLight_SSE4);
-  const auto bilinear_paste = KORVANE_PICK(m_system_info, BilinearPasteLight, BilinearPasteLight_SSE4);
+  const auto paste = KORVANE_PICK(m_system_info, PasteLight, PasteLight_SSE);
+  const auto bilinear_paste = KORVANE_PICK(m_system_info, BilinearPasteLight, BilinearPasteLight_SSE);
   const auto& curve = TwinkleCurve();
   SmartBuffer& light_buff = m_scaled_light_buff;
   int32_t hr;

@@ -6,7 +6,7 @@
 
 namespace Korvane {
 
-void DispersionFillBase_SSE4(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
+void DispersionFillBase_SSE(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
                              uint8_t* out, int32_t count) {
   const __m128 p = _mm_set1_ps(progress);
   int32_t x = 0;

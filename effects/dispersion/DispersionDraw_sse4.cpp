@@ -10,7 +10,7 @@ namespace Korvane {
 
 // Two pixels a step, widened to 16 bits: out * (256 - w) + colour * w + 128
 // stays below 2^16, so unsigned 16-bit lanes give the plain form's bytes.
-void DispersionDrawParticle_SSE4(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
+void DispersionDrawParticle_SSE(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
                                  int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride) {
   int32_t colour32;
   std::memcpy(&colour32, p.bgra, 4);

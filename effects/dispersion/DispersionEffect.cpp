@@ -23,7 +23,7 @@ constexpr float kPi = 3.14159265f;
 // row size inside 32 bits.
 constexpr int32_t kMaxSide = 1 << 16;
 
-inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
+
 
 int32_t Refuse(int32_t code, const char* what) {
   DebugLog("Dispersion: %s", what);
@@ -412,8 +412,8 @@ void DispersionEffect::BinFrame(const Rect& roi) {
 }
 
 int32_t DispersionEffect::Render(const DispersionParam& p, float progress) {
-  const auto fill = KORVANE_PICK(m_system_info, DispersionFillBase, DispersionFillBase_SSE4);
-  const auto draw = KORVANE_PICK(m_system_info, DispersionDrawParticle, DispersionDrawParticle_SSE4);
+  const auto fill = KORVANE_PICK(m_system_info, DispersionFillBase, DispersionFillBase_SSE);
+  const auto draw = KORVANE_PICK(m_system_info, DispersionDrawParticle, DispersionDrawParticle_SSE);
   const ImageBuffer& in = *p.input;
   const ImageBuffer& out = *p.output;
   const Rect roi = p.roi;

@@ -17,7 +17,7 @@ constexpr float kDispersionNever = 2.0f;
 // else photo[x] (BGRA pixels, copied whole).
 void DispersionFillBase(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
                         uint8_t* out, int32_t count);
-void DispersionFillBase_SSE4(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
+void DispersionFillBase_SSE(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
                              uint8_t* out, int32_t count);
 
 // Anti-aliased disc coverage for every radius in steps of 1/kSub pixel up to
@@ -74,7 +74,7 @@ inline void ForEachDiscRow(const CircleTable& table, const FrameParticle& p, int
 // whose pixel (ox, oy) is at `origin` (the frame's rows are output rows).
 void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
                             int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
-void DispersionDrawParticle_SSE4(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
+void DispersionDrawParticle_SSE(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
                                  int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
 
 }  // namespace Korvane

@@ -16,7 +16,7 @@ namespace Korvane {
 
 // The eight-pixel kernels of the SSE4.1 file: `count` pixels, a multiple of 8.
 template <int Slot>
-void GlowBlend8_SSE4(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t count, int32_t opacity);
+void GlowBlend8_SSE(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t count, int32_t opacity);
 
 namespace {
 
@@ -53,7 +53,7 @@ int32_t BlendRows(ThreadJob* job, int32_t* result) {
   if (hr >= 0) {
     using Kernel8 = void (*)(const uint8_t*, const uint8_t*, uint8_t*, int32_t, int32_t);
     // Instantiated with kSse41 only in builds that have the SSE4.1 kernels.
-    const Kernel8 k8 = KORVANE_SSE41(GlowBlend8_SSE4<Slot>);
+    const Kernel8 k8 = KORVANE_SSE41(GlowBlend8_SSE<Slot>);
     for (int32_t y = b.y0; y < b.y1; ++y) {
       const uint8_t* s = b.glow + static_cast<ptrdiff_t>(y) * b.glow_stride;
       const uint8_t* d = b.photo + static_cast<ptrdiff_t>(y) * b.photo_stride;

@@ -7,6 +7,7 @@
 #include "core/BilinearResize.h"
 #include "core/BoxBlur.h"
 #include "core/DebugLog.h"
+#include "core/ImageChecks.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "effects/glow/GlowStages.h"
@@ -14,12 +15,6 @@
 namespace Korvane {
 
 namespace {
-
-// Largest side Initialize accepts: keeps the row size of every working image
-// (12 bytes a pixel at most) inside 32 bits.
-constexpr int32_t kMaxSide = 1 << 26;
-
-inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
 
 // Releases the image references a Process call took, on every way out.
 struct ParamImagesGuard {
@@ -60,7 +55,7 @@ void GlowEffect::ReleaseAll() {
 }
 
 int32_t GlowEffect::Initialize(int32_t width, int32_t height) {
-  if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide) return E_INVALIDARG;
+  if (width < 1 || height < 1 || width > kMaxImageSide || height > kMaxImageSide) return E_INVALIDARG;
   if (width == m_img_w && height == m_img_h && BuffersReady()) return S_OK;
 
   // The size is stored before the buffers exist: a failed call keeps it, but
@@ -192,7 +187,7 @@ int32_t GlowEffect::CopyAndDetectHighlight() {
   p.threshold = m_param.hlr_threshold;
   p.cols = m_aligned_img_w;
   p.rows = m_aligned_img_h;
-  const auto detect = KORVANE_PICK(m_system_info, GlowDetectHighlight, GlowDetectHighlight_SSE4);
+  const auto detect = KORVANE_PICK(m_system_info, GlowDetectHighlight, GlowDetectHighlight_SSE);
   // 16 rows of a 4000-pixel photo: 256 KB copied, then read back from cache.
   RowPipeline chain(16);
   chain.Then("copy src", GlowCopySrc, &copy).Then("detect hlr", detect.fn, &p);
@@ -238,7 +233,7 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   // Float" and the two "BoxBlurH" passes of "soften hlr" in one sweep.
   RowPipeline chain(8);
   chain.Then("downsampling hlr", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &down)
-      .Then("convert BYTE to Float", KORVANE_PICK(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE4).fn, &conv);
+      .Then("convert BYTE to Float", KORVANE_PICK(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE).fn, &conv);
   if (r > 0) chain.Then("soften hlr", KORVANE_PICK(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE).fn, &blur_rows);
   int32_t hr;
   if ((hr = chain.Run(m_thread_adapter, region)) < 0) return hr;
@@ -254,7 +249,7 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
     }
   }
   if (!to_bytes) return S_OK;
-  const auto to_byte = KORVANE_PICK(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE4);
+  const auto to_byte = KORVANE_PICK(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE);
   conv.tone = nullptr;
   return RunStage("convert Float to BYTE", to_byte.fn, &conv, region);
 }

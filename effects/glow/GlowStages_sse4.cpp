@@ -8,7 +8,7 @@
 
 namespace Korvane {
 
-int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
+int32_t GlowDetectHighlight_SSE(ThreadJob* job, int32_t* result) {
   const auto* p = static_cast<const GlowDetectParam*>(job->param);
   // The masked form reads three mask bytes per pixel with edge rules; it stays
   // on the plain path, which also does every check.
@@ -45,7 +45,7 @@ int32_t GlowDetectHighlight_SSE4(ThreadJob* job, int32_t* result) {
   return Done(result, S_OK);
 }
 
-int32_t GlowByteToFloat_SSE4(ThreadJob* job, int32_t* result) {
+int32_t GlowByteToFloat_SSE(ThreadJob* job, int32_t* result) {
   Rect r;
   const GlowConvertParam* p = GlowConvertBand(job, result, r);
   if (!p) return *result;
@@ -94,7 +94,7 @@ inline __m128i ToBytes4(__m128 f) {
 
 }  // namespace
 
-int32_t GlowFloatToByte_SSE4(ThreadJob* job, int32_t* result) {
+int32_t GlowFloatToByte_SSE(ThreadJob* job, int32_t* result) {
   Rect r;
   const GlowConvertParam* p = GlowConvertBand(job, result, r);
   if (!p) return *result;

@@ -10,7 +10,7 @@
 
 namespace Korvane {
 
-void BuildBlendTable_SSE4(float strength, uint8_t table[256]) {
+void BuildBlendTable_SSE(float strength, uint8_t table[256]) {
   const __m128 k = _mm_set1_ps(strength);
   const __m128d half = _mm_set1_pd(0.5);
   const __m128i step = _mm_set1_epi32(4);
@@ -29,7 +29,7 @@ void BuildBlendTable_SSE4(float strength, uint8_t table[256]) {
   }
 }
 
-int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band) {
+int32_t BlendRays_SSE(const BlendParam& p, const Rect& band) {
   const uint8_t* t = p.table;
   const __m128i no_alpha = _mm_set1_epi32(0x00FFFFFF);
   const auto looked_up = [t](const uint8_t* ray) -> uint32_t {
@@ -53,8 +53,8 @@ int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band) {
       });
 }
 
-int32_t BlendRaysTask_SSE4(ThreadJob* job, int32_t* result) {
-  return Done(result, BlendRays_SSE4(*static_cast<const BlendParam*>(job->param), job->rect));
+int32_t BlendRaysTask_SSE(ThreadJob* job, int32_t* result) {
+  return Done(result, BlendRays_SSE(*static_cast<const BlendParam*>(job->param), job->rect));
 }
 
 }  // namespace Korvane

@@ -10,7 +10,7 @@
 
 namespace Korvane {
 
-int32_t HighLightDetect_SSE4(const HighLightParam& p, const Rect& band) {
+int32_t HighLightDetect_SSE(const HighLightParam& p, const Rect& band) {
   if (!p.src || !p.mask || !p.dst || !p.src->data || !p.mask->data || !p.dst->data) return E_POINTER;
   const Rect r = Clip(band, p.dst->width, p.dst->height);
   const __m128i low_byte = _mm_set1_epi32(0xFF);

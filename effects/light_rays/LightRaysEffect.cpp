@@ -30,7 +30,7 @@ constexpr double kSway = 0.04;             // animated beams move up to this man
 constexpr float kSpokeBase = 0.22f;        // light between the radial spokes
 constexpr float kShaftBase = 0.2f;         // light between the directional shafts
 
-inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }  // false for NaN
+
 
 // Stores `code` in hr; on a failure logs it with `text` and returns true.
 bool FailedCall(int32_t code, const char* text, int32_t& hr) {
@@ -334,7 +334,7 @@ int32_t LightRaysEffect::RunPipeline() {
   detect.dst = &m_resized_hlr_buff;
   detect.threshold = m_param.hlr_threshold;
   const Rect resized{0, 0, m_resized_img_w, m_resized_img_h};
-  const auto find = KORVANE_PICK(m_system_info, HighLightDetect, HighLightDetect_SSE4);
+  const auto find = KORVANE_PICK(m_system_info, HighLightDetect, HighLightDetect_SSE);
   if ((hr = RunBands(m_thread_adapter, resized, [&](const Rect& band) { return find.fn(detect, band); })) < 0) {
     KORVANE_LOG_FAILED_STEP("HighLightDetect", hr);
     return hr;
@@ -562,7 +562,7 @@ int32_t LightRaysEffect::PolarTransformProcess() {
                             "LightRayHalfBlurH")) < 0)
     return hr;
 
-  const auto back = KORVANE_PICK(m_system_info, PolarToCarte, PolarToCarte_SSE4);
+  const auto back = KORVANE_PICK(m_system_info, PolarToCarte, PolarToCarte_SSE);
   PolarToCarteParam to_carte;
   to_carte.polar = &m_temp_polar_buff;
   to_carte.polar_w = pw;
@@ -578,14 +578,14 @@ int32_t LightRaysEffect::PolarTransformProcess() {
 
 int32_t LightRaysEffect::SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area,
                                         const char* sample_step, const char* smear_step) {
-  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE4);
+  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE);
   SampleRowsParam to_lines{&m_resized_hlr_buff, &lines, m_lines.data()};
   int32_t hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return sample.fn(to_lines, band); });
   if (hr < 0) {
     KORVANE_LOG_FAILED_STEP(sample_step, hr);
     return hr;
   }
-  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE4);
+  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE);
   SmearRowsParam smear{&lines, &smeared, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
   hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return blur.fn(smear, band); });
   if (hr < 0) KORVANE_LOG_FAILED_STEP(smear_step, hr);
@@ -634,7 +634,7 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   back.vx = ex;
   back.vy = ey;
   back.area = m_downsized_roi;
-  const auto inverse = KORVANE_PICK(m_system_info, RotateBack, RotateBack_SSE4);
+  const auto inverse = KORVANE_PICK(m_system_info, RotateBack, RotateBack_SSE);
   hr = RunBands(m_thread_adapter, m_downsized_roi, [&](const Rect& band) { return inverse.fn(back, band); });
   if (hr < 0) KORVANE_LOG_FAILED_STEP("InverseRotateTransform", hr);
   return hr;
@@ -708,7 +708,7 @@ int32_t LightRaysEffect::UpSampleAndBlend() {
   up.src = m_resized_hlr_buff;
   up.dst = m_hlr_buff;
   up.src_roi = m_downsized_roi;
-  const auto table_fn = KORVANE_PICK(m_system_info, BuildBlendTable, BuildBlendTable_SSE4);
+  const auto table_fn = KORVANE_PICK(m_system_info, BuildBlendTable, BuildBlendTable_SSE);
   uint8_t table[256];
   table_fn.fn(m_param.blend_strength, table);
   BlendParam blend;
@@ -719,7 +719,7 @@ int32_t LightRaysEffect::UpSampleAndBlend() {
   blend.roi = m_param.roi;
   RowPipeline chain(16);
   chain.Then("hlr upsample", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &up)
-      .Then("Blend", KORVANE_PICK(m_system_info, BlendRaysTask, BlendRaysTask_SSE4).fn, &blend);
+      .Then("Blend", KORVANE_PICK(m_system_info, BlendRaysTask, BlendRaysTask_SSE).fn, &blend);
   const int32_t hr = chain.Run(m_thread_adapter, m_param.roi);
   // A failure of the chain itself (no step failed) counts as the first step's.
   if (hr < 0 && chain.FailedStep() <= 0) KORVANE_LOG_FAILED_CALL("UpSampleHLR()", hr);

@@ -47,7 +47,7 @@ struct HighLightParam {
   float threshold = 0.0f;
 };
 int32_t HighLightDetect(const HighLightParam& p, const Rect& band);
-int32_t HighLightDetect_SSE4(const HighLightParam& p, const Rect& band);
+int32_t HighLightDetect_SSE(const HighLightParam& p, const Rect& band);
 
 // The ray-space image's rows from the highlight image: bilinear samples,
 // zero outside the image (so the rays fade in at its edges). Band rows are
@@ -134,13 +134,13 @@ int32_t BlendRays(const BlendParam& p, const Rect& band);
 int32_t BlendRaysTask(ThreadJob* job, int32_t* result);
 
 // SSE4.1 forms with the same results.
-void BuildBlendTable_SSE4(float strength, uint8_t table[256]);
-int32_t BlendRays_SSE4(const BlendParam& p, const Rect& band);
-int32_t BlendRaysTask_SSE4(ThreadJob* job, int32_t* result);
-int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band);
-int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band);
-int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band);
-int32_t SmearRows_SSE4(const SmearRowsParam& p, const Rect& band);
+void BuildBlendTable_SSE(float strength, uint8_t table[256]);
+int32_t BlendRays_SSE(const BlendParam& p, const Rect& band);
+int32_t BlendRaysTask_SSE(ThreadJob* job, int32_t* result);
+int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band);
+int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band);
+int32_t RotateBack_SSE(const RotateBackParam& p, const Rect& band);
+int32_t SmearRows_SSE(const SmearRowsParam& p, const Rect& band);
 
 namespace light_rays_detail {
 

@@ -37,7 +37,7 @@ inline uint32_t Mix4Sse(const uint8_t* p00, const uint8_t* p01, const uint8_t* p
 
 }  // namespace
 
-int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band) {
+int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band) {
   if (!p.src || !p.dst || !p.lines || !p.src->data || !p.dst->data) return E_POINTER;
   const SmartBuffer& src = *p.src;
   const auto mix = [](auto... a) { return Mix4Sse(a...); };
@@ -87,7 +87,7 @@ int32_t SampleRows_SSE4(const SampleRowsParam& p, const Rect& band) {
   return S_OK;
 }
 
-int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band) {
+int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band) {
   if (!p.polar || !p.dst || !p.map || !p.polar->data || !p.dst->data) return E_POINTER;
   if (p.polar_w < 2 || p.polar_h < 2) return E_INVALIDARG;
   const Rect r = light_rays_detail::BandInArea(band, p.area, *p.dst);
@@ -133,7 +133,7 @@ int32_t PolarToCarte_SSE4(const PolarToCarteParam& p, const Rect& band) {
   return S_OK;
 }
 
-int32_t RotateBack_SSE4(const RotateBackParam& p, const Rect& band) {
+int32_t RotateBack_SSE(const RotateBackParam& p, const Rect& band) {
   return light_rays_detail::RotateBackWith(p, band, [](auto... a) { return Mix4Sse(a...); });
 }
 

@@ -20,7 +20,7 @@ inline __m128i Widen(const uint8_t* p) {
 
 }  // namespace
 
-int32_t SmearRows_SSE4(const SmearRowsParam& p, const Rect& band) {
+int32_t SmearRows_SSE(const SmearRowsParam& p, const Rect& band) {
   const int32_t hr = light_rays_detail::CheckSmear(p);
   if (hr < 0) return hr;
   const int32_t len = p.length;

@@ -643,7 +643,7 @@ int32_t SparkleEffect::PasteOne(const SparkleVariant& variant, SmartBuffer& ligh
       return hr;
     }
     if (IsEmpty(spk_roi)) return S_OK;
-    const auto paste = KORVANE_PICK(m_system_info, PasteLight, PasteLight_SSE4);
+    const auto paste = KORVANE_PICK(m_system_info, PasteLight, PasteLight_SSE);
     if ((hr = paste.fn(variant.shape, light, pt_int, args, spk_roi)) < 0) {
       DebugLog("[Korvane] %s(sparkle_buff, light_buff, pt_int, current_lightness, color, spk_roi) Error! - Return "
                "Code: %x",
@@ -658,7 +658,7 @@ int32_t SparkleEffect::PasteOne(const SparkleVariant& variant, SmartBuffer& ligh
     return hr;
   }
   if (IsEmpty(spk_roi)) return S_OK;
-  const auto paste = KORVANE_PICK(m_system_info, BilinearPasteLight, BilinearPasteLight_SSE4);
+  const auto paste = KORVANE_PICK(m_system_info, BilinearPasteLight, BilinearPasteLight_SSE);
   SmartBuffer tmp = variant.tmp;
   if ((hr = paste.fn(variant.shape, tmp, light, pt, args, spk_roi)) < 0) {
     DebugLog("[Korvane] %s(sparkle_buff, tmp_sparkle_buff, light_buff, pt, current_lightness, color, spk_roi) "
@@ -740,7 +740,7 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
                                  m_auto_render.brightness};
   SparkleAdjustParam adjust_manual{m_manu_scaled_light_buff, work, 1.0f, m_manual_render.saturation,
                                    m_manual_render.brightness};
-  const auto add = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE4);
+  const auto add = KORVANE_PICK(m_system_info, ImageAddLightMap, ImageAddLightMap_SSE);
   // The manual light map added into the automatic one (in place).
   LightMapAddTask combine;
   combine.fn = add.fn;

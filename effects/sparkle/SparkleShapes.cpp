@@ -80,7 +80,7 @@ void SampleVariantRow(const VariantJob& j, int32_t y) {
 }
 
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs) {
-  const auto row = KORVANE_PICK(info, SampleVariantRow, SampleVariantRow_SSE4);
+  const auto row = KORVANE_PICK(info, SampleVariantRow, SampleVariantRow_SSE);
   int32_t hr;
   // Row r of the run is row r - first[j] of job j.
   std::vector<int32_t> first(jobs.size() + 1, 0);

@@ -62,7 +62,7 @@ int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, s
 // Row y of one job's variant (its shape already made), plain and SSE4.1
 // forms with identical bytes.
 void SampleVariantRow(const VariantJob& job, int32_t y);
-void SampleVariantRow_SSE4(const VariantJob& job, int32_t y);
+void SampleVariantRow_SSE(const VariantJob& job, int32_t y);
 
 // An odd pasting size (at least 3) from a length in light-map pixels.
 int32_t OddShapeSize(float length);

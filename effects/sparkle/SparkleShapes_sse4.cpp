@@ -9,7 +9,7 @@ namespace Korvane {
 
 using namespace sparkle_detail;
 
-void SampleVariantRow_SSE4(const VariantJob& j, int32_t y) {
+void SampleVariantRow_SSE(const VariantJob& j, int32_t y) {
   // B0 B1 G0 G1 R0 R1 A0 A1: each channel of the left and right tap side by side.
   const __m128i pair = _mm_setr_epi8(0, 4, 1, 5, 2, 6, 3, 7, -1, -1, -1, -1, -1, -1, -1, -1);
   const __m128i half = _mm_set1_epi32(32768);

@@ -73,7 +73,7 @@ TEST(LightPaste, ShapeOnTheCornerIsClippedToItsQuarter) {
     SmartBuffer light = Bgra(10, 10);
     const SmartBuffer shape = White(5);
     ASSERT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 5, 10, 10), S_OK);
-    const auto paste = simd ? KORVANE_SSE41(PasteLight_SSE4) : &PasteLight;
+    const auto paste = simd ? KORVANE_SSE41(PasteLight_SSE) : &PasteLight;
     if (!paste) continue;
     ASSERT_EQ(paste(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), roi), S_OK);
     for (int32_t y = 0; y < 10; ++y)
@@ -90,7 +90,7 @@ TEST(LightPaste, ShapeOnTheCornerIsClippedToItsQuarter) {
 }
 
 TEST(LightPaste, TwoPastesAddAndSaturate) {
-  const auto paste = KORVANE_SSE41(PasteLight_SSE4);
+  const auto paste = KORVANE_SSE41(PasteLight_SSE);
   for (auto fn : {&PasteLight, paste}) {
     if (!fn) continue;
     SmartBuffer light = Bgra(9, 9);
@@ -180,13 +180,13 @@ TEST(LightPaste, SseFormsMatchPlainOnAwkwardSizes) {
         Rect roi;
         ASSERT_EQ(CalPasteLightROI(roi, pi, d, h, w), S_OK);
         ASSERT_EQ(PasteLight(shape, a, pi, args, roi), S_OK);
-        ASSERT_EQ(PasteLight_SSE4(shape, b, pi, args, roi), S_OK);
+        ASSERT_EQ(PasteLight_SSE(shape, b, pi, args, roi), S_OK);
         ASSERT_EQ(Bytes(a), Bytes(b)) << "integer d " << d << " w " << w << " mode " << mode;
         PointI origin;
         SmartBuffer ta = Bgra(d + 1, d + 1), tb = Bgra(d + 1, d + 1);
         ASSERT_EQ(CalBilinearPasteLightROI(roi, origin, pt, d, h, w), S_OK);
         ASSERT_EQ(BilinearPasteLight(shape, ta, a, pt, args, roi), S_OK);
-        ASSERT_EQ(BilinearPasteLight_SSE4(shape, tb, b, pt, args, roi), S_OK);
+        ASSERT_EQ(BilinearPasteLight_SSE(shape, tb, b, pt, args, roi), S_OK);
         ASSERT_EQ(Bytes(a), Bytes(b)) << "sub-pixel d " << d << " w " << w << " mode " << mode << " at " << pt.x << ","
                                       << pt.y;
       }
@@ -197,7 +197,7 @@ TEST(LightPaste, SseFormsMatchPlainOnAwkwardSizes) {
           out_b(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 3);
       LightMapAddParam pa{base, light, out_a.buf, roi}, pb{base, light, out_b.buf, roi};
       ASSERT_EQ(ImageAddLightMap(pa, roi), S_OK);
-      ASSERT_EQ(ImageAddLightMap_SSE4(pb, roi), S_OK);
+      ASSERT_EQ(ImageAddLightMap_SSE(pb, roi), S_OK);
       EXPECT_EQ(out_a.Packed(), out_b.Packed()) << "add w " << w;
       EXPECT_TRUE(out_b.GuardsIntact());
       const uint8_t* o = out_a.buf.data;

@@ -342,8 +342,8 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
 
 TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
   if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 kernels not built";
-  WarpSpanFn sse_warp = KORVANE_SSE41(WarpSpan_SSE4);
-  WarpBlendSpanFn sse_warp_blend = KORVANE_SSE41(WarpBlendSpan_SSE4);
+  WarpSpanFn sse_warp = KORVANE_SSE41(WarpSpan_SSE);
+  WarpBlendSpanFn sse_warp_blend = KORVANE_SSE41(WarpBlendSpan_SSE);
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> u(-1.0f, 1.0f);
   auto random_matrix = [&](int trial, int w, int h, float* m) {

@@ -422,7 +422,7 @@ TEST(DispersionKernels, FillBaseFormsAgreeOnAwkwardWidths) {
       std::vector<uint8_t> plain(n * 4 + 4, 0xEE), sse(n * 4 + 4, 0xEE);
       DispersionFillBase(a.data(), b.data(), start.data(), progress, plain.data(), n);
 #if KORVANE_HAVE_SSE41
-      DispersionFillBase_SSE4(a.data(), b.data(), start.data(), progress, sse.data(), n);
+      DispersionFillBase_SSE(a.data(), b.data(), start.data(), progress, sse.data(), n);
       EXPECT_EQ(plain, sse) << n << " pixels at " << progress;
 #endif
       for (int32_t i = 0; i < n; ++i) {
@@ -452,7 +452,7 @@ TEST(DispersionKernels, DrawFormsAgreeOnAwkwardSizes) {
       const int32_t x0 = w > 2 ? 1 : 0;
       DispersionDrawParticle(t, f, x0, w, 1, h - 1, plain.data(), 0, 0, stride);
 #if KORVANE_HAVE_SSE41
-      DispersionDrawParticle_SSE4(t, f, x0, w, 1, h - 1, sse.data(), 0, 0, stride);
+      DispersionDrawParticle_SSE(t, f, x0, w, 1, h - 1, sse.data(), 0, 0, stride);
 #endif
     }
 #if KORVANE_HAVE_SSE41

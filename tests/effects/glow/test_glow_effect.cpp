@@ -451,7 +451,7 @@ TEST(GlowStages, DetectHighlightReadsThreeMaskBytesAndTreatsBytesBeyondTheMaskAs
           Bytes out(src.size() + 2 * cols * 4, static_cast<uint8_t>(0x11 + simd));
           SmartBuffer d = MakeSmartBufferView(out.data() + cols * 4, cols, rows);
           GlowDetectParam p{&s, &d, with_mask ? &m : nullptr, t, cols, rows};
-          const ThreadTask task = simd ? KORVANE_SSE41(GlowDetectHighlight_SSE4) : &GlowDetectHighlight;
+          const ThreadTask task = simd ? KORVANE_SSE41(GlowDetectHighlight_SSE) : &GlowDetectHighlight;
           ASSERT_EQ(RunTask(task, &p, Rect{-3, -2, cols + 5, rows + 4}), S_OK);  // clipped to the allocation
           ASSERT_TRUE(std::equal(want.begin(), want.end(), out.begin() + cols * 4))
               << "w " << w << " t " << t << " mask " << with_mask << " simd " << simd;
@@ -503,12 +503,12 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
       if (sse && !KORVANE_HAVE_SSE41) continue;
       SmartBuffer b = MakeSmartBufferView(out[sse].data(), w, h), f = FloatView(in[sse], w, h);
       GlowConvertParam to_bytes{&b, &f};
-      ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowFloatToByte_SSE4) : &GlowFloatToByte, &to_bytes, {0, 0, w, h}), S_OK);
+      ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowFloatToByte_SSE) : &GlowFloatToByte, &to_bytes, {0, 0, w, h}), S_OK);
       for (int t = 0; t < 2; ++t) {
         back[sse][t].assign(floats.size(), sse ? 9.0f : -7.0f);
         SmartBuffer f2 = FloatView(back[sse][t], w, h);
         GlowConvertParam to_floats{&b, &f2, t ? tone : nullptr};
-        ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowByteToFloat_SSE4) : &GlowByteToFloat, &to_floats, {0, 0, w, h}), S_OK);
+        ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowByteToFloat_SSE) : &GlowByteToFloat, &to_floats, {0, 0, w, h}), S_OK);
       }
     }
     for (size_t i = 0, j = 0; i < bytes.size(); i += 4, j += 3) {

@@ -26,7 +26,7 @@ TEST(LightRaysKernels, BlendTableAndBlendPlainAndSseAgree) {
   for (float s : strengths) {
     uint8_t plain[256], sse[256];
     BuildBlendTable(s, plain);
-    BuildBlendTable_SSE4(s, sse);
+    BuildBlendTable_SSE(s, sse);
     ASSERT_EQ(0, std::memcmp(plain, sse, 256)) << s;
     for (int i : {0, 1, 128, 255}) ASSERT_EQ(plain[i], std::min(static_cast<int>(i * s + 0.5), 255)) << s;
   }
@@ -42,7 +42,7 @@ TEST(LightRaysKernels, BlendTableAndBlendPlainAndSseAgree) {
     BlendParam p{&s, &r, &da, table, roi};
     ASSERT_EQ(BlendRays(p, roi), S_OK);
     p.dst = &db;
-    ASSERT_EQ(BlendRays_SSE4(p, roi), S_OK);
+    ASSERT_EQ(BlendRays_SSE(p, roi), S_OK);
     EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, dw);
     const size_t si = (static_cast<size_t>(1) * w + roi.left) * 4;
     for (int c = 0; c < 3; ++c) EXPECT_EQ(a[c], std::min(src[si + c] + table[rays[si + c]], 255)) << w;
@@ -74,7 +74,7 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
     SampleRowsParam sp{&src, &da, lines.data()};
     ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
     sp.dst = &db;
-    ASSERT_EQ(SampleRows_SSE4(sp, Rect{0, 0, cols, rows}), S_OK);
+    ASSERT_EQ(SampleRows_SSE(sp, Rect{0, 0, cols, rows}), S_OK);
     EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, cols);
 
     // The smear of random rows (lengths short and long, every gain).
@@ -88,7 +88,7 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
       SmearRowsParam smear{&dn, &qa, lines.data(), gains.data(), length};
       ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
       smear.dst = &qb;
-      ASSERT_EQ(SmearRows_SSE4(smear, Rect{0, 0, cols, rows}), S_OK);
+      ASSERT_EQ(SmearRows_SSE(smear, Rect{0, 0, cols, rows}), S_OK);
       EXPECT_EQ(sa, sb) << w << ", length " << length << ": " << KorvaneTest::FirstDifference(sa, sb, cols);
     }
 
@@ -110,7 +110,7 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
     pp.area = Rect{0, 0, w, h};
     ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
     pp.dst = &qb;
-    ASSERT_EQ(PolarToCarte_SSE4(pp, pp.area), S_OK);
+    ASSERT_EQ(PolarToCarte_SSE(pp, pp.area), S_OK);
     EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
 
     // The inverse rotation at an arbitrary angle, reading past every edge.
@@ -128,7 +128,7 @@ TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
     rp.area = Rect{0, h / 2, w, h};
     ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
     rp.dst = &qb;
-    ASSERT_EQ(RotateBack_SSE4(rp, rp.area), S_OK);
+    ASSERT_EQ(RotateBack_SSE(rp, rp.area), S_OK);
     EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
   }
 }
@@ -217,7 +217,7 @@ TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
     HighLightParam all{&es, &em, &ea, threshold};
     ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
     all.dst = &eb;
-    ASSERT_EQ(HighLightDetect_SSE4(all, Rect{0, 0, 256, 256}), S_OK);
+    ASSERT_EQ(HighLightDetect_SSE(all, Rect{0, 0, 256, 256}), S_OK);
     ASSERT_EQ(a, b) << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
   }
   for (int w : kWidths) {
@@ -227,7 +227,7 @@ TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
     HighLightParam hp{&ps, &pm, &qa, 100.25f};
     ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
     hp.dst = &qb;
-    ASSERT_EQ(HighLightDetect_SSE4(hp, Rect{0, 0, w, 3}), S_OK);
+    ASSERT_EQ(HighLightDetect_SSE(hp, Rect{0, 0, w, 3}), S_OK);
     EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
   }
 

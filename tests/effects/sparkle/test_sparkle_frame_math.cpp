@@ -183,7 +183,7 @@ TEST(SparkleShapes, SseSamplerMatchesPlainOnAwkwardSizes) {
           v.d = d;
           ASSERT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
           job.variant = &v;
-          for (int32_t y = 0; y < d; ++y) (form ? SampleVariantRow_SSE4 : SampleVariantRow)(job, y);
+          for (int32_t y = 0; y < d; ++y) (form ? SampleVariantRow_SSE : SampleVariantRow)(job, y);
           got[form] = Pixels(v.shape);
         }
         ASSERT_EQ(got[1], got[0]) << n << " -> " << d << " at " << deg << ": "

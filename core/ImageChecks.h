@@ -85,22 +85,6 @@ inline int32_t CheckImage(const Image& img, int32_t pix_fmt) {
   return CheckImage(&img, pix_fmt);
 }
 
-// An image a task reads or writes over rectangle r: E_POINTER without
-// pixels, E_NOTIMPL in another format, E_INVALIDARG for a negative size, rows
-// too short or r reaching outside it. Unlike CheckImage, an empty image (or
-// rectangle) passes: it simply holds nothing.
-template <class Image>
-inline int32_t CheckHolds(const Image* img, int32_t pix_fmt, const Rect& r) {
-  if (img == nullptr || !HasPixels(*img)) return E_POINTER;
-  if (!IsFormat(*img, pix_fmt)) return E_NOTIMPL;
-  if (img->width < 0 || img->height < 0 ||
-      static_cast<int64_t>(img->stride) < static_cast<int64_t>(img->width) * BytesPerPixel(pix_fmt)) {
-    return E_INVALIDARG;
-  }
-  if (r.left < 0 || r.top < 0 || r.right > img->width || r.bottom > img->height) return E_INVALIDARG;
-  return S_OK;
-}
-
 template <class A, class B>
 inline bool SameSize(const A& a, const B& b) {
   return a.width == b.width && a.height == b.height;
@@ -118,6 +102,47 @@ template <class Image>
 inline bool RectInside(const Rect& r, const Image& img) {
   return RectInside(r, img.width, img.height);
 }
+
+// The images of one frame call, in the one order: the photo `src`, the
+// output `dst` that shows rectangle `roi` of it, and an optional GRAY8
+// `guide` of the photo's size (NULL, or an image without pixels, is none).
+// E_POINTER for a missing photo, output or pixels; E_NOTIMPL for src or dst
+// not BGRA32 or a guide not GRAY8; E_INVALIDARG for an empty photo, a side
+// over kMaxImageSide, short rows, roi not inside the photo, dst not roi's
+// size or a guide of another size. An effect whose own contract orders its
+// checks differently says so in its header and checks in that order.
+template <class Src, class Dst, class Guide = Src>
+inline int32_t CheckFrameImages(const Src* src, const Dst* dst, const Rect& roi, const Guide* guide = nullptr) {
+  if (!src || !HasPixels(*src) || !dst || !HasPixels(*dst)) return E_POINTER;
+  const bool guided = guide && HasPixels(*guide);
+  if (!IsBgra(*src) || !IsBgra(*dst) || (guided && !IsGray8(*guide))) return E_NOTIMPL;
+  if (!RowsFit(*src, 4) || !RowsFit(*dst, 4) || src->width > kMaxImageSide || src->height > kMaxImageSide) {
+    return E_INVALIDARG;
+  }
+  if (!RectInside(roi, src->width, src->height) || dst->width != RectWidth(roi) || dst->height != RectHeight(roi)) {
+    return E_INVALIDARG;
+  }
+  if (guided && (!SameSize(*guide, *src) || !RowsFit(*guide, 1))) return E_INVALIDARG;
+  return S_OK;
+}
+
+// An image a task reads or writes over rectangle r: E_POINTER without
+// pixels, E_NOTIMPL in another format, E_INVALIDARG for a negative size, rows
+// too short or r reaching outside it. Unlike CheckImage, an empty image (or
+// rectangle) passes: it simply holds nothing.
+template <class Image>
+inline int32_t CheckHolds(const Image* img, int32_t pix_fmt, const Rect& r) {
+  if (img == nullptr || !HasPixels(*img)) return E_POINTER;
+  if (!IsFormat(*img, pix_fmt)) return E_NOTIMPL;
+  if (img->width < 0 || img->height < 0 ||
+      static_cast<int64_t>(img->stride) < static_cast<int64_t>(img->width) * BytesPerPixel(pix_fmt)) {
+    return E_INVALIDARG;
+  }
+  if (r.left < 0 || r.top < 0 || r.right > img->width || r.bottom > img->height) return E_INVALIDARG;
+  return S_OK;
+}
+
+
 
 // The rectangle cut to a w x h image; empty when nothing of it lies inside.
 inline Rect Clip(const Rect& r, int32_t w, int32_t h) {

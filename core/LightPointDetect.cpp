@@ -424,4 +424,27 @@ int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_
   return static_cast<int32_t>((frame + static_cast<int64_t>(index % count) * cycles) % count);
 }
 
+int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,
+                        LightPointSummary* summary, LightPointInfo* points, int32_t capacity) {
+  if (!summary) return E_POINTER;
+  if (capacity < 0 || (capacity > 0 && !points)) return E_INVALIDARG;
+  summary->norm_width = norm_w;
+  summary->norm_height = norm_h;
+  summary->curve_samples = curve_samples;
+  summary->count = static_cast<int32_t>(list.size());
+  int32_t n = 0;
+  for (auto it = list.begin(); it != list.end() && n < capacity; ++it, ++n) {
+    const LightPoint& p = it->second;
+    LightPointInfo& out = points[n];
+    out = LightPointInfo();
+    out.x = p.x;
+    out.y = p.y;
+    out.phase = p.phase;
+    out.random = p.random;
+    out.color_index = p.color_index;
+    out.enabled = p.enabled;
+  }
+  return S_OK;
+}
+
 }  // namespace Korvane

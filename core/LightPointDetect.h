@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "core/ImageBuffer.h"
+#include "core/LightPoints.h"
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 
@@ -132,6 +133,13 @@ using LightPointList = std::map<int32_t, LightPoint>;
 // platform. E_POINTER without pixels, E_NOTIMPL for another map format,
 // E_INVALIDARG for counts below 1. An empty map gives an empty list.
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list);
+
+// The public answer of an effect's GetLightPoints: the summary, and the
+// first min(capacity, list size) points copied out in list order.
+// E_POINTER without a summary, E_INVALIDARG for a negative capacity or
+// points NULL with a positive capacity.
+int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,
+                        LightPointSummary* summary, LightPointInfo* points, int32_t capacity);
 
 // ---------------------------------------------------------------------------
 // Twinkling: a point's brightness follows an effect's curve of `samples`

@@ -305,6 +305,13 @@ int32_t BokehEffect::ReleaseBuffer() {
   return S_OK;
 }
 
+int32_t BokehEffect::GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const {
+  if (!summary) return E_POINTER;
+  if (!m_source_set) return E_FAIL;
+  return CopyLightPoints(m_bokeh_list, m_norm_img_size.w, m_norm_img_size.h, kTwinkleSamples, summary, points,
+                         capacity);
+}
+
 // --- Frame --------------------------------------------------------------------
 
 int32_t BokehEffect::Process(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
@@ -625,6 +632,12 @@ int32_t BokehEffect::PasteBokehList() {
       }
     }
   }
+  return S_OK;
+}
+
+int32_t BokehEffect::SetRegionMode(int32_t mode) {
+  if (mode != REGION_CENTRES_INSIDE && mode != REGION_SHAPES_REACHING) return E_INVALIDARG;
+  m_region_mode = mode;
   return S_OK;
 }
 

@@ -37,6 +37,8 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t Process(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
                   const ImageBuffer* blur_mask, ImageBuffer* dst, Rect roi) override;
   int32_t ReleaseBuffer() override;
+  int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
+  int32_t SetRegionMode(int32_t mode) override;
 
   // Inspection, for tests and the tool.
   const LightPointList& GetBokehList() const { return m_bokeh_list; }
@@ -123,6 +125,7 @@ class BokehEffect final : public Bokeh, public EffectCore {
   bool m_types_ready = false;
   int32_t m_types_long_side = 0;
   BokehFocus m_focus_effect;
+  int32_t m_region_mode = REGION_CENTRES_INSIDE;
 };
 
 }  // namespace Korvane

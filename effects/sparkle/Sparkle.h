@@ -27,6 +27,7 @@
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
+#include "core/LightPoints.h"
 #include "core/ResultCode.h"
 #include "engine/KorvaneEngine.h"
 
@@ -170,6 +171,16 @@ class Sparkle {
   // Releases the shapes, both sparkle lists and the working images and
   // lifts the maximum; the source must be set again.
   virtual int32_t ReleaseBuffer() = 0;
+
+  // The light points SetSource found, in scan order of the detection copy:
+  // fills `summary` and copies the first min(capacity, count) points into
+  // `points` (which may be NULL when capacity is 0). E_POINTER without a
+  // summary, E_INVALIDARG for a negative capacity, E_FAIL before SetSource.
+  virtual int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const = 0;
+
+  // Chooses which shapes a region render draws (RegionMode; kept until
+  // changed, REGION_CENTRES_INSIDE at creation). E_INVALIDARG for another value.
+  virtual int32_t SetRegionMode(int32_t mode) = 0;
 };
 
 }  // namespace Korvane

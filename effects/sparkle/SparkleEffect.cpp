@@ -222,6 +222,13 @@ int32_t SparkleEffect::ReleaseBuffer() {
   return S_OK;
 }
 
+int32_t SparkleEffect::GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const {
+  if (!summary) return E_POINTER;
+  if (!m_source_set) return E_FAIL;
+  return CopyLightPoints(m_auto_sparkle_list, m_norm_img_size_w, m_norm_img_size_h, kSparkleCurveLength, summary,
+                         points, capacity);
+}
+
 // ---------------------------------------------------------------------------
 // Shapes and manual sparkles
 
@@ -826,6 +833,12 @@ int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
   }
   m_manual_drawn = m_manual_drawn && separate;
   return FinishFrame(src, dst);
+}
+
+int32_t SparkleEffect::SetRegionMode(int32_t mode) {
+  if (mode != REGION_CENTRES_INSIDE && mode != REGION_SHAPES_REACHING) return E_INVALIDARG;
+  m_region_mode = mode;
+  return S_OK;
 }
 
 }  // namespace Korvane

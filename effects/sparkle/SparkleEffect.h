@@ -55,6 +55,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t ShowAllAutoSparkles() override;
   int32_t ResetSparkleTypes() override;
   int32_t ReleaseBuffer() override;
+  int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
+  int32_t SetRegionMode(int32_t mode) override;
 
   // For tools and tests: what SetSource found and what was placed.
   const LightPointList& AutoSparkleList() const { return m_auto_sparkle_list; }
@@ -175,6 +177,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   // Skip thresholds of the fast modes: the amount in 11 steps, so a small
   // move of the slider does not make single glints blink in and out.
   float m_skip_table[11];
+  int32_t m_region_mode = REGION_CENTRES_INSIDE;
 };
 
 }  // namespace Korvane

@@ -20,7 +20,6 @@
 #include "core/ImageBuffer.h"
 #include "core/LightPoints.h"
 #include "core/ResultCode.h"
-#include "engine/KorvaneEngine.h"
 
 namespace Korvane {
 

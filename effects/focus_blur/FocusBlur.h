@@ -15,7 +15,6 @@
 
 #include "core/ImageBuffer.h"
 #include "core/ResultCode.h"
-#include "engine/KorvaneEngine.h"
 
 namespace Korvane {
 

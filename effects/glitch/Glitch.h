@@ -14,7 +14,6 @@
 
 #include "core/ImageBuffer.h"
 #include "core/ResultCode.h"
-#include "engine/KorvaneEngine.h"
 
 namespace Korvane {
 

@@ -29,7 +29,6 @@
 #include "core/ImageBuffer.h"
 #include "core/LightPoints.h"
 #include "core/ResultCode.h"
-#include "engine/KorvaneEngine.h"
 
 namespace Korvane {
 

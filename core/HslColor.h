@@ -1,4 +1,4 @@
-// HSL conversions for the colours of light (bokeh, sparkles).
+// HSL conversions for the colours of light (bokeh discs).
 //
 // Scale: hue in hundredths of a degree (0 .. 35999), saturation and
 // lightness in 0 .. 32640 (= 255 x 128). Lightness is (max + min) / 2 of the

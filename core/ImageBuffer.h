@@ -7,7 +7,8 @@
 
 namespace Korvane {
 
-// Pixel formats. Rows are packed: stride is width times the bytes of a pixel.
+// Pixel formats. Rows may be padded: stride, the bytes from one row to the
+// next, is at least width times the bytes of a pixel.
 enum PixelFormat : int32_t {
   PIXEL_BGRA32 = 0,   // 4 bytes: blue, green, red, alpha
   PIXEL_BGR24 = 1,    // 3 bytes

@@ -317,7 +317,7 @@ void DispersionRun(FuzzedDataProvider& in) {
   p.fade = SomeFloat(in, -0.5f, 1.5f);
   p.turbulence = SomeFloat(in, -0.5f, 1.5f);
   p.seed = in.ConsumeIntegral<uint32_t>();
-  fx->Prepare(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p);
+  fx->Init(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p);
   for (int k = in.ConsumeIntegralInRange(1, 2); k > 0; --k) {
     p.roi = SomeRect(in, w, h);
     GuardedImage& dst = img.Make(PIXEL_BGRA32, p.roi.right - p.roi.left, p.roi.bottom - p.roi.top);
@@ -326,7 +326,7 @@ void DispersionRun(FuzzedDataProvider& in) {
     fx->Process(&p);
     img.Check("dispersion");
   }
-  fx->ReleaseBuffer();
+  fx->Uninit();
   Delete(fx, EFFECT_DISPERSION);
 }
 

@@ -7,9 +7,9 @@
 //   p.input = &photo; p.mask = &subject; p.output = &frame;
 //   p.roi = Korvane::Rect{0, 0, photo.width, photo.height};
 //   p.anime_frame_count = 48;
-//   dispersion->Prepare(&p);                  // edge, background, particles
+//   dispersion->Init(&p);                  // edge, background, particles
 //   for (int i = 0; i < 48; ++i) { p.anime_frame_index = i; dispersion->Process(&p); }
-//   dispersion->ReleaseBuffer();
+//   dispersion->Uninit();
 #pragma once
 
 #include <cstdint>
@@ -50,7 +50,7 @@ struct DispersionParam {
 // Result codes: E_POINTER for a missing record, image or pixel pointer;
 // E_NOTIMPL for an image of another format; E_INVALIDARG for sizes,
 // rectangles, frame numbers or settings out of range (each logged);
-// E_FAIL for Process before a successful Prepare; E_OUTOFMEMORY when memory
+// E_FAIL for Process before a successful Init; E_OUTOFMEMORY when memory
 // runs out (nothing prepared is kept then).
 class Dispersion {
  public:
@@ -59,17 +59,17 @@ class Dispersion {
   // Checks the record (output may be missing) and does the per-photo work:
   // each subject pixel's distance from the subject's edge facing the wind,
   // the background behind the subject, the particle list and the disc tables.
-  virtual int32_t Prepare(const DispersionParam* param) = 0;
+  virtual int32_t Init(const DispersionParam* param) = 0;
 
   // Renders frame anime_frame_index into output. Prepares again first when the
   // photo or mask (their pixel pointers or sizes), the seed, the direction or
-  // a particle setting differ from the last Prepare; fade, the frame numbers,
+  // a particle setting differ from the last Init; fade, the frame numbers,
   // loop_mode and roi may change freely. Pixels changed in place behind the
-  // same pointers need a new Prepare.
+  // same pointers need a new Init.
   virtual int32_t Process(const DispersionParam* param) = 0;
 
-  // Frees everything Prepare made; Process then needs a new Prepare.
-  virtual int32_t ReleaseBuffer() = 0;
+  // Frees everything Init made; Process then needs a new Init.
+  virtual int32_t Uninit() = 0;
 };
 
 }  // namespace Korvane

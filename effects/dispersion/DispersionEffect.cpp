@@ -134,12 +134,12 @@ void DispersionEffect::ReleaseAll() {
   std::vector<uint32_t>().swap(m_strip_items);
 }
 
-int32_t DispersionEffect::ReleaseBuffer() {
+int32_t DispersionEffect::Uninit() {
   ReleaseAll();
   return S_OK;
 }
 
-int32_t DispersionEffect::Prepare(const DispersionParam* param) {
+int32_t DispersionEffect::Init(const DispersionParam* param) {
   const int32_t hr = Validate(param, false);
   if (hr < 0) return hr;
   return PrepareFor(*param);
@@ -334,7 +334,7 @@ int32_t DispersionEffect::Process(const DispersionParam* param) {
   int32_t hr = Validate(param, true);
   if (hr < 0) return hr;
   if (!m_prepared) {
-    DebugLog("Please call Prepare before Process");
+    DebugLog("Please call Init before Process");
     return E_FAIL;
   }
   if (!(KeyOf(*param) == m_key) && (hr = PrepareFor(*param)) < 0) return hr;

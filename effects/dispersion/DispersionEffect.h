@@ -1,5 +1,5 @@
 // The dispersion effect's implementation: the start-time map, the inpainted
-// background, the particle list and the circle table made by Prepare, and the
+// background, the particle list and the circle table made by Init, and the
 // per-frame particle states, row-strip bins and band rendering of Process.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace Korvane {
 
-// A particle as Prepare makes it; Process moves it along its flight.
+// A particle as Init makes it; Process moves it along its flight.
 struct DispersionParticle {
   float x = 0, y = 0;                // its subject pixel
   float start = 0, life = 1;         // progress at which it leaves, and the length of its flight
@@ -36,16 +36,16 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   explicit DispersionEffect(CThreadPool* pool) : EffectCore(pool) {}
   ~DispersionEffect() override = default;
 
-  int32_t Prepare(const DispersionParam* param) override;
+  int32_t Init(const DispersionParam* param) override;
   int32_t Process(const DispersionParam* param) override;
-  int32_t ReleaseBuffer() override;
+  int32_t Uninit() override;
 
   // Progress of a frame through the crumble (0 the photo, 1 all gone): a
   // straight ramp, or for the loop a triangle whose last frame neighbours the
   // first as frame 1 does.
   static float CalProgress(int32_t frame_count, int32_t frame_index, int32_t loop_mode);
 
-  // What Prepare made, for tests and tools.
+  // What Init made, for tests and tools.
   float GetStartTime(int32_t x, int32_t y) const { return m_start[static_cast<size_t>(y) * m_width + x]; }
   const std::vector<DispersionParticle>& GetParticles() const { return m_particles; }
   const SmartBuffer& GetBackground() const { return m_background; }
@@ -54,7 +54,7 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   float GetTrailingProjection() const { return m_proj_min; }
 
  private:
-  // The settings that shape what Prepare makes.
+  // The settings that shape what Init makes.
   struct PreparedKey {
     const unsigned char* input = nullptr;
     const unsigned char* mask = nullptr;
@@ -87,7 +87,7 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   SmartBuffer m_background;                     // the photo with the subject inpainted away
   std::vector<DispersionParticle> m_particles;  // in drawing order
   CircleTable m_circles;
-  // Per frame, sized by Prepare so Process allocates nothing.
+  // Per frame, sized by Init so Process allocates nothing.
   std::vector<FrameParticle> m_frame;
   std::vector<int32_t> m_row_span;      // per particle: first and last strip it touches, or -1
   std::vector<uint32_t> m_strip_start;  // per strip of the roi + 1

@@ -94,7 +94,7 @@ TEST(Dispersion, FrameZeroIsThePhotoAndAnEmptyMaskChangesNothing) {
         Scene s(97, 61, subject);
         s.p.loop_mode = loop;
         EffectRig<DispersionEffect> fx(2, simd);
-        ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+        ASSERT_EQ(fx->Init(&s.p), S_OK);
         const int32_t last = subject ? 0 : s.p.anime_frame_count - 1;
         for (int32_t f = 0; f <= last; ++f) {
           EXPECT_EQ(FirstDifference(Render(fx, s, f), s.photo.Packed(), s.W()), "")
@@ -114,7 +114,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
     s.p.distance = 0.1f;
     s.p.fade = 0.0f;  // particles stay, so late frames are crowded too
     EffectRig<DispersionEffect> fx;
-    ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+    ASSERT_EQ(fx->Init(&s.p), S_OK);
     const float t = direction * 3.14159265f / 180.0f;
     const float wx = std::cos(t), wy = -std::sin(t);
     const float diag = std::hypot(static_cast<float>(s.W()), static_cast<float>(s.H()));
@@ -148,7 +148,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
   s.p.distance = 0.3f;
   s.p.fade = 0.0f;
   EffectRig<DispersionEffect> fx;
-  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+  ASSERT_EQ(fx->Init(&s.p), S_OK);
   const float limit = fx->GetTrailingProjection() - s.p.particle_size - 10.0f;
   const std::vector<uint8_t> photo = s.photo.Packed();
   int32_t upwind_changed = 0;
@@ -167,7 +167,7 @@ TEST(Dispersion, CrumbledPixelsShowTheBackgroundUntilAParticleCoversThem) {
   s.p.density = 0.0f;  // no particle covers anything
   s.p.dissolve_width = 0.5f;
   EffectRig<DispersionEffect> fx;
-  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+  ASSERT_EQ(fx->Init(&s.p), S_OK);
   const SmartBuffer& bg = fx->GetBackground();
   int32_t revealed = 0, standing = 0;
   for (int32_t f = 0; f < s.p.anime_frame_count; ++f) {
@@ -192,7 +192,7 @@ TEST(Dispersion, WithFadeTheLastFrameIsTheBackground) {
   s.p.fade = 1.0f;
   s.p.density = 1.0f;
   EffectRig<DispersionEffect> fx;
-  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+  ASSERT_EQ(fx->Init(&s.p), S_OK);
   std::vector<uint8_t> last = Render(fx, s, s.p.anime_frame_count - 1);
   const SmartBuffer& bg = fx->GetBackground();
   for (int32_t y = 0; y < s.H(); ++y)
@@ -230,7 +230,7 @@ TEST(Dispersion, ParticlesTakeTheSubjectsOwnColourAtEverySize) {
     s.p.particle_size = size;
     s.p.density = 0.25f;
     EffectRig<DispersionEffect> fx;
-    ASSERT_EQ(fx->Prepare(&s.p), S_OK) << size;
+    ASSERT_EQ(fx->Init(&s.p), S_OK) << size;
     const auto& particles = fx->GetParticles();
     ASSERT_GT(particles.size(), 100u) << size;
     for (const DispersionParticle& q : particles) {
@@ -247,7 +247,7 @@ TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
   s.p.anime_frame_count = 12;
   s.p.fade = 0.5f;
   EffectRig<DispersionEffect> fx;
-  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+  ASSERT_EQ(fx->Init(&s.p), S_OK);
   std::vector<std::vector<uint8_t>> frames;
   for (int32_t f = 0; f < s.p.anime_frame_count; ++f) frames.push_back(Render(fx, s, f));
   double largest = 0;
@@ -272,7 +272,7 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
   std::vector<std::vector<uint8_t>> ref;
   {
     EffectRig<DispersionEffect> fx(1, 0);
-    ASSERT_EQ(fx->Prepare(&ref_scene.p), S_OK);
+    ASSERT_EQ(fx->Init(&ref_scene.p), S_OK);
     for (int32_t f : {2, 4, 7}) ref.push_back(Render(fx, ref_scene, f));
   }
   for (int workers : {2, 8}) {
@@ -283,7 +283,7 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
       s.p.mask = &s.mask.buf;
       s.p.output = &s.out.buf;
       EffectRig<DispersionEffect> fx(workers, simd);
-      ASSERT_EQ(fx->Prepare(&s.p), S_OK);
+      ASSERT_EQ(fx->Init(&s.p), S_OK);
       int i = 0;
       for (int32_t f : {2, 4, 7}) {
         EXPECT_EQ(FirstDifference(Render(fx, s, f), ref[i], s.W()), "") << workers << " workers, simd " << simd;
@@ -310,7 +310,7 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
 TEST(Dispersion, ChangedSettingsPrepareAgainAndTheSameRecordGivesTheSameImage) {
   Scene a, b;
   EffectRig<DispersionEffect> fa, fb;
-  ASSERT_EQ(fa->Prepare(&a.p), S_OK);
+  ASSERT_EQ(fa->Init(&a.p), S_OK);
   const std::vector<uint8_t> first = Render(fa, a, 5);
   EXPECT_EQ(Render(fa, a, 5), first);
   a.p.seed = 12;
@@ -319,7 +319,7 @@ TEST(Dispersion, ChangedSettingsPrepareAgainAndTheSameRecordGivesTheSameImage) {
   EXPECT_NE(changed, first);
   b.p.seed = 12;
   b.p.direction = 150.0f;
-  ASSERT_EQ(fb->Prepare(&b.p), S_OK);
+  ASSERT_EQ(fb->Init(&b.p), S_OK);
   EXPECT_EQ(Render(fb, b, 5), changed);
 }
 
@@ -358,7 +358,7 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
   for (const Case& c : cases) {
     Scene good, s;
     EffectRig<DispersionEffect> fx;
-    ASSERT_EQ(fx->Prepare(&good.p), S_OK);
+    ASSERT_EQ(fx->Init(&good.p), S_OK);
     c.edit(s);
     testing::internal::CaptureStderr();
     EXPECT_EQ(fx->Process(&s.p), c.code) << c.what;
@@ -370,19 +370,19 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
   Scene s;
   testing::internal::CaptureStderr();
   EXPECT_EQ(fx->Process(nullptr), E_POINTER);
-  EXPECT_EQ(fx->Process(&s.p), E_FAIL);  // before Prepare
-  ASSERT_EQ(fx->Prepare(&s.p), S_OK);
-  EXPECT_EQ(fx->ReleaseBuffer(), S_OK);
+  EXPECT_EQ(fx->Process(&s.p), E_FAIL);  // before Init
+  ASSERT_EQ(fx->Init(&s.p), S_OK);
+  EXPECT_EQ(fx->Uninit(), S_OK);
   EXPECT_EQ(fx->Process(&s.p), E_FAIL);  // after release
   s.p.output = nullptr;
-  EXPECT_EQ(fx->Prepare(&s.p), S_OK);  // Prepare needs no output
+  EXPECT_EQ(fx->Init(&s.p), S_OK);  // Init needs no output
   testing::internal::GetCapturedStderr();
 
   // Without workers nothing can run; the failure is logged and returned.
   DispersionEffect lone(nullptr);
   Scene t;
   testing::internal::CaptureStderr();
-  EXPECT_EQ(lone.Prepare(&t.p), E_INVALIDARG);
+  EXPECT_EQ(lone.Init(&t.p), E_INVALIDARG);
   EXPECT_EQ(lone.Process(&t.p), E_FAIL);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Return Code: 80070057"), std::string::npos);
 }
@@ -395,7 +395,7 @@ TEST(Dispersion, EveryAllocationFailureIsCaughtLoggedAndReturned) {
   for (long n = 0; n < 10000; ++n) {
     testing::internal::CaptureStderr();
     g_fail_after = n;
-    const int32_t hr = fx->Prepare(&s.p);
+    const int32_t hr = fx->Init(&s.p);
     g_fail_after = -1;
     const std::string log = testing::internal::GetCapturedStderr();
     if (hr == S_OK) break;

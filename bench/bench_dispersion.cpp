@@ -51,7 +51,7 @@ void Prepare(benchmark::State& state) {
   fx.SetSystemInfo(KorvaneBench::MachineInfo());
   ProcessCpu cpu;
   for (auto _ : state) {
-    if (fx.Prepare(&s.p) < 0) return state.SkipWithError("Prepare failed");
+    if (fx.Init(&s.p) < 0) return state.SkipWithError("Init failed");
     benchmark::ClobberMemory();
   }
   cpu.Report(state);
@@ -62,7 +62,7 @@ void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_le
   Subject s(w, h, particles);
   Korvane::DispersionEffect fx(&KorvaneBench::Pool());
   fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
-  if (fx.Prepare(&s.p) < 0) return state.SkipWithError("Prepare failed");
+  if (fx.Init(&s.p) < 0) return state.SkipWithError("Init failed");
   ProcessCpu cpu;
   for (auto _ : state) {
     if (fx.Process(&s.p) < 0) return state.SkipWithError("Process failed");

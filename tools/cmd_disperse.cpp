@@ -78,7 +78,7 @@ struct Renderer {
       param.output = &out;
       param.roi = Korvane::Rect{0, 0, photo.width, photo.height};
       const auto t0 = std::chrono::steady_clock::now();
-      if (int rc = CheckCode(fx->Prepare(&param), "dispersion Prepare")) return rc;
+      if (int rc = CheckCode(fx->Init(&param), "dispersion Init")) return rc;
       *ms += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     }
     param.anime_frame_index = index;

@@ -66,8 +66,20 @@ inline int32_t RunPicked(CThreadAdapter& adapter, const PickedTask& task, void* 
 #define KORVANE_SSE41_BAND(Param, simd) (static_cast<::Korvane::ThreadTask>(nullptr))
 #endif
 
+#if KORVANE_HAVE_AVX2
+#define KORVANE_AVX2_BAND(Param, avx2) (&::Korvane::BandTask<Param, avx2>)
+#else
+#define KORVANE_AVX2_BAND(Param, avx2) (static_cast<::Korvane::ThreadTask>(nullptr))
+#endif
+
 // The plain or SSE4.1 form of a band kernel `int32_t f(const Param&, const Rect&)`,
 // as a task named after the form.
 #define KORVANE_PICK_BAND(info, Param, plain, simd)                                                          \
   ::Korvane::ChooseKernel<::Korvane::ThreadTask>((info), &::Korvane::BandTask<Param, plain>, #plain,        \
                                                  KORVANE_SSE41_BAND(Param, simd), #simd)
+
+// The plain, SSE4.1 or AVX2 form of a band kernel, as a task named after the form.
+#define KORVANE_PICK_BAND_AVX2(info, Param, plain, sse, avx2)                                                 \
+  ::Korvane::ChooseKernel<::Korvane::ThreadTask>((info), &::Korvane::BandTask<Param, plain>, #plain,        \
+                                                 KORVANE_SSE41_BAND(Param, sse), #sse,                      \
+                                                 KORVANE_AVX2_BAND(Param, avx2), #avx2)

@@ -53,6 +53,20 @@ bool Cpuid(uint32_t leaf, uint32_t regs[4]) {
 #endif
 }
 
+uint64_t EnabledStateMask() {
+  uint32_t regs[4];
+  if (!Cpuid(1, regs) || !(regs[2] & (1u << 27))) return 0;  // no OSXSAVE: XGETBV would fault
+#if defined(_WIN32) && (defined(_M_IX86) || defined(_M_X64))
+  return static_cast<uint64_t>(_xgetbv(0));
+#elif defined(__i386__) || defined(__x86_64__)
+  uint32_t lo = 0, hi = 0;
+  __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+  return (static_cast<uint64_t>(hi) << 32) | lo;
+#else
+  return 0;
+#endif
+}
+
 void* AllocatePixels(size_t bytes) {
   if (bytes == 0) bytes = 1;
 #if defined(_WIN32)

@@ -18,6 +18,11 @@ int32_t LogicalProcessorCount();
 // Returns false where the instruction does not exist (non-x86 processors).
 bool Cpuid(uint32_t leaf, uint32_t regs[4]);
 
+// The operating system's extended-state mask (XGETBV with ECX = 0): which
+// register files it saves on a context switch. 0 where the instruction does
+// not exist or the system does not enable it (CPUID leaf 1, ECX bit 27).
+uint64_t EnabledStateMask();
+
 // Memory for image pixels, aligned to 64 bytes. Blocks of 4 MB or more are
 // aligned to 2 MB and offered to the operating system as huge pages, which
 // saves most of the page faults of the first pass over a fresh working image.

@@ -25,4 +25,21 @@ int32_t ProbeSimdLevel() {
   return SimdLevelFromCpuid(max_leaf, regs[3], regs[2]);
 }
 
+int32_t AvxLevelFromCpuid(uint32_t max_basic_leaf, uint32_t leaf1_ecx, uint32_t leaf7_ebx, uint64_t xcr0) {
+  const bool avx = (leaf1_ecx & (1u << 28)) != 0, osxsave = (leaf1_ecx & (1u << 27)) != 0;
+  if (max_basic_leaf < 7 || !avx || !osxsave || (xcr0 & 6u) != 6u) return AVX_NONE;
+  return (leaf7_ebx & (1u << 5)) ? AVX_AVX2 : AVX_NONE;
+}
+
+int32_t ProbeAvxLevel() {
+  uint32_t regs[4];
+  if (!Platform::Cpuid(0, regs)) return AVX_NONE;
+  const uint32_t max_leaf = regs[0];
+  if (max_leaf < 7) return AVX_NONE;
+  Platform::Cpuid(1, regs);
+  const uint32_t leaf1_ecx = regs[2];
+  Platform::Cpuid(7, regs);
+  return AvxLevelFromCpuid(max_leaf, leaf1_ecx, regs[1], Platform::EnabledStateMask());
+}
+
 }  // namespace Korvane

@@ -23,6 +23,9 @@ using Korvane::DebugLog;
 KorvaneEngineImp::KorvaneEngineImp() {
   m_system_info.processor_count = Korvane::Platform::LogicalProcessorCount();
   m_system_info.simd_level = Korvane::ProbeSimdLevel();
+#if KORVANE_HAVE_AVX2
+  m_system_info.avx_level = Korvane::ProbeAvxLevel();  // forms left out of the build are never asked for
+#endif
   m_system_info.reserved = 0;
   m_thread_pool.Create(m_system_info.processor_count);
 }

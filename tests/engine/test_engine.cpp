@@ -145,6 +145,18 @@ TEST(CpuProbe, LevelsFollowTheFeatureBits) {
   EXPECT_EQ(SimdLevelFromCpuid(1, sse | sse2, sse3 | ssse3 | sse42), 4);
 }
 
+// AVX2 needs the processor's word for it and the system's: a kernel that
+// saves no YMM registers would corrupt them in every other program.
+TEST(CpuProbe, Avx2NeedsTheFeatureAndTheSystemsYmmState) {
+  const uint32_t osxsave = 1u << 27, avx = 1u << 28, avx2 = 1u << 5;
+  EXPECT_EQ(AvxLevelFromCpuid(7, osxsave | avx, avx2, 0x7), AVX_AVX2);
+  EXPECT_EQ(AvxLevelFromCpuid(7, osxsave | avx, avx2, 0x3), AVX_NONE);  // YMM state not saved
+  EXPECT_EQ(AvxLevelFromCpuid(7, avx, avx2, 0x7), AVX_NONE);            // no OSXSAVE
+  EXPECT_EQ(AvxLevelFromCpuid(7, osxsave, avx2, 0x7), AVX_NONE);        // no AVX
+  EXPECT_EQ(AvxLevelFromCpuid(6, osxsave | avx, avx2, 0x7), AVX_NONE);  // no leaf 7
+  EXPECT_EQ(AvxLevelFromCpuid(7, osxsave | avx, 0, 0x7), AVX_NONE);
+}
+
 TEST_F(EngineFixture, BuildsEveryEffectTypeAndNoOthers) {
   EXPECT_EQ(BuiltTypes(), (std::vector<int>{EFFECT_DELAUNAY_TRIANGLE, EFFECT_ANIMATION, EFFECT_DISPERSION,
                                             EFFECT_GLITCH, EFFECT_LIGHT_RAYS, EFFECT_SPARKLE, EFFECT_BOKEH,

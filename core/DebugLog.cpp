@@ -3,10 +3,41 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 #include "core/Platform.h"
 
 namespace Korvane {
+
+namespace {
+
+// The sink is read without a lock (a log line may come from any worker at
+// any time): DebugLog loads one pointer to an immutable record. Records are
+// kept until the process ends, so a line being written through an old one
+// stays valid while the host sets a new one.
+struct Sink {
+  void (*fn)(void*, const char*);
+  void* user;
+};
+
+std::atomic<const Sink*> g_sink{nullptr};
+
+}  // namespace
+
+void SetLogSink(void (*sink)(void* user, const char* line), void* user) {
+  static std::mutex lock;
+  static std::vector<std::unique_ptr<Sink>> kept;
+  std::lock_guard<std::mutex> hold(lock);
+  const Sink* record = nullptr;
+  if (sink) {
+    kept.push_back(std::make_unique<Sink>(Sink{sink, user}));
+    record = kept.back().get();
+  }
+  g_sink.store(record, std::memory_order_release);
+}
 
 int32_t DebugLog(const char* format, ...) {
   char message[4096];
@@ -27,7 +58,11 @@ int32_t DebugLog(const char* format, ...) {
     output[n] = '\n';
     output[n + 1] = '\0';
   }
-  Platform::WriteDebugString(output);
+  if (const Sink* sink = g_sink.load(std::memory_order_acquire)) {
+    sink->fn(sink->user, output);
+  } else {
+    Platform::WriteDebugString(output);
+  }
   return length;
 }
 

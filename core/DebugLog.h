@@ -6,6 +6,10 @@
 
 namespace Korvane {
 
+// Where log lines go: `sink(user, line)` for every line, or the debugger
+// output (stderr outside Windows) when sink is NULL. One for the process.
+void SetLogSink(void (*sink)(void* user, const char* line), void* user);
+
 // printf-style. Writes "[Korvane] <message>" with a line feed added when the
 // message does not end in one. Returns the message length, or -1 when
 // formatting failed. Safe to call from any thread.

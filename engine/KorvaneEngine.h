@@ -34,6 +34,23 @@ enum EffectType : int32_t {
   EFFECT_FOCUS_BLUR = 9,         // Korvane::FocusBlur
 };
 
+// What the engine reports about itself and the machine it runs on.
+struct EngineInfo {
+  int32_t version_major = 0;
+  int32_t version_minor = 0;
+  int32_t version_patch = 0;
+  const char* version = "";        // "major.minor.patch"
+  int32_t processor_count = 0;     // logical processors the system reports
+  int32_t worker_count = 0;        // worker threads that started (at most 8)
+  int32_t simd_level = 0;          // 0..6, 5 = SSE4.1
+  int32_t avx_level = 0;           // 1: AVX2 usable
+  const char* kernel_forms = "";   // the kernel forms this engine runs, e.g. "plain, SSE4.1, AVX2"
+};
+
+// Receives one log line of the library (a diagnostic of a failure, ending in
+// a line feed). Called from any thread, possibly from several at once.
+using LogCallback = void (*)(void* user, const char* line);
+
 }  // namespace Korvane
 
 class KorvaneEngine {
@@ -50,6 +67,16 @@ class KorvaneEngine {
   // to NULL. E_FAIL for NULL, a bad type or an instance of another type (the
   // instance then stays alive).
   virtual int32_t DeleteEffect(void** p_effect_inst, int32_t type) = 0;
+
+  // Fills *info (E_POINTER for NULL). The strings live as long as the library.
+  virtual int32_t GetInfo(Korvane::EngineInfo* info) const = 0;
+
+  // Sends the library's log lines to `callback` instead of the debugger
+  // output (stderr outside Windows); NULL restores that default. A callback
+  // that does nothing silences the library. The sink serves the whole
+  // process: the last call of any engine decides it. Call it while no
+  // effect is rendering.
+  virtual int32_t SetLogCallback(Korvane::LogCallback callback, void* user) = 0;
 };
 
 extern "C" {

@@ -5,6 +5,7 @@
 
 #include "core/DebugLog.h"
 #include "core/Platform.h"
+#include "core/Version.h"
 #include "engine/CpuProbe.h"
 
 // Effect implementations, one line per type code.
@@ -96,6 +97,27 @@ int32_t KorvaneEngineImp::DeleteEffect(void** p_effect_inst, int32_t type) {
   if (!p_effect_inst || *p_effect_inst == nullptr || type < 1 || type > kTypeCount) return E_FAIL;
   if (m_registries[type - 1].erase(*p_effect_inst) == 0) return E_FAIL;
   *p_effect_inst = nullptr;
+  return S_OK;
+}
+
+int32_t KorvaneEngineImp::GetInfo(Korvane::EngineInfo* info) const {
+  if (!info) return E_POINTER;
+  info->version_major = KORVANE_VERSION_MAJOR;
+  info->version_minor = KORVANE_VERSION_MINOR;
+  info->version_patch = KORVANE_VERSION_PATCH;
+  info->version = KORVANE_VERSION_STRING;
+  info->processor_count = m_system_info.processor_count;
+  info->worker_count = m_thread_pool.GetThreadCount();
+  info->simd_level = m_system_info.simd_level;
+  info->avx_level = m_system_info.avx_level;
+  const bool sse = KORVANE_HAVE_SSE41 && m_system_info.simd_level >= Korvane::SIMD_SSE41;
+  const bool avx2 = KORVANE_HAVE_AVX2 && m_system_info.avx_level >= Korvane::AVX_AVX2;
+  info->kernel_forms = avx2 ? "plain, SSE4.1, AVX2" : sse ? "plain, SSE4.1" : "plain";
+  return S_OK;
+}
+
+int32_t KorvaneEngineImp::SetLogCallback(Korvane::LogCallback callback, void* user) {
+  Korvane::SetLogSink(callback, user);
   return S_OK;
 }
 

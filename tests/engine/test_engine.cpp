@@ -8,6 +8,7 @@
 #include "engine/CpuProbe.h"
 #include "engine/KorvaneEngine.h"
 #include "engine/KorvaneEngineImp.h"
+#include "core/Version.h"
 
 using namespace Korvane;
 
@@ -64,6 +65,32 @@ TEST_F(EngineFixture, DescribesTheMachineAndStartsAtMostEightWorkers) {
   EXPECT_EQ(info.reserved, 0);
   EXPECT_EQ(info.simd_level, ProbeSimdLevel());
   EXPECT_EQ(Imp()->GetWorkerCount(), std::min(info.processor_count, 8));
+}
+
+TEST_F(EngineFixture, ReportsItsVersionAndTheFormsItRuns) {
+  EngineInfo info;
+  EXPECT_EQ(engine->GetInfo(nullptr), E_POINTER);
+  ASSERT_EQ(engine->GetInfo(&info), S_OK);
+  EXPECT_STREQ(info.version, KORVANE_VERSION_STRING);
+  EXPECT_EQ(info.version_major, KORVANE_VERSION_MAJOR);
+  EXPECT_EQ(info.simd_level, Imp()->GetSystemInfo().simd_level);
+  EXPECT_EQ(info.worker_count, Imp()->GetWorkerCount());
+  const std::string forms = info.kernel_forms;
+  EXPECT_EQ(forms.find("AVX2") != std::string::npos, KORVANE_HAVE_AVX2 && info.avx_level >= AVX_AVX2);
+}
+
+// A host can take the log lines, silence them, and give them back.
+TEST_F(EngineFixture, LogLinesGoToTheHostsCallbackUntilItIsRemoved) {
+  std::vector<std::string> lines;
+  auto keep = [](void* user, const char* line) { static_cast<std::vector<std::string>*>(user)->push_back(line); };
+  ASSERT_EQ(engine->SetLogCallback(keep, &lines), S_OK);
+  void* p = reinterpret_cast<void*>(1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(engine->CreateEffect(&p, EFFECT_GLOW), E_FAIL);
+  EXPECT_EQ(engine->SetLogCallback(nullptr, nullptr), S_OK);
+  EXPECT_EQ(engine->CreateEffect(&p, EFFECT_GLOW), E_FAIL);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[Korvane] Please make sure the parameter p_effect_inst is NULL\n");
+  EXPECT_EQ(lines, std::vector<std::string>{"[Korvane] Please make sure the parameter p_effect_inst is NULL\n"});
 }
 
 TEST_F(EngineFixture, UnknownTypesAnswerSuccessAndCreateNothing) {

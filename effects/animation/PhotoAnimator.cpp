@@ -9,7 +9,7 @@
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
-#include "effects/animation/InpaintMask.h"
+#include "core/InpaintMask.h"
 
 namespace Korvane {
 

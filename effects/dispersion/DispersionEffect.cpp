@@ -12,7 +12,7 @@
 #include "core/ImageChecks.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
-#include "effects/animation/InpaintMask.h"
+#include "core/InpaintMask.h"
 
 namespace Korvane {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "FocusBlurTestSupport.h"
+#include "FocusBlurReference.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
 using namespace Korvane;

@@ -1,4 +1,4 @@
-#include "effects/focus_blur/GaussianBlur.h"
+#include "core/GaussianBlur.h"
 
 #include <algorithm>
 #include <cmath>

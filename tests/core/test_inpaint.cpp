@@ -8,7 +8,7 @@
 
 #include "TestSupport.h"
 #include "core/SmartBuffer.h"
-#include "effects/animation/InpaintMask.h"
+#include "core/InpaintMask.h"
 
 using namespace Korvane;
 

@@ -220,6 +220,49 @@ void MarkOpenColumns(const MaskRows& mask_row, int32_t y, int32_t n, int32_t lef
   for (int32_t x = 0; x < band_w; ++x) open[x] ^= 1;
 }
 
+// The row pass of a band: one converted source row with n - 1 zero pixels on
+// each side (taps past the image edge add nothing), the taps in order over
+// it, and which windows lie wholly on masked pixels.
+class RowPass {
+ public:
+  RowPass(const float* w, int32_t n, int32_t width, int32_t left)
+      : m_n(n), m_width(width), m_left(left), m_colour((static_cast<size_t>(width) + 2 * (n - 1)) * 3 + kRowPad, 0.0f),
+        m_weight(static_cast<size_t>(width) + 2 * (n - 1), 0.0f), m_open(static_cast<size_t>(width)) {
+    SymmetricTaps(w, n, m_taps);
+    for (int32_t k = 0; k < 2 * n - 1; ++k) {
+      m_colour_rows[k] = m_colour.data() + static_cast<size_t>(k + left) * 3;
+      m_weight_rows[k] = m_weight.data() + k + left;
+    }
+    m_rows.colour = m_colour_rows;
+    m_rows.weight = m_weight_rows;
+    m_rows.taps = m_taps;
+    m_rows.count = 2 * n - 1;
+    m_rows.open = m_open.data() + left;
+    m_rows.full_weight = FullWeight(m_taps, m_rows.count);
+  }
+  RowPass(const RowPass&) = delete;
+  RowPass& operator=(const RowPass&) = delete;
+
+  // Blurs `count` pixels of source row `src` (mask row `mask`) from the
+  // band's left column on into dst.
+  void Run(const GaussianRowKernels& kernels, const uint8_t* src, const bool* mask, uint8_t* dst, int32_t count) {
+    kernels.convert(src, mask, m_colour.data() + static_cast<size_t>(m_n - 1) * 3, m_weight.data() + (m_n - 1),
+                    m_width);
+    MarkOpenWindows(mask, m_width, m_n, m_open.data());
+    kernels.accumulate(m_rows, mask + m_left, src + static_cast<size_t>(m_left) * 4, dst, count);
+  }
+  float FullWeightOfTaps() const { return m_rows.full_weight; }
+
+ private:
+  int32_t m_n, m_width, m_left;
+  std::vector<float> m_colour, m_weight;
+  std::vector<uint8_t> m_open;
+  float m_taps[kMaxTaps];
+  const float* m_colour_rows[kMaxTaps];
+  const float* m_weight_rows[kMaxTaps];
+  GaussianTapRows m_rows;
+};
+
 // The private buffer a band writes into holds this many pixels; it is pasted
 // back whenever it is full, so it stays in the cache.
 constexpr int32_t kBlockPixels = 16384;
@@ -260,39 +303,15 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
   int32_t hr = direct ? S_OK : CreateSmartBufferData(block, band_w, block_rows, PIXEL_BGRA32);
   if (hr < 0) return hr;
 
-  // One converted row with n - 1 zero pixels on each side: taps past the
-  // image edge add nothing.
-  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
-  std::vector<float> colour(padded * 3 + kRowPad, 0.0f), weight(padded, 0.0f);
-  std::vector<uint8_t> open(static_cast<size_t>(width));
+  RowPass pass(p.weights.get(), n, width, r.left);
   const MaskRows mask_row(p, width);
-  float taps[kMaxTaps];
-  const float* colour_rows[kMaxTaps];
-  const float* weight_rows[kMaxTaps];
-  SymmetricTaps(p.weights.get(), n, taps);
-  for (int32_t k = 0; k < 2 * n - 1; ++k) {
-    colour_rows[k] = colour.data() + static_cast<size_t>(k + r.left) * 3;
-    weight_rows[k] = weight.data() + k + r.left;
-  }
-  GaussianTapRows t;
-  t.colour = colour_rows;
-  t.weight = weight_rows;
-  t.taps = taps;
-  t.count = 2 * n - 1;
-  t.open = open.data() + r.left;
-  t.full_weight = FullWeight(taps, t.count);
-
   SmartBuffer target = buf;
   for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
     const int32_t rows_here = std::min(block_rows, r.bottom - y0);
     for (int32_t y = y0; y < y0 + rows_here; ++y) {
-      const uint8_t* src = in.data.get() + static_cast<size_t>(y) * in.stride;
-      const bool* mask = mask_row(y);
-      kernels.convert(src, mask, colour.data() + static_cast<size_t>(n - 1) * 3, weight.data() + (n - 1), width);
-      MarkOpenWindows(mask, width, n, open.data());
       uint8_t* dst = direct ? buf.data.get() + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(r.left) * 4
                             : block.data.get() + static_cast<size_t>(y - y0) * band_w * 4;
-      kernels.accumulate(t, mask + r.left, src + static_cast<size_t>(r.left) * 4, dst, band_w);
+      pass.Run(kernels, in.data.get() + static_cast<size_t>(y) * in.stride, mask_row(y), dst, band_w);
     }
     if (direct) continue;
     hr = PasteSmartBufferDataWithROI(BlockView(block, band_w, rows_here), target,
@@ -409,10 +428,7 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const void
   const int32_t width = buf.width, height = buf.height;
   const int32_t ring_rows = 2 * n - 1;
 
-  // The row pass: one converted source row with n - 1 zero pixels each side.
-  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
-  std::vector<float> row_colour(padded * 3 + kRowPad, 0.0f), row_weight(padded, 0.0f);
-  std::vector<uint8_t> row_open(static_cast<size_t>(width));
+  RowPass row_pass(p.weights.get(), n, width, r.left);
   std::vector<uint8_t> scratch(static_cast<size_t>(band_w) * 4);
   // The column pass: a ring of converted rows of the row pass, band wide.
   const size_t slot = static_cast<size_t>(band_w);
@@ -420,38 +436,20 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const void
   std::vector<uint8_t> col_open(slot);
   const MaskRows mask_row(p, width);
   const float* w = p.weights.get();
-  float row_taps[kMaxTaps], col_taps[kMaxTaps];
-  const float* row_colour_rows[kMaxTaps];
-  const float* row_weight_rows[kMaxTaps];
+  float col_taps[kMaxTaps];
   const float* colour_rows[kMaxTaps];
   const float* weight_rows[kMaxTaps];
-  SymmetricTaps(w, n, row_taps);
-  for (int32_t k = 0; k < ring_rows; ++k) {
-    row_colour_rows[k] = row_colour.data() + static_cast<size_t>(k + r.left) * 3;
-    row_weight_rows[k] = row_weight.data() + k + r.left;
-  }
-  GaussianTapRows rt;
-  rt.colour = row_colour_rows;
-  rt.weight = row_weight_rows;
-  rt.taps = row_taps;
-  rt.count = ring_rows;
-  rt.open = row_open.data() + r.left;
-  rt.full_weight = FullWeight(row_taps, ring_rows);
   GaussianTapRows ct;
   ct.colour = colour_rows;
   ct.weight = weight_rows;
   ct.taps = col_taps;
-  ct.full_weight = rt.full_weight;
+  ct.full_weight = row_pass.FullWeightOfTaps();
 
   int32_t next = std::max(0, r.top - (n - 1));  // next row for the row pass
   for (int32_t y = r.top; y < r.bottom; ++y) {
     for (const int32_t last = std::min(height - 1, y + n - 1); next <= last; ++next) {
-      const uint8_t* src = in.data.get() + static_cast<size_t>(next) * in.stride;
       const bool* m = mask_row(next);
-      kernels.convert(src, m, row_colour.data() + static_cast<size_t>(n - 1) * 3, row_weight.data() + (n - 1),
-                      width);
-      MarkOpenWindows(m, width, n, row_open.data());
-      kernels.accumulate(rt, m + r.left, src + static_cast<size_t>(r.left) * 4, scratch.data(), band_w);
+      row_pass.Run(kernels, in.data.get() + static_cast<size_t>(next) * in.stride, m, scratch.data(), band_w);
       const size_t s = static_cast<size_t>(next % ring_rows);
       kernels.convert(scratch.data(), m + r.left, colour.data() + slot * 3 * s, weight.data() + slot * s, band_w);
     }

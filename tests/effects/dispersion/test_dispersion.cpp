@@ -358,6 +358,10 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
       {"width", [](Scene& s) { s.p.dissolve_width = 1.5f; }, E_INVALIDARG},
       {"fade", [](Scene& s) { s.p.fade = -1.0f; }, E_INVALIDARG},
       {"turbulence", [](Scene& s) { s.p.turbulence = 2.0f; }, E_INVALIDARG},
+      {"side over 65536", [](Scene& s) {  // never read: refused first
+         s.photo.buf.width = s.mask.buf.width = 65537;
+         s.photo.buf.stride = 4 * 65537, s.mask.buf.stride = 65537;
+       }, E_INVALIDARG},
   };
   for (const Case& c : cases) {
     Scene good, s;

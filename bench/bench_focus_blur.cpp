@@ -10,9 +10,9 @@
 #include "BenchSupport.h"
 #include "core/Simd.h"
 #include "core/ThreadAdapter.h"
-#include "effects/focus_blur/FocusBlend.h"
+#include "core/FocusBlend.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
-#include "effects/focus_blur/GaussianBlur.h"
+#include "core/GaussianBlur.h"
 
 #if KORVANE_BENCH_OPENCV
 #include <opencv2/imgproc.hpp>

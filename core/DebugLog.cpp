@@ -85,4 +85,9 @@ int32_t LogKernelCall(const char* call_format, const char* kernel_name, int32_t 
   return code;
 }
 
+int32_t LogRefusal(const char* effect, const char* why, int32_t code) {
+  if (code < 0) DebugLog("%s: %s - Return Code: %x", effect, why, static_cast<unsigned>(code));
+  return code;
+}
+
 }  // namespace Korvane

@@ -36,11 +36,17 @@ int32_t DebugLog(const char* format, ...)
 // name of the form that ran into the text, so a line never names a form that
 // did not run: LogKernelCall("%s(bokeh_buff, light_buff, ...)", paste.name, hr).
 // Nothing is logged for a code that is not negative.
+//
+// A record refused for a reason no designed line covers gets one short plain
+// line, "[Korvane] <effect>: <why> - Return Code: %x":
+//
+//   if (!IsBgra(p.input)) return LogRefusal("FocusBlur", "the input image is not BGRA32", E_NOTIMPL);
 namespace Korvane {
 
 int32_t LogCall(const char* call_text, int32_t code);
 int32_t LogStep(const char* step, int32_t code);
 int32_t LogKernelCall(const char* call_format, const char* kernel_name, int32_t code);
+int32_t LogRefusal(const char* effect, const char* why, int32_t code);
 
 }  // namespace Korvane
 

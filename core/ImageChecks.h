@@ -24,15 +24,17 @@ constexpr int32_t kMaxImageSide = 1 << 16;
 inline bool InRange(float v, float lo, float hi) { return v >= lo && v <= hi; }
 
 // True when the pixel bytes of a and b share memory (both must have pixels
-// and a positive size).
+// and a positive size). A pixel counts as its format's bytes or its channel
+// count, whichever is more: a guide read by its first byte steps by channel.
 inline uintptr_t PixelAddress(const ImageBuffer& img) { return reinterpret_cast<uintptr_t>(img.data); }
 inline uintptr_t PixelAddress(const SmartBuffer& img) { return reinterpret_cast<uintptr_t>(img.data.get()); }
 template <class A, class B>
 inline bool Overlaps(const A& a, const B& b) {
   auto begin = [](const auto& i) { return PixelAddress(i); };
   auto end = [&](const auto& i) {
+    const size_t pixel = static_cast<size_t>(std::max(BytesPerPixel(i.pix_fmt), i.channel));
     return begin(i) + static_cast<size_t>(i.height - 1) * static_cast<size_t>(i.stride) +
-           static_cast<size_t>(i.width) * static_cast<size_t>(BytesPerPixel(i.pix_fmt));
+           static_cast<size_t>(i.width) * pixel;
   };
   return begin(a) < end(b) && begin(b) < end(a);
 }

@@ -55,16 +55,10 @@ int32_t RowPipeline::Run(CThreadAdapter& adapter, const Rect& region) {
   m_failed_step.store(-1, std::memory_order_relaxed);
   bool complete = m_count > 0 && !m_overflow && m_chunk_rows >= 1 && m_scratch_row_bytes >= 0;
   for (int32_t i = 0; i < m_count; ++i) complete = complete && m_steps[i].task != nullptr;
-  if (!complete) {
-    KORVANE_LOG_FAILED_STEP(m_count > 0 ? m_steps[0].name : "row pipeline", E_INVALIDARG);
-    return E_INVALIDARG;
-  }
+  if (!complete) return LogStep(m_count > 0 ? m_steps[0].name : "row pipeline", E_INVALIDARG);
   const int32_t hr = adapter.RunTaskByMultiThread(RunBand, this, nullptr, region);
-  if (hr < 0) {
-    const int32_t i = FailedStep();
-    KORVANE_LOG_FAILED_STEP(i >= 0 ? m_steps[i].name : m_steps[0].name, hr);
-  }
-  return hr;
+  const int32_t i = FailedStep();
+  return LogStep(i >= 0 ? m_steps[i].name : m_steps[0].name, hr);
 }
 
 }  // namespace Korvane

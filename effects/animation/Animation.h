@@ -56,9 +56,25 @@ struct AnimationParam {
 };
 
 // Result codes: E_POINTER for missing records, images or pixels;
-// E_INVALIDARG for bad counts, modes, flows, sizes, frame indices or regions;
-// E_NOTIMPL for a wrong pixel format or frame count in Animate; E_FAIL when
-// called before a successful Init; E_OUTOFMEMORY when memory runs out.
+// E_INVALIDARG for bad counts, modes, flows, sizes (a side over 65536
+// included), frame indices or regions; E_NOTIMPL for a wrong pixel format or
+// frame count in Animate; E_FAIL when called before a successful Init;
+// E_OUTOFMEMORY when memory runs out.
+//
+// The animator's own contract fixes the order of its checks, which is not
+// the usual pixels-formats-sizes one:
+// - Init: flows missing while flow_num > 0 (E_POINTER); frame count below 2
+//   or loop_mode above 2 (E_INVALIDARG); input, then mask, or their pixels
+//   missing (E_POINTER); wrong formats, here E_INVALIDARG; a flow without
+//   points; then sizes and strides (E_INVALIDARG).
+// - Animate: not ready, or no mesh (E_FAIL); images or pixels missing
+//   (E_POINTER); input or mask format, then a frame count other than the
+//   prepared one (E_NOTIMPL); frame index out of range, region outside the
+//   photo (E_INVALIDARG); flows as in Init; output format (E_NOTIMPL); then
+//   sizes and strides (E_INVALIDARG).
+// - UpdateFlowPoints: not ready (E_FAIL); flows missing (E_POINTER);
+//   loop_mode (E_INVALIDARG); input missing (E_POINTER); flows without
+//   points, or a photo of another size than Init's (E_INVALIDARG).
 class Animation {
  public:
   virtual ~Animation() = default;

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "core/DebugLog.h"
+#include "effects/animation/ExactPredicates.h"
 
 namespace Korvane {
 
@@ -18,262 +19,7 @@ namespace {
 constexpr double kDuplicateDistance = 0.1;
 constexpr double kDuplicateDistance2 = kDuplicateDistance * kDuplicateDistance;
 
-// ---------------------------------------------------------------------------
-// Robust predicates. Each one evaluates its determinant in double with a
-// forward error bound; only when the bound cannot settle the sign is the
-// determinant recomputed exactly as a floating-point expansion (a sum of
-// non-overlapping doubles whose largest term carries the sign). The inputs
-// are the caller's floats (moved to the bounding box's corner when that is
-// exact), so the signs are exact for every finite input and the mesh cannot
-// fold or hold a flat triangle. Requires round-to-nearest double arithmetic
-// without extended precision, which every x86-64 and ARM64 build has.
-
-#if defined(_MSC_VER)
-#define KORVANE_NOINLINE __declspec(noinline)
-#else
-#define KORVANE_NOINLINE __attribute__((noinline))
-#endif
-
-constexpr double kEpsilon = 1.1102230246251565e-16;  // 2^-53
-constexpr double kSplitter = 134217729.0;            // 2^27 + 1
-constexpr double kOrientBound = (3.0 + 16.0 * kEpsilon) * kEpsilon;
-constexpr double kInCircleBound = (10.0 + 96.0 * kEpsilon) * kEpsilon;
-
-inline void TwoSum(double a, double b, double& x, double& y) {
-  x = a + b;
-  const double bv = x - a, av = x - bv;
-  y = (a - av) + (b - bv);
-}
-
-inline void FastTwoSum(double a, double b, double& x, double& y) {
-  x = a + b;
-  y = b - (x - a);
-}
-
-inline void TwoDiff(double a, double b, double& x, double& y) {
-  x = a - b;
-  const double bv = a - x, av = x + bv;
-  y = (a - av) + (bv - b);
-}
-
-inline void Split(double a, double& hi, double& lo) {
-  const double c = kSplitter * a;
-  hi = c - (c - a);
-  lo = a - hi;
-}
-
-inline void TwoProductPresplit(double a, double b, double bhi, double blo, double& x, double& y) {
-  x = a * b;
-  double ahi, alo;
-  Split(a, ahi, alo);
-  const double err1 = x - ahi * bhi, err2 = err1 - alo * bhi, err3 = err2 - ahi * blo;
-  y = alo * blo - err3;
-}
-
-// An expansion: components in increasing magnitude, none overlapping, zeros
-// dropped (but never empty: zero is the one component 0.0).
-template <int N>
-struct Expansion {
-  double v[N];
-  int n = 0;
-};
-
-// h = e + f; h has room for en + fn components and aliases neither input.
-int Sum(const double* e, int en, const double* f, int fn, double* h) {
-  int ei = 0, fi = 0, hi = 0;
-  double enow = e[0], fnow = f[0], q, qnew, hh;
-  auto next_e = [&] { enow = ++ei < en ? e[ei] : 0.0; };
-  auto next_f = [&] { fnow = ++fi < fn ? f[fi] : 0.0; };
-  auto take_e = [&] { return (fnow > enow) == (fnow > -enow); };  // |e| <= |f|
-  if (take_e()) {
-    q = enow;
-    next_e();
-  } else {
-    q = fnow;
-    next_f();
-  }
-  if (ei < en && fi < fn) {
-    if (take_e()) {
-      FastTwoSum(enow, q, qnew, hh);
-      next_e();
-    } else {
-      FastTwoSum(fnow, q, qnew, hh);
-      next_f();
-    }
-    q = qnew;
-    if (hh != 0.0) h[hi++] = hh;
-    while (ei < en && fi < fn) {
-      if (take_e()) {
-        TwoSum(q, enow, qnew, hh);
-        next_e();
-      } else {
-        TwoSum(q, fnow, qnew, hh);
-        next_f();
-      }
-      q = qnew;
-      if (hh != 0.0) h[hi++] = hh;
-    }
-  }
-  while (ei < en) {
-    TwoSum(q, enow, qnew, hh);
-    next_e();
-    q = qnew;
-    if (hh != 0.0) h[hi++] = hh;
-  }
-  while (fi < fn) {
-    TwoSum(q, fnow, qnew, hh);
-    next_f();
-    q = qnew;
-    if (hh != 0.0) h[hi++] = hh;
-  }
-  if (q != 0.0 || hi == 0) h[hi++] = q;
-  return hi;
-}
-
-template <int NE, int NF, int NH>
-void Sum(const Expansion<NE>& e, const Expansion<NF>& f, Expansion<NH>& h) {
-  static_assert(NH >= NE + NF, "sum does not fit");
-  h.n = Sum(e.v, e.n, f.v, f.n, h.v);
-}
-
-// h = e * b; h has room for 2 en components.
-int Scale(const double* e, int en, double b, double* h) {
-  double bhi, blo, q, hh, p1, p0, sum;
-  Split(b, bhi, blo);
-  int hi = 0;
-  TwoProductPresplit(e[0], b, bhi, blo, q, hh);
-  if (hh != 0.0) h[hi++] = hh;
-  for (int i = 1; i < en; ++i) {
-    TwoProductPresplit(e[i], b, bhi, blo, p1, p0);
-    TwoSum(q, p0, sum, hh);
-    if (hh != 0.0) h[hi++] = hh;
-    FastTwoSum(p1, sum, q, hh);
-    if (hh != 0.0) h[hi++] = hh;
-  }
-  if (q != 0.0 || hi == 0) h[hi++] = q;
-  return hi;
-}
-
-// h = e * f: one scaled copy of f per component of e, summed.
-template <int NE, int NF, int NH>
-void Multiply(const Expansion<NE>& e, const Expansion<NF>& f, Expansion<NH>& h) {
-  static_assert(NH >= 2 * NE * NF, "product does not fit");
-  double part[2 * NF];
-  double acc[NH];
-  h.n = Scale(f.v, f.n, e.v[0], h.v);
-  for (int i = 1; i < e.n; ++i) {
-    const int pn = Scale(f.v, f.n, e.v[i], part);
-    const int an = Sum(h.v, h.n, part, pn, acc);  // at most 2 (i + 1) f.n components
-    std::memcpy(h.v, acc, sizeof(double) * an);
-    h.n = an;
-  }
-}
-
-template <int N>
-void Negate(Expansion<N>& e) {
-  for (int i = 0; i < e.n; ++i) e.v[i] = -e.v[i];
-}
-
-// a - b exactly, as one or two components.
-inline Expansion<2> Difference(double a, double b) {
-  Expansion<2> d;
-  double x, y;
-  TwoDiff(a, b, x, y);
-  if (y != 0.0) d.v[d.n++] = y;
-  d.v[d.n++] = x;
-  return d;
-}
-
-inline double SignOf(double v) { return v > 0.0 ? 1.0 : (v < 0.0 ? -1.0 : 0.0); }
-
-// Rarely needed: kept out of line so its large stack frame does not burden
-// every caller.
-template <class T>
-KORVANE_NOINLINE double Orient2dExact(const T* a, const T* b, const T* c) {
-  const Expansion<2> acx = Difference(a[0], c[0]), acy = Difference(a[1], c[1]);
-  const Expansion<2> bcx = Difference(b[0], c[0]), bcy = Difference(b[1], c[1]);
-  Expansion<8> left, right;
-  Multiply(acx, bcy, left);
-  Multiply(acy, bcx, right);
-  Negate(right);
-  Expansion<16> det;
-  Sum(left, right, det);
-  return SignOf(det.v[det.n - 1]);
-}
-
-// Positive when a, b, c turn counter-clockwise with y pointing up (clockwise
-// on screen), negative the other way, 0 exactly when collinear.
-template <class T>
-inline double Orient2d(const T* a, const T* b, const T* c) {
-  const double left = (double(a[0]) - c[0]) * (double(b[1]) - c[1]);
-  const double right = (double(a[1]) - c[1]) * (double(b[0]) - c[0]);
-  const double det = left - right;
-  const double bound = kOrientBound * (std::fabs(left) + std::fabs(right));
-  if (det > bound || -det > bound) return det;
-  return Orient2dExact(a, b, c);
-}
-
-template <class T>
-KORVANE_NOINLINE double InCircleExact(const T* a, const T* b, const T* c, const T* d) {
-  const Expansion<2> adx = Difference(a[0], d[0]), ady = Difference(a[1], d[1]);
-  const Expansion<2> bdx = Difference(b[0], d[0]), bdy = Difference(b[1], d[1]);
-  const Expansion<2> cdx = Difference(c[0], d[0]), cdy = Difference(c[1], d[1]);
-  // lift(u) * (v.x w.y - w.x v.y), summed over the three rotations.
-  auto term = [](const Expansion<2>& ux, const Expansion<2>& uy, const Expansion<2>& vx,
-                 const Expansion<2>& vy, const Expansion<2>& wx, const Expansion<2>& wy,
-                 Expansion<512>& out) {
-    Expansion<8> xx, yy, p, q;
-    Multiply(ux, ux, xx);
-    Multiply(uy, uy, yy);
-    Expansion<16> lift, cross;
-    Sum(xx, yy, lift);
-    Multiply(vx, wy, p);
-    Multiply(wx, vy, q);
-    Negate(q);
-    Sum(p, q, cross);
-    Multiply(lift, cross, out);
-  };
-  Expansion<512> ta, tb, tc;
-  term(adx, ady, bdx, bdy, cdx, cdy, ta);
-  term(bdx, bdy, cdx, cdy, adx, ady, tb);
-  term(cdx, cdy, adx, ady, bdx, bdy, tc);
-  Expansion<1024> ab;
-  Sum(ta, tb, ab);
-  Expansion<1536> det;
-  Sum(ab, tc, det);
-  return SignOf(det.v[det.n - 1]);
-}
-
-// Positive when d lies inside the circle through a, b, c taken
-// counter-clockwise with y up; for triangles wound counter-clockwise on
-// screen, as the mesh's are, inside is negative.
-template <class T>
-inline double InCircle2d(const T* a, const T* b, const T* c, const T* d) {
-  const double adx = double(a[0]) - d[0], bdx = double(b[0]) - d[0], cdx = double(c[0]) - d[0];
-  const double ady = double(a[1]) - d[1], bdy = double(b[1]) - d[1], cdy = double(c[1]) - d[1];
-  const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-  const double cdxady = cdx * ady, adxcdy = adx * cdy;
-  const double adxbdy = adx * bdy, bdxady = bdx * ady;
-  const double alift = adx * adx + ady * ady;
-  const double blift = bdx * bdx + bdy * bdy;
-  const double clift = cdx * cdx + cdy * cdy;
-  const double det = alift * (bdxcdy - cdxbdy) + blift * (cdxady - adxcdy) + clift * (adxbdy - bdxady);
-  // Each |u.x v.y| + |v.x u.y| is at most half the sum of two lifts, so the
-  // permanent is at most half the lifts' sum squared: a cheaper first bound.
-  const double lifts = alift + blift + clift;
-  if (std::fabs(det) > kInCircleBound * 0.5 * lifts * lifts) return det;
-  const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * alift +
-                           (std::fabs(cdxady) + std::fabs(adxcdy)) * blift +
-                           (std::fabs(adxbdy) + std::fabs(bdxady)) * clift;
-  const double bound = kInCircleBound * permanent;
-  if (det > bound || -det > bound) return det;
-  return InCircleExact(a, b, c, d);
-}
-
-// ---------------------------------------------------------------------------
-
 inline const float* Pt(const float* points, uint32_t i) { return points + 2 * static_cast<size_t>(i); }
-
 
 // r lies strictly to the right of the directed line p -> q on screen, that
 // is (p, q, r) is wound clockwise on screen: seen from r, the edge p -> q
@@ -575,21 +321,21 @@ bool Delaunay::NearAcceptedPoint(const float* p, uint32_t e, uint32_t q) const {
   return false;
 }
 
-int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
-  int32_t hr = S_OK;
-  const uint32_t n = point_count;
-  const float cx = (min_x + max_x) * 0.5f;
-  const float cy = (min_y + max_y) * 0.5f;
+void Delaunay::WorkPoint(uint32_t i, double* out) const {
+  out[0] = points[2 * static_cast<size_t>(i)] - m_origin[0];
+  out[1] = points[2 * static_cast<size_t>(i) + 1] - m_origin[1];
+}
 
+void Delaunay::PlaceOrigin(float min_x, float min_y, float max_x, float max_y) {
   // The working coordinates are moved to the bounding box's lower corner
   // when every such move is exact in float, which keeps them small for the
   // hash and the sort; otherwise they stay as given. The predicates work in
   // double on them and decide for the caller's own points either way.
   m_origin[0] = min_x;
   m_origin[1] = min_y;
-  for (size_t i = 0; i < 2 * static_cast<size_t>(n); ++i) {
+  for (size_t i = 0; i < 2 * static_cast<size_t>(point_count); ++i) {
     double x, y;
-    TwoDiff(points[i], m_origin[i & 1], x, y);
+    Exact::TwoDiff(points[i], m_origin[i & 1], x, y);
     if (y != 0.0 || static_cast<double>(static_cast<float>(x)) != x) {
       m_origin[0] = m_origin[1] = 0.0;
       break;
@@ -597,14 +343,13 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   }
   const double extent = std::max({static_cast<double>(max_x) - min_x, static_cast<double>(max_y) - min_y, 1.0});
   m_inv_extent = 1.0 / extent;
-  auto at = [this](uint32_t i, double* out) {
-    out[0] = points[2 * static_cast<size_t>(i)] - m_origin[0];
-    out[1] = points[2 * static_cast<size_t>(i) + 1] - m_origin[1];
-  };
+}
 
-  // Seed: the point nearest the box centre, its nearest neighbour beyond the
+int32_t Delaunay::FindSeed(float cx, float cy, uint32_t seed[3]) {
+  // The point nearest the box centre, its nearest neighbour beyond the
   // duplicate distance, and the point that makes the smallest circumcircle
   // with those two without being collinear with them.
+  const uint32_t n = point_count;
   uint32_t i0 = 0, i1 = INVALID, i2 = INVALID;
   float best = std::numeric_limits<float>::infinity();
   for (uint32_t i = 0; i < n; ++i) {
@@ -617,11 +362,11 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     }
   }
   double p0[2], p1[2], p2[2], p[2];
-  at(i0, p0);
+  WorkPoint(i0, p0);
   double best_d = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
     if (i == i0) continue;
-    at(i, p);
+    WorkPoint(i, p);
     const double d = SquaredDistance(p0, p);
     if (d < best_d && d > kDuplicateDistance2) {
       i1 = i;
@@ -629,14 +374,14 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
     }
   }
   if (i1 == INVALID) return E_INVALIDARG;
-  at(i1, p1);
+  WorkPoint(i1, p1);
   auto usable = [&](uint32_t i, const double* q) {
     return i != i0 && i != i1 && SquaredDistance(q, p0) > kDuplicateDistance2 &&
            SquaredDistance(q, p1) > kDuplicateDistance2 && Orient2d(p0, p1, q) != 0.0;
   };
   double min_radius = HUGE_VAL;
   for (uint32_t i = 0; i < n; ++i) {
-    at(i, p);
+    WorkPoint(i, p);
     const double r = CalCircumradius(p0, p1, p);
     if (r < min_radius && usable(i, p)) {
       i2 = i;
@@ -646,96 +391,109 @@ int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
   // Rounding can hide the only non-collinear point behind an infinite
   // radius; any point off the seed line will do then.
   for (uint32_t i = 0; i < n && i2 == INVALID; ++i) {
-    at(i, p);
+    WorkPoint(i, p);
     if (usable(i, p)) i2 = i;
   }
   if (i2 == INVALID) return E_INVALIDARG;
-  at(i2, p2);
+  WorkPoint(i2, p2);
   // Counter-clockwise on screen is clockwise with y up.
+  // The centre comes from the points as found, before the swap.
   if (Orient2d(p0, p1, p2) > 0.0) std::swap(i1, i2);
-
-  hull_start = i0;
+  seed[0] = i0;
+  seed[1] = i1;
+  seed[2] = i2;
   CalCircumcenter(p0, p1, p2, seed_center);
   if (!std::isfinite(seed_center[0]) || !std::isfinite(seed_center[1])) {
     // A nearly flat seed: any centre inside the hull orders the points well enough.
     seed_center[0] = (p0[0] + p1[0] + p2[0]) / 3.0;
     seed_center[1] = (p0[1] + p1[1] + p2[1]) / 3.0;
   }
+  return S_OK;
+}
 
-  if (KORVANE_FAILED(SortPointsByDist())) return hr;
-
+void Delaunay::RankPoints(const uint32_t seed[3], uint32_t ranked[3]) {
   // From here on a point is named by its rank in the insertion order, and its
   // coordinates are reordered to match: the hull front and the triangles
   // next to it then involve recent ranks only, which keeps the working set in
   // cache. Triangles are renamed to the caller's indices at the end.
-  m_sorted_coords.resize(2 * static_cast<size_t>(n));
-  uint32_t seed_tri_p0 = INVALID, seed_tri_p1 = INVALID, seed_tri_p2 = INVALID;
-  for (uint32_t k = 0; k < n; ++k) {
+  m_sorted_coords.resize(2 * static_cast<size_t>(point_count));
+  for (uint32_t k = 0; k < point_count; ++k) {
     const uint32_t id = sorted_ids[k];
     double q[2];
-    at(id, q);
+    WorkPoint(id, q);
     m_sorted_coords[2 * static_cast<size_t>(k)] = static_cast<float>(q[0]);
     m_sorted_coords[2 * static_cast<size_t>(k) + 1] = static_cast<float>(q[1]);
-    if (id == i0) seed_tri_p0 = k;
-    if (id == i1) seed_tri_p1 = k;
-    if (id == i2) seed_tri_p2 = k;
+    for (int s = 0; s < 3; ++s) {
+      if (id == seed[s]) ranked[s] = k;
+    }
   }
   m_geom = m_sorted_coords.data();
+}
+
+void Delaunay::AddPoint(uint32_t i, uint32_t e, uint32_t next_p) {
+  const float* p = Pt(m_geom, i);
+  // The first triangle, on the visible edge that was found.
+  uint32_t t = AddTriangle(e, i, next_p, INVALID, INVALID, hull_tri[e]);
+  hull_tri[i] = Legalize(t + 2);
+  hull_tri[e] = t;
+
+  // Forward along the hull while edges face the point. The walk stops short
+  // of e so the hull always keeps e, the new point and n.
+  uint32_t n_v = next_p;
+  for (;;) {
+    const uint32_t r = hull_next[n_v];
+    if (r == e || !Sees(p, Pt(m_geom, n_v), Pt(m_geom, r))) break;
+    t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
+    hull_tri[i] = Legalize(t + 2);
+    hull_next[n_v] = n_v;  // removed from the hull
+    n_v = r;
+  }
+
+  // Backward, the same; it stops short of n.
+  for (;;) {
+    const uint32_t r = hull_prev[e];
+    if (r == n_v || !Sees(p, Pt(m_geom, r), Pt(m_geom, e))) break;
+    t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
+    Legalize(t + 2);
+    hull_tri[r] = t;
+    hull_next[e] = e;
+    e = r;
+  }
+
+  hull_start = e;
+  hull_prev[i] = e;
+  hull_next[e] = i;
+  hull_prev[n_v] = i;
+  hull_next[i] = n_v;
+  hull_hash[m_last_key] = i;
+  hull_hash[HashKey(Pt(m_geom, e))] = e;
+}
+
+int32_t Delaunay::Build(float min_x, float min_y, float max_x, float max_y) {
+  int32_t hr = S_OK;
+  PlaceOrigin(min_x, min_y, max_x, max_y);
+  uint32_t seed[3];
+  if ((hr = FindSeed((min_x + max_x) * 0.5f, (min_y + max_y) * 0.5f, seed)) < 0) return hr;
+  hull_start = seed[0];
+  if (KORVANE_FAILED(SortPointsByDist())) return hr;
+
+  uint32_t ranked[3] = {INVALID, INVALID, INVALID};
+  RankPoints(seed, ranked);
+  const uint32_t seed_tri_p0 = ranked[0], seed_tri_p1 = ranked[1], seed_tri_p2 = ranked[2];
   if (KORVANE_FAILED(InitHull(seed_tri_p0, seed_tri_p1, seed_tri_p2))) return hr;
-  i0 = seed_tri_p0;
-  i1 = seed_tri_p1;
-  i2 = seed_tri_p2;
-  AddTriangle(i0, i1, i2, INVALID, INVALID, INVALID);
+  AddTriangle(seed_tri_p0, seed_tri_p1, seed_tri_p2, INVALID, INVALID, INVALID);
 
   const float* prev = nullptr;
-  for (uint32_t k = 0; k < n; ++k) {
-    const uint32_t i = k;
+  for (uint32_t i = 0; i < point_count; ++i) {
     const float* p = Pt(m_geom, i);
-    if (i == i0 || i == i1 || i == i2) continue;
+    if (i == seed_tri_p0 || i == seed_tri_p1 || i == seed_tri_p2) continue;
     if (prev && SquaredDistance(p, prev) <= kDuplicateDistance2) continue;
-
     uint32_t add_point = i, start_p = INVALID, prev_p = INVALID, next_p = INVALID;
     if (KORVANE_FAILED(FindFrontier(add_point, start_p, prev_p, next_p))) return hr;
-    uint32_t e = prev_p;
-    if (e == INVALID) continue;  // on or inside the hull: only ties in the order allow it
-    if (NearAcceptedPoint(p, e, next_p)) continue;
+    if (prev_p == INVALID) continue;  // on or inside the hull: only ties in the order allow it
+    if (NearAcceptedPoint(p, prev_p, next_p)) continue;
     prev = p;
-
-    // The first triangle, on the visible edge that was found.
-    uint32_t t = AddTriangle(e, i, next_p, INVALID, INVALID, hull_tri[e]);
-    hull_tri[i] = Legalize(t + 2);
-    hull_tri[e] = t;
-
-    // Forward along the hull while edges face the point. The walk stops short
-    // of e so the hull always keeps e, the new point and n.
-    uint32_t n_v = next_p;
-    for (;;) {
-      const uint32_t r = hull_next[n_v];
-      if (r == e || !Sees(p, Pt(m_geom, n_v), Pt(m_geom, r))) break;
-      t = AddTriangle(n_v, i, r, hull_tri[i], INVALID, hull_tri[n_v]);
-      hull_tri[i] = Legalize(t + 2);
-      hull_next[n_v] = n_v;  // removed from the hull
-      n_v = r;
-    }
-
-    // Backward, the same; it stops short of n.
-    for (;;) {
-      const uint32_t r = hull_prev[e];
-      if (r == n_v || !Sees(p, Pt(m_geom, r), Pt(m_geom, e))) break;
-      t = AddTriangle(r, i, e, INVALID, hull_tri[e], hull_tri[r]);
-      Legalize(t + 2);
-      hull_tri[r] = t;
-      hull_next[e] = e;
-      e = r;
-    }
-
-    hull_start = e;
-    hull_prev[i] = e;
-    hull_next[e] = i;
-    hull_prev[n_v] = i;
-    hull_next[i] = n_v;
-    hull_hash[m_last_key] = i;
-    hull_hash[HashKey(Pt(m_geom, e))] = e;
+    AddPoint(i, prev_p, next_p);
   }
 
   for (uint32_t t = 0; t < triangle_index_count; ++t) triangles[t] = sorted_ids[triangles[t]];

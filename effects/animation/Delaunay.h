@@ -36,6 +36,16 @@ class Delaunay final : public DelaunayTriangle {
 
  private:
   int32_t Build(float min_x, float min_y, float max_x, float max_y);
+  // Build's steps: the working origin, the seed triangle (wound
+  // counter-clockwise on screen, E_INVALIDARG when there is none), the
+  // coordinates reordered by insertion rank, and one point joined to the
+  // hull edges it sees from edge (e, next_p).
+  void PlaceOrigin(float min_x, float min_y, float max_x, float max_y);
+  int32_t FindSeed(float cx, float cy, uint32_t seed[3]);
+  void RankPoints(const uint32_t seed[3], uint32_t ranked[3]);
+  void AddPoint(uint32_t i, uint32_t e, uint32_t next_p);
+  // Point i of the caller's array in working coordinates.
+  void WorkPoint(uint32_t i, double* out) const;
   int32_t SortPointsByDist();
   int32_t InitHull(uint32_t seed_tri_p0, uint32_t seed_tri_p1, uint32_t seed_tri_p2);
   int32_t FindFrontier(uint32_t add_point, uint32_t& start_p, uint32_t& prev_p, uint32_t& next_p);

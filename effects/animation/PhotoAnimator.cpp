@@ -9,19 +9,17 @@
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
-#include "effects/animation/InpaintMask.h"
+#include "core/InpaintMask.h"
 
 namespace Korvane {
 
 namespace {
 
 constexpr uint32_t kNone = 0xFFFFFFFFu;  // no triangle, no chunk left
-// Pixel coordinates must stay exact in single precision.
-constexpr int32_t kMaxSide = 1 << 24;
 
-// The shared row check plus the animator's side limit.
+// The shared row check plus the longest side any effect accepts.
 bool ImageFits(const ImageBuffer& img, int32_t bytes_per_pixel) {
-  return RowsFit(img, bytes_per_pixel) && img.width <= kMaxSide && img.height <= kMaxSide;
+  return RowsFit(img, bytes_per_pixel) && img.width <= kMaxImageSide && img.height <= kMaxImageSide;
 }
 
 bool Finite(float x, float y) { return std::isfinite(x) && std::isfinite(y); }
@@ -54,10 +52,7 @@ int32_t CreateDelaunay(std::unique_ptr<Delaunay>& mesh) {
 int32_t PhotoAnimator::GetAffineMat(float transform_mat[6], const float dst_tri[6], const float src_tri[6]) {
   double inv_src[9];
   const int32_t hr = GetInverse(dst_tri, inv_src);
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_CALL("GetInverse(src_tri, inv_src)", hr);
-    return hr;
-  }
+  if (hr < 0) return LogCall("GetInverse(src_tri, inv_src)", hr);
   for (int r = 0; r < 2; ++r) {
     const double q0 = src_tri[r], q1 = src_tri[2 + r], q2 = src_tri[4 + r];
     for (int c = 0; c < 3; ++c) {
@@ -97,15 +92,10 @@ int32_t PhotoAnimator::Init(const AnimationParam* p_param) {
     }
     m_frame_count = param.anime_frame_count;
     loop_mode = param.loop_mode;
-    if ((hr = InpaintMaskByDistTransform(*param.input, *param.mask, m_background)) < 0) {
-      KORVANE_LOG_FAILED_STEP("InpaintMaskByDistTransform", hr);
-      return hr;
-    }
+    hr = LogStep("InpaintMaskByDistTransform", InpaintMaskByDistTransform(*param.input, *param.mask, m_background));
+    if (hr < 0) return hr;
     if (KORVANE_FAILED(PrepareAnimationParm())) return hr;
-    if ((hr = PrepareDelaunayTri(param)) < 0) {
-      KORVANE_LOG_FAILED_STEP("PrepareDelaunayTri", hr);
-      return hr;
-    }
+    if ((hr = LogStep("PrepareDelaunayTri", PrepareDelaunayTri(param))) < 0) return hr;
     m_ready = true;
     return S_OK;
   } catch (const std::exception& e) {
@@ -170,9 +160,7 @@ int32_t PhotoAnimator::UpdateFlowPoints(const AnimationParam* p_param) {
   }
   try {
     loop_mode = param.loop_mode;
-    const int32_t hr = PrepareDelaunayTri(param);
-    if (hr < 0) KORVANE_LOG_FAILED_STEP("PrepareDelaunayTri", hr);
-    return hr;
+    return LogStep("PrepareDelaunayTri", PrepareDelaunayTri(param));
   } catch (const std::exception& e) {
     mesh_points.clear();
     DebugLog("UpdateFlowPoints - %s caught!", e.what());
@@ -226,8 +214,8 @@ int32_t PhotoAnimator::PrepareDelaunayTri(const AnimationParam& param) {
     return hr;
   }
   mesh->Reset();
-  if ((hr = mesh->Triangulate(&mesh_points[0].x, static_cast<uint32_t>(mesh_points.size()))) < 0) {
-    KORVANE_LOG_FAILED_STEP("Update Delaunaty Triangulation", hr);
+  hr = mesh->Triangulate(&mesh_points[0].x, static_cast<uint32_t>(mesh_points.size()));
+  if (LogStep("Update Delaunaty Triangulation", hr) < 0) {
     mesh_points.clear();
     return hr;
   }
@@ -602,9 +590,8 @@ int32_t PhotoAnimator::Animate(const AnimationParam* p_param, int32_t frame_inde
     const float weight = static_cast<float>(frame_index) * m_blend_step;
     const int32_t alpha = std::min(static_cast<int32_t>(weight * 256.0f), 256);
     if ((hr = PrepareWarp(alpha)) < 0) {
-      KORVANE_LOG_FAILED_STEP("Get Past Image", hr);
-      KORVANE_LOG_FAILED_STEP("Animating", hr);
-      return hr;
+      LogStep("Get Past Image", hr);
+      return LogStep("Animating", hr);
     }
     if (KORVANE_FAILED(RenderFrame(param, alpha))) return hr;
     return S_OK;

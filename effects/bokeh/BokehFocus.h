@@ -1,18 +1,18 @@
 // The bokeh effect's background blur: the focus blur of the photo (a strong
 // and a weak masked Gaussian blur, blended by the guide's distance from the
 // focus value), with both blurs computed on a reduced copy and enlarged
-// again. The kernels are the focus blur's own; the reduced kernels are the
-// full-size kernels resampled, so the result looks like the focus blur of
-// the full photo at the same level, truncation included.
+// again. The kernels and stages are the focus blur's own; the reduced
+// kernels are the full-size kernels resampled, so the result looks like the
+// focus blur of the full photo at the same level, truncation included.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 
+#include "core/GaussianBlur.h"
 #include "core/ImageBuffer.h"
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
-#include "effects/focus_blur/GaussianBlur.h"
 
 namespace Korvane {
 
@@ -46,7 +46,25 @@ class BokehFocus {
   int32_t ReleaseBuffer();
 
  private:
+  // The reduced size and the blur settings of one call, from the record.
+  struct Plan {
+    float ratio = 1.0f;
+    Rect small;  // the reduced copy, whole
+    int32_t level = 0, focus_value = 0, focus_range = 0;
+    bool guided = false;
+  };
+  static int32_t CheckRecord(const BokehFocusParam& p, const SmartBuffer& out);
+  static Plan PlanFor(const BokehFocusParam& p);
   bool SameAsKept(const BokehFocusParam& p, const SmartBuffer& out) const;
+  // The blur of the reduced photo into `buffer` at `level`.
+  GaussianBlurParam BlurParam(const BokehFocusParam& p, const Plan& plan, int32_t level,
+                              const SmartBuffer& buffer) const;
+  // The reduced photo, and with a guide its blur mask and `weight`.
+  int32_t Reduce(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p, const Plan& plan,
+                 const int32_t* table, SmartBuffer& weight);
+  // The weak blur, both blurs enlarged over p.roi, and the blend into `out`.
+  int32_t BlendWithWeak(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,
+                        const Plan& plan, const std::shared_ptr<int32_t[]>& table, SmartBuffer& out);
 
   SmartBuffer m_small_src, m_small_guide, m_strong, m_weak;
   SmartBuffer m_blur_src_buff, m_sub_blur_src_buff;  // the two blurs enlarged to the photo's size

@@ -47,11 +47,14 @@ struct DispersionParam {
   uint32_t seed = 1;                    // the same seed gives the same particles
 };
 
-// Result codes: E_POINTER for a missing record, image or pixel pointer;
-// E_NOTIMPL for an image of another format; E_INVALIDARG for sizes,
-// rectangles, frame numbers or settings out of range (each logged);
-// E_FAIL for Process before a successful Init; E_OUTOFMEMORY when memory
-// runs out (nothing prepared is kept then).
+// Result codes, checked in the order every effect keeps: E_POINTER for a
+// missing record, image or pixel pointer; E_NOTIMPL for an image of another
+// format; E_INVALIDARG for sizes (a side over 65536 included), strides, a
+// roi outside the photo, an output not the roi's size or sharing memory
+// with the photo or mask, then for frame numbers and settings out of range.
+// Each refusal is logged. After all of these, E_FAIL for Process before a
+// successful Init; E_OUTOFMEMORY when memory runs out (nothing prepared is
+// kept then).
 class Dispersion {
  public:
   virtual ~Dispersion() = default;

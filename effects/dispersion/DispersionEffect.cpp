@@ -10,36 +10,19 @@
 #include "core/BoxBlur.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/InpaintMask.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
-#include "effects/animation/InpaintMask.h"
 
 namespace Korvane {
 
 namespace {
 
 constexpr float kPi = 3.14159265f;
-// Largest side accepted: keeps pixel coordinates exact in floats and every
-// row size inside 32 bits.
-constexpr int32_t kMaxSide = 1 << 16;
 
-
-
-int32_t Refuse(int32_t code, const char* what) {
-  DebugLog("Dispersion: %s", what);
-  return code;
-}
+int32_t Refuse(int32_t code, const char* why) { return LogRefusal("Dispersion", why, code); }
 
 inline bool IsSubject(const ImageBuffer& mask, int32_t x, int32_t y) { return RowPtr(mask, y)[x] != 0; }
-
-// True when the bytes of two images' rows share any address.
-bool Overlap(const ImageBuffer& a, const ImageBuffer& b) {
-  const auto end = [](const ImageBuffer& i) {
-    return i.data + static_cast<ptrdiff_t>(i.height - 1) * i.stride +
-           static_cast<ptrdiff_t>(i.width) * BytesPerPixel(i.pix_fmt);
-  };
-  return a.data < end(b) && b.data < end(a);
-}
 
 }  // namespace
 
@@ -72,26 +55,21 @@ DispersionEffect::PreparedKey DispersionEffect::KeyOf(const DispersionParam& p) 
 int32_t DispersionEffect::Validate(const DispersionParam* param, bool for_process) {
   if (!param) return Refuse(E_POINTER, "the parameter record is NULL");
   const DispersionParam& p = *param;
-  if (!p.input || !p.input->data || !p.mask || !p.mask->data) return Refuse(E_POINTER, "input or mask missing");
-  if (for_process && (!p.output || !p.output->data)) return Refuse(E_POINTER, "output missing");
-  if (!IsBgra(*p.input) || !IsGray8(*p.mask) || (for_process && !IsBgra(*p.output))) {
-    return Refuse(E_NOTIMPL, "input and output must be BGRA32, the mask GRAY8");
+  // The frame images in the one order every effect keeps. The mask is never
+  // optional here; Init renders nothing, so the photo stands in for the
+  // output over its whole extent.
+  if (!p.mask || !p.mask->data) return Refuse(E_POINTER, "mask missing");
+  const ImageBuffer* out = for_process ? p.output : p.input;
+  const Rect roi = for_process ? p.roi : (p.input ? FullRect(*p.input) : Rect{});
+  switch (CheckFrameImages(p.input, out, roi, p.mask)) {
+    case S_OK: break;
+    case E_POINTER: return Refuse(E_POINTER, "input or output missing");
+    case E_NOTIMPL: return Refuse(E_NOTIMPL, "input and output must be BGRA32, the mask GRAY8");
+    default: return Refuse(E_INVALIDARG, "an image size or stride, or the roi, out of range");
   }
-  if (CheckImage(*p.input, PIXEL_BGRA32) < 0 || CheckImage(*p.mask, PIXEL_GRAY8) < 0 || p.input->width > kMaxSide ||
-      p.input->height > kMaxSide) {
-    return Refuse(E_INVALIDARG, "input or mask size out of range");
-  }
-  if (!SameSize(*p.input, *p.mask)) return Refuse(E_INVALIDARG, "mask size differs from the input's");
-  if (for_process) {
-    if (!RectInside(p.roi, *p.input)) return Refuse(E_INVALIDARG, "roi outside the input");
-    if (CheckImage(*p.output, PIXEL_BGRA32) < 0 || p.output->width != RectWidth(p.roi) ||
-        p.output->height != RectHeight(p.roi)) {
-      return Refuse(E_INVALIDARG, "output size differs from the roi's");
-    }
-    // Later frames read the photo again, so the output may not overwrite it.
-    if (Overlap(*p.output, *p.input) || Overlap(*p.output, *p.mask)) {
-      return Refuse(E_INVALIDARG, "output shares memory with the input or mask");
-    }
+  // Later frames read the photo again, so the output may not overwrite it.
+  if (for_process && (Overlaps(*p.output, *p.input) || Overlaps(*p.output, *p.mask))) {
+    return Refuse(E_INVALIDARG, "output shares memory with the input or mask");
   }
   if (p.anime_frame_count < 1) return Refuse(E_INVALIDARG, "anime_frame_count below 1");
   if (p.anime_frame_index < 0) return Refuse(E_INVALIDARG, "anime_frame_index below 0");
@@ -283,10 +261,8 @@ int32_t DispersionEffect::CreateTmpBuffer(const DispersionParam& p) {
   int32_t hr = S_OK;
   try {
     if (KORVANE_FAILED(CreateSmartBufferData(m_background, m_width, m_height, PIXEL_BGRA32))) return hr;
-    if ((hr = InpaintMaskByDistTransform(*p.input, *p.mask, m_background)) < 0) {
-      KORVANE_LOG_FAILED_STEP("InpaintMaskByDistTransform", hr);
-      return hr;
-    }
+    hr = LogStep("InpaintMaskByDistTransform", InpaintMaskByDistTransform(*p.input, *p.mask, m_background));
+    if (hr < 0) return hr;
     // The fill carries edge colours inwards in straight streaks; a wide blur
     // turns them into a soft wash. Only subject pixels ever show the
     // background, so only they need it.
@@ -339,13 +315,9 @@ int32_t DispersionEffect::Process(const DispersionParam* param) {
   }
   if (!(KeyOf(*param) == m_key) && (hr = PrepareFor(*param)) < 0) return hr;
   const float progress = CalProgress(param->anime_frame_count, param->anime_frame_index, param->loop_mode);
-  if ((hr = ComputeFrame(progress, param->fade, param->roi)) < 0) {
-    KORVANE_LOG_FAILED_STEP("MoveParticles", hr);
-    return hr;
-  }
+  if ((hr = LogStep("MoveParticles", ComputeFrame(progress, param->fade, param->roi))) < 0) return hr;
   BinFrame(param->roi);
-  if ((hr = Render(*param, progress)) < 0) KORVANE_LOG_FAILED_STEP("DrawParticles", hr);
-  return hr;
+  return LogStep("DrawParticles", Render(*param, progress));
 }
 
 int32_t DispersionEffect::ComputeFrame(float progress, float fade, const Rect& roi) {

@@ -37,11 +37,13 @@ class FocusBlur {
 
   // Renders param->output. Returns E_POINTER for a NULL record and
   // E_OUTOFMEMORY when memory runs out; otherwise 0. A record the effect
-  // cannot use (a missing pixel pointer, a format other than BGRA32, a guide
-  // or output of another size than the input, a stride shorter than a row)
-  // is reported in the debugger log and leaves the output untouched, as does
-  // a failing step; the call still returns 0. Each image may have padded rows
-  // (any stride of at least a row), and the output may be the input itself.
+  // cannot use is checked in the order every effect keeps (a missing pixel
+  // pointer, then a format other than BGRA32, then an empty photo or a side
+  // over 65536, a guide or output of another size than the input, a stride
+  // shorter than a row), but by this effect's own contract the reason only
+  // goes to the debugger log: the output is left untouched, as it is by a
+  // failing step, and the call still returns 0. Each image may have padded
+  // rows (any stride of at least a row), and the output may be the input.
   virtual int32_t Process(const FocusBlurParam* param) = 0;
 
   // Nothing to release; returns 0.

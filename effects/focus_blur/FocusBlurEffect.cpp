@@ -1,17 +1,14 @@
 #include "effects/focus_blur/FocusBlurEffect.h"
 
-#include <algorithm>
-#include <climits>
-#include <cstdlib>
 #include <new>
 
-#include "core/BandTask.h"
 #include "core/DebugLog.h"
+#include "core/FocusBlend.h"
+#include "core/FocusBlurStages.h"
+#include "core/GaussianBlur.h"
 #include "core/ImageChecks.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
-#include "effects/focus_blur/FocusBlend.h"
-#include "effects/focus_blur/GaussianBlur.h"
 
 namespace Korvane {
 
@@ -22,20 +19,19 @@ namespace {
 // the row pass its column window reaches above and below.
 constexpr int32_t kWeakChunkRows = 32;
 
-int32_t Refuse(const char* why, int32_t code) {
-  DebugLog("[Korvane] FocusBlur: %s - Return Code: %x", why, static_cast<unsigned>(code));
-  return code;
-}
+int32_t Refuse(const char* why, int32_t code) { return LogRefusal("FocusBlur", why, code); }
 
-// What keeps every pass inside the caller's images. Logs and returns the
-// reason when the record cannot be used.
+// What keeps every pass inside the caller's images, checked in the order
+// every effect keeps: pixels, formats, then sizes and strides. Logs and
+// returns the reason when the record cannot be used.
 int32_t CheckRecord(const FocusBlurParam& p) {
   if (!p.input.data) return Refuse("the input image has no pixels", E_POINTER);
   if (!p.mask.data) return Refuse("the guide image has no pixels", E_POINTER);
   if (!p.output.data) return Refuse("the output image has no pixels", E_POINTER);
   if (!IsBgra(p.input)) return Refuse("the input image is not BGRA32", E_NOTIMPL);
   if (!IsBgra(p.output)) return Refuse("the output image is not BGRA32", E_NOTIMPL);
-  if (p.input.width <= 0 || p.input.height <= 0 || static_cast<int64_t>(p.input.width) * 4 > INT32_MAX) {
+  if (p.input.width <= 0 || p.input.height <= 0 || p.input.width > kMaxImageSide ||
+      p.input.height > kMaxImageSide) {
     return Refuse("the input image size is out of range", E_INVALIDARG);
   }
   if (!SameSize(p.mask, p.input)) return Refuse("the guide image is not the size of the input", E_INVALIDARG);
@@ -44,58 +40,6 @@ int32_t CheckRecord(const FocusBlurParam& p) {
     return Refuse("an image stride is shorter than its rows", E_INVALIDARG);
   }
   return S_OK;
-}
-
-// Shared by both blurs: true where the guide lies further than focus_range
-// from focus_value. Built in row bands on the pool.
-struct BlurMaskParam {
-  const ImageBuffer* guide;
-  const bool* blur;  // per guide value
-  bool* mask;        // width x height
-};
-
-void BlurMaskRows(const BlurMaskParam& p, int32_t top, int32_t bottom) {
-  const ImageBuffer& g = *p.guide;
-  const int32_t step = g.channel;
-  for (int32_t y = top; y < bottom; ++y) {
-    const uint8_t* src = RowPtr(g, y);
-    bool* m = p.mask + static_cast<size_t>(y) * g.width;
-    for (int32_t x = 0; x < g.width; ++x) m[x] = p.blur[src[static_cast<size_t>(x) * step]];
-  }
-}
-
-int32_t BlurMaskBand(const BlurMaskParam& p, const Rect& r) {
-  if (IsEmpty(r)) return S_OK;
-  if (r.top < 0 || r.bottom > p.guide->height || r.left != 0 || r.right != p.guide->width) return E_INVALIDARG;
-  BlurMaskRows(p, r.top, r.bottom);
-  return S_OK;
-}
-
-std::shared_ptr<bool[]> MakeBlurMask(CThreadAdapter& adapter, const ImageBuffer& guide, int32_t focus_value,
-                                     int32_t focus_range) {
-  std::shared_ptr<bool[]> mask(new bool[static_cast<size_t>(guide.width) * guide.height]);
-  // Per guide value, so the loop over pixels is a lookup.
-  bool blur[256];
-  for (int32_t v = 0; v < 256; ++v) {
-    blur[v] = std::llabs(static_cast<int64_t>(v) - focus_value) > static_cast<int64_t>(focus_range);
-  }
-  BlurMaskParam p{&guide, blur, mask.get()};
-  // Without a working pool the mask is built here; the first blur pass then
-  // reports the pool's failure.
-  if (adapter.RunTaskByMultiThread(BandTask<BlurMaskParam, BlurMaskBand>, &p, nullptr, FullRect(guide)) < 0) {
-    BlurMaskRows(p, 0, guide.height);
-  }
-  return mask;
-}
-
-// True when the pixel bytes of a and b share memory.
-bool Overlaps(const ImageBuffer& a, const ImageBuffer& b) {
-  auto end = [](const ImageBuffer& i, int32_t bytes_per_pixel) {
-    return reinterpret_cast<uintptr_t>(i.data) + static_cast<size_t>(i.height - 1) * i.stride +
-           static_cast<size_t>(i.width) * bytes_per_pixel;
-  };
-  const uintptr_t a0 = reinterpret_cast<uintptr_t>(a.data), b0 = reinterpret_cast<uintptr_t>(b.data);
-  return a0 < end(b, b.channel) && b0 < end(a, a.channel);
 }
 
 }  // namespace
@@ -117,16 +61,6 @@ int32_t FocusBlurEffect::Process(const FocusBlurParam* param) {
   return S_OK;
 }
 
-int32_t FocusBlurEffect::RunPass(const Kernel<ThreadTask>& kernel, const char* param_text, void* param,
-                                 const Rect& region, bool rows) {
-  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(kernel.fn, param, this, region, rows);
-  if (hr < 0) {
-    DebugLog("[Korvane] m_thread_adapter.RunTaskByMultiThread(%s, %s, this, process_region%s) Error! - Return Code: %x",
-             kernel.name, param_text, rows ? "" : ", false", static_cast<unsigned>(hr));
-  }
-  return hr;
-}
-
 int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   int32_t hr = CheckRecord(param);
   if (hr < 0) return hr;
@@ -140,7 +74,8 @@ int32_t FocusBlurEffect::PlanBuffers(const FocusBlurParam& param, Frame& f) {
   f.guide = SmartBufferView(param.mask);
   f.out = SmartBufferView(param.output);
   f.region = FullRect(f.in);
-  f.blur_mask = MakeBlurMask(m_thread_adapter, param.mask, param.focus_value, param.focus_range);
+  f.blur_mask.reset(new bool[static_cast<size_t>(f.in.width) * f.in.height]);
+  MakeBlurMask(m_thread_adapter, f.guide, param.focus_value, param.focus_range, f.blur_mask.get());
 
   // The strong blur's working image may be the output itself: the blend
   // then mixes each pixel in place, and a fresh image of this size costs
@@ -167,13 +102,7 @@ int32_t FocusBlurEffect::StrongBlur(const FocusBlurParam& param, Frame& f) {
   blur_param.weights.reset(new float[kGaussianHalfTaps]);
   blur_param.kernel_length = MakeGaussianWeights(param.blur_level, f.in.width, f.in.height, blur_param.weights.get());
   blur_param.mask = f.blur_mask;
-  int32_t hr;
-  if ((hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurH, GaussianBlurH_SSE), "&blur_param", &blur_param,
-                    f.region)) < 0) {
-    return hr;
-  }
-  return RunPass(KORVANE_PICK(m_system_info, GaussianBlurV, GaussianBlurV_SSE), "&blur_param", &blur_param, f.region,
-                 false);
+  return RunGaussianPasses(m_thread_adapter, m_system_info, blur_param, "&blur_param", f.region);
 }
 
 int32_t FocusBlurEffect::WeakBlurAndBlend(const FocusBlurParam& param, const Frame& f) {
@@ -212,14 +141,11 @@ int32_t FocusBlurEffect::WeakBlurAndBlend(const FocusBlurParam& param, const Fra
   SmartBuffer sub_effect;
   if (KORVANE_FAILED(CreateSmartBufferData(sub_effect, f.in.width, f.in.height, f.in.pix_fmt))) return hr;
   sub_blur_param.buffer = sub_effect;
-  if ((hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurH, GaussianBlurH_SSE), "&sub_blur_param",
-                    &sub_blur_param, f.region)) < 0 ||
-      (hr = RunPass(KORVANE_PICK(m_system_info, GaussianBlurV, GaussianBlurV_SSE), "&sub_blur_param",
-                    &sub_blur_param, f.region, false)) < 0) {
+  if ((hr = RunGaussianPasses(m_thread_adapter, m_system_info, sub_blur_param, "&sub_blur_param", f.region)) < 0) {
     return hr;
   }
   blend_param.sub_effect = sub_effect;
-  return RunPass(blend, "&blend_param", &blend_param, f.region);
+  return RunFocusPass(m_thread_adapter, blend, "&blend_param", &blend_param, f.region);
 }
 
 }  // namespace Korvane

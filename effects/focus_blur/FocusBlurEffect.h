@@ -36,9 +36,6 @@ class FocusBlurEffect final : public FocusBlur, public EffectCore {
   int32_t StrongBlur(const FocusBlurParam& param, Frame& f);
   // The weak blur, a sixth of the strength, and the blend into the output.
   int32_t WeakBlurAndBlend(const FocusBlurParam& param, const Frame& f);
-  // Runs one pass over the photo and logs a failure with the call's text.
-  int32_t RunPass(const Kernel<ThreadTask>& kernel, const char* param_text, void* param, const Rect& region,
-                  bool rows = true);
 };
 
 }  // namespace Korvane

@@ -52,13 +52,17 @@ class Glitch {
   virtual ~Glitch() = default;
 
   // Checks the images and allocates one 8-bit plane per colour channel at
-  // their size. E_POINTER for a missing image or pixel pointer, E_NOTIMPL for
-  // a format other than BGRA32, E_INVALIDARG for an empty image, mismatched
-  // sizes or a stride shorter than a row, E_OUTOFMEMORY when allocation fails.
+  // their size. Checked in the order every effect keeps: E_POINTER for a
+  // missing image or pixel pointer, E_NOTIMPL for a format other than BGRA32,
+  // E_INVALIDARG for an empty image, a side over 65536, mismatched sizes or a
+  // stride shorter than a row; E_OUTOFMEMORY when allocation fails.
   virtual int32_t SetImages(const GlitchImages* images) = 0;
 
-  // Renders param->output. E_INVALIDARG for a setting out of range or images
-  // of another size than SetImages was given; E_FAIL before SetImages. A
+  // Renders param->output. The glitch's own contract puts the settings
+  // first: E_POINTER for a NULL record, then E_INVALIDARG for a setting out
+  // of range, before the images are looked at;
+  // then E_FAIL before SetImages; then the images as SetImages checks them,
+  // and E_INVALIDARG for images of another size than SetImages was given. A
   // failure leaves the output untouched.
   virtual int32_t Process(const GlitchParam* param) = 0;
 

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstddef>
 #include <exception>
-#include <limits>
 
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
@@ -34,8 +33,9 @@ GlitchSource SourceOf(const ImageBuffer& img) {
 int32_t GlitchEffect::CheckImages(const ImageBuffer* input, const ImageBuffer* output) {
   if (!input || !output || !HasPixels(*input) || !HasPixels(*output)) return E_POINTER;
   if (input->pix_fmt != PIXEL_BGRA32 || output->pix_fmt != PIXEL_BGRA32) return E_NOTIMPL;
-  const int32_t max_width = std::numeric_limits<int32_t>::max() / 4;
-  if (input->width <= 0 || input->height <= 0 || input->width > max_width) return E_INVALIDARG;
+  if (input->width <= 0 || input->height <= 0 || input->width > kMaxImageSide || input->height > kMaxImageSide) {
+    return E_INVALIDARG;
+  }
   if (output->width != input->width || output->height != input->height) return E_INVALIDARG;
   // Rows may be padded, never short: the kernels walk width x 4 bytes of each.
   if (!RowsFit(*input, 4) || !RowsFit(*output, 4)) return E_INVALIDARG;

@@ -79,12 +79,16 @@ class Glow {
   virtual int32_t Initialize(int32_t width, int32_t height) = 0;
 
   // Renders roi of the glowing photo into param.dst. Returns 0 or the code of
-  // the first failure: E_INVALIDARG for a photo that is not the size given to
-  // Initialize (so also before it), other size, rectangle and range errors
-  // and a mode outside 0..28; E_NOTIMPL for src or dst not PIXEL_BGRA32;
-  // E_POINTER for a dst without pixels; E_FAIL when Initialize has not
-  // prepared the working images (0 x 0 photos). Photos need at least 2 x 2
-  // pixels. Modes 11 and 12 keep the glow in floats from the tone curve on.
+  // the first failure. The glow's own contract fixes the order of its checks,
+  // which is not the usual pixels-formats-sizes one: E_INVALIDARG for a photo
+  // that is not the size given to Initialize (so also before it) or has no
+  // pixels, a mask of another size or format, a dst not the size of roi or a
+  // roi outside the photo; then E_NOTIMPL for src or dst not PIXEL_BGRA32;
+  // then E_INVALIDARG for short rows, settings out of range and a mode
+  // outside 0..28; then E_FAIL when Initialize has not prepared the working
+  // images (0 x 0 photos); last E_POINTER for a dst without pixels. Photos
+  // need at least 2 x 2 pixels. Modes 11 and 12 keep the glow in floats from
+  // the tone curve on.
   virtual int32_t Process(const GlowParam& param) = 0;
 
   // Frees the working images; Initialize must be called again before Process.

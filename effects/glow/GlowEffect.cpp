@@ -167,14 +167,7 @@ int32_t GlowEffect::Process(const GlowParam& param) {
     DebugLog("Process - %s caught!", e.what());
     hr = E_OUTOFMEMORY;
   }
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("total process", hr);
-  return hr;
-}
-
-int32_t GlowEffect::RunStage(const char* stage, ThreadTask task, void* param, Rect region) {
-  const int32_t hr = m_thread_adapter.RunTaskByMultiThread(task, param, this, region);
-  if (hr < 0) KORVANE_LOG_FAILED_STEP(stage, hr);
-  return hr;
+  return LogStep("total process", hr);
 }
 
 int32_t GlowEffect::CopyAndDetectHighlight() {
@@ -196,13 +189,9 @@ int32_t GlowEffect::CopyAndDetectHighlight() {
 
 int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
   const int32_t hr = RunBilinearResize(m_thread_adapter, m_system_info, param, region);
-  if (hr < 0) {
-    // Named after the form that ran (the dispatcher chooses it the same way).
-    KORVANE_LOG_FAILED_STEP(PickBilinearResize(m_system_info, param.src.pix_fmt).simd ? "resize buff SSE" : "resize buff",
-                            hr);
-    KORVANE_LOG_FAILED_STEP(stage, hr);
-  }
-  return hr;
+  // Named after the form that ran (the dispatcher chooses it the same way).
+  LogStep(PickBilinearResize(m_system_info, param.src.pix_fmt).simd ? "resize buff SSE" : "resize buff", hr);
+  return LogStep(stage, hr);
 }
 
 int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
@@ -219,12 +208,7 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   GlowConvertParam conv{&m_scaled_hlr, &m_scaled_img_f, tone};
   const int32_t r = CalBlurRadius(m_param.glow_radius);
   BoxBlurParam blur;
-  blur.src.data = m_scaled_img_f.data.get();
-  blur.src.width = m_scaled_img_f.width;
-  blur.src.height = m_scaled_img_f.height;
-  blur.src.stride = m_scaled_img_f.stride;
-  blur.src.channel = m_scaled_img_f.channel;
-  blur.src.pix_fmt = m_scaled_img_f.pix_fmt;
+  blur.src = MapView(m_scaled_img_f, region, PIXEL_FLOAT96);
   blur.radius = r;
   BoxBlurRepeatParam blur_rows{&blur, 2};
 
@@ -241,17 +225,14 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   if (r > 0) {
     const auto v = KORVANE_PICK(m_system_info, BoxBlurV, BoxBlurV_SSE);
     for (int pass = 0; pass < 2; ++pass) {
-      hr = m_thread_adapter.RunTaskByMultiThread(v.fn, &blur, this, region, false);
-      if (hr < 0) {
-        KORVANE_LOG_FAILED_STEP("soften hlr", hr);
-        return hr;
-      }
+      hr = LogStep("soften hlr", m_thread_adapter.RunTaskByMultiThread(v.fn, &blur, this, region, false));
+      if (hr < 0) return hr;
     }
   }
   if (!to_bytes) return S_OK;
   const auto to_byte = KORVANE_PICK(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE);
   conv.tone = nullptr;
-  return RunStage("convert Float to BYTE", to_byte.fn, &conv, region);
+  return LogStep("convert Float to BYTE", m_thread_adapter.RunTaskByMultiThread(to_byte.fn, &conv, this, region));
 }
 
 int32_t GlowEffect::AdjustColor(bool floats) {
@@ -261,8 +242,9 @@ int32_t GlowEffect::AdjustColor(bool floats) {
   p.hue = m_param.color_hue;
   p.saturation = m_param.saturation;
   p.brightness = m_param.brightness;
-  return RunStage("adjust color", floats ? GlowAdjustColorFloat : GlowAdjustColor, &p,
-                  Rect{0, 0, m_scaled_img_w, m_scaled_img_h});
+  return LogStep("adjust color",
+                 m_thread_adapter.RunTaskByMultiThread(floats ? GlowAdjustColorFloat : GlowAdjustColor, &p, this,
+                                                       Rect{0, 0, m_scaled_img_w, m_scaled_img_h}));
 }
 
 int32_t GlowEffect::Blend() {
@@ -278,7 +260,7 @@ int32_t GlowEffect::Blend() {
   const int32_t slot = m_blend_mode_to_slot[m_param.blend_mode];
   const auto blend = ChooseKernel(m_system_info, m_blend_kernels[slot], "blend rows", m_blend_kernels_sse41[slot],
                                   "blend rows SSE4.1");
-  return RunStage("blending hlr to result", blend.fn, &p, roi);
+  return LogStep("blending hlr to result", m_thread_adapter.RunTaskByMultiThread(blend.fn, &p, this, roi));
 }
 
 int32_t GlowEffect::RunPipeline(bool floats) {

@@ -42,7 +42,6 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t ShrinkAndSoften(bool to_bytes);
   int32_t AdjustColor(bool floats);
   int32_t Blend();
-  int32_t RunStage(const char* stage, ThreadTask task, void* param, Rect region);
 
   SmartBuffer m_aligned_src;    // copy of the photo, aligned allocation, image-size fields
   SmartBuffer m_aligned_hlr;    // full-size highlight, same layout

@@ -63,18 +63,6 @@ TEST(BoxBlurRepeated, BandByBandPassesMatchWholeImagePassesBitForBit) {
         }
 }
 
-TEST(BoxBlurRepeated, SameForWorkerCounts) {
-  const std::vector<uint8_t> src = RandomPixels(45, 23, PIXEL_FLOAT96, 3);
-  ExpectSameForWorkerCounts(
-      [&](Runner& run) {
-        std::vector<uint8_t> px = src;
-        BoxBlurParam p{MakeImageBuffer(px.data(), 45, 23, PIXEL_FLOAT96), 5, nullptr};
-        EXPECT_EQ(RunBoxBlur(run.adapter, Level(SIMD_SSE41), p, Rect{0, 0, 45, 23}, 2), S_OK);
-        return px;
-      },
-      "two passes, FLOAT96");
-}
-
 TEST(BoxBlurRepeated, MissingParameterIsRefused) {
   ThreadJob job;
   job.rect = Rect{0, 0, 4, 4};

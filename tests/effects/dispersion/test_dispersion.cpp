@@ -289,19 +289,23 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
         EXPECT_EQ(FirstDifference(Render(fx, s, f), ref[i], s.W()), "") << workers << " workers, simd " << simd;
         ++i;
       }
-      // A region of the frame is that part of the whole frame.
-      const Rect roi{13, 9, 101, 70};
-      TestImage part(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 4);
-      s.p.roi = roi;
-      s.p.output = &part.buf;
+      // A region of the frame is that part of the whole frame, at the
+      // corners, along the edges (one pixel thick too) and in the middle.
+      const Rect regions[] = {{0, 0, 30, 20},  {100, 0, 131, 25}, {0, 60, 40, 77}, {111, 57, 131, 77},
+                              {0, 0, 131, 1},  {130, 0, 131, 77}, {0, 76, 131, 77}, {13, 9, 101, 70}};
       s.p.anime_frame_index = 4;
-      ASSERT_EQ(fx->Process(&s.p), S_OK);
-      EXPECT_TRUE(part.GuardsIntact());
-      const std::vector<uint8_t> got = part.Packed();
-      for (int32_t y = 0; y < RectHeight(roi); ++y) {
-        const uint8_t* want = &ref[1][(static_cast<size_t>(y + roi.top) * s.W() + roi.left) * 4];
-        ASSERT_TRUE(std::equal(want, want + RectWidth(roi) * 4, &got[static_cast<size_t>(y) * RectWidth(roi) * 4]))
-            << "roi row " << y;
+      for (const Rect& roi : regions) {
+        TestImage part(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 4);
+        s.p.roi = roi;
+        s.p.output = &part.buf;
+        ASSERT_EQ(fx->Process(&s.p), S_OK);
+        EXPECT_TRUE(part.GuardsIntact());
+        const std::vector<uint8_t> got = part.Packed();
+        for (int32_t y = 0; y < RectHeight(roi); ++y) {
+          const uint8_t* want = &ref[1][(static_cast<size_t>(y + roi.top) * s.W() + roi.left) * 4];
+          ASSERT_TRUE(std::equal(want, want + RectWidth(roi) * 4, &got[static_cast<size_t>(y) * RectWidth(roi) * 4]))
+              << "region " << roi.left << "," << roi.top << "," << roi.right << "," << roi.bottom << " row " << y;
+        }
       }
     }
   }
@@ -354,6 +358,10 @@ TEST(Dispersion, RefusesBadRecordsWithTheirCodes) {
       {"width", [](Scene& s) { s.p.dissolve_width = 1.5f; }, E_INVALIDARG},
       {"fade", [](Scene& s) { s.p.fade = -1.0f; }, E_INVALIDARG},
       {"turbulence", [](Scene& s) { s.p.turbulence = 2.0f; }, E_INVALIDARG},
+      {"side over 65536", [](Scene& s) {  // never read: refused first
+         s.photo.buf.width = s.mask.buf.width = 65537;
+         s.photo.buf.stride = 4 * 65537, s.mask.buf.stride = 65537;
+       }, E_INVALIDARG},
   };
   for (const Case& c : cases) {
     Scene good, s;

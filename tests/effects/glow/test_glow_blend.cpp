@@ -339,49 +339,6 @@ TEST(GlowBlendRows, EightPixelPathMatchesPerPixelPath) {
     }
 }
 
-// dst lives inside a larger block whose guard bytes must survive; the roi is
-// away from the origin. The eight-pixel path writes image (x, y) at
-// (x - left, y - top); the per-pixel path at (x, y), only where that exists.
-TEST(GlowBlendRows, RoiAwayFromOriginNeverWritesOutsideDst) {
-  std::mt19937 rng(3);
-  const int32_t W = 40, H = 30;
-  Image glow = Random(W, H, rng, 2), photo = Random(W, H, rng), glow_f(W, H, PIXEL_FLOAT96);
-  SmartBuffer gv = glow.View(), pv = photo.View(), fv = glow_f.View();
-  const Rect roi{13, 9, 35, 27};  // 22 x 18
-  const int32_t dw = roi.right - roi.left, dh = roi.bottom - roi.top;
-  const size_t guard = 4096, bytes = size_t(dw) * dh * 4;
-  Runner r(3);
-  for (bool sse : {false, true}) {
-    if (sse && !HaveSse41()) continue;
-    for (int32_t slot : {0, 9, 14, 19, 30, 36}) {
-      std::vector<uint8_t> block(guard + bytes + guard, 0xC3);
-      SmartBuffer dv = MakeSmartBufferView(block.data() + guard, dw, dh);
-      GlowBlendParam p;
-      p.glow = &gv, p.glow_f = &fv, p.photo = &pv, p.dst = &dv, p.roi = roi;
-      ASSERT_EQ(r.Run(slot, p, sse), S_OK);
-      ASSERT_TRUE(std::all_of(block.begin(), block.begin() + guard, [](uint8_t b) { return b == 0xC3; }));
-      ASSERT_TRUE(std::all_of(block.end() - guard, block.end(), [](uint8_t b) { return b == 0xC3; }));
-      int written = 0;
-      for (int32_t y = 0; y < dh; ++y) {
-        for (int32_t x = 0; x < dw; ++x) {
-          const uint8_t* got = block.data() + guard + (size_t(y) * dw + x) * 4;
-          const int32_t ix = sse ? x + roi.left : x, iy = sse ? y + roi.top : y;
-          const bool inside = ix >= roi.left && iy >= roi.top;
-          uint8_t want[4] = {0xC3, 0xC3, 0xC3, 0xC3};
-          const size_t i = (size_t(iy) * W + ix) * 4;
-          // The float slots' black glow gives a grey at the photo's luminance: only "written" is checked.
-          if (inside && !IsGlowFloatSlot(slot)) GlowBlendPixel(slot, &glow.px[i], &photo.px[i], want, 255);
-          const bool same = std::memcmp(got, want, 4) == 0;
-          const bool exact = !inside || !IsGlowFloatSlot(slot);
-          ASSERT_TRUE(same || !exact) << "slot " << slot << " sse " << sse << " at " << x << "," << y;
-          written += inside && (!same || !IsGlowFloatSlot(slot));
-        }
-      }
-      EXPECT_EQ(written, sse ? dw * dh : (dw - roi.left) * (dh - roi.top)) << "slot " << slot;
-    }
-  }
-}
-
 TEST(GlowBlendRows, FloatModesKeepThePhotoWhenTheGlowIsThePhoto) {
   // A glow equal to the photo (on the 0..1 scale) has the photo's hue and
   // chroma, so hue mode rebuilds the photo; so does saturation where the

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "effects/focus_blur/FocusBlend.h"
-#include "effects/focus_blur/GaussianBlur.h"
+#include "core/FocusBlend.h"
+#include "core/GaussianBlur.h"
 
 namespace FocusBlurTest {
 

@@ -1,4 +1,4 @@
-#include "effects/focus_blur/GaussianBlur.h"
+#include "core/GaussianBlur.h"
 
 #include <algorithm>
 #include <cmath>
@@ -172,6 +172,97 @@ void MarkOpenWindows(const bool* mask, int32_t width, int32_t n, uint8_t* open) 
   }
 }
 
+// Row y of the blur mask, or a row of `true` when the blur has no mask.
+class MaskRows {
+ public:
+  MaskRows(const GaussianBlurParam& p, int32_t width) : m_mask(p.mask.get()), m_width(width) {
+    if (!m_mask) {
+      m_all_true.reset(new bool[static_cast<size_t>(width)]);
+      std::fill_n(m_all_true.get(), width, true);
+    }
+  }
+  const bool* operator()(int32_t y) const {
+    return m_mask ? m_mask + static_cast<size_t>(y) * m_width : m_all_true.get();
+  }
+
+ private:
+  const bool* m_mask;
+  int32_t m_width;
+  std::unique_ptr<bool[]> m_all_true;
+};
+
+// The taps of output row y of a column pass over a ring of 2n - 1 converted
+// rows (image row i in slot i mod (2n - 1), `slot` pixels a slot): rows
+// outside the image contribute nothing, so their taps are left out. Returns
+// the number of taps.
+int32_t ColumnTaps(const float* w, int32_t n, int32_t y, int32_t height, const float* colour, const float* weight,
+                   size_t slot, float* taps, const float** colour_rows, const float** weight_rows) {
+  const int32_t ring_rows = 2 * n - 1;
+  const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
+  int32_t count = 0;
+  for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++count) {
+    taps[count] = w[std::abs(i)];
+    colour_rows[count] = colour + slot * 3 * s;
+    weight_rows[count] = weight + slot * s;
+    if (++s == ring_rows) s = 0;
+  }
+  return count;
+}
+
+// open[x] = 0 where every row y - (n - 1) .. y + n - 1 of column left + x is
+// masked, 1 elsewhere (all those rows must exist).
+void MarkOpenColumns(const MaskRows& mask_row, int32_t y, int32_t n, int32_t left, int32_t band_w, uint8_t* open) {
+  std::memset(open, 1, static_cast<size_t>(band_w));
+  for (int32_t i = -(n - 1); i <= n - 1; ++i) {
+    const uint8_t* m = reinterpret_cast<const uint8_t*>(mask_row(y + i) + left);
+    for (int32_t x = 0; x < band_w; ++x) open[x] &= m[x];
+  }
+  for (int32_t x = 0; x < band_w; ++x) open[x] ^= 1;
+}
+
+// The row pass of a band: one converted source row with n - 1 zero pixels on
+// each side (taps past the image edge add nothing), the taps in order over
+// it, and which windows lie wholly on masked pixels.
+class RowPass {
+ public:
+  RowPass(const float* w, int32_t n, int32_t width, int32_t left)
+      : m_n(n), m_width(width), m_left(left), m_colour((static_cast<size_t>(width) + 2 * (n - 1)) * 3 + kRowPad, 0.0f),
+        m_weight(static_cast<size_t>(width) + 2 * (n - 1), 0.0f), m_open(static_cast<size_t>(width)) {
+    SymmetricTaps(w, n, m_taps);
+    for (int32_t k = 0; k < 2 * n - 1; ++k) {
+      m_colour_rows[k] = m_colour.data() + static_cast<size_t>(k + left) * 3;
+      m_weight_rows[k] = m_weight.data() + k + left;
+    }
+    m_rows.colour = m_colour_rows;
+    m_rows.weight = m_weight_rows;
+    m_rows.taps = m_taps;
+    m_rows.count = 2 * n - 1;
+    m_rows.open = m_open.data() + left;
+    m_rows.full_weight = FullWeight(m_taps, m_rows.count);
+  }
+  RowPass(const RowPass&) = delete;
+  RowPass& operator=(const RowPass&) = delete;
+
+  // Blurs `count` pixels of source row `src` (mask row `mask`) from the
+  // band's left column on into dst.
+  void Run(const GaussianRowKernels& kernels, const uint8_t* src, const bool* mask, uint8_t* dst, int32_t count) {
+    kernels.convert(src, mask, m_colour.data() + static_cast<size_t>(m_n - 1) * 3, m_weight.data() + (m_n - 1),
+                    m_width);
+    MarkOpenWindows(mask, m_width, m_n, m_open.data());
+    kernels.accumulate(m_rows, mask + m_left, src + static_cast<size_t>(m_left) * 4, dst, count);
+  }
+  float FullWeightOfTaps() const { return m_rows.full_weight; }
+
+ private:
+  int32_t m_n, m_width, m_left;
+  std::vector<float> m_colour, m_weight;
+  std::vector<uint8_t> m_open;
+  float m_taps[kMaxTaps];
+  const float* m_colour_rows[kMaxTaps];
+  const float* m_weight_rows[kMaxTaps];
+  GaussianTapRows m_rows;
+};
+
 // The private buffer a band writes into holds this many pixels; it is pasted
 // back whenever it is full, so it stays in the cache.
 constexpr int32_t kBlockPixels = 16384;
@@ -212,43 +303,15 @@ int32_t BlurRows(const GaussianBlurParam& p, const Rect& r, const GaussianRowKer
   int32_t hr = direct ? S_OK : CreateSmartBufferData(block, band_w, block_rows, PIXEL_BGRA32);
   if (hr < 0) return hr;
 
-  // One converted row with n - 1 zero pixels on each side: taps past the
-  // image edge add nothing.
-  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
-  std::vector<float> colour(padded * 3 + kRowPad, 0.0f), weight(padded, 0.0f);
-  std::vector<uint8_t> open(static_cast<size_t>(width));
-  std::unique_ptr<bool[]> all_true;
-  if (!p.mask) {
-    all_true.reset(new bool[static_cast<size_t>(width)]);
-    std::fill_n(all_true.get(), width, true);
-  }
-  float taps[kMaxTaps];
-  const float* colour_rows[kMaxTaps];
-  const float* weight_rows[kMaxTaps];
-  SymmetricTaps(p.weights.get(), n, taps);
-  for (int32_t k = 0; k < 2 * n - 1; ++k) {
-    colour_rows[k] = colour.data() + static_cast<size_t>(k + r.left) * 3;
-    weight_rows[k] = weight.data() + k + r.left;
-  }
-  GaussianTapRows t;
-  t.colour = colour_rows;
-  t.weight = weight_rows;
-  t.taps = taps;
-  t.count = 2 * n - 1;
-  t.open = open.data() + r.left;
-  t.full_weight = FullWeight(taps, t.count);
-
+  RowPass pass(p.weights.get(), n, width, r.left);
+  const MaskRows mask_row(p, width);
   SmartBuffer target = buf;
   for (int32_t y0 = r.top; y0 < r.bottom; y0 += block_rows) {
     const int32_t rows_here = std::min(block_rows, r.bottom - y0);
     for (int32_t y = y0; y < y0 + rows_here; ++y) {
-      const uint8_t* src = in.data.get() + static_cast<size_t>(y) * in.stride;
-      const bool* mask = p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
-      kernels.convert(src, mask, colour.data() + static_cast<size_t>(n - 1) * 3, weight.data() + (n - 1), width);
-      MarkOpenWindows(mask, width, n, open.data());
       uint8_t* dst = direct ? buf.data.get() + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(r.left) * 4
                             : block.data.get() + static_cast<size_t>(y - y0) * band_w * 4;
-      kernels.accumulate(t, mask + r.left, src + static_cast<size_t>(r.left) * 4, dst, band_w);
+      pass.Run(kernels, in.data.get() + static_cast<size_t>(y) * in.stride, mask_row(y), dst, band_w);
     }
     if (direct) continue;
     hr = PasteSmartBufferDataWithROI(BlockView(block, band_w, rows_here), target,
@@ -277,11 +340,7 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   SmartBuffer block;
   int32_t hr = CreateSmartBufferData(block, chunk, block_rows, PIXEL_BGRA32);
   if (hr < 0) return hr;
-  std::unique_ptr<bool[]> all_true;
-  if (!p.mask) {
-    all_true.reset(new bool[static_cast<size_t>(width)]);
-    std::fill_n(all_true.get(), width, true);
-  }
+  const MaskRows mask_row(p, width);
   const float* w = p.weights.get();
   float taps[kMaxTaps];
   const float* colour_rows[kMaxTaps];
@@ -294,9 +353,6 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
   t.taps = taps;
   t.full_weight = FullWeight(all_taps, ring_rows);
   const uint8_t* pixels = buf.data.get();
-  auto mask_row = [&](int32_t y) {
-    return p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
-  };
 
   SmartBuffer target = buf;
   for (int32_t cx = r.left; cx < r.right; cx += chunk) {
@@ -328,18 +384,9 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
             for (int32_t x = 0; x < cw; ++x) u[x] = static_cast<uint8_t>(u[x] + 1 - in[x]);
           }
         }
-        // Rows outside the image contribute nothing: leave their taps out.
-        const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
-        int32_t count = 0;
-        for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++count) {
-          taps[count] = w[std::abs(i)];
-          colour_rows[count] = colour.data() + slot * 3 * s;
-          weight_rows[count] = weight.data() + slot * s;
-          if (++s == ring_rows) s = 0;
-        }
-        t.count = count;
+        t.count = ColumnTaps(w, n, y, height, colour.data(), weight.data(), slot, taps, colour_rows, weight_rows);
         // The counts cover this row's window only when all its rows exist.
-        t.open = count == ring_rows ? unmasked.data() : nullptr;
+        t.open = t.count == ring_rows ? unmasked.data() : nullptr;
         kernels.accumulate(t, mask_row(y) + cx,
                            pixels + static_cast<size_t>(y) * buf.stride + static_cast<size_t>(cx) * 4,
                            block.data.get() + static_cast<size_t>(y - y0) * cw * 4, cw);
@@ -381,80 +428,37 @@ int32_t BlurRowsAndColumns(const GaussianBlurParam& p, const Rect& r, const void
   const int32_t width = buf.width, height = buf.height;
   const int32_t ring_rows = 2 * n - 1;
 
-  // The row pass: one converted source row with n - 1 zero pixels each side.
-  const size_t padded = static_cast<size_t>(width) + 2 * (n - 1);
-  std::vector<float> row_colour(padded * 3 + kRowPad, 0.0f), row_weight(padded, 0.0f);
-  std::vector<uint8_t> row_open(static_cast<size_t>(width));
+  RowPass row_pass(p.weights.get(), n, width, r.left);
   std::vector<uint8_t> scratch(static_cast<size_t>(band_w) * 4);
   // The column pass: a ring of converted rows of the row pass, band wide.
   const size_t slot = static_cast<size_t>(band_w);
   std::vector<float> colour(slot * 3 * ring_rows + kRowPad), weight(slot * ring_rows);
   std::vector<uint8_t> col_open(slot);
-  std::unique_ptr<bool[]> all_true;
-  if (!p.mask) {
-    all_true.reset(new bool[static_cast<size_t>(width)]);
-    std::fill_n(all_true.get(), width, true);
-  }
-  auto mask_row = [&](int32_t y) {
-    return p.mask ? p.mask.get() + static_cast<size_t>(y) * width : all_true.get();
-  };
+  const MaskRows mask_row(p, width);
   const float* w = p.weights.get();
-  float row_taps[kMaxTaps], col_taps[kMaxTaps];
-  const float* row_colour_rows[kMaxTaps];
-  const float* row_weight_rows[kMaxTaps];
+  float col_taps[kMaxTaps];
   const float* colour_rows[kMaxTaps];
   const float* weight_rows[kMaxTaps];
-  SymmetricTaps(w, n, row_taps);
-  for (int32_t k = 0; k < ring_rows; ++k) {
-    row_colour_rows[k] = row_colour.data() + static_cast<size_t>(k + r.left) * 3;
-    row_weight_rows[k] = row_weight.data() + k + r.left;
-  }
-  GaussianTapRows rt;
-  rt.colour = row_colour_rows;
-  rt.weight = row_weight_rows;
-  rt.taps = row_taps;
-  rt.count = ring_rows;
-  rt.open = row_open.data() + r.left;
-  rt.full_weight = FullWeight(row_taps, ring_rows);
   GaussianTapRows ct;
   ct.colour = colour_rows;
   ct.weight = weight_rows;
   ct.taps = col_taps;
-  ct.full_weight = rt.full_weight;
+  ct.full_weight = row_pass.FullWeightOfTaps();
 
   int32_t next = std::max(0, r.top - (n - 1));  // next row for the row pass
   for (int32_t y = r.top; y < r.bottom; ++y) {
     for (const int32_t last = std::min(height - 1, y + n - 1); next <= last; ++next) {
-      const uint8_t* src = in.data.get() + static_cast<size_t>(next) * in.stride;
       const bool* m = mask_row(next);
-      kernels.convert(src, m, row_colour.data() + static_cast<size_t>(n - 1) * 3, row_weight.data() + (n - 1),
-                      width);
-      MarkOpenWindows(m, width, n, row_open.data());
-      kernels.accumulate(rt, m + r.left, src + static_cast<size_t>(r.left) * 4, scratch.data(), band_w);
+      row_pass.Run(kernels, in.data.get() + static_cast<size_t>(next) * in.stride, m, scratch.data(), band_w);
       const size_t s = static_cast<size_t>(next % ring_rows);
       kernels.convert(scratch.data(), m + r.left, colour.data() + slot * 3 * s, weight.data() + slot * s, band_w);
     }
-    // Rows outside the image contribute nothing: leave their taps out.
-    const int32_t i_first = std::max(-(n - 1), -y), i_last = std::min(n - 1, height - 1 - y);
-    int32_t count = 0;
-    for (int32_t i = i_first, s = (y + i_first) % ring_rows; i <= i_last; ++i, ++count) {
-      col_taps[count] = w[std::abs(i)];
-      colour_rows[count] = colour.data() + slot * 3 * s;
-      weight_rows[count] = weight.data() + slot * s;
-      if (++s == ring_rows) s = 0;
-    }
-    ct.count = count;
+    ct.count = ColumnTaps(w, n, y, height, colour.data(), weight.data(), slot, col_taps, colour_rows, weight_rows);
     ct.open = nullptr;
-    if (count == ring_rows) {
+    if (ct.count == ring_rows) {
       // A column's window is wholly masked when all its rows are.
-      uint8_t* o = col_open.data();
-      std::memset(o, 1, slot);
-      for (int32_t i = -(n - 1); i <= n - 1; ++i) {
-        const uint8_t* m = reinterpret_cast<const uint8_t*>(mask_row(y + i) + r.left);
-        for (int32_t x = 0; x < band_w; ++x) o[x] &= m[x];
-      }
-      for (int32_t x = 0; x < band_w; ++x) o[x] ^= 1;
-      ct.open = o;
+      MarkOpenColumns(mask_row, y, n, r.left, band_w, col_open.data());
+      ct.open = col_open.data();
     }
     kernels.accumulate(ct, mask_row(y) + r.left, in.data.get() + static_cast<size_t>(y) * in.stride + at,
                        target_row(y), band_w);

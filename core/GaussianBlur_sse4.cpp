@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "effects/focus_blur/GaussianBlur.h"
+#include "core/GaussianBlur.h"
 
 namespace Korvane {
 

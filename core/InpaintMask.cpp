@@ -1,4 +1,4 @@
-#include "effects/animation/InpaintMask.h"
+#include "core/InpaintMask.h"
 
 #include <cstring>
 

@@ -5,7 +5,7 @@
 #include <iterator>
 #include <tuple>
 
-#include "FocusBlurTestSupport.h"
+#include "FocusBlurReference.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "core/ThreadAdapter.h"

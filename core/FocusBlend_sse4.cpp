@@ -3,7 +3,7 @@
 // division by 255 is the same integer rounding as the plain form's.
 #include <smmintrin.h>
 
-#include "effects/focus_blur/FocusBlend.h"
+#include "core/FocusBlend.h"
 
 namespace Korvane {
 

@@ -1,4 +1,4 @@
-#include "effects/focus_blur/FocusBlend.h"
+#include "core/FocusBlend.h"
 
 #include <cmath>
 #include <cstdlib>

@@ -120,7 +120,7 @@ TEST(CliGlow, MaskDecidesWhereTheGlowComesFrom) {
   const std::string small = Save(dir, "small.png", Image(47, 32, 1, 255));
   const CliResult r = RunCli("glow " + in + " --mask " + small + " -o " + dir + "/x.png");
   EXPECT_EQ(r.exit_code, 1);
-  EXPECT_NE(r.output.find("small.png is 47x32, photo is 48x32"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("small.png is 47x32 but the photo is 48x32"), std::string::npos) << r.output;
 }
 
 TEST(CliGlow, ModeSheetHasATileForEveryMode) {

@@ -95,6 +95,14 @@ int Runner::CheckCommandLine() {
                  std::to_string(m_choice.frames));
   }
   if (int rc = Report(CheckCombination(m_values, m_choice.frames))) return rc;
+  m_input_files = m_line.photos;
+  for (const OptionSpec& o : m_spec.options) {
+    const bool file = o.role == OptionRole::kInput || (o.or_image && m_values.ChoiceIndex(o.name) < 0);
+    if (file && m_line.Given(o.name)) m_input_files.push_back(m_line.Text(o.name));
+  }
+  if (std::count(m_input_files.begin(), m_input_files.end(), std::string("-")) > 1) {
+    return Usage("standard input ('-') can be read once");
+  }
   std::vector<std::string> asked;
   for (const char* o : kOutputOptions) {
     if (m_spec.Find(o) && m_line.Given(o)) asked.push_back(o);
@@ -107,19 +115,11 @@ int Runner::CheckCommandLine() {
   const size_t photos = m_line.photos.size();
   for (const std::string& o : asked) {
     const std::string path = m_line.Text(o);
-    if (photos > 1 && path == "-") return Usage("-" + std::string(o == "output" ? "o" : "-" + o) + " - writes one photo; give one");
+    if (photos > 1 && path == "-") return Usage((o == "output" ? "-o" : "--" + o) + " - writes one photo; give one");
     if (photos > 1 && !IsPattern(path)) {
       return Usage("with " + std::to_string(photos) + " photos, --" + o +
                    " needs {name} so each gets its own file (e.g. out/{name}-fx.jpg)");
     }
-  }
-  m_input_files = m_line.photos;
-  for (const OptionSpec& o : m_spec.options) {
-    const bool file = o.role == OptionRole::kInput || (o.or_image && m_values.ChoiceIndex(o.name) < 0);
-    if (file && m_line.Given(o.name)) m_input_files.push_back(m_line.Text(o.name));
-  }
-  if (std::count(m_input_files.begin(), m_input_files.end(), std::string("-")) > 1) {
-    return Usage("standard input ('-') can be read once");
   }
   return 0;
 }

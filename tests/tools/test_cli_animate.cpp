@@ -137,12 +137,16 @@ TEST(CliAnimate, MalformedFlowFilesNameTheProblem) {
       {"{\"flows\": [{\"type\": \"anchor\", \"points\": [[1, 2]]}, {\"type\": \"path\", \"points\": [[1, 2], [3]]}]}",
        "flows[1].points[1] must be [x, y]"},
       {"{\"flows\": [{\"type\": \"path\", \"points\": [[1, 2]]}]}", "a path needs at least 2 points"},
+      {"{\"flows\": [\x01\xff\xfe\x80\x1b[2J", "not valid JSON (error at byte 12)"},
+      {"{\"flows\": [{\"type\": \"\xc3\xa9t\xc3\xa9\", \"points\": [[1, 2], [3, 4]]}]}", "flows[0].type is \"??t??\""},
   };
   for (const auto& c : cases) {
     const std::string file = fx.Write("bad.json", c.text);
     const CliResult r = RunCli(fx.Args(file, fx.dir + "/out.webp"));
     EXPECT_NE(r.exit_code, 0) << c.text;
     EXPECT_NE(r.output.find(c.message), std::string::npos) << c.text << "\n" << r.output;
+    // Bytes of the file are never echoed to the terminal.
+    for (unsigned char ch : r.output) EXPECT_TRUE(ch == '\n' || (ch >= 0x20 && ch < 0x7f)) << r.output;
     EXPECT_FALSE(std::filesystem::exists(fx.dir + "/out.webp"));
   }
 }

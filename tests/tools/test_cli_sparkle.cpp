@@ -74,6 +74,15 @@ TEST(CliSparkle, BadInputsFailWithAReason) {
   EXPECT_NE(r.output.find("sparkles[0]"), std::string::npos) << r.output;
   WriteText(dir + "/big.json", R"({"sparkles": [{"x": 3, "y": 4, "scale": 7}]})");
   EXPECT_EQ(RunCli("sparkle " + in + " --manual " + dir + "/big.json" + out).exit_code, 1);
+  // Positions far outside the photo are refused by name before they become
+  // the library's floats.
+  for (const std::string x : {"1e10", "1e300", "-0.5", "40"}) {
+    WriteText(dir + "/far.json", R"({"sparkles": [{"x": 3, "y": 4}, {"x": )" + x + R"(, "y": 4}]})");
+    r = RunCli("sparkle " + in + " --manual " + dir + "/far.json" + out);
+    EXPECT_EQ(r.exit_code, 1) << x;
+    EXPECT_EQ(r.output.rfind("korvane: manual " + dir + "/far.json: sparkles[1] at ", 0), 0u) << r.output;
+    EXPECT_NE(r.output.find("lies outside the 40x30 photo\n"), std::string::npos) << r.output;
+  }
   WriteText(dir + "/ok.json", R"({"sparkles": [{"x": 3, "y": 4}]})");
   r = RunCli("sparkle " + in + " --manual " + dir + "/ok.json --manual-shape " + in + out);  // 40 x 30 shape
   EXPECT_EQ(r.exit_code, 1);

@@ -13,13 +13,10 @@ namespace {
 
 // ---- Animate ----------------------------------------------------------------------
 
-class AnimateSession final : public Session {
+class AnimateSession final : public PhotoSession {
  public:
-  Status Open(Engine& engine, const OptionValues&, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    m_width = photo.width;
-    m_height = photo.height;
-    Status s = GrayInputOf(inputs, "still", photo, m_still);
+  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
+    Status s = Begin(v, photo, inputs, "still", &m_still);
     if (!s.ok()) return s;
     if (m_still.empty()) {
       m_nothing_still = Image(photo.width, photo.height, 1, 0);
@@ -74,7 +71,7 @@ class AnimateSession final : public Session {
   }
 
   Engine::Handle<Korvane::Animation> m_fx;
-  ImageView m_photo, m_still;
+  ImageView m_still;
   Image m_nothing_still;
   std::vector<FlowLine> m_lines;
   std::vector<Korvane::FlowData> m_flows;
@@ -83,13 +80,10 @@ class AnimateSession final : public Session {
 
 // ---- Disperse ---------------------------------------------------------------------
 
-class DisperseSession final : public Session {
+class DisperseSession final : public PhotoSession {
  public:
-  Status Open(Engine& engine, const OptionValues&, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    m_width = photo.width;
-    m_height = photo.height;
-    Status s = GrayInputOf(inputs, "mask", photo, m_mask);
+  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
+    Status s = Begin(v, photo, inputs, "mask", &m_mask);
     if (!s.ok()) return s;
     if (m_mask.empty()) return Status::Usage("disperse needs a --mask of the subject");
     bool any = false;
@@ -134,7 +128,7 @@ class DisperseSession final : public Session {
 
  private:
   Engine::Handle<Korvane::Dispersion> m_fx;
-  ImageView m_photo, m_mask;
+  ImageView m_mask;
   bool m_prepared = false;
 };
 

@@ -47,17 +47,11 @@ std::pair<int, int> BrightestRegion(const ImageView& photo) {
   return at;
 }
 
-class LightRaysSession final : public Session {
+class LightRaysSession final : public PhotoSession {
  public:
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    Korvane::Rect roi;
-    Status s = RegionOf(v, photo, roi);
-    if (s.ok()) s = GrayInputOf(inputs, "mask", photo, m_mask);
-    if (!s.ok()) return s;
-    m_width = roi.right - roi.left;
-    m_height = roi.bottom - roi.top;
-    return engine.Create(Korvane::EFFECT_LIGHT_RAYS, m_fx);
+    const Status s = Begin(v, photo, inputs, "mask", &m_mask);
+    return s.ok() ? engine.Create(Korvane::EFFECT_LIGHT_RAYS, m_fx) : s;
   }
 
  protected:
@@ -78,11 +72,8 @@ class LightRaysSession final : public Session {
   Status Record(const OptionValues& v, Korvane::LightRaysParam& p) {
     const int side = LongerSide(m_photo);
     p.src = m_photo.Smart();
-    Status s = RegionOf(v, m_photo, p.roi);
+    const Status s = Region(v, p.roi);
     if (!s.ok()) return s;
-    if (p.roi.right - p.roi.left != m_width || p.roi.bottom - p.roi.top != m_height) {
-      return Status::Failed("--roi cannot change its size in an open session");
-    }
     if (v.Has("center")) {
       // Whole pixels; the table keeps both within a million of the photo.
       p.center_x = static_cast<int32_t>(std::lround(v.Numbers("center")[0]));
@@ -134,7 +125,7 @@ class LightRaysSession final : public Session {
   }
 
   Engine::Handle<Korvane::LightRays> m_fx;
-  ImageView m_photo, m_mask;
+  ImageView m_mask;
   std::pair<int, int> m_centre;
   bool m_found = false;
 };

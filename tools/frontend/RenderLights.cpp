@@ -45,57 +45,65 @@ class ShapeOption {
   Image m_drawn;
 };
 
-// The detected points of an effect with GetLightPoints.
+// What bokeh and sparkle share: an effect that finds the photo's light
+// points when it opens, and regions that draw every shape reaching into them.
 template <class Fx>
-bool ReadLightPoints(const Fx* fx, Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) {
-  if (!fx || fx->GetLightPoints(&summary, nullptr, 0) < 0) return false;
-  points.resize(static_cast<size_t>(summary.count));
-  return fx->GetLightPoints(&summary, points.data(), summary.count) >= 0;
-}
-
-// Region renders draw every shape reaching into the region, so they equal
-// that part of the whole render.
-template <class Fx>
-Status SetRegionMode(Fx* fx, const OptionValues& v, const char* what) {
-  const bool region = v.Has("roi");
-  return Status::Call(std::string(what) + " SetRegionMode",
-                      fx->SetRegionMode(region ? Korvane::REGION_SHAPES_REACHING : Korvane::REGION_CENTRES_INSIDE));
-}
-
-// ---- Bokeh ------------------------------------------------------------------------
-
-class BokehSession final : public Session {
+class LightSession : public PhotoSession {
  public:
-  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
+  bool LightPoints(Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) const override {
+    if (!m_fx || m_fx->GetLightPoints(&summary, nullptr, 0) < 0) return false;
+    points.resize(static_cast<size_t>(summary.count));
+    return m_fx->GetLightPoints(&summary, points.data(), summary.count) >= 0;
+  }
+
+ protected:
+  // The photo, the frame size, the gray input and the effect with the
+  // photo's light points found.
+  Status Start(Engine& engine, int32_t type, const OptionValues& v, const ImageView& photo, const Inputs& inputs,
+               const char* gray_name, ImageView* gray) {
     m_inputs = inputs;
-    Korvane::Rect roi;
-    Status s = RegionOf(v, photo, roi);
-    if (s.ok()) s = GrayInputOf(inputs, "guide", photo, m_guide);
-    if (!s.ok()) return s;
-    m_width = roi.right - roi.left;
-    m_height = roi.bottom - roi.top;
-    ImageView shape;
-    if (!(s = m_shape.Get(v, inputs, shape)).ok() || !(s = engine.Create(Korvane::EFFECT_BOKEH, m_fx)).ok()) return s;
+    Status s = Begin(v, photo, inputs, gray_name, gray);
+    if (s.ok()) s = engine.Create(type, m_fx);
     const Korvane::ImageBuffer in = photo.Buffer();
-    s = Status::Call("bokeh SetSource", m_fx->SetSource(&in));
+    if (s.ok()) s = Status::Call(m_name + " SetSource", m_fx->SetSource(&in));
     Korvane::LightPointSummary summary;
     std::vector<Korvane::LightPointInfo> points;
     if (s.ok() && LightPoints(summary, points)) m_summary = std::to_string(summary.count) + " light points";
     return s;
   }
 
-  bool LightPoints(Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) const override {
-    return ReadLightPoints(m_fx.get(), summary, points);
+  // The region of a render. A region draws every shape that reaches into
+  // it, so it equals that part of the whole render.
+  Status DrawnRegion(const OptionValues& v, Korvane::Rect& roi) {
+    const Status s = Region(v, roi);
+    const int32_t mode = v.Has("roi") ? Korvane::REGION_SHAPES_REACHING : Korvane::REGION_CENTRES_INSIDE;
+    return s.ok() ? Status::Call(m_name + " SetRegionMode", m_fx->SetRegionMode(mode)) : s;
+  }
+
+  explicit LightSession(std::string name) : m_name(std::move(name)) {}
+
+  std::string m_name;  // for messages
+  Engine::Handle<Fx> m_fx;
+  Inputs m_inputs;
+};
+
+// ---- Bokeh ------------------------------------------------------------------------
+
+class BokehSession final : public LightSession<Korvane::Bokeh> {
+ public:
+  BokehSession() : LightSession("bokeh") {}
+  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
+    ImageView shape;
+    const Status s = m_shape.Get(v, inputs, shape);
+    return s.ok() ? Start(engine, Korvane::EFFECT_BOKEH, v, photo, inputs, "guide", &m_guide) : s;
   }
 
  protected:
   Status Draw(const OptionValues& v, int32_t index, int32_t count, const ImageView& out) override {
     Korvane::Rect roi;
     ImageView shape;
-    Status s = RegionOf(v, m_photo, roi);
+    Status s = DrawnRegion(v, roi);
     if (s.ok()) s = m_shape.Get(v, m_inputs, shape);
-    if (s.ok()) s = SetRegionMode(m_fx.get(), v, "bokeh");
     if (!s.ok()) return s;
     Korvane::BokehParam param;
     param.quality_mode = static_cast<int32_t>(v.Whole("quality-mode"));
@@ -120,9 +128,7 @@ class BokehSession final : public Session {
   }
 
  private:
-  Engine::Handle<Korvane::Bokeh> m_fx;
-  ImageView m_photo, m_guide;
-  Inputs m_inputs;
+  ImageView m_guide;
   ShapeOption m_shape{"shape", DrawBokehShape};
 };
 
@@ -131,20 +137,14 @@ class BokehSession final : public Session {
 // Placed glints of this type carry the --manual-shape.
 constexpr uint16_t kPlacedType = 2;
 
-class SparkleSession final : public Session {
+class SparkleSession final : public LightSession<Korvane::Sparkle> {
  public:
+  SparkleSession() : LightSession("sparkle") {}
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    m_inputs = inputs;
-    Korvane::Rect roi;
-    Status s = RegionOf(v, photo, roi);
-    if (s.ok()) s = CheckPlaced(inputs.sparkles, photo);
-    if (s.ok()) s = engine.Create(Korvane::EFFECT_SPARKLE, m_fx);
+    Status s = CheckPlaced(inputs.sparkles, photo);
+    if (s.ok()) s = Start(engine, Korvane::EFFECT_SPARKLE, v, photo, inputs, nullptr, nullptr);
+    if (s.ok()) s = Shapes(v);
     if (!s.ok()) return s;
-    m_width = roi.right - roi.left;
-    m_height = roi.bottom - roi.top;
-    const Korvane::ImageBuffer in = photo.Buffer();
-    if (!(s = Status::Call("sparkle SetSource", m_fx->SetSource(&in))).ok() || !(s = Shapes(v)).ok()) return s;
     if (!inputs.sparkles.empty()) {
       std::vector<Korvane::SparklePoint> points;
       for (const PlacedSparkle& p : inputs.sparkles) {
@@ -156,24 +156,15 @@ class SparkleSession final : public Session {
       s = Status::Call("sparkle AddManualSparkles",
                        m_fx->AddManualSparkles(points.data(), static_cast<int32_t>(points.size()), &shape));
     }
-    Korvane::LightPointSummary summary;
-    std::vector<Korvane::LightPointInfo> points;
-    if (s.ok() && LightPoints(summary, points)) {
-      m_summary = std::to_string(summary.count) + " light points, " + std::to_string(inputs.sparkles.size()) + " placed";
-    }
+    m_summary += ", " + std::to_string(inputs.sparkles.size()) + " placed";
     return s;
-  }
-
-  bool LightPoints(Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) const override {
-    return ReadLightPoints(m_fx.get(), summary, points);
   }
 
  protected:
   Status Draw(const OptionValues& v, int32_t index, int32_t count, const ImageView& out) override {
     Korvane::Rect roi;
-    Status s = RegionOf(v, m_photo, roi);
+    Status s = DrawnRegion(v, roi);
     if (s.ok()) s = Shapes(v);
-    if (s.ok()) s = SetRegionMode(m_fx.get(), v, "sparkle");
     if (!s.ok()) return s;
     Korvane::SparkleParam param;
     // A still shows every glint at a fixed brightness of its own.
@@ -243,9 +234,7 @@ class SparkleSession final : public Session {
     return s;
   }
 
-  Engine::Handle<Korvane::Sparkle> m_fx;
-  ImageView m_photo, m_manual_view;
-  Inputs m_inputs;
+  ImageView m_manual_view;
   ShapeOption m_auto_shape{"shape", DrawGlintShape}, m_manual_shape{"manual-shape", DrawGlintShape};
   bool m_manual_registered = false;
 };

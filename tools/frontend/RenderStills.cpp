@@ -29,13 +29,10 @@ Image RadialGuide(int width, int height) {
   return g;
 }
 
-class FocusBlurSession final : public Session {
+class FocusBlurSession final : public PhotoSession {
  public:
-  Status Open(Engine& engine, const OptionValues&, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    m_width = photo.width;
-    m_height = photo.height;
-    Status s = GrayInputOf(inputs, "guide", photo, m_guide);
+  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
+    Status s = Begin(v, photo, inputs, "guide", &m_guide);
     if (!s.ok()) return s;
     if (m_guide.empty()) {
       m_radial = RadialGuide(photo.width, photo.height);
@@ -64,20 +61,18 @@ class FocusBlurSession final : public Session {
 
  private:
   Engine::Handle<Korvane::FocusBlur> m_fx;
-  ImageView m_photo, m_guide;
+  ImageView m_guide;
   Image m_radial;
   bool m_given = false;
 };
 
 // ---- Glitch -----------------------------------------------------------------------
 
-class GlitchSession final : public Session {
+class GlitchSession final : public PhotoSession {
  public:
-  Status Open(Engine& engine, const OptionValues&, const ImageView& photo, const Inputs&) {
-    m_photo = photo;
-    m_width = photo.width;
-    m_height = photo.height;
-    return engine.Create(Korvane::EFFECT_GLITCH, m_fx);
+  Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
+    const Status s = Begin(v, photo, inputs, nullptr, nullptr);
+    return s.ok() ? engine.Create(Korvane::EFFECT_GLITCH, m_fx) : s;
   }
 
  protected:
@@ -100,22 +95,15 @@ class GlitchSession final : public Session {
 
  private:
   Engine::Handle<Korvane::Glitch> m_fx;
-  ImageView m_photo;
 };
 
 // ---- Glow -------------------------------------------------------------------------
 
-class GlowSession final : public Session {
+class GlowSession final : public PhotoSession {
  public:
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
-    m_photo = photo;
-    Korvane::Rect roi;
-    Status s = RegionOf(v, photo, roi);
-    if (s.ok()) s = GrayInputOf(inputs, "mask", photo, m_mask);
-    if (!s.ok()) return s;
-    m_width = roi.right - roi.left;
-    m_height = roi.bottom - roi.top;
-    return engine.Create(Korvane::EFFECT_GLOW, m_fx);
+    const Status s = Begin(v, photo, inputs, "mask", &m_mask);
+    return s.ok() ? engine.Create(Korvane::EFFECT_GLOW, m_fx) : s;
   }
 
  protected:
@@ -127,11 +115,8 @@ class GlowSession final : public Session {
                             " pixels)");
     }
     Korvane::Rect roi;
-    Status s = RegionOf(v, m_photo, roi);
+    Status s = Region(v, roi);
     if (!s.ok()) return s;
-    if (roi.right - roi.left != m_width || roi.bottom - roi.top != m_height) {
-      return Status::Failed("--roi cannot change its size in an open session");
-    }
     Korvane::GlowParam p;
     p.src = m_photo.Smart();
     if (!m_mask.empty()) p.mask = m_mask.Smart();
@@ -164,7 +149,7 @@ class GlowSession final : public Session {
 
  private:
   Engine::Handle<Korvane::Glow> m_fx;
-  ImageView m_photo, m_mask;
+  ImageView m_mask;
 };
 
 }  // namespace

@@ -22,6 +22,21 @@ Status OpenSparkle(Engine&, const OptionValues&, const ImageView&, const Inputs&
 Status OpenAnimate(Engine&, const OptionValues&, const ImageView&, const Inputs&, std::unique_ptr<Session>&);
 Status OpenDisperse(Engine&, const OptionValues&, const ImageView&, const Inputs&, std::unique_ptr<Session>&);
 
+// What every command's session starts from: the photo, the size of the
+// frames (the region's) and the gray input of the photo's size, if any.
+class PhotoSession : public Session {
+ protected:
+  // Sets the photo and the frame size from --roi, and `gray` to the input
+  // `gray_name` when given (checked against the photo).
+  Status Begin(const OptionValues& values, const ImageView& photo, const Inputs& inputs, const char* gray_name,
+               ImageView* gray);
+  // The region of this render: --roi as it is now, which must keep the
+  // size the session was opened with.
+  Status Region(const OptionValues& values, Korvane::Rect& region) const;
+
+  ImageView m_photo;
+};
+
 // Opens a session of class S, whose Open takes (engine, values, photo,
 // inputs); `session` is set only when it opened.
 template <class S>

@@ -94,6 +94,25 @@ Status RegionOf(const OptionValues& values, const ImageView& photo, Korvane::Rec
   return Status();
 }
 
+Status PhotoSession::Begin(const OptionValues& values, const ImageView& photo, const Inputs& inputs,
+                           const char* gray_name, ImageView* gray) {
+  m_photo = photo;
+  Korvane::Rect region;
+  Status s = RegionOf(values, photo, region);
+  if (s.ok() && gray) s = GrayInputOf(inputs, gray_name, photo, *gray);
+  m_width = region.right - region.left;
+  m_height = region.bottom - region.top;
+  return s;
+}
+
+Status PhotoSession::Region(const OptionValues& values, Korvane::Rect& region) const {
+  const Status s = RegionOf(values, m_photo, region);
+  if (s.ok() && (region.right - region.left != m_width || region.bottom - region.top != m_height)) {
+    return Status::Failed("--roi cannot change its size in an open session");
+  }
+  return s;
+}
+
 Status CheckFrame(const Session& session, const ImageView& out) {
   if (out.empty() || out.channels != 4 || out.width != session.width() || out.height != session.height()) {
     return Status::Failed("the frame must be a BGRA image of " + std::to_string(session.width()) + "x" +

@@ -62,6 +62,7 @@ class Runner {
   int CheckCommandLine();
   int ReadInputs();
   int OnePhoto(const std::string& input);
+  int PlanOutputs(const std::string& input, std::vector<Output>& outputs) const;
   int Inspect(const Session& session, const Image& photo, const std::vector<Output>& outputs);
   int Main(Session* session, const Image& photo, const Output& out, std::chrono::steady_clock::time_point t0);
   std::string InputName(const std::string& option) const;
@@ -173,6 +174,26 @@ int Runner::Inspect(const Session& session, const Image& photo, const std::vecto
   return 0;
 }
 
+int Runner::PlanOutputs(const std::string& input, std::vector<Output>& outputs) const {
+  const std::string format = m_line.Text("format");
+  for (const std::string name : kOutputOptions) {
+    if (!m_spec.Find(name) || !m_line.Given(name)) continue;
+    const std::string path = OutputName(m_line.Text(name), input);
+    Output out;
+    int rc = 0;
+    if (name == "output") {
+      rc = PlanOutput("-o", path, format, m_choice, m_spec.Animated(), out);
+    } else if (name == "points-overlay") {
+      rc = PlanOutput("--" + name, path, format, FrameChoice(), false, out);
+    } else {
+      out.option = "--" + name, out.path = path, out.kind = Output::kData;
+    }
+    if (rc) return rc;
+    outputs.push_back(out);
+  }
+  return 0;
+}
+
 int Runner::Main(Session* session, const Image& photo, const Output& out, std::chrono::steady_clock::time_point t0) {
   Written w;
   std::string summary;
@@ -213,18 +234,7 @@ int Runner::OnePhoto(const std::string& input) {
     if (int rc = ReadInputs()) return m_stop = rc;
   }
   std::vector<Output> outputs;
-  for (const char* o : kOutputOptions) {
-    if (!m_spec.Find(o) || !m_line.Given(o)) continue;
-    Output out;
-    const std::string path = OutputName(m_line.Text(o), input), flag = o == std::string("output") ? "-o" : std::string("--") + o;
-    if (o == std::string("points-json")) {
-      out.option = flag, out.path = path, out.kind = Output::kData;
-    } else if (int rc = PlanOutput(flag, path, m_line.Text("format"), o == std::string("output") ? m_choice : FrameChoice(),
-                                   o == std::string("output") && m_spec.Animated(), out)) {
-      return rc;
-    }
-    outputs.push_back(out);
-  }
+  if (int rc = PlanOutputs(input, outputs)) return rc;
   if (int rc = CheckOutputs(outputs, m_input_files)) return rc;
   for (const Output& out : outputs) {
     if (out.path != "-" && !m_written.insert(std::filesystem::weakly_canonical(out.path).string()).second) {

@@ -53,6 +53,16 @@ TEST(CliRegions, LightRaysRegionsAreCropsOfTheWhole) {
   ExpectCropOfWhole("light-rays " + photo + " --mode directional --angle 30 --frames 6 --frame 2 --animate-rays", dir);
 }
 
+// Discs and glints centred just outside a region are drawn where they reach
+// into it (the library's REGION_SHAPES_REACHING, which --roi asks for).
+TEST(CliRegions, BokehAndSparkleRegionsAreCropsOfTheWhole) {
+  const std::string dir = Scratch(), photo = WriteDots(dir);
+  ExpectCropOfWhole("bokeh " + photo + " --amount 1 --quality-mode 0", dir);
+  ExpectCropOfWhole("bokeh " + photo + " --amount 1 --quality-mode 2 --twinkle --frames 4 --frame 1", dir);
+  ExpectCropOfWhole("sparkle " + photo + " --size 4", dir);
+  ExpectCropOfWhole("sparkle " + photo + " --size 4 --quality-mode 0 --rotate --frames 5 --frame 2", dir);
+}
+
 TEST(CliRegions, RegionsMustBeWholePixelsInsideThePhoto) {
   const std::string dir = Scratch(), photo = WriteDots(dir);
   const struct {

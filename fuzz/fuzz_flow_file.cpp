@@ -1,72 +1,88 @@
-// The tool's flow-file parser, then the flows it accepts into the photo
-// animator over a small photo. The parser is file based, so each input is
-// written to an in-memory file first. The parser is internal to the animate
-// command, so that command's source is compiled into this target.
-#include <sys/mman.h>
-#include <unistd.h>
-
+// The files of flow lines and placed glints the tool reads, through the
+// front-end core as every front end uses it: any bytes are parsed as both
+// forms, and what a parser accepts is rendered by the command's session on a
+// small photo (animate: flows; sparkle: placed glints) into a frame with
+// guard bytes around it. A refusal must say why; input the front end
+// accepted must not be refused by the library (the front end checks every
+// position before it becomes a number of the library's records).
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "FuzzSupport.h"
-#include "effects/animation/Animation.h"
-#include "../tools/cmd_animate.cpp"
+#include "frontend/Flows.h"
+#include "frontend/Session.h"
 
 namespace {
 
-struct FlowInput {
-  int fd = -1;
-  std::string path;
-  FlowInput() {
-    fd = memfd_create("flows.json", 0);
-    if (fd < 0) std::abort();
-    path = "/proc/self/fd/" + std::to_string(fd);
-  }
-  void Write(const uint8_t* data, size_t size) {
-    if (ftruncate(fd, 0) != 0 || (size && pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))) std::abort();
-  }
-};
+using namespace KorvaneFrontend;
 
-Korvane::Animation* Animator() { return KorvaneFuzz::KeptEffect<Korvane::Animation>(Korvane::EFFECT_ANIMATION); }
+constexpr size_t kGuard = 64;
+constexpr uint8_t kGuardByte = 0xA5;
+constexpr int kW = 23, kH = 17;
+
+// A still region or a textured photo of kW x kH.
+Image Photo() {
+  Image photo(kW, kH, 4, 255);
+  for (size_t i = 0; i < photo.pixels.size(); ++i) {
+    if (i % 4 != 3) photo.pixels[i] = static_cast<uint8_t>(i * 37 % 251);
+  }
+  return photo;
+}
+
+void Check(bool ok, const char* what, const Status& s) {
+  if (ok) return;
+  std::fprintf(stderr, "%s: %s\n", what, s.message.c_str());
+  std::abort();
+}
+
+// Renders frame 1 of a loop of 3 with `command` on the photo.
+void Render(const char* command, const Inputs& inputs) {
+  static Engine engine;
+  static const Image photo = Photo();
+  const OptionValues values(*FindCommand(command));
+  std::unique_ptr<Session> session;
+  const Status opened = OpenSession(engine, values, photo.View(), inputs, session);
+  Check(opened.ok() || !opened.message.empty(), "a refusal without a reason", opened);
+  // Placed glints the front end accepts are glints the library takes.
+  Check(opened.ok() || opened.message.find("AddManualSparkles") == std::string::npos, "the library refused", opened);
+  if (!opened.ok()) return;
+  std::vector<uint8_t> bytes(kW * kH * 4 + 2 * kGuard, kGuardByte);
+  const ImageView frame{bytes.data() + kGuard, kW, kH, kW * 4, 4};
+  const Status rendered = session->Render(values, 1, 3, frame);
+  Check(rendered.ok() || !rendered.message.empty(), "a refusal without a reason", rendered);
+  // The mesh may refuse flows when it is prepared; a prepared loop renders.
+  Check(rendered.ok() || rendered.message.find(" frame ") == std::string::npos, "a prepared frame failed", rendered);
+  for (size_t i = 0; i < kGuard; ++i) {
+    if (bytes[i] != kGuardByte || bytes[bytes.size() - 1 - i] != kGuardByte) Check(false, "guard bytes changed", rendered);
+  }
+}
+
+// A refusal always says why, and never with raw bytes of the input.
+void CheckRefusal(const std::string& error) {
+  if (error.empty()) std::abort();
+  for (unsigned char c : error) {
+    if (c < 0x20 || c >= 0x7f) std::abort();
+  }
+}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static FlowInput file;
-  file.Write(data, size);
-  std::vector<KorvaneTool::FlowLine> lines;
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  Inputs flows, sparkles;
   std::string error;
-  if (!KorvaneTool::LoadFlows(file.path, lines, error)) {
-    if (error.empty()) std::abort();  // a refusal always says why
-    return 0;
+  if (ParseFlowsJson(text, "flows.json", flows.flows, error)) {
+    Render("animate", flows);
+  } else {
+    CheckRefusal(error);
   }
-  // A 23 x 17 photo: strokes far outside it and flows of every kind must
-  // give a result code, and frames that write only the output's pixels.
-  constexpr int w = 23, h = 17;
-  std::vector<uint8_t> photo(w * h * 4, 90), still(w * h, 0);
-  for (size_t i = 0; i < still.size(); i += 7) still[i] = 255;
-  std::vector<uint8_t> out(w * h * 4 + 2 * KorvaneFuzz::kGuard, KorvaneFuzz::kGuardByte);
-  Korvane::ImageBuffer in_buf = Korvane::MakeImageBuffer(photo.data(), w, h);
-  Korvane::ImageBuffer mask_buf = Korvane::MakeImageBuffer(still.data(), w, h, Korvane::PIXEL_GRAY8);
-  Korvane::ImageBuffer out_buf = Korvane::MakeImageBuffer(out.data() + KorvaneFuzz::kGuard, w, h);
-  std::vector<Korvane::FlowData> flows;
-  for (const auto& l : lines) flows.push_back({l.points.data(), static_cast<uint32_t>(l.points.size() / 2), l.type});
-  Korvane::AnimationParam p;
-  p.input = &in_buf;
-  p.mask = &mask_buf;
-  p.output = &out_buf;
-  p.anime_frame_count = 3;
-  p.p_flow = flows.empty() ? nullptr : flows.data();
-  p.flow_num = static_cast<uint32_t>(flows.size());
-  const int32_t hr = Animator()->Init(&p);
-  if (hr == S_OK) {
-    const int32_t frame = Animator()->Animate(&p, 1);
-    if (frame != S_OK) {
-      std::fprintf(stderr, "Animate of accepted flows answered %x\n", unsigned(frame));
-      std::abort();
-    }
+  error.clear();
+  if (ParsePlacedSparklesJson(text, "sparkles.json", sparkles.sparkles, error)) {
+    Render("sparkle", sparkles);
+  } else {
+    CheckRefusal(error);
   }
-  for (size_t i = 0; i < KorvaneFuzz::kGuard; ++i)
-    if (out[i] != KorvaneFuzz::kGuardByte || out[out.size() - 1 - i] != KorvaneFuzz::kGuardByte) std::abort();
   return 0;
 }

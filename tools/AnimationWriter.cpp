@@ -11,8 +11,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <unordered_set>
 #include <vector>
 
 #include "ToolSupport.h"
@@ -38,8 +41,9 @@ bool Bad(const std::string& message, std::string& error) {
 
 class WebPWriter final : public AnimationWriter {
  public:
-  WebPWriter(std::string path, int width, int height, int fps, int quality)
-      : m_path(std::move(path)), m_width(width), m_height(height), m_fps(fps), m_quality(quality) {}
+  WebPWriter(std::string path, const LoopSettings& s)
+      : m_path(std::move(path)), m_width(s.width), m_height(s.height), m_fps(s.fps), m_quality(s.quality),
+        m_loops(s.loops) {}
   ~WebPWriter() override {
     if (m_encoder) WebPAnimEncoderDelete(m_encoder);
   }
@@ -47,7 +51,7 @@ class WebPWriter final : public AnimationWriter {
   bool Open(std::string& error) {
     WebPAnimEncoderOptions options;
     if (!WebPAnimEncoderOptionsInit(&options)) return Bad("libwebp version mismatch", error);
-    options.anim_params.loop_count = 0;  // forever
+    options.anim_params.loop_count = m_loops ? 0 : 1;  // 0: forever
     m_encoder = WebPAnimEncoderNew(m_width, m_height, &options);
     return m_encoder ? true : Bad("cannot start the WebP animation encoder", error);
   }
@@ -92,33 +96,87 @@ class WebPWriter final : public AnimationWriter {
 
   std::string m_path;
   int m_width, m_height, m_fps, m_quality;
+  bool m_loops;
   int m_frames = 0;
   WebPAnimEncoder* m_encoder = nullptr;
 };
 
-// ---- Looping GIF -------------------------------------------------------------
+// ---- GIF ---------------------------------------------------------------------
+
+// libimagequant 2.17 leaves a row buffer behind for every large image it
+// creates and every large image it remaps (two of about 128 KB a frame of a
+// 12-megapixel loop), so a long GIF loop would leak and LeakSanitizer fails
+// the run. Its memory comes through this allocator: the blocks it has not
+// given back when the last GIF writer has destroyed its quantizer are what it
+// left, and are freed then.
+class QuantizerMemory {
+ public:
+  static void* Allocate(size_t size) {
+    void* p = std::malloc(size);
+    std::lock_guard<std::mutex> lock(Mutex());
+    if (p) Blocks().insert(p);
+    return p;
+  }
+  static void Free(void* p) {
+    {
+      std::lock_guard<std::mutex> lock(Mutex());
+      Blocks().erase(p);
+    }
+    std::free(p);
+  }
+  static void WriterOpened() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    ++Writers();
+  }
+  // Called once a writer has destroyed every quantizer object it made.
+  static void WriterClosed() {
+    std::lock_guard<std::mutex> lock(Mutex());
+    if (--Writers() > 0) return;
+    for (void* p : Blocks()) std::free(p);
+    Blocks().clear();
+  }
+
+ private:
+  static std::mutex& Mutex() {
+    static std::mutex m;
+    return m;
+  }
+  static std::unordered_set<void*>& Blocks() {
+    static std::unordered_set<void*> blocks;
+    return blocks;
+  }
+  static int& Writers() {
+    static int writers = 0;
+    return writers;
+  }
+};
 
 // The palette comes from libimagequant on the first frame (the loop shows one
 // photo, so its colours serve every frame); each frame is remapped to it with
 // libimagequant's dithering and handed to cgif at once, which stores only the
 // changed window of each frame. One index stays free for cgif's transparency
-// of unchanged pixels.
+// of unchanged pixels. The file is assembled in memory and written whole.
 class GifWriter final : public AnimationWriter {
  public:
-  GifWriter(std::string path, int width, int height, int fps)
-      : m_path(std::move(path)), m_width(width), m_height(height),
+  GifWriter(std::string path, const LoopSettings& s)
+      : m_path(std::move(path)), m_width(s.width), m_height(s.height), m_loops(s.loops),
         // GIF times are whole hundredths of a second: every frame gets the same
         // one (24 fps becomes 4/100 s), never alternating lengths.
-        m_delay(static_cast<uint16_t>(std::max(2L, std::lround(100.0 / fps)))),
-        m_indices(static_cast<size_t>(width) * height), m_rgba(static_cast<size_t>(width) * height * 4) {}
+        m_delay(static_cast<uint16_t>(std::max(2L, std::lround(100.0 / s.fps)))),
+        m_indices(static_cast<size_t>(s.width) * s.height), m_rgba(static_cast<size_t>(s.width) * s.height * 4) {
+    QuantizerMemory::WriterOpened();
+  }
   ~GifWriter() override {
     if (m_gif) cgif_close(m_gif);
     if (m_result) liq_result_destroy(m_result);
     if (m_attr) liq_attr_destroy(m_attr);
-    if (m_file) {
-      std::fclose(m_file);
-      std::remove(m_temp.c_str());
-    }
+    QuantizerMemory::WriterClosed();
+  }
+
+  bool Open(std::string& error) {
+    m_attr = liq_attr_create_with_allocator(QuantizerMemory::Allocate, QuantizerMemory::Free);
+    if (!m_attr || liq_set_max_colors(m_attr, 255) != LIQ_OK) return Bad("cannot start the GIF quantizer", error);
+    return true;
   }
 
   bool AddFrame(const Image& frame, std::string& error) override {
@@ -138,7 +196,7 @@ class GifWriter final : public AnimationWriter {
     fc.pImageData = m_indices.data();
     fc.delay = m_delay;
     fc.genFlags = CGIF_FRAME_GEN_USE_TRANSPARENCY | CGIF_FRAME_GEN_USE_DIFF_WINDOW;
-    if (cgif_addframe(m_gif, &fc) != CGIF_OK || m_write_failed) return Bad(m_path + ": cannot write the GIF", error);
+    if (cgif_addframe(m_gif, &fc) != CGIF_OK) return Bad("GIF encoding failed", error);
     ++m_frames;
     return true;
   }
@@ -147,30 +205,11 @@ class GifWriter final : public AnimationWriter {
     if (!m_gif) return Bad("no frames to write", error);
     const int rc = cgif_close(m_gif);
     m_gif = nullptr;
-    bool ok = rc == CGIF_OK && !m_write_failed && std::fflush(m_file) == 0;
-    const std::string why = std::strerror(errno);
-    ok = std::fclose(m_file) == 0 && ok;
-    m_file = nullptr;
-    if (ok && std::rename(m_temp.c_str(), m_path.c_str()) != 0) ok = false;
-    if (!ok) {
-      std::remove(m_temp.c_str());
-      return Bad(m_path + ": cannot write the GIF (" + why + ")", error);
-    }
-    return true;
+    if (rc != CGIF_OK) return Bad("GIF encoding failed", error);
+    return WriteFileSafely(m_path, m_bytes.data(), m_bytes.size(), error);
   }
 
-  std::string Kind() const override {
-    return "GIF, " + std::to_string(m_delay * 10) + " ms a frame";
-  }
-
-  bool Open(std::string& error) {
-    m_attr = liq_attr_create();
-    if (!m_attr || liq_set_max_colors(m_attr, 255) != LIQ_OK) return Bad("cannot start the GIF quantizer", error);
-    m_temp = m_path + ".korvane-" + std::to_string(getpid()) + ".tmp";
-    m_file = std::fopen(m_temp.c_str(), "wb");
-    if (!m_file) return Bad(m_path + ": cannot open for writing (" + std::strerror(errno) + ")", error);
-    return true;
-  }
+  std::string Kind() const override { return "GIF, " + std::to_string(m_delay * 10) + " ms a frame"; }
 
  private:
   bool Start(liq_image* first, std::string& error) {
@@ -182,29 +221,29 @@ class GifWriter final : public AnimationWriter {
     CGIF_Config config{};
     config.pGlobalPalette = rgb.data();
     config.numGlobalPaletteEntries = static_cast<uint16_t>(pal->count);
-    config.attrFlags = CGIF_ATTR_IS_ANIMATED;
+    // A clip that does not loop carries no loop block and plays once.
+    config.attrFlags = CGIF_ATTR_IS_ANIMATED | (m_loops ? 0 : CGIF_ATTR_NO_LOOP);
     config.width = static_cast<uint16_t>(m_width);
     config.height = static_cast<uint16_t>(m_height);
     config.numLoops = CGIF_INFINITE_LOOP;
     config.pWriteFn = &GifWriter::Write;
     config.pContext = this;
     m_gif = cgif_newgif(&config);
-    return m_gif ? true : Bad(m_path + ": cannot start the GIF", error);
+    return m_gif ? true : Bad("cannot start the GIF", error);
   }
 
   static int Write(void* context, const uint8_t* data, const size_t size) {
     auto* self = static_cast<GifWriter*>(context);
-    if (std::fwrite(data, 1, size, self->m_file) != size) self->m_write_failed = true;
-    return self->m_write_failed ? -1 : 0;
+    self->m_bytes.insert(self->m_bytes.end(), data, data + size);
+    return 0;
   }
 
-  std::string m_path, m_temp;
+  std::string m_path;
   int m_width, m_height;
+  bool m_loops;
   uint16_t m_delay;
-  std::vector<uint8_t> m_indices, m_rgba;
+  std::vector<uint8_t> m_indices, m_rgba, m_bytes;
   int m_frames = 0;
-  bool m_write_failed = false;
-  FILE* m_file = nullptr;
   liq_attr* m_attr = nullptr;
   liq_result* m_result = nullptr;
   CGIF* m_gif = nullptr;
@@ -239,54 +278,36 @@ class PngSequenceWriter final : public AnimationWriter {
 
 }  // namespace
 
-int CreateOutputFolder(const std::string& output) {
-  const std::string ext = Extension(output);
-  if (ext != ".webp" && ext != ".gif") return 0;
-  const auto folder = std::filesystem::path(output).parent_path();
-  std::error_code ec;
-  if (!folder.empty()) std::filesystem::create_directories(folder, ec);
-  if (ec) return Fail("cannot create the folder " + folder.string() + ": " + ec.message());
-  return 0;
-}
-
-std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
-                                                     int quality, std::string& error) {
-  if (width < 1 || height < 1 || fps < 1) {
+std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, LoopFormat format,
+                                                     const LoopSettings& settings, std::string& error) {
+  if (settings.width < 1 || settings.height < 1 || settings.fps < 1) {
     error = "bad animation size or frame rate";
     return nullptr;
   }
-  const std::string ext = Extension(path);
-  if (ext == ".webp") {
-    if (width > WEBP_MAX_DIMENSION || height > WEBP_MAX_DIMENSION) {
+  if (format == LoopFormat::kWebP) {
+    if (settings.width > WEBP_MAX_DIMENSION || settings.height > WEBP_MAX_DIMENSION) {
       error = "WebP images are at most " + std::to_string(WEBP_MAX_DIMENSION) + " pixels on a side";
       return nullptr;
     }
-    auto w = std::make_unique<WebPWriter>(path, width, height, fps, quality);
-    if (!w->Open(error)) return nullptr;
-    return w;
+    auto w = std::make_unique<WebPWriter>(path, settings);
+    return w->Open(error) ? std::move(w) : nullptr;
   }
-  if (ext == ".gif") {
-    if (width > 65535 || height > 65535) {
+  if (format == LoopFormat::kGif) {
+    if (settings.width > 65535 || settings.height > 65535) {
       error = "GIF images are at most 65535 pixels on a side";
       return nullptr;
     }
-    auto g = std::make_unique<GifWriter>(path, width, height, fps);
-    if (!g->Open(error)) return nullptr;
-    return g;
-  }
-  if (!ext.empty() && ext != "." && !std::filesystem::is_directory(path)) {
-    error = "cannot write " + ext + " animations: name a .webp or .gif file, or a folder for PNG frames";
-    return nullptr;
+    auto g = std::make_unique<GifWriter>(path, settings);
+    return g->Open(error) ? std::move(g) : nullptr;
   }
   std::error_code ec;
   std::filesystem::create_directories(path, ec);
   if (ec || !std::filesystem::is_directory(path, ec)) {
-    error = "cannot create the folder " + path + (ec ? ": " + ec.message() : "");
+    error = "cannot create the folder" + (ec ? " (" + ec.message() + ")" : std::string());
     return nullptr;
   }
   auto p = std::make_unique<PngSequenceWriter>(path);
-  if (!p->Open(error)) return nullptr;
-  return p;
+  return p->Open(error) ? std::move(p) : nullptr;
 }
 
 }  // namespace KorvaneTool

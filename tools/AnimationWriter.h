@@ -21,20 +21,25 @@ class AnimationWriter {
   virtual std::string Kind() const = 0;
 };
 
-// Picks the format from `path`: ".webp" writes an animated WebP (lossy at
-// `quality`, or lossless at 100), ".gif" a looping GIF with libimagequant's
-// palette of the first frame and even frame times in hundredths of a second,
-// anything else is a folder (created if missing, its old frame_*.png removed)
-// of frame_0000.png, frame_0001.png, ... Both animations loop forever at
-// `fps` frames a second. Returns nullptr with a reason in `error`.
-std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, int width, int height, int fps,
-                                                     int quality, std::string& error);
+enum class LoopFormat { kWebP, kGif, kFolder };
+
+struct LoopSettings {
+  int width = 0, height = 0;  // of every frame
+  int fps = 24;
+  int quality = 80;    // animated WebP (100: lossless)
+  bool loops = true;   // plays forever; false: once
+};
+
+// kWebP writes an animated WebP (lossy at the quality, or lossless at 100),
+// kGif a GIF with libimagequant's palette of the first frame and even frame
+// times in hundredths of a second, both to `path` ("-": standard output) as
+// WriteFileSafely writes files; kFolder the folder `path` (created if
+// missing, its old frame_*.png removed) of frame_0000.png, frame_0001.png,
+// ... Returns nullptr with a reason in `error`.
+std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, LoopFormat format,
+                                                     const LoopSettings& settings, std::string& error);
 
 // frame_0000.png and the like: the files a frame folder holds.
 bool IsFrameFile(const std::filesystem::path& file);
-
-// For NAME.webp or NAME.gif, creates the folder the file goes in (a frame
-// folder itself is created when opened). Returns 0 or an exit code.
-int CreateOutputFolder(const std::string& output);
 
 }  // namespace KorvaneTool

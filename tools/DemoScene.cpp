@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "StillOrLoop.h"
 #include "ToolSupport.h"
 
 namespace KorvaneTool {
@@ -144,19 +145,19 @@ DemoScene MakeDemoScene(int width, int height) {
   // Flow lines: the sea runs to the right in three bands, the clouds drift.
   const float step = W / 12.0f;
   for (float band : {0.66f, 0.78f, 0.92f}) {
-    DemoFlow f{1, {}};
-    for (float x = 0.02f * W; x < W; x += step) f.points.push_back({x, band * H});
+    KorvaneFrontend::FlowLine f;
+    for (float x = 0.02f * W; x < W; x += step) f.points.insert(f.points.end(), {x, band * H});
     s.flows.push_back(f);
   }
   for (float band : {0.16f, 0.34f}) {
-    DemoFlow f{1, {}};
-    for (float x = 0.02f * W; x < W; x += step) f.points.push_back({x, band * H});
+    KorvaneFrontend::FlowLine f;
+    for (float x = 0.02f * W; x < W; x += step) f.points.insert(f.points.end(), {x, band * H});
     s.flows.push_back(f);
   }
   // Anchors hold the shore and the lighthouse's surroundings in place.
-  for (float x = 0.05f; x < 1.0f; x += 0.15f) s.flows.push_back({2, {{x * W, horizon - 0.015f * H}}});
-  s.flows.push_back({2, {{tower_x - 0.17f * W, rock_y}}});
-  s.flows.push_back({2, {{tower_x + 0.17f * W, rock_y}}});
+  for (float x = 0.05f; x < 1.0f; x += 0.15f) s.flows.push_back({Korvane::FLOW_ANCHOR, {x * W, horizon - 0.015f * H}});
+  s.flows.push_back({Korvane::FLOW_ANCHOR, {tower_x - 0.17f * W, rock_y}});
+  s.flows.push_back({Korvane::FLOW_ANCHOR, {tower_x + 0.17f * W, rock_y}});
   return s;
 }
 
@@ -180,6 +181,50 @@ void DemoContext::Report(const std::string& path, double render_ms) {
     std::printf("  wrote %s\n", path.c_str());
   }
   std::fflush(stdout);
+}
+
+int DemoContext::Open(const std::string& command, const Settings& settings, const KorvaneFrontend::Inputs& inputs,
+                      std::unique_ptr<KorvaneFrontend::OptionValues>& values,
+                      std::unique_ptr<KorvaneFrontend::Session>& session) {
+  values = std::make_unique<KorvaneFrontend::OptionValues>(*KorvaneFrontend::FindCommand(command));
+  for (const auto& [name, text] : settings) {
+    const std::string error = values->Set(name, text);
+    if (!error.empty()) return Fail(command + " " + error);
+  }
+  const KorvaneFrontend::Status s = KorvaneFrontend::OpenSession(engine, *values, scene.photo.View(), inputs, session);
+  return KorvaneTool::Report(s);
+}
+
+int DemoContext::SaveFrame(KorvaneFrontend::Session& session, const KorvaneFrontend::OptionValues& values, int index,
+                           int count, const std::string& name) {
+  Image frame;
+  double ms = 0;
+  if (int rc = RenderFrame(session, values, index, count, frame, &ms)) return rc;
+  return Save(name, frame, ms);
+}
+
+int DemoContext::SaveLoop(KorvaneFrontend::Session& session, const KorvaneFrontend::OptionValues& values,
+                          const std::string& name) {
+  FileSettings files;
+  files.fps = static_cast<int>(values.Whole("fps"));
+  files.loop_quality = values.Has("quality") ? static_cast<int>(values.Whole("quality")) : 80;
+  files.progress = false;
+  Output out;
+  const FrameChoice choice{static_cast<int>(values.Whole("frames")), -1};
+  if (int rc = PlanOutput("-o", Path(name), "", choice, true, out)) return rc;
+  Written w;
+  if (int rc = WriteFrames(session, values, choice, out, files, scene.photo, w)) return rc;
+  Report(out.path, w.render_ms);
+  return 0;
+}
+
+int DemoContext::Render(const std::string& command, const Settings& settings, const KorvaneFrontend::Inputs& inputs,
+                        const std::string& name) {
+  std::unique_ptr<KorvaneFrontend::OptionValues> values;
+  std::unique_ptr<KorvaneFrontend::Session> session;
+  if (int rc = Open(command, settings, inputs, values, session)) return rc;
+  if (values->spec().Animated() && values->Whole("frames") > 1) return SaveLoop(*session, *values, name);
+  return SaveFrame(*session, *values, 0, 1, name);
 }
 
 }  // namespace KorvaneTool

@@ -1,5 +1,7 @@
 #include "ImageIO.h"
 
+#include "frontend/OptionSpec.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vips/vips8>
@@ -129,10 +131,7 @@ std::string Extension(const std::string& path) {
   return ext;
 }
 
-const std::vector<std::string>& WritableFormats() {
-  static const std::vector<std::string> formats = {"jpg", "png", "webp", "tif", "heic", "avif", "jxl"};
-  return formats;
-}
+const std::vector<std::string>& WritableFormats() { return KorvaneFrontend::StillFormats(); }
 
 std::string WritableFormatList() {
   std::string list;
@@ -238,7 +237,14 @@ bool DecodeImage(const void* data, size_t size, const std::string& name, Image& 
     out = std::move(result);
     return true;
   } catch (const vips::VError& e) {
-    return Bad(name + ": cannot read image (" + VipsMessage(e) + ")", error);
+    const std::string why = VipsMessage(e);
+    // Running out of memory reads the same whoever ran out.
+    if (why.find("out of memory") != std::string::npos || why.find("Cannot allocate memory") != std::string::npos) {
+      return Bad(name + ": out of memory", error);
+    }
+    return Bad(name + ": cannot read image (" + why + ")", error);
+  } catch (const std::bad_alloc&) {
+    return Bad(name + ": out of memory", error);
   }
 }
 
@@ -356,6 +362,12 @@ bool WriteFileSafely(const std::string& path, const void* data, size_t size, std
   std::error_code ec;
   const fs::file_status link = fs::symlink_status(path, ec);
   if (fs::is_directory(fs::status(path, ec))) return Bad(path + ": is a folder; give a file name", error);
+  // Missing folders are created, for every file the tool writes.
+  const fs::path folder = fs::path(path).parent_path();
+  if (!folder.empty() && !fs::exists(folder, ec)) {
+    fs::create_directories(folder, ec);
+    if (ec) return Bad(path + ": cannot create the folder " + folder.string() + " (" + ec.message() + ")", error);
+  }
   // A regular file (or a new one) is written under a temporary name and
   // renamed, so a failed write never leaves half a file or loses the old one.
   const bool in_place = fs::exists(link) && !fs::is_regular_file(link);

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "core/ImageBuffer.h"
+#include "frontend/Image.h"
 
 namespace KorvaneTool {
 
@@ -25,25 +25,13 @@ namespace KorvaneTool {
 // profile after conversion to sRGB). Opaque; SaveImage writes it back.
 struct ImageMeta;
 
-struct Image {
-  int32_t width = 0;
-  int32_t height = 0;
-  int32_t channels = 4;  // 4: B, G, R, A; 1: gray
-  std::vector<uint8_t> pixels;
+// A decoded image with the metadata of its file.
+struct Image : KorvaneFrontend::Image {
   std::shared_ptr<const ImageMeta> meta;  // null: nothing to keep
 
   Image() = default;
-  Image(int32_t w, int32_t h, int32_t c, uint8_t fill = 0)
-      : width(w), height(h), channels(c), pixels(static_cast<size_t>(w) * h * c, fill) {}
-  uint8_t* at(int32_t x, int32_t y) { return &pixels[(static_cast<size_t>(y) * width + x) * channels]; }
-  const uint8_t* at(int32_t x, int32_t y) const {
-    return &pixels[(static_cast<size_t>(y) * width + x) * channels];
-  }
-  // The image as the library's caller-owned record.
-  Korvane::ImageBuffer Buffer() {
-    return Korvane::MakeImageBuffer(pixels.data(), width, height,
-                                    channels == 4 ? Korvane::PIXEL_BGRA32 : Korvane::PIXEL_GRAY8);
-  }
+  Image(int32_t w, int32_t h, int32_t c, uint8_t fill = 0) : KorvaneFrontend::Image(w, h, c, fill) {}
+  explicit Image(KorvaneFrontend::Image pixels) : KorvaneFrontend::Image(std::move(pixels)) {}
 };
 
 // Images with more pixels than this are refused before any pixel is decoded

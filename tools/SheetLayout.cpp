@@ -159,15 +159,8 @@ Image MakeSheet(const std::vector<Image>& tiles, const std::vector<std::string>&
   return sheet;
 }
 
-void AddSheetOptions(OptionTable& t, const std::string& flag, const std::string& what, int max_columns,
-                     SheetOptions* o) {
-  t.Flag(flag, o->on, "Write " + what + " side by side, labelled, instead of one");
-  t.Number("--tile-width", o->tile_width, 16, 4096, "pixels", "With " + flag + ": shrink the photo to this width first");
-  t.Number("--columns", o->columns, 1, max_columns, "", "With " + flag + ": tiles per row");
-}
-
-Image SheetPhoto(const Image& photo, const SheetOptions& o) {
-  Image small = o.tile_width > 0 && photo.width > o.tile_width ? ScaleToWidth(photo, o.tile_width) : photo;
+Image SheetPhoto(const Image& photo, int tile_width) {
+  Image small = tile_width > 0 && photo.width > tile_width ? ScaleToWidth(photo, tile_width) : photo;
   small.meta = photo.meta;
   return small;
 }

@@ -3,11 +3,10 @@
 // built-in 5x7 bitmap font where no font is installed. Used by subcommands
 // that show every variant of an effect side by side.
 //
-//   SheetOptions sheet;                    // from AddSheetOptions
-//   Image small = SheetPhoto(photo, sheet);
-//   if (int rc = CheckSheetSize(small, 8, sheet.columns)) return rc;
+//   Image small = SheetPhoto(photo, 240);
+//   if (int rc = CheckSheetSize(small, 8, columns)) return rc;
 //   std::vector<Image> tiles = ...;        // one size, BGRA
-//   Image img = MakeSheet(tiles, {"0 split", ...}, sheet.columns);
+//   Image img = MakeSheet(tiles, {"0 split", ...}, columns);
 #pragma once
 
 #include <cstdint>
@@ -15,7 +14,6 @@
 #include <vector>
 
 #include "ImageIO.h"
-#include "Options.h"
 
 namespace KorvaneTool {
 
@@ -58,22 +56,9 @@ constexpr int64_t kMaxSheetPixels = 64'000'000;
 // no overflow for any int sizes).
 void SheetSize(int w, int h, int count, int columns, int64_t& sheet_w, int64_t& sheet_h);
 
-// A subcommand's sheet of every variant, as set on its command line.
-struct SheetOptions {
-  bool on = false;
-  int tile_width = 240;  // shrink the photo to this width first
-  int columns = 4;
-};
-
-// Adds `flag` (e.g. "--type-sheet": write `what`, e.g. "all eight types",
-// side by side instead of one), --tile-width and --columns (1..max_columns)
-// to a command's table. `o` holds the defaults.
-void AddSheetOptions(OptionTable& t, const std::string& flag, const std::string& what, int max_columns,
-                     SheetOptions* o);
-
-// The photo a sheet's tiles are rendered from: shrunk to the tile width when
+// The photo a sheet's tiles are rendered from: shrunk to `tile_width` when
 // it is wider.
-Image SheetPhoto(const Image& photo, const SheetOptions& o);
+Image SheetPhoto(const Image& photo, int tile_width);
 
 // 0 when a sheet of `count` tiles of `tile`'s size fits kMaxSheetPixels;
 // otherwise prints why (naming --tile-width) and returns exit code 1.

@@ -1,36 +1,72 @@
 #include "ToolSupport.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
-#include <filesystem>
+#include <cstdlib>
+
+// Sanitizer runtimes, when linked, take the stream their reports go to.
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace KorvaneTool {
 
 namespace {
+FILE* g_messages = stderr;   // where the tool's own messages go
 bool g_quiet = false;
 bool g_stdout_is_data = false;
 bool g_bar_visible = false;  // a progress bar is on the terminal's last line
+std::string g_photo;         // the photo being worked on
 
 // Clears a progress bar so a message starts on a clean line.
 void ClearBar() {
   if (!g_bar_visible) return;
-  std::fprintf(stderr, "\r\033[K");
+  std::fprintf(g_messages, "\r\033[K");
   g_bar_visible = false;
+}
+
+int Message(const std::string& text, int code) {
+  ClearBar();
+  std::fprintf(g_messages, "korvane: %s\n", text.c_str());
+  std::fflush(g_messages);
+  return code;
 }
 }  // namespace
 
-int Fail(const std::string& message) {
-  ClearBar();
-  std::fprintf(stderr, "korvane: %s\n", message.c_str());
-  return kExitFailure;
+void SeparateLibraryLog() {
+  const char* keep = std::getenv("KORVANE_LIBRARY_LOG");
+  if (keep && *keep && *keep != '0') return;
+  const int copy = dup(STDERR_FILENO);
+  const int null = open("/dev/null", O_WRONLY);
+  FILE* messages = copy >= 0 ? fdopen(copy, "w") : nullptr;
+  if (!messages || null < 0 || dup2(null, STDERR_FILENO) < 0) {
+    // Without a second stream everything stays on standard error.
+    if (messages) std::fclose(messages);
+    if (null >= 0) close(null);
+    return;
+  }
+  close(null);
+  setvbuf(messages, nullptr, _IONBF, 0);
+  fcntl(copy, F_SETFD, FD_CLOEXEC);
+  g_messages = messages;
+  if (__sanitizer_set_report_fd) __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(copy)));
 }
 
-int Usage(const std::string& message) {
-  ClearBar();
-  std::fprintf(stderr, "korvane: %s\n", message.c_str());
-  return kExitUsage;
+int Fail(const std::string& message) { return Message(message, kExitFailure); }
+int Usage(const std::string& message) { return Message(message, kExitUsage); }
+
+int OutOfMemory() { return Fail((g_photo.empty() ? "" : g_photo + ": ") + "out of memory"); }
+void SetCurrentPhoto(const std::string& photo) { g_photo = photo == "-" ? "standard input" : photo; }
+
+int Report(const KorvaneFrontend::Status& status, const std::string& input_name) {
+  if (status.ok()) return 0;
+  if (status.code == E_OUTOFMEMORY) return OutOfMemory();
+  return Message(status.Text(input_name), status.kind == KorvaneFrontend::Status::kUsage ? kExitUsage : kExitFailure);
+}
+
+void Warn(const std::string& message) {
+  if (!g_quiet) Message("warning: " + message, 0);
 }
 
 void SetQuiet(bool quiet) { g_quiet = quiet; }
@@ -39,7 +75,7 @@ void SetStdoutIsData(bool data) { g_stdout_is_data = data; }
 void Note(const char* format, ...) {
   if (g_quiet) return;
   ClearBar();
-  FILE* to = g_stdout_is_data ? stderr : stdout;
+  FILE* to = g_stdout_is_data ? g_messages : stdout;
   va_list args;
   va_start(args, format);
   std::vfprintf(to, format, args);
@@ -48,7 +84,7 @@ void Note(const char* format, ...) {
 }
 
 Progress::Progress(std::string what, int total)
-    : m_what(std::move(what)), m_total(total), m_on(!g_quiet && total > 1 && isatty(fileno(stderr)) != 0) {}
+    : m_what(std::move(what)), m_total(total), m_on(!g_quiet && total > 1 && isatty(fileno(g_messages)) != 0) {}
 
 Progress::~Progress() {
   if (m_drawn) ClearBar();
@@ -57,43 +93,10 @@ Progress::~Progress() {
 void Progress::Step(int done) {
   if (!m_on) return;
   const int width = 30, filled = done * width / m_total;
-  std::fprintf(stderr, "\r%s [%s%s] %d/%d", m_what.c_str(), std::string(filled, '#').c_str(),
+  std::fprintf(g_messages, "\r%s [%s%s] %d/%d", m_what.c_str(), std::string(filled, '#').c_str(),
                std::string(width - filled, '.').c_str(), done, m_total);
-  std::fflush(stderr);
+  std::fflush(g_messages);
   m_drawn = g_bar_visible = true;
 }
-
-std::string CodeText(int32_t code) {
-  char hex[16];
-  std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(code));
-  return std::string(Korvane::ResultCodeName(code)) + " (" + hex + ")";
-}
-
-int CheckCode(int32_t code, const std::string& what) {
-  return code < 0 ? Fail(what + " failed: " + CodeText(code)) : 0;
-}
-
-int CheckOutputPath(const std::string& output, std::initializer_list<std::string> inputs) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  for (const std::string& in : inputs) {
-    if (in.empty()) continue;
-    if (fs::exists(output, ec) && fs::equivalent(output, in, ec)) {
-      return Fail("output " + output + " is the input file; choose another name");
-    }
-  }
-  return 0;
-}
-
-int CheckOutputPaths(std::initializer_list<std::string> outputs, std::initializer_list<std::string> inputs) {
-  for (const std::string& out : outputs) {
-    if (out.empty()) continue;
-    if (int rc = CheckOutputPath(out, inputs)) return rc;
-  }
-  return 0;
-}
-
-Engine::Engine() { CreateKorvaneEngine(&m_engine); }
-Engine::~Engine() { DeleteKorvaneEngine(&m_engine); }
 
 }  // namespace KorvaneTool

@@ -4,14 +4,18 @@
 #include <filesystem>
 
 #include "Command.h"
-#include "Options.h"
 #include "ToolSupport.h"
 
 namespace KorvaneTool {
 
-std::vector<CommandInfo>& Commands() {
-  static std::vector<CommandInfo> commands;
+std::vector<ToolCommand>& ToolCommands() {
+  static std::vector<ToolCommand> commands;
   return commands;
+}
+
+std::map<std::string, CommandHooks>& Hooks() {
+  static std::map<std::string, CommandHooks> hooks;
+  return hooks;
 }
 
 std::vector<DemoStep>& DemoSteps() {
@@ -31,9 +35,7 @@ int RunDemo(const DemoOptions& opt) {
   std::error_code ec;
   std::filesystem::create_directories(opt.out_dir, ec);
   if (ec) return Fail("cannot create " + opt.out_dir + ": " + ec.message());
-  Engine engine;
-  if (!engine.ok()) return Fail("cannot create the engine");
-
+  KorvaneFrontend::Engine engine;
   std::printf("Rendering the demo scene (%dx%d) into %s\n", opt.width, opt.height, opt.out_dir.c_str());
   const DemoScene scene = MakeDemoScene(opt.width, opt.height);
   DemoContext ctx{scene, engine, opt.out_dir};
@@ -53,10 +55,9 @@ int RunDemo(const DemoOptions& opt) {
 
 RegisterCommand reg("demo", "Render every effect on a generated scene (needs no input)", [](CLI::App& sub) {
   auto opt = std::make_shared<DemoOptions>();
-  OptionTable t(sub);
-  t.Text("-o,--output", opt->out_dir, "Folder to write into (created if missing)");
-  t.Number("--width", opt->width, 64, 8192, "pixels", "Scene width");
-  t.Number("--height", opt->height, 64, 8192, "pixels", "Scene height");
+  sub.add_option("-o,--output", opt->out_dir, "Folder to write into (created if missing) [default korvane-demo]");
+  sub.add_option("--width", opt->width, "Scene width [64..8192 pixels, default 960]")->check(CLI::Range(64, 8192));
+  sub.add_option("--height", opt->height, "Scene height [64..8192 pixels, default 640]")->check(CLI::Range(64, 8192));
   return std::function<int()>([opt] { return RunDemo(*opt); });
 });
 

@@ -1,16 +1,19 @@
-// korvane: the command-line face of the library. Each subcommand lives in its
-// own cmd_<name>.cpp and registers itself (Command.h).
+// korvane: the command-line face of the library. The commands that render
+// photos are made from the front-end core's option table and run by one
+// runner (CommandRunner.h); info and demo register themselves (Command.h).
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <new>
 
-#include "Command.h"
+#include <korvane/core/Version.h>
+
+#include "CommandRunner.h"
 #include "ToolSupport.h"
-#include "core/Version.h"
 
 namespace {
 
@@ -52,10 +55,19 @@ std::string Join(const std::vector<std::string>& names) {
   return s;
 }
 
+// Every command by name: the table's and the tool's own.
+std::vector<std::pair<std::string, std::string>> CommandList() {
+  std::vector<std::pair<std::string, std::string>> list;
+  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) list.emplace_back(c.name, c.summary);
+  for (const ToolCommand& c : ToolCommands()) list.emplace_back(c.name, c.summary);
+  std::sort(list.begin(), list.end());
+  return list;
+}
+
 int ListCommands(FILE* to) {
   std::fprintf(to, "korvane %s - image effects for still photographs\n\nUsage: korvane <command> [options]\n\nCommands:\n",
                KORVANE_VERSION_STRING);
-  for (const CommandInfo& c : Commands()) std::fprintf(to, "  %-12s %s\n", c.name.c_str(), c.summary.c_str());
+  for (const auto& [name, summary] : CommandList()) std::fprintf(to, "  %-12s %s\n", name.c_str(), summary.c_str());
   std::fprintf(to,
                "\n'korvane <command> --help' shows a command's options; 'korvane demo' renders every effect on a "
                "generated scene.\n%s\n",
@@ -74,11 +86,8 @@ std::vector<std::string> OptionNames(CLI::App* sub) {
 }
 
 int Run(int argc, char** argv) {
-  auto& commands = Commands();
-  std::sort(commands.begin(), commands.end(),
-            [](const CommandInfo& a, const CommandInfo& b) { return a.name < b.name; });
   std::vector<std::string> names;
-  for (const CommandInfo& c : commands) names.push_back(c.name);
+  for (const auto& c : CommandList()) names.push_back(c.first);
 
   if (argc < 2 || std::strcmp(argv[1], "help") == 0 || std::strcmp(argv[1], "--help") == 0 ||
       std::strcmp(argv[1], "-h") == 0) {
@@ -95,7 +104,17 @@ int Run(int argc, char** argv) {
   app.set_version_flag("--version", KORVANE_VERSION_STRING);
   app.footer(kExitCodes);
   std::vector<std::pair<CLI::App*, std::function<int()>>> runners;
-  for (auto& c : commands) {
+  // Command lines of the table commands; a deque keeps their addresses.
+  std::deque<CommandLine> lines;
+  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) {
+    CLI::App* sub = app.add_subcommand(c.name, c.summary);
+    sub->footer(kExitCodes);
+    lines.emplace_back();
+    AddOptions(*sub, c, lines.back());
+    const CommandLine* line = &lines.back();
+    runners.emplace_back(sub, [line] { return RunCommand(*line, Hooks()[line->spec->name]); });
+  }
+  for (ToolCommand& c : ToolCommands()) {
     CLI::App* sub = app.add_subcommand(c.name, c.summary);
     sub->footer(kExitCodes);
     runners.emplace_back(sub, c.setup(*sub));
@@ -134,10 +153,11 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  SeparateLibraryLog();
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {
-    return Fail("out of memory");
+    return OutOfMemory();
   } catch (const std::exception& e) {
     return Fail(std::string("unexpected error: ") + e.what());
   }

@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -30,6 +33,12 @@ inline CliResult RunCli(const std::string& args) {
   const int status = pclose(pipe);
   r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
+}
+
+// A whole file's bytes.
+inline std::string ReadAll(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 // A fresh, empty folder named after the running test.
@@ -64,6 +73,20 @@ inline KorvaneTool::Image ReadImage(const std::string& path) {
   std::string err;
   EXPECT_TRUE(KorvaneTool::LoadImage(path, img, err)) << err;
   return img;
+}
+
+// Fails with one "korvane: ..." line holding `needle` and exit `code`, and
+// writes no `output` (when one is named).
+inline void ExpectFailure(const std::string& args, const std::string& needle, const std::string& output = "",
+                          int code = 1) {
+  const CliResult r = RunCli(args);
+  EXPECT_EQ(r.exit_code, code) << args;
+  EXPECT_EQ(r.output.rfind("korvane: ", 0), 0u) << r.output;
+  EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+  EXPECT_NE(r.output.find(needle), std::string::npos) << "expected '" << needle << "' in: " << r.output;
+  if (!output.empty()) {
+    EXPECT_FALSE(std::filesystem::exists(output)) << output;
+  }
 }
 
 // Runs `korvane <args> -o <output>`, expecting success, and reads what it

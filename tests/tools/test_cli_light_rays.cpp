@@ -35,7 +35,7 @@ struct RaysFixture {
   }
 };
 
-TEST(CliLightRays, StillsAddRaysOnlyDownstreamAndKeepTheRoiShape) {
+TEST(CliLightRays, StillsAddRaysOnlyDownstream) {
   RaysFixture f;
   // Directional rays to the right: light right of the spot, none left of it.
   const Image right = RunCliImage(
@@ -53,13 +53,9 @@ TEST(CliLightRays, StillsAddRaysOnlyDownstreamAndKeepTheRoiShape) {
   EXPECT_GT(f.Added(radial, RaysFixture::kSpotX + 10, RaysFixture::kSpotY), 10);
   EXPECT_EQ(f.Added(radial, RaysFixture::kSpotX - 8, RaysFixture::kSpotY), 0);
 
-  // --strength 0 and --length 0 both leave the photo as it was; --roi crops.
+  // --strength 0 and --length 0 both leave the photo as it was.
   EXPECT_EQ(RunCliImage("light-rays " + f.photo + " --strength 0", f.dir + "/s0.png").pixels, f.img.pixels);
   EXPECT_EQ(RunCliImage("light-rays " + f.photo + " --length 0", f.dir + "/l0.png").pixels, f.img.pixels);
-  const Image part = RunCliImage("light-rays " + f.photo + " --mode directional --angle 0 --roi 10,20,50,30",
-                                 f.dir + "/roi.png");
-  ASSERT_EQ(part.width, 40);
-  ASSERT_EQ(part.height, 10);
 }
 
 TEST(CliLightRays, ALoopWritesEveryFrameAndAnimatesTheBeams) {
@@ -87,24 +83,12 @@ TEST(CliLightRays, ALoopWritesEveryFrameAndAnimatesTheBeams) {
 TEST(CliLightRays, BadSettingsFailWithOneLineAndNoOutput) {
   RaysFixture f;
   const std::string out = " -o " + f.dir + "/o.png";
-  // Out of an option's own range: a usage error (2).
-  CliResult r = RunCli("light-rays " + f.photo + " --strength 1.5" + out);
-  EXPECT_EQ(r.exit_code, 2) << r.output;
-  EXPECT_NE(r.output.find("--strength"), std::string::npos) << r.output;
-  EXPECT_EQ(RunCli("light-rays " + f.photo + " --mode sideways" + out).exit_code, 2);
-  EXPECT_EQ(RunCli("light-rays " + f.photo + " --center 1" + out).exit_code, 2);
-  EXPECT_EQ(RunCli("light-rays " + f.photo + " --lampshade 90,200,5" + out).exit_code, 2);
-  EXPECT_EQ(RunCli("light-rays " + f.photo + " --animate-rays" + out).exit_code, 2);  // needs --frames
   // Beyond what this photo allows: a failure (1) that names the limit.
-  r = RunCli("light-rays " + f.photo + " --length 65" + out);
+  CliResult r = RunCli("light-rays " + f.photo + " --length 65" + out);
   EXPECT_EQ(r.exit_code, 1) << r.output;
   EXPECT_NE(r.output.find("64 pixels"), std::string::npos) << r.output;
   r = RunCli("light-rays " + f.photo + " --softness 3" + out);
   EXPECT_EQ(r.exit_code, 1) << r.output;
-  r = RunCli("light-rays " + f.photo + " --roi 0,0,65,10" + out);
-  EXPECT_EQ(r.exit_code, 1) << r.output;
-  const std::string small = WriteImage(f.dir, "small.png", Image(10, 10, 1, 255));
-  EXPECT_EQ(RunCli("light-rays " + f.photo + " --mask " + small + out).exit_code, 1);
   EXPECT_FALSE(std::filesystem::exists(f.dir + "/o.png"));
 }
 

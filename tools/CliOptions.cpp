@@ -1,0 +1,83 @@
+#include "CliOptions.h"
+
+#include "ImageIO.h"
+
+namespace KorvaneTool {
+
+using KorvaneFrontend::OptionKind;
+using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionValues;
+
+bool CommandLine::Given(const std::string& name) const {
+  const auto it = options.find(name);
+  return it != options.end() && it->second->count() > 0;
+}
+
+std::string CommandLine::Text(const std::string& name) const {
+  const auto it = texts.find(name);
+  return Given(name) && it != texts.end() ? it->second : std::string();
+}
+
+std::string CommandLine::SetInto(OptionValues& values) const {
+  for (const OptionSpec& o : spec->options) {
+    if (o.kind == OptionKind::kPhotos || !Given(o.name)) continue;
+    const std::string error =
+        o.kind == OptionKind::kFlag ? values.SetFlag(o.name, flags.at(o.name)) : values.Set(o.name, texts.at(o.name));
+    if (!error.empty()) return error;
+  }
+  return "";
+}
+
+namespace {
+
+const char* TypeName(const OptionSpec& o) {
+  switch (o.kind) {
+    case OptionKind::kNumber: return "NUMBER";
+    case OptionKind::kWhole: return "INT";
+    case OptionKind::kChoice: return o.or_image ? "SHAPE" : "CHOICE";
+    case OptionKind::kPoint: return "X,Y";
+    case OptionKind::kRect: return "L,T,R,B";
+    case OptionKind::kImage: return "IMAGE";
+    case OptionKind::kFlows:
+    case OptionKind::kSparkles: return "JSON";
+    default: return o.name == "format" ? "FORMAT" : "FILE";
+  }
+}
+
+// --format: the still formats, and webp or gif for a command's loops.
+std::string CheckFormat(const std::string& text, bool animated) {
+  const std::string f = FormatOf(text);
+  if (!f.empty() || (animated && (text == "gif" || text == ".gif"))) return "";
+  return "'" + text + "' is not a format the tool writes";
+}
+
+}  // namespace
+
+void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandSpec& spec, CommandLine& line) {
+  line.spec = &spec;
+  const bool animated = spec.Animated();
+  for (const OptionSpec& o : spec.options) {
+    const std::string names = o.kind == OptionKind::kPhotos
+                                  ? o.name
+                                  : (o.short_name.empty() ? "" : "-" + o.short_name + ",") + "--" + o.name;
+    CLI::Option* opt = nullptr;
+    if (o.kind == OptionKind::kPhotos) {
+      opt = sub.add_option(names, line.photos, o.help);
+    } else if (o.kind == OptionKind::kFlag) {
+      opt = sub.add_flag(names, line.flags[o.name], KorvaneFrontend::HelpLine(o));
+    } else {
+      opt = sub.add_option(names, line.texts[o.name], KorvaneFrontend::HelpLine(o));
+      opt->type_name(TypeName(o));
+      if (o.name == "format") {
+        opt->check(CLI::Validator([animated](std::string& t) { return CheckFormat(t, animated); }, ""));
+      } else {
+        opt->check(CLI::Validator([o](std::string& t) { return OptionValues::Check(o, t); }, ""));
+      }
+    }
+    // -o is required unless an inspection file is asked for; the runner says so.
+    if (o.required && o.name != "output") opt->required();
+    line.options[o.name] = opt;
+  }
+}
+
+}  // namespace KorvaneTool

@@ -1,14 +1,10 @@
 #include "ToolSupport.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-
-// Sanitizer runtimes, when linked, take the stream their reports go to.
-extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace KorvaneTool {
 
@@ -33,25 +29,6 @@ int Message(const std::string& text, int code) {
   return code;
 }
 }  // namespace
-
-void SeparateLibraryLog() {
-  const char* keep = std::getenv("KORVANE_LIBRARY_LOG");
-  if (keep && *keep && *keep != '0') return;
-  const int copy = dup(STDERR_FILENO);
-  const int null = open("/dev/null", O_WRONLY);
-  FILE* messages = copy >= 0 ? fdopen(copy, "w") : nullptr;
-  if (!messages || null < 0 || dup2(null, STDERR_FILENO) < 0) {
-    // Without a second stream everything stays on standard error.
-    if (messages) std::fclose(messages);
-    if (null >= 0) close(null);
-    return;
-  }
-  close(null);
-  setvbuf(messages, nullptr, _IONBF, 0);
-  fcntl(copy, F_SETFD, FD_CLOEXEC);
-  g_messages = messages;
-  if (__sanitizer_set_report_fd) __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(copy)));
-}
 
 int Fail(const std::string& message) { return Message(message, kExitFailure); }
 int Usage(const std::string& message) { return Message(message, kExitUsage); }

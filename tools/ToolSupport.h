@@ -12,14 +12,6 @@ namespace KorvaneTool {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
-// The library writes its diagnostic lines to the process's standard error.
-// They are meant for developers, so the tool keeps them off the user's
-// terminal: its own messages go to a copy of the standard error it had at
-// start, and the standard error itself is pointed at /dev/null (sanitizer
-// reports are sent to the copy as well). Set KORVANE_LIBRARY_LOG=1 to see the
-// library's lines. Called once at start.
-void SeparateLibraryLog();
-
 // Prints "korvane: <message>" on one line and returns exit code 1.
 int Fail(const std::string& message);
 // The same for a wrong command line: returns exit code 2.

@@ -1,47 +1,28 @@
 // korvane info: the library version and what it finds on this machine.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 
-#include <korvane/core/Version.h>
-
 #include "Command.h"
+#include "frontend/Session.h"
+#include "ToolSupport.h"
 
 namespace KorvaneTool {
 namespace {
 
-// The best SIMD level of this processor, as the engine names the levels it
-// chooses kernels by.
-const char* SimdLevel() {
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-  __builtin_cpu_init();
-  if (__builtin_cpu_supports("sse4.2")) return "SSE4.2";
-  if (__builtin_cpu_supports("sse4.1")) return "SSE4.1";
-  if (__builtin_cpu_supports("ssse3")) return "SSSE3";
-  if (__builtin_cpu_supports("sse3")) return "SSE3";
-  if (__builtin_cpu_supports("sse2")) return "SSE2";
-#endif
-  return "none";
-}
+const char* const kSimdLevels[] = {"none", "SSE", "SSE2", "SSE3", "SSSE3", "SSE4.1", "SSE4.2"};
 
-bool HasSse41() {
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("sse4.1");
-#else
-  return false;
-#endif
-}
-
+// What the library itself reports: the engine is asked, so the lines say
+// what it will really run on this machine.
 int RunInfo() {
-  const long processors = std::max(1L, sysconf(_SC_NPROCESSORS_ONLN));
-  std::printf("Korvane %s\n", KORVANE_VERSION_STRING);
-  std::printf("processors:   %ld\n", processors);
-  std::printf("SIMD level:   %s\n", SimdLevel());
-  std::printf("SSE4.1 forms: %s\n", !KORVANE_HAVE_SSE41 ? "not built" : HasSse41() ? "in use" : "built, not used on this processor");
-  // The engine starts a worker per processor, at most eight.
-  std::printf("workers:      %ld\n", std::min(processors, 8L));
+  KorvaneFrontend::Engine engine;
+  Korvane::EngineInfo info;
+  if (!engine.get() || engine.get()->GetInfo(&info) < 0) return Fail("cannot create the engine");
+  std::printf("Korvane %s\n", info.version);
+  std::printf("processors:   %d\n", info.processor_count);
+  const int level = info.simd_level >= 0 && info.simd_level <= 6 ? info.simd_level : 0;
+  std::printf("SIMD level:   %s%s\n", kSimdLevels[level], info.avx_level >= 1 ? ", AVX2" : "");
+  std::printf("forms in use: %s\n", info.kernel_forms);
+  std::printf("workers:      %d\n", info.worker_count);
   return 0;
 }
 

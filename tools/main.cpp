@@ -153,7 +153,6 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  SeparateLibraryLog();
   try {
     return Run(argc, argv);
   } catch (const std::bad_alloc&) {

@@ -62,7 +62,17 @@ Status Status::Call(const std::string& what, int32_t code) {
   return Failed(what + " failed: " + CodeText(code), code);
 }
 
-Engine::Engine() { CreateKorvaneEngine(&m_engine); }
+namespace {
+// The library's log lines describe failures for its developers; every front
+// end reports a failure to its user in one line of its own (Status), so the
+// engines it creates keep theirs quiet.
+void DropLogLine(void*, const char*) {}
+}  // namespace
+
+Engine::Engine() {
+  CreateKorvaneEngine(&m_engine);
+  if (m_engine) m_engine->SetLogCallback(&DropLogLine, nullptr);
+}
 Engine::~Engine() { DeleteKorvaneEngine(&m_engine); }
 
 Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageView& photo, ImageView& image) {

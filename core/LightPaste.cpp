@@ -38,10 +38,12 @@ void ClipSpan(int32_t origin, int32_t size, int32_t extent, int32_t& first, int3
   if (last < first) last = first;
 }
 
-int32_t CheckImages(const SmartBuffer& shape, const SmartBuffer& light) {
-  if (!shape.data || !light.data) return E_POINTER;
-  if (!IsBgra(shape) || !IsBgra(light)) return E_NOTIMPL;
-  if (!RowsFit(shape, 4) || !RowsFit(light, 4) || shape.width != shape.height) return E_INVALIDARG;
+int32_t CheckImages(const LightShape& shape, const SmartBuffer& light) {
+  if (!shape.shape.data || !light.data) return E_POINTER;
+  if (!IsBgra(shape.shape) || !IsBgra(light)) return E_NOTIMPL;
+  if (!RowsFit(shape.shape, 4) || !RowsFit(light, 4) || shape.shape.width != shape.d || shape.shape.height != shape.d) {
+    return E_INVALIDARG;
+  }
   return S_OK;
 }
 
@@ -82,30 +84,32 @@ void MixRowPlain(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uin
   for (int32_t i = 0; i < count * 4; ++i) out[i] = static_cast<uint8_t>((wa * a[i] + wb * b[i] + 128) >> 8);
 }
 
-int32_t RunPasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t RunPasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                       const Rect& shape_roi, PasteRowFn paste) {
   int32_t hr = CheckImages(shape, light);
   if (hr < 0) return hr;
   if (IsEmpty(shape_roi)) return S_OK;
-  const PointI origin{pt_int.x - HalfSize(shape.width), pt_int.y - HalfSize(shape.width)};
-  if (!RoiFits(shape_roi, shape.width, origin, light)) return E_INVALIDARG;
+  const PointI origin{pt_int.x - HalfSize(shape.d), pt_int.y - HalfSize(shape.d)};
+  if (!RoiFits(shape_roi, shape.d, origin, light)) return E_INVALIDARG;
   int32_t c[4];
   ChannelFactors(args, c);
   const int32_t count = shape_roi.right - shape_roi.left;
   for (int32_t y = shape_roi.top; y < shape_roi.bottom; ++y) {
-    paste(RowPtr(shape, y) + static_cast<ptrdiff_t>(shape_roi.left) * 4,
+    paste(RowPtr(shape.shape, y) + static_cast<ptrdiff_t>(shape_roi.left) * 4,
           LightAt(light, origin.x + shape_roi.left, origin.y + y), count, c, args.mode);
   }
   return S_OK;
 }
 
-int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
-                              const LightPasteArgs& args, const Rect& shape_roi, PasteRowFn paste, MixRowFn mix) {
-  int32_t hr = CheckImages(shape, light);
+int32_t RunBilinearPasteLight(LightShape& light_shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
+                              const Rect& shape_roi, PasteRowFn paste, MixRowFn mix) {
+  int32_t hr = CheckImages(light_shape, light);
   if (hr < 0) return hr;
+  const SmartBuffer& shape = light_shape.shape;
+  SmartBuffer& tmp = light_shape.tmp;
   if (!tmp.data) return E_POINTER;
   if (!IsBgra(tmp)) return E_NOTIMPL;
-  const int32_t d = shape.width;
+  const int32_t d = light_shape.d;
   if (!RowsFit(tmp, 4) || tmp.width < d + 1 || tmp.height < d + 1) return E_INVALIDARG;
   PointI origin;
   int32_t wx = 0, wy = 0;
@@ -168,7 +172,14 @@ int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band) {
 
 }  // namespace
 
-void AddRowPlain(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count) {
+void AddRowPlain(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count, const uint8_t* table) {
+  if (table) {
+    for (int32_t x = 0; x < count; ++x, b += 4, l += 4, o += 4) {
+      for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + table[l[k]]));
+      o[3] = b[3];
+    }
+    return;
+  }
   for (int32_t x = 0; x < count; ++x, b += 4, l += 4, o += 4) {
     for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + l[k]));
     o[3] = b[3];
@@ -181,7 +192,8 @@ int32_t RunImageAddLightMap(const LightMapAddParam& p, const Rect& band, AddRowF
   for (int32_t y = band.top; y < band.bottom; ++y) {
     row(RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4,
         RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4,
-        RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left);
+        RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left,
+        p.table);
   }
   return S_OK;
 }
@@ -207,36 +219,27 @@ int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int
   return S_OK;
 }
 
-int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio) {
-  if (long_side < 1) return E_INVALIDARG;
-  if (long_side <= 640) {
-    ratio = 1.0f;
-  } else if (long_side < 5120) {
-    const float t = static_cast<float>(long_side - 640) / 4480.0f;
-    ratio = 1.0f - t + 0.25f * t;
-  } else {
-    ratio = 0.25f;
-  }
-  return S_OK;
-}
-
-int32_t PasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t PasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                    const Rect& shape_roi) {
   return RunPasteLight(shape, light, pt_int, args, shape_roi, PasteRowPlain);
 }
 
-int32_t BilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
-                           const LightPasteArgs& args, const Rect& shape_roi) {
-  return RunBilinearPasteLight(shape, tmp, light, pt, args, shape_roi, PasteRowPlain, MixRowPlain);
+int32_t BilinearPasteLight(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
+                           const Rect& shape_roi) {
+  return RunBilinearPasteLight(shape, light, pt, args, shape_roi, PasteRowPlain, MixRowPlain);
 }
 
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band) {
   return RunImageAddLightMap(p, band, AddRowPlain);
 }
 
-int32_t RunLightMapAdd(ThreadJob* job, int32_t* result) {
-  const auto* t = static_cast<const LightMapAddTask*>(job->param);
-  return Done(result, t->fn(t->p, job->rect));
+void CalLightAddTable(float strength, uint8_t table[256]) {
+  strength = ClampStrength(strength);
+  for (int32_t i = 0; i < 256; ++i) {
+    // i x strength in float, the + 0.5 in double, as the SSE form does it.
+    const int32_t v = static_cast<int32_t>(static_cast<float>(i) * strength + 0.5);
+    table[i] = static_cast<uint8_t>(std::min(std::max(v, 0), 255));
+  }
 }
 
 }  // namespace Korvane

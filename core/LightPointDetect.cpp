@@ -378,6 +378,15 @@ int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const 
   return hr;
 }
 
+LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count) {
+  Mt19937 gen(seed);
+  LightPoint p;
+  p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
+  p.random = DrawUnit(gen);
+  p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+  return p;
+}
+
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list) {
   list.clear();
   if (!map.data) return E_POINTER;
@@ -390,38 +399,13 @@ int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t 
     for (int32_t x = 0; x < map.width; ++x) {
       if (is_float ? rowf[x] != 1.0f : row8[x] != 1) continue;
       const int32_t index = y * map.width + x;
-      Mt19937 gen(static_cast<uint32_t>(index));
-      LightPoint p;
-      p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
-      p.random = DrawUnit(gen);
-      p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+      LightPoint p = DrawLightPoint(static_cast<uint32_t>(index), phase_count, color_count);
       p.x = x;
       p.y = y;
       list.insert_or_assign(index, p);
     }
   }
   return S_OK;
-}
-
-int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table) {
-  if (!curve) return E_POINTER;
-  if (count < 1 || samples < 2) return E_INVALIDARG;
-  table.resize(static_cast<size_t>(count));
-  const float step = static_cast<float>(samples) / static_cast<float>(count);
-  for (int32_t i = 0; i < count; ++i) {
-    const float x = static_cast<float>(i) * step;
-    const int32_t k = std::min(static_cast<int32_t>(x), samples - 2);
-    const float f = x - static_cast<float>(k);
-    table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
-  }
-  return S_OK;
-}
-
-int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles) {
-  const int32_t frame = std::min(
-      static_cast<int32_t>(static_cast<float>(phase) * static_cast<float>(count) / static_cast<float>(samples) + 0.5f),
-      count - 1);
-  return static_cast<int32_t>((frame + static_cast<int64_t>(index % count) * cycles) % count);
 }
 
 int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,

@@ -1,5 +1,9 @@
 // The light-rays effect's implementation: half-size working images, the
 // polar and rotated ray-space images, the ray patterns and the pipeline.
+//
+// Files: LightRaysEffect.cpp (set-up, checks, the pipeline),
+// LightRaysPattern.cpp (the ray pattern and the sine/cosine tables),
+// LightRaysTransforms.cpp (the polar and the rotated ray space).
 #pragma once
 
 #include <cstdint>
@@ -51,7 +55,6 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   void ReleaseAll();
   int32_t RunPipeline();
   int32_t MemCopyROI();
-  int32_t RunStage(const char* stage, ThreadTask task, void* param, const Rect& region);
 
   // Pipeline stages.
   int32_t DownSampleInput();
@@ -64,7 +67,7 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // a failure is logged under the step that failed.
   int32_t SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area, const char* sample_step,
                          const char* smear_step);
-  int32_t SoftneessProcess();
+  int32_t SoftnessProcess();
   int32_t PostProcessRays();
   // UpSampleHLR and Blend, chained row chunk by row chunk.
   int32_t UpSampleAndBlend();
@@ -79,6 +82,13 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // the lampshade cone), or the shafts across a directional beam.
   void CalThetaWiseGains(int32_t rows);
   void CalDirectionalGains(int32_t rows, float v_centre, float period);
+
+  // The random angles' 2 pi, truncated as the ray pattern has always drawn it.
+  static constexpr double kAnglesTwoPi = 6.283184;
+  // Degrees to radians in the sine/cosine tables, truncated likewise.
+  static constexpr float kDegToRad = 0.017453f;
+  // A full turn in radians.
+  static constexpr double kFullTurn = 6.283185307179586;
 
   SmartBuffer m_hlr_buff;
   SmartBuffer m_resized_src_buff;

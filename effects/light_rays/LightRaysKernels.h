@@ -106,8 +106,9 @@ int32_t RotateBack(const RotateBackParam& p, const Rect& band);
 
 // "PostProcess": each pixel to HSV; saturation and value through the tables
 // (indexed by the 8-bit level, giving 0..32640), the hue turned by
-// hue_shift hundredths of a degree with a single wrap by 35999 and a clamp to
-// 0..35999; back to RGB. Alpha untouched. Black stays black.
+// hue_shift hundredths of a degree and wrapped once by kLightRaysHueTurn
+// (WrapHue of core/LightMap.h); back to RGB. Alpha untouched. Black stays
+// black.
 struct PostProcessParam {
   SmartBuffer* img = nullptr;
   const int32_t* value_lut = nullptr;  // 256 entries
@@ -115,28 +116,12 @@ struct PostProcessParam {
   int32_t hue_shift = 0;               // -18000..18000
 };
 int32_t PostProcess(const PostProcessParam& p, const Rect& band);
-// The shifted hue with the wrap and clamp above.
-int32_t ShiftHue(int32_t h, int32_t shift);
 
-// "Blend": T[i] = min((int)(i * strength + 0.5), 255); for each pixel of
-// roi (photo coordinates), dst(x - left, y - top) = min(src + T[ray], 255)
-// on B, G, R, alpha from src.
-void BuildBlendTable(float strength, uint8_t table[256]);
-struct BlendParam {
-  const SmartBuffer* src = nullptr;  // photo
-  const SmartBuffer* rays = nullptr; // full-size rays
-  SmartBuffer* dst = nullptr;        // roi-sized
-  const uint8_t* table = nullptr;
-  Rect roi;
-};
-int32_t BlendRays(const BlendParam& p, const Rect& band);
-// The same as a task for the adapter (job->param is a BlendParam).
-int32_t BlendRaysTask(ThreadJob* job, int32_t* result);
+// The colour stage keeps hues in 0..35999, so a shifted hue wraps by 35999,
+// one less than a full turn.
+constexpr int32_t kLightRaysHueTurn = 35999;
 
 // SSE4.1 forms with the same results.
-void BuildBlendTable_SSE(float strength, uint8_t table[256]);
-int32_t BlendRays_SSE(const BlendParam& p, const Rect& band);
-int32_t BlendRaysTask_SSE(ThreadJob* job, int32_t* result);
 int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band);
 int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band);
 int32_t RotateBack_SSE(const RotateBackParam& p, const Rect& band);
@@ -196,27 +181,6 @@ inline Rect BandInArea(const Rect& band, const Rect& area, const SmartBuffer& ds
   r.top = std::max(r.top, band.top);
   r.bottom = std::min(r.bottom, band.bottom);
   return r;
-}
-
-// One pixel of the blend: B, G, R plus the table's value of the ray,
-// saturated at 255; alpha from the photo.
-inline void BlendPixel(const uint8_t* s, const uint8_t* ray, uint8_t* d, const uint8_t* t) {
-  for (int32_t c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(std::min(s[c] + t[ray[c]], 255));
-  d[3] = s[3];
-}
-
-// The row walk of both blend forms: row(s, ray, d, x0, x1) for each row of
-// `band` inside the roi, with columns x0..x1 to blend; the three pointers are
-// at pixel 0 of the row in photo coordinates (d shifted by the roi's corner).
-template <class Row>
-int32_t WalkBlendRows(const BlendParam& p, const Rect& band, Row row) {
-  if (!p.src || !p.rays || !p.dst || !p.table || !p.src->data || !p.rays->data || !p.dst->data) return E_POINTER;
-  const Rect r = BandInArea(band, p.roi, *p.src);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    row(RowPtr(*p.src, y), RowPtr(*p.rays, y), RowPtr(*p.dst, y - p.roi.top) - static_cast<ptrdiff_t>(p.roi.left) * 4,
-        r.left, r.right);
-  }
-  return S_OK;
 }
 
 }  // namespace light_rays_detail

@@ -89,7 +89,7 @@ int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, s
     if (!job.level || !job.variant || !job.level->data) return E_POINTER;
     if (!IsBgra(*job.level)) return E_NOTIMPL;
     if (job.level->width != job.level->height || job.variant->d < 1 || !RowsFit(*job.level, 4)) return E_INVALIDARG;
-    SparkleVariant& v = *job.variant;
+    LightShape& v = *job.variant;
     if (!v.shape.data || v.shape.width != v.d || v.shape.height != v.d) {
       if ((hr = CreateSmartBufferData(v.shape, v.d, v.d, PIXEL_BGRA32)) < 0) return hr;
     }

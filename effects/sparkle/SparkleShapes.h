@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/ImageBuffer.h"
+#include "core/LightPaste.h"
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 
@@ -29,21 +30,13 @@ struct ShapePyramid {
   const SmartBuffer& LevelFor(int32_t d) const;
 };
 
-// A shape at one pasting size: the d x d image and the temporary image of
-// the sub-pixel paste ((d + 1) x (d + 1)).
-struct SparkleVariant {
-  int32_t d = 0;
-  SmartBuffer shape;
-  SmartBuffer tmp;
-};
-
 // One variant to make: `level` (a pyramid level, square) turned by the
 // angle whose cosine and sine are given, clockwise on screen about its
 // centre, and scaled onto the variant's d x d pixels centre to centre;
 // bilinear with 8-bit weights, transparent black outside the level.
 struct VariantJob {
   const SmartBuffer* level = nullptr;
-  SparkleVariant* variant = nullptr;
+  LightShape* variant = nullptr;  // a shape of the light map at its pasting size d
   float cos_a = 1.0f;
   float sin_a = 0.0f;
 };

@@ -4,9 +4,11 @@
 #include <cmath>
 
 #include "core/BilinearResize.h"
+#include "core/BilinearResizePlan.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/RowPipeline.h"
+#include "core/SmartBuffer.h"
 
 namespace Korvane {
 
@@ -187,6 +189,44 @@ int32_t LightMapPainter::Paste(LightShape& shape, PointF pt, const LightPasteArg
 }
 
 // --- Images and the finished map ----------------------------------------------------
+
+int32_t ResizeShape(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& from, LightShape& shape) {
+  const Rect held = shape.Held();
+  int32_t hr;
+  if (!shape.shape.data || !from.data) return E_POINTER;
+  if (!RectInside(held, shape.d, shape.d) || shape.shape.width != RectWidth(held) ||
+      shape.shape.height != RectHeight(held)) {
+    return E_INVALIDARG;
+  }
+  if (RectWidth(held) == shape.d && RectHeight(held) == shape.d) return ResizeBuffer(adapter, info, from, shape.shape);
+  // The resize's own tables for the held part of a d x d destination (the
+  // destination image is only measured, never written), then its two
+  // interpolations into the part.
+  ResizeParam rp;
+  rp.src = from;
+  rp.src_roi = FullRect(from);
+  rp.dst = shape.shape;
+  rp.dst.width = rp.dst.height = shape.d;
+  rp.dst.stride = shape.d * 4;
+  resize_detail::ResizePlan plan;
+  if ((hr = resize_detail::PlanResize(rp, held, 4, false, &plan)) < 0) return hr;
+  using resize_detail::Lerp8;
+  for (int32_t dy = held.top; dy < held.bottom; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const uint8_t* r0 = plan.src + plan.y0[iy] * plan.src_stride;
+    const uint8_t* r1 = plan.src + plan.y1[iy] * plan.src_stride;
+    uint8_t* out = RowPtr(shape.shape, dy - held.top);
+    for (int32_t dx = held.left; dx < held.right; ++dx, out += 4) {
+      const int32_t ix = dx - plan.x_begin;
+      const uint8_t *a = r0 + plan.x0[ix], *b = r0 + plan.x1[ix], *c = r1 + plan.x0[ix], *e = r1 + plan.x1[ix];
+      for (int k = 0; k < 4; ++k) {
+        out[k] = static_cast<uint8_t>(
+            Lerp8(Lerp8(a[k], b[k], plan.fx[ix]), Lerp8(c[k], e[k], plan.fx[ix]), plan.fy[iy]));
+      }
+    }
+  }
+  return S_OK;
+}
 
 int32_t ResizeBuffer(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& from, SmartBuffer& to) {
   ResizeParam rp;

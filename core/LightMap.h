@@ -243,6 +243,12 @@ int32_t PasteLightPoints(const LightMapPainter& painter, Items& items, const Lig
 // "ResizeBuffer" step of the light effects.
 int32_t ResizeBuffer(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& from, SmartBuffer& to);
 
+// `from` (BGRA32) resized into a d x d shape of which only shape.window is
+// kept: fills shape.shape (already made at the held part's size) with the
+// pixels the resize of the whole gives there. The whole shape goes through
+// ResizeBuffer on the adapter; a part, on this thread.
+int32_t ResizeShape(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& from, LightShape& shape);
+
 // ---------------------------------------------------------------------------
 // The finished map.
 

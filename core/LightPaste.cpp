@@ -41,10 +41,23 @@ void ClipSpan(int32_t origin, int32_t size, int32_t extent, int32_t& first, int3
 int32_t CheckImages(const LightShape& shape, const SmartBuffer& light) {
   if (!shape.shape.data || !light.data) return E_POINTER;
   if (!IsBgra(shape.shape) || !IsBgra(light)) return E_NOTIMPL;
-  if (!RowsFit(shape.shape, 4) || !RowsFit(light, 4) || shape.shape.width != shape.d || shape.shape.height != shape.d) {
+  const Rect held = shape.Held();
+  if (!RowsFit(shape.shape, 4) || !RowsFit(light, 4) || !RectInside(held, shape.d, shape.d) ||
+      shape.shape.width != RectWidth(held) || shape.shape.height != RectHeight(held)) {
     return E_INVALIDARG;
   }
   return S_OK;
+}
+
+// Columns [lo, hi) and rows [top, bottom) of the shape lie in the held part.
+bool Holds(const Rect& held, int32_t lo, int32_t hi, int32_t top, int32_t bottom) {
+  return lo >= held.left && hi <= held.right && top >= held.top && bottom <= held.bottom;
+}
+
+// Pixel (x, y) of the shape (or of the footprint in tmp), in its held part.
+template <class Image>
+uint8_t* HeldAt(const Image& img, const Rect& held, int32_t x, int32_t y) {
+  return RowPtr(img, y - held.top) + static_cast<ptrdiff_t>(x - held.left) * 4;
 }
 
 // shape_roi lies within a size x size footprint at `origin` and inside the map.
@@ -90,13 +103,17 @@ int32_t RunPasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int
   if (hr < 0) return hr;
   if (IsEmpty(shape_roi)) return S_OK;
   const PointI origin{pt_int.x - HalfSize(shape.d), pt_int.y - HalfSize(shape.d)};
-  if (!RoiFits(shape_roi, shape.d, origin, light)) return E_INVALIDARG;
+  const Rect held = shape.Held();
+  if (!RoiFits(shape_roi, shape.d, origin, light) ||
+      !Holds(held, shape_roi.left, shape_roi.right, shape_roi.top, shape_roi.bottom)) {
+    return E_INVALIDARG;
+  }
   int32_t c[4];
   ChannelFactors(args, c);
   const int32_t count = shape_roi.right - shape_roi.left;
   for (int32_t y = shape_roi.top; y < shape_roi.bottom; ++y) {
-    paste(RowPtr(shape.shape, y) + static_cast<ptrdiff_t>(shape_roi.left) * 4,
-          LightAt(light, origin.x + shape_roi.left, origin.y + y), count, c, args.mode);
+    paste(HeldAt(shape.shape, held, shape_roi.left, y), LightAt(light, origin.x + shape_roi.left, origin.y + y), count,
+          c, args.mode);
   }
   return S_OK;
 }
@@ -110,12 +127,20 @@ int32_t RunBilinearPasteLight(LightShape& light_shape, SmartBuffer& light, Point
   if (!tmp.data) return E_POINTER;
   if (!IsBgra(tmp)) return E_NOTIMPL;
   const int32_t d = light_shape.d;
-  if (!RowsFit(tmp, 4) || tmp.width < d + 1 || tmp.height < d + 1) return E_INVALIDARG;
+  const Rect held = light_shape.Held();
+  if (!RowsFit(tmp, 4) || tmp.width < RectWidth(held) + 1 || tmp.height < RectHeight(held) + 1) return E_INVALIDARG;
   PointI origin;
   int32_t wx = 0, wy = 0;
   if (!SubPixelOrigin(pt.x, d, origin.x, wx) || !SubPixelOrigin(pt.y, d, origin.y, wy)) return E_INVALIDARG;
   if (IsEmpty(shape_roi)) return S_OK;
-  if (!RoiFits(shape_roi, d + 1, origin, light)) return E_INVALIDARG;
+  const int32_t x0 = shape_roi.left, x1 = shape_roi.right;
+  const int32_t first_row = std::max(shape_roi.top - 1, 0), last_row = std::min(shape_roi.bottom, d);
+  // The footprint pixels of shape_roi read shape columns x - 1 and x, rows
+  // y - 1 and y: those must be held (tmp holds the same part, one larger).
+  if (!RoiFits(shape_roi, d + 1, origin, light) ||
+      !Holds(held, std::max(x0 - 1, 0), std::min(x1, d), first_row, last_row)) {
+    return E_INVALIDARG;
+  }
 
   // Footprint pixel (x, y) takes shape pixel (x, y) with weight (1 - fx)(1 - fy),
   // (x - 1, y) with fx (1 - fy), and so on: the shape's light moves on by the
@@ -123,34 +148,32 @@ int32_t RunBilinearPasteLight(LightShape& light_shape, SmartBuffer& light, Point
   // same row of tmp, then the vertical mix in place from the bottom up (row
   // y reads row y - 1, not yet mixed). Rounded to bytes after each stage,
   // as both forms do.
-  const int32_t x0 = shape_roi.left, x1 = shape_roi.right;
-  const int32_t first_row = std::max(shape_roi.top - 1, 0), last_row = std::min(shape_roi.bottom, d);
   const int32_t inner0 = std::max(x0, 1), inner1 = std::min(x1, d);
   for (int32_t y = first_row; y < last_row; ++y) {
-    const uint8_t* s = RowPtr(shape, y);
-    uint8_t* h = RowPtr(tmp, y);
     if (inner1 > inner0) {
-      mix(s + 4 * inner0, s + 4 * (inner0 - 1), 256 - wx, wx, h + 4 * inner0, inner1 - inner0);
+      mix(HeldAt(shape, held, inner0, y), HeldAt(shape, held, inner0 - 1, y), 256 - wx, wx,
+          HeldAt(tmp, held, inner0, y), inner1 - inner0);
     }
     for (int k = 0; k < 4; ++k) {
-      if (x0 == 0) h[k] = static_cast<uint8_t>(((256 - wx) * s[k] + 128) >> 8);
-      if (x1 == d + 1) h[4 * d + k] = static_cast<uint8_t>((wx * s[4 * (d - 1) + k] + 128) >> 8);
+      if (x0 == 0) HeldAt(tmp, held, 0, y)[k] = static_cast<uint8_t>(((256 - wx) * HeldAt(shape, held, 0, y)[k] + 128) >> 8);
+      if (x1 == d + 1) {
+        HeldAt(tmp, held, d, y)[k] = static_cast<uint8_t>((wx * HeldAt(shape, held, d - 1, y)[k] + 128) >> 8);
+      }
     }
   }
   const int32_t count = x1 - x0;
   for (int32_t y = shape_roi.bottom - 1; y >= shape_roi.top; --y) {
-    uint8_t* t = RowPtr(tmp, y) + static_cast<ptrdiff_t>(x0) * 4;
+    uint8_t* t = HeldAt(tmp, held, x0, y);
     // A missing row (above the shape or below it) takes weight 0 and any
     // valid pointer.
-    const uint8_t* cur = y < d ? t : RowPtr(tmp, y - 1) + static_cast<ptrdiff_t>(x0) * 4;
-    const uint8_t* above = y > 0 ? RowPtr(tmp, y - 1) + static_cast<ptrdiff_t>(x0) * 4 : t;
+    const uint8_t* cur = y < d ? t : HeldAt(tmp, held, x0, y - 1);
+    const uint8_t* above = y > 0 ? HeldAt(tmp, held, x0, y - 1) : t;
     mix(cur, above, y < d ? 256 - wy : 0, y > 0 ? wy : 0, t, count);
   }
   int32_t c[4];
   ChannelFactors(args, c);
   for (int32_t y = shape_roi.top; y < shape_roi.bottom; ++y) {
-    paste(RowPtr(tmp, y) + static_cast<ptrdiff_t>(x0) * 4, LightAt(light, origin.x + x0, origin.y + y), count, c,
-          args.mode);
+    paste(HeldAt(tmp, held, x0, y), LightAt(light, origin.x + x0, origin.y + y), count, c, args.mode);
   }
   return S_OK;
 }
@@ -208,6 +231,18 @@ int32_t CalPasteLightROI(Rect& shape_roi, PointI pt, int32_t d, int32_t h, int32
   ClipSpan(pt.x - half, d, w, shape_roi.left, shape_roi.right);
   ClipSpan(pt.y - half, d, h, shape_roi.top, shape_roi.bottom);
   return S_OK;
+}
+
+Rect LightShapeWindow(int32_t d, int32_t map_w, int32_t map_h) {
+  const int64_t half = HalfSize(d);
+  const auto span = [&](int64_t extent, int32_t& lo, int32_t& hi) {
+    lo = static_cast<int32_t>(std::max<int64_t>(0, half - extent - 2));
+    hi = static_cast<int32_t>(std::min<int64_t>(d, half + extent + 2));
+  };
+  Rect w;
+  span(map_w, w.left, w.right);
+  span(map_h, w.top, w.bottom);
+  return w;
 }
 
 int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int32_t d, int32_t h, int32_t w) {

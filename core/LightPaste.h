@@ -60,14 +60,25 @@ struct LightPasteArgs {
   int32_t mode = LIGHT_PASTE_INTENSITY;
 };
 
-// One prepared shape of pasting size d: `shape` holds its d x d pixels
-// (BGRA32) and `tmp` is the working image of the sub-pixel paste, at least
-// (d + 1) x (d + 1) (only the integer paste may leave it empty).
+// One prepared shape of pasting size d (BGRA32). Only a part of it may be
+// held: on a light map narrower or lower than the shape, the columns or rows
+// that can never land on the map are left out (LightShapeWindow), so a shape
+// costs no more memory than the map does.
 struct LightShape {
   int32_t d = 0;
-  SmartBuffer shape;
-  SmartBuffer tmp;
+  Rect window;        // the part held, in shape pixels; empty: all d x d
+  SmartBuffer shape;  // the held pixels, the window's size
+  SmartBuffer tmp;    // the sub-pixel paste's working image: the window one pixel larger each way
+                      // (only the integer paste may leave it empty)
+
+  Rect Held() const { return window.right > window.left && window.bottom > window.top ? window : Rect{0, 0, d, d}; }
 };
+
+// The part of a d x d shape that can land on a map_w x map_h light map when
+// its centre lies on the map, whole-pixel or sub-pixel: the columns within
+// map_w + 2 of the shape's centre column (d & ~1) / 2, the rows within
+// map_h + 2 of its centre row, cut to the shape.
+Rect LightShapeWindow(int32_t d, int32_t map_w, int32_t map_h);
 
 // The part of a d x d shape centred at pt (integer placement above) that
 // falls inside a w x h light map, as shape columns [left, right) and rows
@@ -84,9 +95,9 @@ int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int
 
 // Integer paste of `shape` into `light` (BGRA32) at pt_int, over shape_roi
 // from CalPasteLightROI. E_POINTER for missing pixels, E_NOTIMPL for other
-// formats, E_INVALIDARG for a shape image that is not d x d or a shape_roi
-// that does not fit both images at this position. An empty shape_roi
-// pastes nothing.
+// formats, E_INVALIDARG for a shape image that is not its held part's size
+// or a shape_roi that does not fit both images at this position (or falls
+// outside the held part). An empty shape_roi pastes nothing.
 int32_t PasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                    const Rect& shape_roi);
 int32_t PasteLight_SSE(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
@@ -95,7 +106,7 @@ int32_t PasteLight_SSE(const LightShape& shape, SmartBuffer& light, PointI pt_in
 // Sub-pixel paste of `shape` at pt: resamples it into shape.tmp (only the
 // rows and columns of shape_roi are written) and pastes that over shape_roi
 // from CalBilinearPasteLightROI. Codes as PasteLight; E_INVALIDARG also for
-// a tmp smaller than (d + 1) x (d + 1).
+// a tmp smaller than the held part plus one each way.
 int32_t BilinearPasteLight(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
                            const Rect& shape_roi);
 int32_t BilinearPasteLight_SSE(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,

@@ -107,7 +107,7 @@ class BokehEffect final : public Bokeh, public EffectCore {
   // The ten disc variants, each with the temporary image of its sub-pixel paste.
   std::array<LightShape, kSizeCount> m_bokeh_types;
   bool m_types_ready = false;
-  int32_t m_types_long_side = 0;
+  LightSize m_types_map;  // the light map the variants were cut for
   BokehFocus m_focus_effect;
   int32_t m_region_mode = REGION_CENTRES_INSIDE;
 };

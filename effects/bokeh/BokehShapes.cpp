@@ -78,12 +78,11 @@ int32_t BokehEffect::CalSizeID(int32_t mask_value, int32_t source_mode, float fo
 }
 
 int32_t BokehEffect::BokehProcess() {
-  const int32_t long_side = std::max(m_scaled_img_size.w, m_scaled_img_size.h);
   // The variants of the last frame serve while nothing they depend on changed.
   if (m_types_ready && m_has_prev && m_shape_param.size_blend == m_prev_shape_param.size_blend &&
       m_shape_param.rotation == m_prev_shape_param.rotation && m_shape_param.shape_changed == 0 &&
-      m_param.rebuild_shapes == 0 && m_types_long_side == long_side && m_rotated_shape.width == m_bok_size.w &&
-      m_rotated_shape.height == m_bok_size.h) {
+      m_param.rebuild_shapes == 0 && m_types_map.w == m_scaled_img_size.w && m_types_map.h == m_scaled_img_size.h &&
+      m_rotated_shape.width == m_bok_size.w && m_rotated_shape.height == m_bok_size.h) {
     return S_OK;
   }
   m_types_ready = false;
@@ -94,7 +93,7 @@ int32_t BokehEffect::BokehProcess() {
     return hr;
   }
   m_types_ready = true;
-  m_types_long_side = long_side;
+  m_types_map = m_scaled_img_size;
   return S_OK;
 }
 
@@ -137,13 +136,17 @@ int32_t BokehEffect::InitMultiScaledBokehType() {
   blur.radius = static_cast<int32_t>((1.0f - t) * r + t * r);
   if ((hr = RunBoxBlur(m_thread_adapter, m_system_info, blur, FullRect(blur_shape), 2)) < 0) return hr;
   for (int32_t i = 0; i < kSizeCount; ++i) {
-    SmartBuffer scaled_shape;
-    if (KORVANE_FAILED(CreateSmartBufferData(scaled_shape, scale_list[i], scale_list[i], PIXEL_BGRA32))) return hr;
+    // Each variant keeps only the part that can land on the light map: all
+    // of it unless the map is narrower or lower than the disc.
     LightShape& scaled_bokeh_type = m_bokeh_types[static_cast<size_t>(i)];
     scaled_bokeh_type.d = scale_list[i];
-    scaled_bokeh_type.shape = scaled_shape;
-    if ((hr = LogCall("ResizeBuffer(blur_shape, scaled_bokeh_type.shape)",
-                      ResizeBuffer(m_thread_adapter, m_system_info, blur_shape, scaled_bokeh_type.shape))) < 0) {
+    scaled_bokeh_type.window = LightShapeWindow(scale_list[i], m_scaled_img_size.w, m_scaled_img_size.h);
+    const Rect held = scaled_bokeh_type.Held();
+    SmartBuffer& scaled_shape = scaled_bokeh_type.shape;
+    if ((hr = LogCall("CreateSmartBufferData(scaled_shape, scale_list[i], scale_list[i], PIXEL_BGRA32)",
+                      CreateSmartBufferData(scaled_shape, RectWidth(held), RectHeight(held), PIXEL_BGRA32))) < 0 ||
+        (hr = LogCall("ResizeBuffer(blur_shape, scaled_bokeh_type.shape)",
+                      ResizeShape(m_thread_adapter, m_system_info, blur_shape, scaled_bokeh_type))) < 0) {
       return hr;
     }
   }
@@ -156,7 +159,8 @@ int32_t BokehEffect::InitTempBokehType() {
     // One pixel larger each way: the sub-pixel paste spreads the shape over it.
     if ((hr = LogCall("CreateSmartBufferData(tmp_bokeh_type.shape, bokeh_type.shape.width, "
                       "bokeh_type.shape.height, PIXEL_BGRA32)",
-                      CreateSmartBufferData(bokeh_type.tmp, bokeh_type.d + 1, bokeh_type.d + 1, PIXEL_BGRA32))) < 0) {
+                      CreateSmartBufferData(bokeh_type.tmp, bokeh_type.shape.width + 1, bokeh_type.shape.height + 1,
+                                            PIXEL_BGRA32))) < 0) {
       return hr;
     }
   }

@@ -110,6 +110,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   LightLevels Levels() const;
   // Whether a manual glint of pasting size d is drawn this frame, and where.
   bool ManualDrawn(const ManualSparkle& m, int32_t d, PointF& pt) const;
+  // The part of a glint of size d that can land on this frame's light map.
+  Rect Window(int32_t d) const;
   LightMapGeometry Geometry() const { return LightMapGeometry{m_img_size, m_norm_img_size, m_scaled_img_size}; }
 
   // The source and its normalised copy.
@@ -136,10 +138,11 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   LightShape m_auto_variants[kSizeCount];
   struct AutoKey {
     float rotation = -1.0f, size = -1.0f;
-    int32_t s = -1;
+    int32_t map_w = -1, map_h = -1;
     uint32_t generation = 0;
     bool operator==(const AutoKey& o) const {
-      return rotation == o.rotation && size == o.size && s == o.s && generation == o.generation;
+      return rotation == o.rotation && size == o.size && map_w == o.map_w && map_h == o.map_h &&
+             generation == o.generation;
     }
   } m_auto_key, m_pending_key;
   // A manual type's halvings and its variants by size, resampled when the

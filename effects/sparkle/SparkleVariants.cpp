@@ -10,9 +10,20 @@
 
 namespace Korvane {
 
+namespace {
+
+bool SameRect(const Rect& a, const Rect& b) {
+  return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
+}
+
+}  // namespace
+
+// Only the part of a glint that can land on this frame's light map is made.
+Rect SparkleEffect::Window(int32_t d) const { return LightShapeWindow(d, m_scaled_img_size.w, m_scaled_img_size.h); }
+
 int32_t SparkleEffect::CopySparkleShape() {
-  const AutoKey key{m_auto_render.rotation, m_auto_render.size,
-                    Geometry().LongSide(), m_auto_sparkle_type.generation};
+  const AutoKey key{m_auto_render.rotation, m_auto_render.size, m_scaled_img_size.w, m_scaled_img_size.h,
+                    m_auto_sparkle_type.generation};
   m_auto_rebuild = !(key == m_auto_key);
   if (!m_auto_rebuild) return S_OK;
   m_auto_key = AutoKey();  // stays invalid until the variants are rebuilt
@@ -70,6 +81,7 @@ int32_t SparkleEffect::InitMultiScaledSparkleType() {
     for (int32_t i = 0; i < kSizeCount; ++i) {
       LightShape& v = m_auto_variants[i];
       v.d = AutoGlintSize(i, m_auto_render.size, s);
+      v.window = Window(v.d);
       jobs.push_back(VariantJob{&m_auto_pyramid.LevelFor(v.d), &v, m_auto_cos, m_auto_sin});
     }
   }
@@ -86,9 +98,11 @@ int32_t SparkleEffect::InitMultiScaledSparkleType() {
       if (c == m_manual_cache.end() || !c->second.generation) continue;  // its type has no shape
       if (!used[m.type_id].insert(d).second) continue;
       auto v = c->second.variants.find(d);
-      if (v != c->second.variants.end() && !c->second.changed) continue;
+      const Rect window = Window(d);
+      if (v != c->second.variants.end() && !c->second.changed && SameRect(v->second.window, window)) continue;
       LightShape& variant = c->second.variants[d];
       variant.d = d;
+      variant.window = window;
       jobs.push_back(VariantJob{&c->second.pyramid.LevelFor(d), &variant, m_manual_cos, m_manual_sin});
     }
     for (auto& kv : m_manual_cache) {
@@ -112,10 +126,11 @@ int32_t SparkleEffect::InitMultiScaledSparkleType() {
 int32_t SparkleEffect::InitTempSparkleType() {
   int32_t hr;
   auto make_tmp = [&](LightShape& v) -> int32_t {
-    if (v.tmp.data && v.tmp.width == v.d + 1 && v.tmp.height == v.d + 1) return S_OK;
+    const int32_t w = v.shape.width + 1, h = v.shape.height + 1;
+    if (v.tmp.data && v.tmp.width == w && v.tmp.height == h) return S_OK;
     return LogCall("CreateSmartBufferData(tmp_sparkle_type.shape, sparkle_type.shape.width + 1, "
                    "sparkle_type.shape.height + 1, PIXEL_BGRA32)",
-                   CreateSmartBufferData(v.tmp, v.d + 1, v.d + 1, PIXEL_BGRA32));
+                   CreateSmartBufferData(v.tmp, w, h, PIXEL_BGRA32));
   };
   for (LightShape& v : m_auto_variants)
     if ((hr = make_tmp(v)) < 0) return hr;

@@ -56,16 +56,14 @@ LightRaysEffect::LightRaysEffect(CThreadPool* pool)
 
 bool LightRaysEffect::BuffersReady() const {
   return m_hlr_buff.data && m_resized_src_buff.data && m_resized_msk_buff.data && m_resized_hlr_buff.data &&
-         m_polar_buff.data && m_temp_polar_buff.data && m_rotate_buff.data && m_temp_rotate_buff.data &&
          m_polar_map;
 }
 
 void LightRaysEffect::ReleaseAll() {
-  for (SmartBuffer* b : {&m_hlr_buff, &m_resized_src_buff, &m_resized_msk_buff, &m_resized_hlr_buff, &m_polar_buff,
-                         &m_temp_polar_buff, &m_rotate_buff, &m_temp_rotate_buff}) {
-    *b = SmartBuffer();
-  }
+  for (SmartBuffer* b : {&m_hlr_buff, &m_resized_src_buff, &m_resized_msk_buff, &m_resized_hlr_buff}) *b = SmartBuffer();
   m_polar_map.reset();
+  m_ray_buff = RayStore();
+  m_temp_ray_buff = RayStore();
   m_initialized = false;
   m_map_valid = false;
 }
@@ -108,20 +106,8 @@ int32_t LightRaysEffect::Initialize(int32_t width, int32_t height) {
     m_max_polar_w = diagonal;
     m_max_polar_h = 1 - static_cast<int32_t>(-360 / m_theta_grid);
     m_max_rotate_w = m_max_rotate_h = diagonal;
-    m_polar_buff_size = static_cast<int64_t>(m_max_polar_w) * m_max_polar_h * 4;
-    m_rotate_buff_size = static_cast<int64_t>(m_max_rotate_w) * m_max_rotate_h * 4;
-    if ((hr = LogCall("CreateSmartBufferData(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)",
-                      CreateBuffer(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32))) < 0 ||
-        (hr = LogCall("CreateSmartBufferData(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)",
-                      CreateBuffer(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32))) < 0 ||
-        (hr = LogCall("CreateSmartBufferData(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)",
-                      CreateBuffer(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32))) < 0 ||
-        (hr = LogCall("CreateSmartBufferData(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)",
-                      CreateBuffer(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32))) < 0) {
-      ReleaseAll();
-      return hr;
-    }
-    for (SmartBuffer* b : {&m_polar_buff, &m_temp_polar_buff, &m_rotate_buff, &m_temp_rotate_buff}) FillMap(*b);
+    // The ray-space images themselves are made per call, holding only what
+    // the call's lines cross (PrepareRaySpace).
     m_lines.resize(static_cast<size_t>(std::max(m_max_polar_h, m_max_rotate_h)));
     m_row_gain.resize(m_lines.size());
     m_cone.resize(static_cast<size_t>(m_max_polar_h));
@@ -146,7 +132,6 @@ int32_t LightRaysEffect::ReleaseBuffer() {
   m_img_w = m_img_h = 0;
   m_resized_img_w = m_resized_img_h = 0;
   m_max_polar_w = m_max_polar_h = m_max_rotate_w = m_max_rotate_h = 0;
-  m_polar_buff_size = m_rotate_buff_size = 0;
   m_radial_angles.clear();
   m_directional_angles.clear();
   m_msk_dirty = false;

@@ -65,8 +65,11 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // Both transforms: the highlights sampled along m_lines into `lines` (one
   // row a line, over `area`), then smeared along those rows into `smeared`;
   // a failure is logged under the step that failed.
-  int32_t SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area, const char* sample_step,
+  int32_t SampleAndSmear(const RayRows& lines, const RayRows& smeared, const Rect& area, const char* sample_step,
                          const char* smear_step);
+  // Packs the first `rows` lines of m_lines into the two ray-space images;
+  // E_OUTOFMEMORY (logged as the image's creation) when they cannot be had.
+  int32_t PrepareRaySpace(int32_t rows, bool polar, RayRows& lines, RayRows& smeared);
   int32_t SoftnessProcess();
   int32_t PostProcessRays();
   // UpSampleHLR and Blend, chained row chunk by row chunk.
@@ -94,8 +97,15 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   SmartBuffer m_resized_src_buff;
   SmartBuffer m_resized_msk_buff;
   SmartBuffer m_resized_hlr_buff;
-  SmartBuffer m_polar_buff, m_temp_polar_buff;
-  SmartBuffer m_rotate_buff, m_temp_rotate_buff;
+  // The ray-space images of a call, the sampled highlights and the smeared
+  // rays, kept row by row (RayRows) for the lines of the call's transform;
+  // kept between calls and grown when a call needs more.
+  struct RayStore {
+    std::unique_ptr<uint32_t[]> pixels;
+    int64_t capacity = 0;
+  };
+  RayStore m_ray_buff, m_temp_ray_buff;
+  std::vector<int64_t> m_ray_start;
 
   int32_t m_img_w = 0;
   int32_t m_img_h = 0;
@@ -112,7 +122,6 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   std::vector<float> m_spoke_shape, m_shaft_shape;
   int32_t m_max_polar_w = 0, m_max_polar_h = 0;
   int32_t m_max_rotate_w = 0, m_max_rotate_h = 0;
-  int64_t m_polar_buff_size = 0, m_rotate_buff_size = 0;
   LightRaysParam m_param;
 
   // Per-call state.

@@ -6,7 +6,9 @@
 // of a degree around the centre (a column per pixel of radius), for
 // directional rays the rows of the image turned so the rays run along them.
 // A RayLine says where a row lies in the highlight image and which of its
-// columns are used; everything outside [lo, hi) of a row is never read.
+// columns are used. Only those columns are stored (RayRows), so a ray space
+// costs what the lines crossing the image need: a thin photo's ray space is
+// as thin as the photo, whatever the angle.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +34,24 @@ struct RayLine {
   int32_t src_end = 0;
 };
 
+// A ray-space image kept row by row: row j holds its columns [lo, hi) of
+// lines[j], the rows packed one after another. Columns outside a row's
+// range read as black.
+struct RayRows {
+  uint32_t* pixels = nullptr;       // BGRA pixels of all rows
+  const int64_t* start = nullptr;   // row j's column lo is pixels[start[j]]
+  const RayLine* lines = nullptr;   // one per row
+
+  uint32_t* Row(int32_t j) const { return pixels + start[j]; }
+  // Pixel (u, v): its four bytes, or black when the row does not hold u.
+  const uint8_t* At(int32_t u, int32_t v) const {
+    static const uint32_t kBlack = 0;
+    const RayLine& l = lines[v];
+    const uint32_t* p = u >= l.lo && u < l.hi ? pixels + start[v] + (u - l.lo) : &kBlack;
+    return reinterpret_cast<const uint8_t*>(p);
+  }
+};
+
 // Columns of the line that fall inside the rectangle (-margin, w - 1 +
 // margin) x (-margin, h - 1 + margin), as [lo, hi) within [0, cols); an empty
 // range is lo = hi = 0.
@@ -54,8 +74,7 @@ int32_t HighLightDetect_SSE(const HighLightParam& p, const Rect& band);
 // ray-space rows. "CarteToPolarTransform" and "ImageRotateTransform".
 struct SampleRowsParam {
   const SmartBuffer* src = nullptr;  // BGRA highlight image
-  SmartBuffer* dst = nullptr;        // BGRA ray-space image
-  const RayLine* lines = nullptr;    // one per ray-space row
+  const RayRows* dst = nullptr;      // the ray-space image, its lines one per row
 };
 int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
 
@@ -68,9 +87,8 @@ int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
 // forms. L is at most kMaxRayLength, which keeps t below 2^31.
 constexpr int32_t kMaxRayLength = 4096;
 struct SmearRowsParam {
-  const SmartBuffer* src = nullptr;
-  SmartBuffer* dst = nullptr;
-  const RayLine* lines = nullptr;
+  const RayRows* src = nullptr;
+  const RayRows* dst = nullptr;        // the same lines as src
   const uint16_t* row_gain = nullptr;  // one per row, 0..256
   int32_t length = 1;                  // L, 1..kMaxRayLength
 };
@@ -81,7 +99,7 @@ int32_t SmearRows(const SmearRowsParam& p, const Rect& band);
 // table (radius in pixels and angle in tenths of a degree, a float pair a
 // pixel). Alpha becomes 255.
 struct PolarToCarteParam {
-  const SmartBuffer* polar = nullptr;
+  const RayRows* polar = nullptr;
   int32_t polar_w = 0;        // columns in use (>= 2)
   int32_t polar_h = 0;        // rows in use (>= 2)
   SmartBuffer* dst = nullptr;
@@ -94,7 +112,7 @@ int32_t PolarToCarte(const PolarToCarteParam& p, const Rect& band);
 // The inverse rotation: pixel (x, y) of `area` takes the bilinear sample of
 // the rotated image at (u0 + x ux + y uy, v0 + x vx + y vy). Alpha becomes 255.
 struct RotateBackParam {
-  const SmartBuffer* rotated = nullptr;
+  const RayRows* rotated = nullptr;
   int32_t rotated_w = 0;  // columns in use (>= 2)
   int32_t rotated_h = 0;  // rows in use (>= 2)
   SmartBuffer* dst = nullptr;

@@ -4,6 +4,7 @@
 // them and brought back to the half-size image.
 #include <algorithm>
 #include <cmath>
+#include <new>
 
 #include "core/BandTask.h"
 #include "core/DebugLog.h"
@@ -23,24 +24,22 @@ int32_t LightRaysEffect::CalPolarMappingTable() {
   // Angles with the sine/cosine tables' own degree, so a pixel's row is the
   // row whose table angle points at it.
   const float rows_per_radian = 1.0f / (m_theta_grid * kDegToRad);
-  const int32_t hr = RunBands(m_thread_adapter, Rect{0, 0, w, m_resized_img_h}, [&](const Rect& band) {
-    for (int32_t y = band.top; y < band.bottom; ++y) {
-      float* m = map + static_cast<size_t>(y) * w * 2;
-      const float dy = cy - static_cast<float>(y);
-      for (int32_t x = 0; x < w; ++x) {
-        const float dx = static_cast<float>(x) - cx;
-        float a = std::atan2(dy, dx);
-        if (a < 0.0f) a += static_cast<float>(kFullTurn);
-        m[2 * x] = std::sqrt(dx * dx + dy * dy);
-        m[2 * x + 1] = std::min(a * rows_per_radian, last_row);
-      }
-    }
-    return S_OK;
-  });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("CalPolarMappingTable", hr);
-    return hr;
-  }
+  const int32_t hr =
+      LogStep("CalPolarMappingTable", RunBands(m_thread_adapter, Rect{0, 0, w, m_resized_img_h}, [&](const Rect& band) {
+                for (int32_t y = band.top; y < band.bottom; ++y) {
+                  float* m = map + static_cast<size_t>(y) * w * 2;
+                  const float dy = cy - static_cast<float>(y);
+                  for (int32_t x = 0; x < w; ++x) {
+                    const float dx = static_cast<float>(x) - cx;
+                    float a = std::atan2(dy, dx);
+                    if (a < 0.0f) a += static_cast<float>(kFullTurn);
+                    m[2 * x] = std::sqrt(dx * dx + dy * dy);
+                    m[2 * x + 1] = std::min(a * rows_per_radian, last_row);
+                  }
+                }
+                return S_OK;
+              }));
+  if (hr < 0) return hr;
   m_map_cx = cx;
   m_map_cy = cy;
   m_map_valid = true;
@@ -68,19 +67,18 @@ int32_t LightRaysEffect::PrepareLampshadeInfo() {
   const int32_t w = m_resized_img_w;
   const uint16_t* cone = m_cone.data();
   SmartBuffer& mask = m_resized_msk_buff;
-  hr = RunBands(m_thread_adapter, Rect{0, 0, w, m_resized_img_h}, [&](const Rect& band) {
-    for (int32_t y = band.top; y < band.bottom; ++y) {
-      const float* m = map + static_cast<size_t>(y) * w * 2;
-      uint8_t* row = RowPtr(mask, y);
-      for (int32_t x = 0; x < w; ++x) {
-        const uint32_t c = cone[static_cast<int32_t>(m[2 * x + 1] + 0.5f)];
-        row[x] = static_cast<uint8_t>((row[x] * c) >> 8);
-      }
-    }
-    return S_OK;
-  });
+  hr = LogStep("CalLampShadeMask", RunBands(m_thread_adapter, Rect{0, 0, w, m_resized_img_h}, [&](const Rect& band) {
+                 for (int32_t y = band.top; y < band.bottom; ++y) {
+                   const float* m = map + static_cast<size_t>(y) * w * 2;
+                   uint8_t* row = RowPtr(mask, y);
+                   for (int32_t x = 0; x < w; ++x) {
+                     const uint32_t c = cone[static_cast<int32_t>(m[2 * x + 1] + 0.5f)];
+                     row[x] = static_cast<uint8_t>((row[x] * c) >> 8);
+                   }
+                 }
+                 return S_OK;
+               }));
   m_msk_dirty = true;
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("CalLampShadeMask", hr);
   return hr;
 }
 
@@ -101,8 +99,7 @@ int32_t LightRaysEffect::PolarTransformProcess() {
   // every pixel the inverse transform reads inside a sampled range.
   const float margin = 2.0f + 0.002f * (r_max + 4.0f);
   const int32_t r_base = std::max(0, static_cast<int32_t>(std::floor(r_min - margin)));
-  const int32_t pw =
-      std::max(2, std::min(m_max_polar_w, static_cast<int32_t>(std::ceil(r_max + margin)) - r_base + 2));
+  const int32_t pw = std::max(2, std::min(m_max_polar_w, static_cast<int32_t>(std::ceil(r_max + margin)) - r_base + 2));
   const int32_t ph = m_max_polar_h;
 
   int32_t hr;
@@ -123,38 +120,66 @@ int32_t LightRaysEffect::PolarTransformProcess() {
     if (m_row_gain[j] == 0) l.src_end = l.lo;  // no light on this row: just clear it
   }
 
-  if ((hr = SampleAndSmear(m_polar_buff, m_temp_polar_buff, Rect{0, 0, pw, ph}, "CarteToPolarTransform",
-                            "LightRayHalfBlurH")) < 0)
+  RayRows lines, smeared;
+  if ((hr = PrepareRaySpace(ph, true, lines, smeared)) < 0 ||
+      (hr = SampleAndSmear(lines, smeared, Rect{0, 0, pw, ph}, "CarteToPolarTransform", "LightRayHalfBlurH")) < 0) {
     return hr;
-
-  const auto back = KORVANE_PICK(m_system_info, PolarToCarte, PolarToCarte_SSE);
+  }
+  const PickedTask back = KORVANE_PICK_BAND(m_system_info, PolarToCarteParam, PolarToCarte, PolarToCarte_SSE);
   PolarToCarteParam to_carte;
-  to_carte.polar = &m_temp_polar_buff;
+  to_carte.polar = &smeared;
   to_carte.polar_w = pw;
   to_carte.polar_h = ph;
   to_carte.dst = &m_resized_hlr_buff;
   to_carte.map = m_polar_map.get();
   to_carte.r_base = static_cast<float>(r_base);
   to_carte.area = m_downsized_roi;
-  hr = RunBands(m_thread_adapter, m_downsized_roi, [&](const Rect& band) { return back.fn(to_carte, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("PolarToCarteTransform", hr);
-  return hr;
+  return LogStep("PolarToCarteTransform",
+                 m_thread_adapter.RunTaskByMultiThread(back.fn, &to_carte, nullptr, m_downsized_roi));
 }
 
-int32_t LightRaysEffect::SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area,
-                                        const char* sample_step, const char* smear_step) {
-  const auto sample = KORVANE_PICK(m_system_info, SampleRows, SampleRows_SSE);
-  SampleRowsParam to_lines{&m_resized_hlr_buff, &lines, m_lines.data()};
-  int32_t hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return sample.fn(to_lines, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP(sample_step, hr);
+int32_t LightRaysEffect::PrepareRaySpace(int32_t rows, bool polar, RayRows& lines, RayRows& smeared) {
+  m_ray_start.resize(static_cast<size_t>(rows) + 1);
+  int64_t total = 0;
+  for (int32_t j = 0; j < rows; ++j) {
+    m_ray_start[static_cast<size_t>(j)] = total;
+    total += m_lines[static_cast<size_t>(j)].hi - m_lines[static_cast<size_t>(j)].lo;
+  }
+  m_ray_start[static_cast<size_t>(rows)] = total;
+  const auto grow = [total](RayStore& store) {
+    if (store.capacity >= total) return S_OK;
+    store = RayStore();
+    // At least one pixel, so every row pointer points into the image.
+    store.pixels.reset(new (std::nothrow) uint32_t[static_cast<size_t>(std::max<int64_t>(total, 1))]);
+    if (!store.pixels) return E_OUTOFMEMORY;
+    store.capacity = total;
+    return S_OK;
+  };
+  int32_t hr;
+  if ((hr = LogCall(polar ? "CreateSmartBufferData(m_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)"
+                          : "CreateSmartBufferData(m_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)",
+                    grow(m_ray_buff))) < 0 ||
+      (hr = LogCall(polar ? "CreateSmartBufferData(m_temp_polar_buff, m_max_polar_w, m_max_polar_h, PIXEL_BGRA32)"
+                          : "CreateSmartBufferData(m_temp_rotate_buff, m_max_rotate_w, m_max_rotate_h, PIXEL_BGRA32)",
+                    grow(m_temp_ray_buff))) < 0) {
     return hr;
   }
-  const auto blur = KORVANE_PICK(m_system_info, SmearRows, SmearRows_SSE);
-  SmearRowsParam smear{&lines, &smeared, m_lines.data(), m_row_gain.data(), RayLengthHalf()};
-  hr = RunBands(m_thread_adapter, area, [&](const Rect& band) { return blur.fn(smear, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP(smear_step, hr);
-  return hr;
+  lines = RayRows{m_ray_buff.pixels.get(), m_ray_start.data(), m_lines.data()};
+  smeared = RayRows{m_temp_ray_buff.pixels.get(), m_ray_start.data(), m_lines.data()};
+  return S_OK;
+}
+
+int32_t LightRaysEffect::SampleAndSmear(const RayRows& lines, const RayRows& smeared, const Rect& area,
+                                        const char* sample_step, const char* smear_step) {
+  const PickedTask sample = KORVANE_PICK_BAND(m_system_info, SampleRowsParam, SampleRows, SampleRows_SSE);
+  SampleRowsParam to_lines{&m_resized_hlr_buff, &lines};
+  int32_t hr;
+  if ((hr = LogStep(sample_step, m_thread_adapter.RunTaskByMultiThread(sample.fn, &to_lines, nullptr, area))) < 0) {
+    return hr;
+  }
+  const PickedTask blur = KORVANE_PICK_BAND(m_system_info, SmearRowsParam, SmearRows, SmearRows_SSE);
+  SmearRowsParam smear{&lines, &smeared, m_row_gain.data(), RayLengthHalf()};
+  return LogStep(smear_step, m_thread_adapter.RunTaskByMultiThread(blur.fn, &smear, nullptr, area));
 }
 
 int32_t LightRaysEffect::RotateTransformProcess() {
@@ -166,8 +191,10 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   const float dx = c, dy = -s, ex = s, ey = c;
 
   // GetRotateBuffSize: the turned image's bounding box.
-  const int32_t wr = std::max(2, std::min(m_max_rotate_w, static_cast<int32_t>(std::ceil(rw * std::fabs(c) + rh * std::fabs(s))) + 2));
-  const int32_t hr_rows = std::max(2, std::min(m_max_rotate_h, static_cast<int32_t>(std::ceil(rw * std::fabs(s) + rh * std::fabs(c))) + 2));
+  const int32_t wr =
+      std::max(2, std::min(m_max_rotate_w, static_cast<int32_t>(std::ceil(rw * std::fabs(c) + rh * std::fabs(s))) + 2));
+  const int32_t hr_rows =
+      std::max(2, std::min(m_max_rotate_h, static_cast<int32_t>(std::ceil(rw * std::fabs(s) + rh * std::fabs(c))) + 2));
   const float icx = (rw - 1) * 0.5f, icy = (rh - 1) * 0.5f;
   const float rcu = (wr - 1) * 0.5f, rcv = (hr_rows - 1) * 0.5f;
   for (int32_t v = 0; v < hr_rows; ++v) {
@@ -183,12 +210,14 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   const float cy = HalfY(static_cast<float>(m_param.center_y));
   CalDirectionalGains(hr_rows, rcv + (cx - icx) * ex + (cy - icy) * ey, static_cast<float>(m_max_rotate_h));
 
-  int32_t hr = SampleAndSmear(m_rotate_buff, m_temp_rotate_buff, Rect{0, 0, wr, hr_rows}, "ImageRotateTransform",
-                              "LightRayBlurH");
-  if (hr < 0) return hr;
-
+  RayRows lines, smeared;
+  int32_t hr;
+  if ((hr = PrepareRaySpace(hr_rows, false, lines, smeared)) < 0 ||
+      (hr = SampleAndSmear(lines, smeared, Rect{0, 0, wr, hr_rows}, "ImageRotateTransform", "LightRayBlurH")) < 0) {
+    return hr;
+  }
   RotateBackParam back;
-  back.rotated = &m_temp_rotate_buff;
+  back.rotated = &smeared;
   back.rotated_w = wr;
   back.rotated_h = hr_rows;
   back.dst = &m_resized_hlr_buff;
@@ -199,10 +228,9 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   back.vx = ex;
   back.vy = ey;
   back.area = m_downsized_roi;
-  const auto inverse = KORVANE_PICK(m_system_info, RotateBack, RotateBack_SSE);
-  hr = RunBands(m_thread_adapter, m_downsized_roi, [&](const Rect& band) { return inverse.fn(back, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("InverseRotateTransform", hr);
-  return hr;
+  const PickedTask inverse = KORVANE_PICK_BAND(m_system_info, RotateBackParam, RotateBack, RotateBack_SSE);
+  return LogStep("InverseRotateTransform",
+                 m_thread_adapter.RunTaskByMultiThread(inverse.fn, &back, nullptr, m_downsized_roi));
 }
 
 }  // namespace Korvane

@@ -16,6 +16,7 @@
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
+#include "effects/LightTestSupport.h"
 #include "effects/bokeh/BokehEffect.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
@@ -200,6 +201,18 @@ TEST(BokehEffect, RecordChecksInOrder) {
   EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
   EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), S_OK);
 
+  // Sides beyond kMaxImageSide, of the photo or the shape, are refused before
+  // anything is made of them (a shape that wide overflowed its blur radius).
+  bad = f;
+  bad.shape.shape.width = (1 << 27) + 1;
+  bad.shape.shape.height = 1;
+  bad.shape.shape.stride = bad.shape.shape.width * 4;
+  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
+  ImageBuffer long_photo = photo.buf;
+  long_photo.width = kMaxImageSide + 1;
+  long_photo.height = 1;
+  EXPECT_EQ(rig->SetSource(&long_photo), E_INVALIDARG);
+
   EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
   EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);
 }
@@ -326,8 +339,10 @@ TEST(BokehEffect, PaddedRowsOfUnequalStridesRenderAsPacked) {
     f.param.anime_frame_index = 2;
     ASSERT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, roi), S_OK);
     EXPECT_TRUE(photo.GuardsIntact() && guide.GuardsIntact() && out.GuardsIntact()) << "pad " << pad;
-    if (want.empty()) want = out.Packed();
-    else EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
+    if (want.empty())
+      want = out.Packed();
+    else
+      EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
   }
 }
 
@@ -340,10 +355,10 @@ TEST(BokehEffect, FloatSettingsFarOutOfRangeStillRender) {
   ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
   const float wild[] = {-1.29711e21f, 3e38f, -3e38f, INFINITY, -INFINITY, NAN};
   const std::function<void(Frame&, float)> fields[] = {
-      [](Frame& f, float v) { f.shape.hue_offset = v; },     [](Frame& f, float v) { f.shape.saturation = v; },
-      [](Frame& f, float v) { f.shape.size_blend = v; },     [](Frame& f, float v) { f.shape.rotation = v; },
-      [](Frame& f, float v) { f.param.focus_value = v; },    [](Frame& f, float v) { f.param.focus_range = v; },
-      [](Frame& f, float v) { f.param.blur_strength = v; },  [](Frame& f, float v) { f.param.blur_buff_ratio = v; },
+      [](Frame& f, float v) { f.shape.hue_offset = v; },    [](Frame& f, float v) { f.shape.saturation = v; },
+      [](Frame& f, float v) { f.shape.size_blend = v; },    [](Frame& f, float v) { f.shape.rotation = v; },
+      [](Frame& f, float v) { f.param.focus_value = v; },   [](Frame& f, float v) { f.param.focus_range = v; },
+      [](Frame& f, float v) { f.param.blur_strength = v; }, [](Frame& f, float v) { f.param.blur_buff_ratio = v; },
   };
   for (size_t field = 0; field < std::size(fields); ++field)
     for (float v : wild)
@@ -419,6 +434,132 @@ TEST(BokehEffect, AnimationAndKeptBackground) {
   f.shape.hue_offset = 0.9f;
   Render(rig, f, photo, &guide);
   EXPECT_NEAR(rig->GetHueOffset(), -0.6f, 1e-6f);
+}
+
+// The light points in scan order of the detection copy, with the twinkle
+// curve's length; the first `capacity` of them copied out.
+TEST(BokehEffect, LightPointsCanBeReadBack) {
+  EffectRig<BokehEffect> rig;
+  LightPointSummary sum;
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, 0), E_FAIL);
+  TestImage photo = Photo();
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  EXPECT_EQ(rig->GetLightPoints(nullptr, nullptr, 0), E_POINTER);
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, -1), E_INVALIDARG);
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, 2), E_INVALIDARG);
+  ASSERT_EQ(rig->GetLightPoints(&sum, nullptr, 0), S_OK);
+  EXPECT_EQ(sum.norm_width, 640);
+  EXPECT_EQ(sum.norm_height, 400);
+  EXPECT_EQ(sum.curve_samples, 132);
+  ASSERT_EQ(sum.count, static_cast<int32_t>(rig->GetBokehList().size()));
+  std::vector<LightPointInfo> points(static_cast<size_t>(sum.count) + 1);
+  ASSERT_EQ(rig->GetLightPoints(&sum, points.data(), sum.count - 1), S_OK);
+  auto it = rig->GetBokehList().begin();
+  for (int32_t i = 0; i < sum.count - 1; ++i, ++it) {
+    EXPECT_EQ(points[i].x, it->second.x);
+    EXPECT_EQ(points[i].y, it->second.y);
+    EXPECT_EQ(points[i].phase, it->second.phase);
+    EXPECT_EQ(points[i].random, it->second.random);
+  }
+  EXPECT_EQ(points[sum.count - 1].x, 0);  // beyond the capacity: untouched
+}
+
+// A render of a region with REGION_SHAPES_REACHING is the crop of the render
+// of the whole photo, at the photo's size and on a reduced light map,
+// sub-pixel and whole-pixel: every disc reaching into the region is drawn,
+// and the enlargement reads the same light map pixels.
+TEST(BokehEffect, RegionRendersAreCropsOfTheWholeRender) {
+  for (auto [w, h] : {std::pair<int32_t, int32_t>{1500, 260}, {5200, 64}}) {  // map ratios 0.86 and 0.25
+    TestImage photo(w, h), guide(w, h, PIXEL_GRAY8), disc = Disc(41);
+    std::mt19937 rng(3);
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        uint8_t* p = photo.Row(y) + 4 * x;
+        for (int k = 0; k < 3; ++k) p[k] = static_cast<uint8_t>(30 + rng() % 20);
+        p[3] = 255;
+        guide.Row(y)[x] = static_cast<uint8_t>(200 + (x + y) % 56);  // background: large discs
+      }
+    for (int32_t i = 0; i < 400; ++i) {  // small lights all over, many near the regions' edges
+      const int32_t cx = 1 + static_cast<int32_t>(rng() % (w - 2)), cy = 1 + static_cast<int32_t>(rng() % (h - 2));
+      for (int32_t y = cy - 1; y <= cy + 1; ++y)
+        for (int32_t x = cx - 1; x <= cx + 1; ++x) std::memset(photo.Row(y) + 4 * x, 250, 3);
+    }
+    for (int32_t quality : {0, 1, 2}) {
+      EffectRig<BokehEffect> rig;
+      ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+      Frame f(disc);
+      f.param.quality_mode = quality;
+      f.shape.rotation = 20.0f;
+      const std::vector<uint8_t> whole = Render(rig, f, photo, &guide, Rect{0, 0, w, h});
+      ASSERT_EQ(rig->SetRegionMode(REGION_SHAPES_REACHING), S_OK);
+      for (const Rect& r : LightTest::TileRegions(w, h)) {
+        const std::vector<uint8_t> part = Render(rig, f, photo, &guide, r);
+        ASSERT_EQ(KorvaneTest::FirstDifference(part, LightTest::Crop(whole, w, r), RectWidth(r)), "")
+            << w << "x" << h << " quality " << quality << " region " << r.left << "," << r.top << "," << r.right << ","
+            << r.bottom;
+      }
+    }
+  }
+  EffectRig<BokehEffect> rig;
+  EXPECT_EQ(rig->SetRegionMode(2), E_INVALIDARG);
+}
+
+// Frames past the loop are the frames in it, byte for byte, for the hue
+// shift and the twinkle.
+TEST(BokehEffect, FramesPastTheLoopRepeatIt) {
+  TestImage photo = Photo(), guide(kW, kH, PIXEL_GRAY8), disc = Disc(41);
+  guide.FillConstant(255);  // every light point gets the largest disc
+  EffectRig<BokehEffect> rig;
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  for (int32_t count : {7, 24})
+    for (int32_t setting : {0, 1}) {
+      Frame f(disc);
+      f.param.anime_frame_count = count;
+      f.param.hue_shift_switch = setting == 0;
+      f.param.twinkle_switch = setting == 1;
+      f.shape.color_mode = 2;
+      for (int32_t k = 0; k < count; ++k) {
+        f.param.anime_frame_index = k;
+        const std::vector<uint8_t> in_loop = Render(rig, f, photo, &guide);
+        f.param.anime_frame_index = k + count * (k + 1);
+        EXPECT_EQ(Render(rig, f, photo, &guide), in_loop) << "setting " << setting << " frame " << k << " of " << count;
+      }
+    }
+}
+
+// A photo one pixel across and as long as a photo may be renders in every
+// quality mode within a small multiple of its own size, and a loop of
+// INT_MAX frames costs nothing more; longer sides and shapes are refused.
+TEST(BokehEffectDeathTest, ThinPhotosAndLongLoopsStaySmall) {
+#if defined(KORVANE_TEST_SANITIZED)
+  GTEST_SKIP() << "the sanitizers reserve more address space than the limit leaves";
+#endif
+  const auto run = [] {
+    TestImage disc = Disc(64);
+    std::vector<std::pair<TestImage, TestImage>> photos;
+    for (auto [w, h] : {std::pair<int32_t, int32_t>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
+      photos.emplace_back(TestImage(w, h), TestImage(w, h));
+      photos.back().first.FillNoise(7);
+    }
+    EffectRig<BokehEffect> rig(1);
+    LightTest::ExitWithAddressRoom(150u << 20, [&] {
+      for (auto& [photo, out] : photos) {
+        if (rig->SetSource(&photo.buf) != S_OK) return false;
+        for (int32_t quality : {0, 1, 2, 3}) {
+          Frame f(disc);
+          f.param.quality_mode = quality;
+          f.param.twinkle_switch = 1;
+          f.param.anime_frame_count = INT32_MAX;
+          f.param.anime_frame_index = INT32_MAX - 1;
+          f.shape.size_blend = 1.0f;
+          const Rect all{0, 0, photo.buf.width, photo.buf.height};
+          if (rig->Process(&f.param, &f.shape, &photo.buf, nullptr, &out.buf, all) != S_OK) return false;
+        }
+      }
+      return true;
+    });
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "TestSupport.h"
+#include "effects/LightTestSupport.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
 #include "effects/light_rays/LightRaysEffect.h"
@@ -492,14 +493,77 @@ TEST(LightRaysEffect, AFailingStageIsLoggedWhereItFailsAndAsTotalCost) {
   EXPECT_EQ(dst, Bytes(dst.size(), 0x5A));
 }
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define KORVANE_TEST_SANITIZED 1
+// A render of a region is the crop of the render of the whole photo, for
+// both kinds of rays, softened and in a lampshade.
+TEST(LightRaysEffect, RegionRendersAreCropsOfTheWholeRender) {
+  const int w = 300, h = 180;
+  Bytes src = Photo(w, h);
+  for (int mode : {0, 1}) {
+    const auto tweak = [mode](LightRaysParam& p) {
+      p.ray_mode = mode;
+      p.ray_softness = 5;
+      p.lampshade_spread = mode == 0 ? 70.0f : 180.0f;
+      p.center_x = 40;
+    };
+    const Bytes whole = Render(src, w, h, tweak);
+    for (const Rect& r : LightTest::TileRegions(w, h)) {
+      const Bytes part = Render(src, w, h, [&](LightRaysParam& p) {
+        tweak(p);
+        p.roi = r;
+      });
+      ASSERT_EQ(FirstDifference(part, LightTest::Crop(whole, w, r), RectWidth(r)), "")
+          << "mode " << mode << " region " << r.left << "," << r.top << "," << r.right << "," << r.bottom;
+    }
+  }
+}
+
+// Frames past the loop are the frames in it, for the swaying rays and the
+// turning hue.
+TEST(LightRaysEffect, FramesPastTheLoopRepeatIt) {
+  const int w = 120, h = 90;
+  Bytes src = Spots(w, h, {{60, 45}, {20, 30}}, 8);
+  for (int mode : {0, 1})
+    for (int k : {1, 4}) {
+      const auto frame = [&](int index) {
+        return Render(src, w, h, [&](LightRaysParam& p) {
+          p.ray_mode = mode;
+          p.anime_frame_count = 7;
+          p.anime_frame_index = index;
+          p.animate_rays = p.animate_hue = 1;
+        });
+      };
+      const Bytes in_loop = frame(k);
+      EXPECT_EQ(frame(k + 7), in_loop) << mode << " " << k;
+      EXPECT_EQ(frame(k + 7 * 1000), in_loop) << mode << " " << k;
+    }
+}
+
+// A photo one pixel across and as long as a photo may be keeps its ray space
+// as thin as itself, whatever the centre and the angle.
+TEST(LightRaysEffectDeathTest, ThinPhotosStaySmall) {
+#if defined(KORVANE_TEST_SANITIZED)
+  GTEST_SKIP() << "the sanitizers reserve more address space than the limit leaves";
 #endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KORVANE_TEST_SANITIZED 1
-#endif
+  const auto run = [] {
+    Bytes tall = Photo(1, kMaxImageSide), wide = Photo(kMaxImageSide, 1), out(tall.size());
+    EffectRig<LightRaysEffect> rig(1);
+    LightTest::ExitWithAddressRoom(150u << 20, [&] {
+      for (auto [w, h] : {std::pair<int, int>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
+        if (rig->Initialize(w, h) != S_OK) return false;
+        for (int mode : {0, 1}) {
+          LightRaysParam p = Base(w == 1 ? tall : wide, w, h);
+          p.dst = MakeSmartBufferView(out.data(), w, h);
+          p.ray_mode = mode;
+          p.ray_angle = 45.0f;
+          p.ray_length = static_cast<float>(kMaxImageSide);
+          if (rig->Process(p) != S_OK) return false;
+        }
+      }
+      return true;
+    });
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
 
 TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
 #if defined(KORVANE_TEST_SANITIZED)

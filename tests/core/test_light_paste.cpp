@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -221,6 +222,50 @@ TEST(LightPaste, SseFormsMatchPlainOnAwkwardSizes) {
   }
 }
 
+// On a map narrower or lower than a shape, the part LightShapeWindow keeps
+// (resized by ResizeShape, so the same pixels as the crop of the whole
+// resize) pastes exactly as the whole shape, both placements, for every
+// centre on the map.
+TEST(LightPaste, WindowedShapesPasteAsTheWholeShape) {
+  KorvaneTest::Runner run;
+  std::mt19937 rng(21);
+  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+  const SmartBuffer source = Noise(23, 19, 4);
+  for (auto [w, h, d] : {std::tuple<int32_t, int32_t, int32_t>{1, 40, 31}, {3, 2, 17}, {40, 1, 33}, {5, 30, 41}}) {
+    LightShape whole, part;
+    whole.d = part.d = d;
+    part.window = LightShapeWindow(d, w, h);
+    ASSERT_LT(RectWidth(part.window) * RectHeight(part.window), d * d) << "the window keeps less";
+    for (LightShape* s : {&whole, &part}) {
+      const Rect held = s->Held();
+      s->shape = Bgra(RectWidth(held), RectHeight(held));
+      s->tmp = Bgra(RectWidth(held) + 1, RectHeight(held) + 1);
+      ASSERT_EQ(ResizeShape(run.adapter, KorvaneTest::Level(SIMD_SSE41), source, *s), S_OK);
+    }
+    for (int32_t y = 0; y < RectHeight(part.window); ++y)
+      ASSERT_EQ(0, std::memcmp(RowPtr(part.shape, y), RowPtr(whole.shape, y + part.window.top) + 4 * part.window.left,
+                               4 * static_cast<size_t>(RectWidth(part.window))))
+          << "resized part, row " << y;
+    for (int i = 0; i < 40; ++i) {
+      const PointF pt{unit(rng) * w * 0.9999f, unit(rng) * h * 0.9999f};
+      const PointI pi{static_cast<int32_t>(pt.x + 0.5f), static_cast<int32_t>(pt.y + 0.5f)};
+      const LightPasteArgs args = Args(unit(rng), 255, 200, 100, i % 2);
+      SmartBuffer a = Bgra(w, h), b = Bgra(w, h);
+      Rect roi;
+      PointI origin;
+      ASSERT_EQ(CalBilinearPasteLightROI(roi, origin, pt, d, h, w), S_OK);
+      ASSERT_EQ(BilinearPasteLight(whole, a, pt, args, roi), S_OK);
+      ASSERT_EQ(BilinearPasteLight(part, b, pt, args, roi), S_OK);
+      if (pi.x < w && pi.y < h) {
+        ASSERT_EQ(CalPasteLightROI(roi, pi, d, h, w), S_OK);
+        ASSERT_EQ(PasteLight(whole, a, pi, args, roi), S_OK);
+        ASSERT_EQ(PasteLight(part, b, pi, args, roi), S_OK);
+      }
+      ASSERT_EQ(Bytes(a), Bytes(b)) << w << "x" << h << " d " << d << " at " << pt.x << "," << pt.y;
+    }
+  }
+}
+
 // T[i] = min((int)(i x strength + 0.5), 255), the product in float; both
 // forms give it for every strength, the identity at 1.
 TEST(LightPaste, AddTablesOfBothFormsAgree) {
@@ -235,7 +280,8 @@ TEST(LightPaste, AddTablesOfBothFormsAgree) {
       ASSERT_EQ(0, std::memcmp(plain, sse, 256)) << s;
     }
     const float k = s > 0.0f ? std::min(s, 1.0f) : 0.0f;
-    for (int i : {0, 1, 128, 255}) ASSERT_EQ(plain[i], std::min(static_cast<int>(static_cast<float>(i) * k + 0.5), 255)) << s;
+    for (int i : {0, 1, 128, 255})
+      ASSERT_EQ(plain[i], std::min(static_cast<int>(static_cast<float>(i) * k + 0.5), 255)) << s;
   }
   uint8_t one[256];
   CalLightAddTable(1.0f, one);
@@ -290,8 +336,8 @@ TEST(LightMap, SizesRatiosAndRegions) {
   Rect s;
   ASSERT_EQ(ResizeLightMapROI(Rect{100, 51, 400, 300}, s, 0.5f, LightSize{200, 151}), S_OK);
   EXPECT_EQ(s.left, 49);
-  EXPECT_EQ(s.top, 24);      // trunc(25.5 - 1)
-  EXPECT_EQ(s.right, 200);   // 201 cut to the map
+  EXPECT_EQ(s.top, 24);     // trunc(25.5 - 1)
+  EXPECT_EQ(s.right, 200);  // 201 cut to the map
   EXPECT_EQ(s.bottom, 151);
   ASSERT_EQ(ResizeLightMapROI(Rect{0, 0, 10, 10}, s, 0.5f, LightSize{50, 50}), S_OK);
   EXPECT_EQ(s.left, 0);  // -1 held at 0
@@ -310,7 +356,8 @@ TEST(LightMap, LoopsRepeatExactlyAndCostNothingForLongLoops) {
         ASSERT_EQ(LoopPhase(later, count, 2.0), LoopPhase(k, count, 2.0));
         for (int32_t cycles : {1, 3})
           for (int32_t phase : {0, 17, 89})
-            ASSERT_EQ(TwinkleFrameOffset(phase, 90, count, later, cycles), TwinkleFrameOffset(phase, 90, count, k, cycles));
+            ASSERT_EQ(TwinkleFrameOffset(phase, 90, count, later, cycles),
+                      TwinkleFrameOffset(phase, 90, count, k, cycles));
       }
     }
   }

@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "SparkleTestSupport.h"
-#include "effects/LightTestSupport.h"
 #include "core/BilinearResize.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
+#include "effects/LightTestSupport.h"
 
 using namespace Korvane;
 using namespace SparkleTest;
@@ -32,28 +32,15 @@ SparkleShape Manual(Bytes& bytes, uint16_t id, int32_t size = SPK_SIZE) {
   return s;
 }
 
-TEST(SparkleEffect, SourceSetsTheNormalisedSizeAndDetectsTheSpots) {
-  Rig a(320, 240);
-  EXPECT_EQ(a->NormWidth(), 640);
-  EXPECT_EQ(a->NormHeight(), 480);
-  // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
-  EXPECT_GE(a->AutoSparkleList().size(), 48u);
-  EXPECT_LE(a->AutoSparkleList().size(), 4u * 48u);
-  Rig b(300, 600);
-  EXPECT_EQ(b->NormWidth(), 320);
-  EXPECT_EQ(b->NormHeight(), 640);
-  KorvaneTest::EffectRig<SparkleEffect> c;
-  EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
-  Bytes gray(100, 0);
-  ImageBuffer g = MakeImageBuffer(gray.data(), 10, 10, PIXEL_GRAY8);
-  EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
-  ImageBuffer empty = MakeImageBuffer(gray.data(), 0, 10);
-  EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
-}
-
 // The list is the shared point list of the map found with the mode's
 // settings, and sizes follow the random float.
 TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
+  KorvaneTest::EffectRig<SparkleEffect> c;
+  Bytes gray(100, 0);
+  ImageBuffer g = MakeImageBuffer(gray.data(), 10, 10, PIXEL_GRAY8), empty = MakeImageBuffer(gray.data(), 0, 10);
+  EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
+  EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
+  EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
   const LightPointSettings fine = SparkleEffect::DetectionSettings(2), normal = SparkleEffect::DetectionSettings(1);
   EXPECT_EQ(fine.radius, 2);
   EXPECT_FLOAT_EQ(fine.threshold, 25.5f);
@@ -63,6 +50,9 @@ TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
   EXPECT_EQ(SparkleEffect::DetectionSettings(0).radius, 4);
 
   Rig r(320, 240);
+  // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
+  EXPECT_GE(r->AutoSparkleList().size(), 48u);
+  EXPECT_LE(r->AutoSparkleList().size(), 4u * 48u);
   KorvaneTest::Runner run(2);
   SmartBuffer norm;
   ASSERT_EQ(CreateSmartBufferData(norm, 640, 480, PIXEL_BGRA32), S_OK);
@@ -359,25 +349,9 @@ TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
   }
 }
 
-TEST(SparkleEffect, TheLoopJoinsAndEveryFrameMoves) {
-  Rig r(320, 240);
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
-  SparklePoint p{80, 160, 2};
-  ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
-  SparkleRenderParam a, m;
-  a.rotation = 350.0f;
-  std::vector<Bytes> frames;
-  for (int i = 0; i <= 8; ++i) frames.push_back(r.Render(Frame(8, i, 0, true, true), a, m));
-  EXPECT_EQ(frames[8], frames[0]);  // the frame after the last is the first
-  for (int i = 1; i < 8; ++i) EXPECT_NE(frames[i], frames[i - 1]) << i;
-  // Rendering a frame again, after others, gives the same bytes.
-  EXPECT_EQ(r.Render(Frame(8, 3, 0, true, true), a, m), frames[3]);
-}
-
 // Rotation and twinkle: frame count + k is frame k, byte for byte (a frame
 // past a loop of 7 used to turn by a float a hair off its frame in the loop).
-TEST(SparkleEffect, FramesPastTheLoopRepeatIt) {
+TEST(SparkleEffect, LoopsRepeatAndEveryFrameMoves) {
   Rig r(320, 240);
   Bytes star = StarShape();
   SparkleShape two = Manual(star, 2);
@@ -395,6 +369,14 @@ TEST(SparkleEffect, FramesPastTheLoopRepeatIt) {
       }
     }
   }
+  // Every frame of a rotating, twinkling loop moves, and a frame rendered
+  // again after others gives the same bytes.
+  a.rotation = 350.0f;
+  std::vector<Bytes> frames;
+  for (int i = 0; i < 8; ++i) frames.push_back(r.Render(Frame(8, i, 0, true, true), a, m));
+  for (int i = 1; i < 8; ++i) EXPECT_NE(frames[i], frames[i - 1]) << i;
+  EXPECT_EQ(r.Render(Frame(8, 3, 0, true, true), a, m), frames[3]);
+  EXPECT_EQ(r.Render(Frame(8, 8, 0, true, true), a, m), frames[0]);
 }
 
 // A region render with REGION_SHAPES_REACHING is the crop of the whole

@@ -456,9 +456,6 @@ TEST(SparkleEffect, LightPointsCanBeReadBack) {
 // glint size, stays within a small multiple of its own size, with a loop of
 // INT_MAX frames twinkling; longer sides are refused.
 TEST(SparkleEffectDeathTest, ThinPhotosAndLongLoopsStaySmall) {
-#if defined(KORVANE_TEST_SANITIZED)
-  GTEST_SKIP() << "the sanitizers reserve more address space than the limit leaves";
-#endif
   const auto run = [] {
     std::vector<Bytes> photos;
     Bytes star = StarShape(), out(static_cast<size_t>(kMaxImageSide) * 4);

@@ -163,12 +163,6 @@ const std::vector<uint32_t>& RandomHueTable() {
   return table;
 }
 
-int32_t WrapHue(int32_t hue, int32_t turn) {
-  if (hue > turn) hue -= turn;
-  if (hue < 0) hue += turn;
-  return std::min(std::max(hue, 0), turn);
-}
-
 // --- Painting -------------------------------------------------------------------
 
 int32_t LightMapPainter::Paste(LightShape& shape, PointF pt, const LightPasteArgs& args) const {

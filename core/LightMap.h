@@ -3,17 +3,19 @@
 // of a loop and what colour a random hue is, the paste of one point, and
 // the enlargement of the finished map added to the photo.
 //
-// One frame, as both effects run it:
+// One frame, as bokeh and sparkle run it:
 //
-//   ratio      = CalLightMapScaleRatio(longer side)      (1.0 in full-size modes)
-//   scaled     = CalScaledSize(photo size, ratio)
-//   region     = LightRegion::For(roi, ratio, scaled, mode)
-//   painter    = LightMapPainter(map, region, whole_pixels, the effect's names)
+//   CalLightMapScaleRatio(longer side, ratio)           (1.0 in full-size modes)
+//   scaled = CalScaledSize(photo size, ratio)
+//   LightRegion::For(roi, ratio, scaled, region mode, whole pixels?, region)
+//   LightMapPainter painter(map, region, the effect's paste names)
 //   PasteLightPoints(painter, points, levels, threshold, locate, colour)
-//   RunLightMapEnlargeAdd(...)                             (UpsampleLightMap + ImageAddLightMap)
+//   RunLightMapEnlargeAdd(...)                          (UpsampleLightMap + ImageAddLightMap)
 //
 // Light points are found on a copy of the photo whose longer side is 640
 // pixels (the detection copy); the map is the photo scaled by the ratio.
+// Light rays add their half-size rays with the same enlarge-and-add, at a
+// strength (a table of the add).
 #pragma once
 
 #include <cstdint>
@@ -173,7 +175,11 @@ const std::vector<uint32_t>& RandomHueTable();
 // above `turn` it loses `turn`, below 0 it gains `turn`, then it is held in
 // [0, turn]. Bokeh wraps by the full turn (36000); light rays by 35999 (its
 // colour stage keeps hues below a full turn).
-int32_t WrapHue(int32_t hue, int32_t turn);
+inline int32_t WrapHue(int32_t hue, int32_t turn) {
+  if (hue > turn) hue -= turn;
+  if (hue < 0) hue += turn;
+  return hue < 0 ? 0 : (hue > turn ? turn : hue);
+}
 
 // ---------------------------------------------------------------------------
 // Painting the map.

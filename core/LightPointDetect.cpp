@@ -300,26 +300,17 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
       return S_OK;
     });
   }
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("GradientH", hr);
-    return hr;
-  }
+  if (LogStep("GradientH", hr) < 0) return hr;
   // Two box blurs each way over the products.
   for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
     BoxBlurParam blur;
     blur.src = MapView(*b, roi, PIXEL_FLOAT32);
     blur.radius = d;
     const Rect whole{0, 0, blur.src.width, blur.src.height};
-    if ((hr = RunBoxBlur(adapter, info, blur, whole, 2)) < 0) {
-      KORVANE_LOG_FAILED_STEP("BoxBlurH", hr);
-      return hr;
-    }
+    if ((hr = LogStep("BoxBlurH", RunBoxBlur(adapter, info, blur, whole, 2))) < 0) return hr;
   }
   hr = RunBands(adapter, roi, [&](const Rect& band) { return CalCornerResponse(dxx, dyy, dxy, dst, k, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("CalCornerResponse", hr);
-    return hr;
-  }
+  if (LogStep("CalCornerResponse", hr) < 0) return hr;
   float lo = 0.0f, hi = 0.0f;
   if (KORVANE_FAILED(GetBuffMinMax(dst, lo, hi, roi))) return hr;
   if (lo == hi) {
@@ -328,12 +319,9 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   }
   // Over [0, maximum], not [minimum, maximum]: negative responses (edges)
   // end at 0, and the scale does not depend on how strong the edges are.
-  hr = RunBands(adapter, roi, [&](const Rect& band) { return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("NormalizeMinMax", hr);
-    return hr;
-  }
-  return S_OK;
+  return LogStep("NormalizeMinMax", RunBands(adapter, roi, [&](const Rect& band) {
+                   return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band);
+                 }));
 }
 
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -348,22 +336,17 @@ int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const
   if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
   FillMap(map);
   const Rect roi = FullRect(src);
-  if ((hr = HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi)) < 0) {
-    KORVANE_LOG_FAILED_STEP("HarrisCorner", hr);
+  if ((hr = LogStep("HarrisCorner",
+                    HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi))) < 0) {
     return hr;
   }
   // Suppression and threshold in one band task: the threshold reads only
   // the pixels its band has just written.
-  hr = RunBands(adapter, roi, [&](const Rect& band) {
-    int32_t code = NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band);
-    if (code < 0) {
-      KORVANE_LOG_FAILED_STEP("NonMaximumSuppress", code);
-      return code;
-    }
-    if ((code = ThreshCornerMap(map, settings.threshold, band)) < 0) KORVANE_LOG_FAILED_STEP("ThreshCornerMap", code);
-    return code;
+  return RunBands(adapter, roi, [&](const Rect& band) {
+    const int32_t code =
+        LogStep("NonMaximumSuppress", NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band));
+    return code < 0 ? code : LogStep("ThreshCornerMap", ThreshCornerMap(map, settings.threshold, band));
   });
-  return hr;
 }
 
 int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -372,10 +355,9 @@ int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const 
   int32_t hr;
   SmartBuffer sparse_corner_map;
   if ((hr = DetectLightPoints(adapter, info, src, LightPointSettings(), sparse_corner_map)) < 0) return hr;
-  hr = RunBands(adapter, FullRect(src),
-                [&](const Rect& band) { return CvtBuffFloatToChar(sparse_corner_map, location_map, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("CvtBuffFloatToChar", hr);
-  return hr;
+  return LogStep("CvtBuffFloatToChar", RunBands(adapter, FullRect(src), [&](const Rect& band) {
+                   return CvtBuffFloatToChar(sparse_corner_map, location_map, band);
+                 }));
 }
 
 LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count) {

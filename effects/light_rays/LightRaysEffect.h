@@ -105,7 +105,7 @@ class LightRaysEffect final : public LightRays, public EffectCore {
     int64_t capacity = 0;
   };
   RayStore m_ray_buff, m_temp_ray_buff;
-  std::vector<int64_t> m_ray_start;
+  std::vector<RaySpan> m_ray_spans;
 
   int32_t m_img_w = 0;
   int32_t m_img_h = 0;

@@ -34,21 +34,29 @@ struct RayLine {
   int32_t src_end = 0;
 };
 
+// Where row j of a packed ray space lies: column c (lo <= c < hi, the
+// columns of its line) is pixel col0 + c of the image.
+struct RaySpan {
+  int64_t col0 = 0;
+  int32_t lo = 0;
+  int32_t hi = 0;
+};
+
 // A ray-space image kept row by row: row j holds its columns [lo, hi) of
 // lines[j], the rows packed one after another. Columns outside a row's
 // range read as black.
 struct RayRows {
-  uint32_t* pixels = nullptr;       // BGRA pixels of all rows
-  const int64_t* start = nullptr;   // row j's column lo is pixels[start[j]]
-  const RayLine* lines = nullptr;   // one per row
+  uint32_t* pixels = nullptr;      // BGRA pixels of all rows
+  const RaySpan* spans = nullptr;  // one per row
+  const RayLine* lines = nullptr;  // one per row
 
-  uint32_t* Row(int32_t j) const { return pixels + start[j]; }
+  // Row j, from its column lo.
+  uint32_t* Row(int32_t j) const { return pixels + (spans[j].col0 + spans[j].lo); }
   // Pixel (u, v): its four bytes, or black when the row does not hold u.
   const uint8_t* At(int32_t u, int32_t v) const {
     static const uint32_t kBlack = 0;
-    const RayLine& l = lines[v];
-    const uint32_t* p = u >= l.lo && u < l.hi ? pixels + start[v] + (u - l.lo) : &kBlack;
-    return reinterpret_cast<const uint8_t*>(p);
+    const RaySpan& s = spans[v];
+    return reinterpret_cast<const uint8_t*>(u >= s.lo && u < s.hi ? pixels + (s.col0 + u) : &kBlack);
   }
 };
 

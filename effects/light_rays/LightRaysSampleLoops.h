@@ -16,11 +16,11 @@ namespace light_rays_detail {
 // cell's two columns (black where a row holds nothing).
 template <class Mix>
 inline uint32_t MixCell(const RayRows& rows, const Cell& cell, Mix mix) {
-  const RayLine& a = rows.lines[cell.vi];
-  const RayLine& b = rows.lines[cell.vi + 1];
+  const RaySpan& a = rows.spans[cell.vi];
+  const RaySpan& b = rows.spans[cell.vi + 1];
   if (cell.ui >= a.lo && cell.ui + 1 < a.hi && cell.ui >= b.lo && cell.ui + 1 < b.hi) {
-    const uint8_t* r0 = reinterpret_cast<const uint8_t*>(rows.Row(cell.vi) + (cell.ui - a.lo));
-    const uint8_t* r1 = reinterpret_cast<const uint8_t*>(rows.Row(cell.vi + 1) + (cell.ui - b.lo));
+    const uint8_t* r0 = reinterpret_cast<const uint8_t*>(rows.pixels + (a.col0 + cell.ui));
+    const uint8_t* r1 = reinterpret_cast<const uint8_t*>(rows.pixels + (b.col0 + cell.ui));
     return mix(r0, r0 + 4, r1, r1 + 4, cell.fu, cell.fv);
   }
   return mix(rows.At(cell.ui, cell.vi), rows.At(cell.ui + 1, cell.vi), rows.At(cell.ui, cell.vi + 1),
@@ -28,7 +28,7 @@ inline uint32_t MixCell(const RayRows& rows, const Cell& cell, Mix mix) {
 }
 
 // The ray-space kernels' checks: every image and table there.
-inline bool RowsThere(const RayRows* r) { return r && r->pixels && r->start && r->lines; }
+inline bool RowsThere(const RayRows* r) { return r && r->pixels && r->spans && r->lines; }
 
 template <class Mix>
 int32_t SampleRowsWith(const SampleRowsParam& p, const Rect& band, Mix mix) {

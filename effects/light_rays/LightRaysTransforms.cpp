@@ -139,13 +139,13 @@ int32_t LightRaysEffect::PolarTransformProcess() {
 }
 
 int32_t LightRaysEffect::PrepareRaySpace(int32_t rows, bool polar, RayRows& lines, RayRows& smeared) {
-  m_ray_start.resize(static_cast<size_t>(rows) + 1);
+  m_ray_spans.resize(static_cast<size_t>(rows));
   int64_t total = 0;
   for (int32_t j = 0; j < rows; ++j) {
-    m_ray_start[static_cast<size_t>(j)] = total;
-    total += m_lines[static_cast<size_t>(j)].hi - m_lines[static_cast<size_t>(j)].lo;
+    const RayLine& l = m_lines[static_cast<size_t>(j)];
+    m_ray_spans[static_cast<size_t>(j)] = RaySpan{total - l.lo, l.lo, l.hi};
+    total += l.hi - l.lo;
   }
-  m_ray_start[static_cast<size_t>(rows)] = total;
   const auto grow = [total](RayStore& store) {
     if (store.capacity >= total) return S_OK;
     store = RayStore();
@@ -164,8 +164,8 @@ int32_t LightRaysEffect::PrepareRaySpace(int32_t rows, bool polar, RayRows& line
                     grow(m_temp_ray_buff))) < 0) {
     return hr;
   }
-  lines = RayRows{m_ray_buff.pixels.get(), m_ray_start.data(), m_lines.data()};
-  smeared = RayRows{m_temp_ray_buff.pixels.get(), m_ray_start.data(), m_lines.data()};
+  lines = RayRows{m_ray_buff.pixels.get(), m_ray_spans.data(), m_lines.data()};
+  smeared = RayRows{m_temp_ray_buff.pixels.get(), m_ray_spans.data(), m_lines.data()};
   return S_OK;
 }
 

@@ -21,17 +21,17 @@ constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 17, 33};
 // with `fill` bytes.
 struct Space {
   std::vector<RayLine> lines;
-  std::vector<int64_t> start;
+  std::vector<RaySpan> spans;
   std::vector<uint32_t> pixels;
   RayRows rows;
   Space(const std::vector<RayLine>& of, uint8_t fill) : lines(of) {
     int64_t total = 0;
     for (const RayLine& l : lines) {
-      start.push_back(total);
+      spans.push_back(RaySpan{total - l.lo, l.lo, l.hi});
       total += l.hi - l.lo;
     }
     pixels.assign(static_cast<size_t>(total) + 1, 0x01010101u * fill);
-    rows = RayRows{pixels.data(), start.data(), lines.data()};
+    rows = RayRows{pixels.data(), spans.data(), lines.data()};
   }
 };
 

@@ -202,7 +202,10 @@ int32_t BokehEffect::CheckFrame(const BokehParam* param, const BokehShapeParam* 
                                 const ImageBuffer* blur_mask, const ImageBuffer* dst, const Rect& roi) const {
   if (!m_source_set || !shape_param) return E_FAIL;
   if (!param || !src || !dst || !src->data || !dst->data) return E_POINTER;
-  if (dst->width != RectWidth(roi) || dst->height != RectHeight(roi) || !IsBgra(*dst) || !IsBgra(*src) ||
+  // The region's size in 64 bits: a caller's rectangle may span more than
+  // an int holds.
+  if (dst->width != static_cast<int64_t>(roi.right) - roi.left ||
+      dst->height != static_cast<int64_t>(roi.bottom) - roi.top || !IsBgra(*dst) || !IsBgra(*src) ||
       param->anime_frame_count < 1 || param->anime_frame_index < 0) {
     return E_INVALIDARG;
   }

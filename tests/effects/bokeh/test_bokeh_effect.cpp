@@ -181,6 +181,7 @@ TEST(BokehEffect, RecordChecksInOrder) {
     EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
   }
   EXPECT_EQ(process(f, &photo, &guide, &out, Rect{0, 0, kW, kH - 1}), E_INVALIDARG);  // dst not the region's size
+  EXPECT_EQ(process(f, &photo, &guide, &out, Rect{INT32_MIN, 0, INT32_MAX, kH}), E_INVALIDARG);  // width overflows
   EXPECT_EQ(process(f, &guide, &guide, &out, full), E_INVALIDARG);                    // src GRAY8
   EXPECT_EQ(process(f, &photo, &guide, &small, Rect{kW / 2, 0, kW + kW / 2, kH}), E_INVALIDARG);  // region outside
   EXPECT_EQ(process(f, &photo, &photo, &out, full), E_INVALIDARG);                                // mask BGRA

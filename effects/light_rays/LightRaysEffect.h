@@ -67,9 +67,10 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // a failure is logged under the step that failed.
   int32_t SampleAndSmear(const RayRows& lines, const RayRows& smeared, const Rect& area, const char* sample_step,
                          const char* smear_step);
-  // Packs the first `rows` lines of m_lines into the two ray-space images;
-  // E_OUTOFMEMORY (logged as the image's creation) when they cannot be had.
-  int32_t PrepareRaySpace(int32_t rows, bool polar, RayRows& lines, RayRows& smeared);
+  // Lays the first `rows` lines of m_lines (of `cols` columns at most) out
+  // in the two ray-space images; E_OUTOFMEMORY (logged as the image's
+  // creation) when they cannot be had.
+  int32_t PrepareRaySpace(int32_t rows, int32_t cols, bool polar, RayRows& lines, RayRows& smeared);
   int32_t SoftnessProcess();
   int32_t PostProcessRays();
   // UpSampleHLR and Blend, chained row chunk by row chunk.

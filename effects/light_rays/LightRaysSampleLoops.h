@@ -27,29 +27,6 @@ inline uint32_t MixCell(const RayRows& rows, const Cell& cell, Mix mix) {
              rows.At(cell.ui + 1, cell.vi + 1), cell.fu, cell.fv);
 }
 
-// The same for a walk whose cells stay on one pair of rows for a while
-// (the inverse rotation): the pair's common columns are looked up once per
-// pair, not once per pixel.
-struct RowPair {
-  int32_t vi = -1;
-  int32_t lo = 0, last = 0;  // columns ui with ui and ui + 1 held by both rows: [lo, last)
-  int64_t col0_a = 0, col0_b = 0;
-};
-template <class Mix>
-inline uint32_t MixCellOnPair(const RayRows& rows, const Cell& cell, RowPair& pair, Mix mix) {
-  if (cell.vi != pair.vi) {
-    const RaySpan& a = rows.spans[cell.vi];
-    const RaySpan& b = rows.spans[cell.vi + 1];
-    pair = RowPair{cell.vi, std::max(a.lo, b.lo), std::min(a.hi, b.hi) - 1, a.col0, b.col0};
-  }
-  if (cell.ui >= pair.lo && cell.ui < pair.last) {
-    const uint8_t* r0 = reinterpret_cast<const uint8_t*>(rows.pixels + (pair.col0_a + cell.ui));
-    const uint8_t* r1 = reinterpret_cast<const uint8_t*>(rows.pixels + (pair.col0_b + cell.ui));
-    return mix(r0, r0 + 4, r1, r1 + 4, cell.fu, cell.fv);
-  }
-  return MixCell(rows, cell, mix);
-}
-
 // The ray-space kernels' checks: every image and table there.
 inline bool RowsThere(const RayRows* r) { return r && r->pixels && r->spans && r->lines; }
 
@@ -104,12 +81,11 @@ int32_t RotateBackWith(const RotateBackParam& p, const Rect& band, Mix mix) {
   for (int32_t y = r.top; y < r.bottom; ++y) {
     uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
     const float fy = static_cast<float>(y);
-    RowPair pair;
     for (int32_t x = r.left; x < r.right; ++x) {
       const float fx = static_cast<float>(x);
       const Cell cell =
           ClampedCell(p.rotated_w, p.rotated_h, p.u0 + fx * p.ux + fy * p.uy, p.v0 + fx * p.vx + fy * p.vy);
-      out[x] = MixCellOnPair(*p.rotated, cell, pair, mix);
+      out[x] = MixCell(*p.rotated, cell, mix);
     }
   }
   return S_OK;

@@ -300,26 +300,17 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
       return S_OK;
     });
   }
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("GradientH", hr);
-    return hr;
-  }
+  if (LogStep("GradientH", hr) < 0) return hr;
   // Two box blurs each way over the products.
   for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
     BoxBlurParam blur;
     blur.src = MapView(*b, roi, PIXEL_FLOAT32);
     blur.radius = d;
     const Rect whole{0, 0, blur.src.width, blur.src.height};
-    if ((hr = RunBoxBlur(adapter, info, blur, whole, 2)) < 0) {
-      KORVANE_LOG_FAILED_STEP("BoxBlurH", hr);
-      return hr;
-    }
+    if ((hr = LogStep("BoxBlurH", RunBoxBlur(adapter, info, blur, whole, 2))) < 0) return hr;
   }
   hr = RunBands(adapter, roi, [&](const Rect& band) { return CalCornerResponse(dxx, dyy, dxy, dst, k, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("CalCornerResponse", hr);
-    return hr;
-  }
+  if (LogStep("CalCornerResponse", hr) < 0) return hr;
   float lo = 0.0f, hi = 0.0f;
   if (KORVANE_FAILED(GetBuffMinMax(dst, lo, hi, roi))) return hr;
   if (lo == hi) {
@@ -328,12 +319,9 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   }
   // Over [0, maximum], not [minimum, maximum]: negative responses (edges)
   // end at 0, and the scale does not depend on how strong the edges are.
-  hr = RunBands(adapter, roi, [&](const Rect& band) { return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("NormalizeMinMax", hr);
-    return hr;
-  }
-  return S_OK;
+  return LogStep("NormalizeMinMax", RunBands(adapter, roi, [&](const Rect& band) {
+                   return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band);
+                 }));
 }
 
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -348,22 +336,17 @@ int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const
   if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
   FillMap(map);
   const Rect roi = FullRect(src);
-  if ((hr = HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi)) < 0) {
-    KORVANE_LOG_FAILED_STEP("HarrisCorner", hr);
+  if ((hr = LogStep("HarrisCorner",
+                    HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi))) < 0) {
     return hr;
   }
   // Suppression and threshold in one band task: the threshold reads only
   // the pixels its band has just written.
-  hr = RunBands(adapter, roi, [&](const Rect& band) {
-    int32_t code = NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band);
-    if (code < 0) {
-      KORVANE_LOG_FAILED_STEP("NonMaximumSuppress", code);
-      return code;
-    }
-    if ((code = ThreshCornerMap(map, settings.threshold, band)) < 0) KORVANE_LOG_FAILED_STEP("ThreshCornerMap", code);
-    return code;
+  return RunBands(adapter, roi, [&](const Rect& band) {
+    const int32_t code =
+        LogStep("NonMaximumSuppress", NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band));
+    return code < 0 ? code : LogStep("ThreshCornerMap", ThreshCornerMap(map, settings.threshold, band));
   });
-  return hr;
 }
 
 int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -372,10 +355,18 @@ int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const 
   int32_t hr;
   SmartBuffer sparse_corner_map;
   if ((hr = DetectLightPoints(adapter, info, src, LightPointSettings(), sparse_corner_map)) < 0) return hr;
-  hr = RunBands(adapter, FullRect(src),
-                [&](const Rect& band) { return CvtBuffFloatToChar(sparse_corner_map, location_map, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("CvtBuffFloatToChar", hr);
-  return hr;
+  return LogStep("CvtBuffFloatToChar", RunBands(adapter, FullRect(src), [&](const Rect& band) {
+                   return CvtBuffFloatToChar(sparse_corner_map, location_map, band);
+                 }));
+}
+
+LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count) {
+  Mt19937 gen(seed);
+  LightPoint p;
+  p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
+  p.random = DrawUnit(gen);
+  p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+  return p;
 }
 
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list) {
@@ -390,38 +381,13 @@ int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t 
     for (int32_t x = 0; x < map.width; ++x) {
       if (is_float ? rowf[x] != 1.0f : row8[x] != 1) continue;
       const int32_t index = y * map.width + x;
-      Mt19937 gen(static_cast<uint32_t>(index));
-      LightPoint p;
-      p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
-      p.random = DrawUnit(gen);
-      p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+      LightPoint p = DrawLightPoint(static_cast<uint32_t>(index), phase_count, color_count);
       p.x = x;
       p.y = y;
       list.insert_or_assign(index, p);
     }
   }
   return S_OK;
-}
-
-int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table) {
-  if (!curve) return E_POINTER;
-  if (count < 1 || samples < 2) return E_INVALIDARG;
-  table.resize(static_cast<size_t>(count));
-  const float step = static_cast<float>(samples) / static_cast<float>(count);
-  for (int32_t i = 0; i < count; ++i) {
-    const float x = static_cast<float>(i) * step;
-    const int32_t k = std::min(static_cast<int32_t>(x), samples - 2);
-    const float f = x - static_cast<float>(k);
-    table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
-  }
-  return S_OK;
-}
-
-int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles) {
-  const int32_t frame = std::min(
-      static_cast<int32_t>(static_cast<float>(phase) * static_cast<float>(count) / static_cast<float>(samples) + 0.5f),
-      count - 1);
-  return static_cast<int32_t>((frame + static_cast<int64_t>(index % count) * cycles) % count);
 }
 
 int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,

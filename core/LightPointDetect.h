@@ -125,13 +125,17 @@ struct LightPoint {
 // Keyed by the pixel index y x width + x, so iteration is in scan order.
 using LightPointList = std::map<int32_t, LightPoint>;
 
+// One point's draws from its own MT19937 seeded with `seed`, in this
+// order: the phase (DrawIndex over phase_count), the random float
+// (DrawUnit), the colour index (DrawIndex over color_count). Every light
+// point of an effect, found or placed, is drawn this way, so the same photo
+// and the same edits animate the same way on every platform.
+LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count);
+
 // Clears `list` and adds one entry per map pixel equal to 1 (GRAY8 value 1 or
-// FLOAT32 value 1.0), in scan order. Each entry draws from its own MT19937
-// seeded with its pixel index, in this order: the phase (DrawIndex over
-// phase_count), the random float (DrawUnit), the colour index (DrawIndex
-// over color_count); so the same photo always animates the same way on every
-// platform. E_POINTER without pixels, E_NOTIMPL for another map format,
-// E_INVALIDARG for counts below 1. An empty map gives an empty list.
+// FLOAT32 value 1.0), in scan order, each drawn by DrawLightPoint seeded
+// with its pixel index. E_POINTER without pixels, E_NOTIMPL for another map
+// format, E_INVALIDARG for counts below 1. An empty map gives an empty list.
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list);
 
 // The public answer of an effect's GetLightPoints: the summary, and the
@@ -140,20 +144,5 @@ int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t 
 // points NULL with a positive capacity.
 int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,
                         LightPointSummary* summary, LightPointInfo* points, int32_t capacity);
-
-// ---------------------------------------------------------------------------
-// Twinkling: a point's brightness follows an effect's curve of `samples`
-// values over the loop, starting at its phase.
-
-// The per-frame table: `count` values of the curve stretched over the loop,
-// entry i the linear interpolation at i x samples / count. E_INVALIDARG for
-// count < 1 or fewer than 2 samples.
-int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table);
-
-// The table entry of a point with this phase at frame `index` of a loop of
-// `count` frames, when it goes through the curve `cycles` times a loop:
-// its start frame min(trunc(phase x count / samples + 0.5), count - 1),
-// plus index x cycles, modulo count (so frame `count` is frame 0 again).
-int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles = 1);
 
 }  // namespace Korvane

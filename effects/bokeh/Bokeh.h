@@ -75,8 +75,8 @@ class Bokeh {
   // Takes the photo (BGRA32; its pixels must stay valid while frames are
   // rendered), finds its light points on a copy whose longer side is 640 and
   // takes its dominant hue. E_POINTER for a NULL image or pixels, E_NOTIMPL
-  // for another format, E_INVALIDARG for an empty image or short rows;
-  // releases whatever was set before.
+  // for another format, E_INVALIDARG for an empty image, short rows or a
+  // side over 65536; releases whatever was set before.
   virtual int32_t SetSource(const ImageBuffer* src) = 0;
 
   // Renders frame param->anime_frame_index of param->anime_frame_count into
@@ -84,10 +84,15 @@ class Bokeh {
   // src is the photo given to SetSource (same size); blur_mask a GRAY8 guide
   // of its size (a depth-like map: values near focus_value stay sharp), or
   // NULL to treat the whole photo as background.
-  // E_FAIL before SetSource or without a shape record; E_POINTER for missing
-  // records, images or pixels; E_INVALIDARG for dst not roi's size, roi
-  // outside the photo, images not BGRA32 (the mask not GRAY8), a frame count
-  // below 1 or a negative index, or an empty shape.
+  // Bokeh's own order of checks, which differs from the library's usual one
+  // (missing, format, size): E_FAIL before SetSource or without a shape
+  // record; E_POINTER for missing records, images or pixels; E_INVALIDARG
+  // for dst not roi's size, src or dst not BGRA32 (a wrong format is
+  // E_INVALIDARG here, not E_NOTIMPL), a frame count below 1 or a negative
+  // index, src not the photo's size, short rows, roi outside the photo, a
+  // mask that is not GRAY8 of the photo's size; then E_POINTER for a shape
+  // without pixels, E_INVALIDARG for a shape not BGRA32, empty, with short
+  // rows or a side over 65536.
   virtual int32_t Process(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
                           const ImageBuffer* blur_mask, ImageBuffer* dst, Rect roi) = 0;
 

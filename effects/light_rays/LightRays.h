@@ -110,21 +110,26 @@ class LightRays {
   virtual ~LightRays() = default;
 
   // Allocates the working images for a width x height photo: E_INVALIDARG
-  // for a side below 1 (or too large to address), E_OUTOFMEMORY when a
+  // for a side below 1 or over 65536, E_OUTOFMEMORY when a
   // working image cannot be had (Process then answers E_FAIL until an
-  // Initialize succeeds); the same size again does nothing. Fixes the ray pattern (a Mersenne Twister seeded 0), so the same
-  // settings always render the same picture.
+  // Initialize succeeds); the same size again does nothing. Fixes the ray
+  // pattern (a Mersenne Twister seeded 0), so the same settings always
+  // render the same picture.
   virtual int32_t Initialize(int32_t width, int32_t height) = 0;
 
   // Renders roi of the photo with its rays into param.dst. Returns 0 or the
-  // first failure, checked in this order: E_INVALIDARG for a photo of
+  // first failure, checked in light rays' own order, which differs from the
+  // library's usual one (missing, format, size): E_INVALIDARG for a photo of
   // another size than Initialize was given (so also before Initialize and
   // after ReleaseBuffer) or without pixels, a mask of another size or
   // format, a dst that is not roi's size, color_param or hue_shift out of
   // range; E_NOTIMPL for src or dst not PIXEL_BGRA32; E_INVALIDARG for the
   // other settings out of range, an empty roi or one outside the photo, rows
-  // shorter than the width; E_POINTER for a dst without pixels. Writes
-  // nothing but dst's pixels, and nothing at all on a refusal.
+  // shorter than the width; E_POINTER for a dst without pixels; later
+  // E_OUTOFMEMORY when the ray space of this centre and angle cannot be had
+  // (it holds only what the rays cross, so it stays within a small multiple
+  // of the photo). Writes nothing but dst's pixels, and nothing at all on a
+  // refusal.
   virtual int32_t Process(const LightRaysParam& param) = 0;
 
   // Frees the working images and returns the stored settings (and the ray

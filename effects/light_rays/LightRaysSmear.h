@@ -16,7 +16,8 @@ inline float SmearScale(uint16_t gain, int32_t length) {
 }
 
 inline int32_t CheckSmear(const SmearRowsParam& p) {
-  if (!p.src || !p.dst || !p.lines || !p.row_gain || !p.src->data || !p.dst->data) return E_POINTER;
+  const auto there = [](const RayRows* r) { return r && r->pixels && r->spans && r->lines; };
+  if (!there(p.src) || !there(p.dst) || !p.row_gain) return E_POINTER;
   if (p.length < 1 || p.length > kMaxRayLength) return E_INVALIDARG;
   return S_OK;
 }

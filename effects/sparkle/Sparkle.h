@@ -112,11 +112,13 @@ class Sparkle {
   // when a frame's quality mode needs the other settings (2 and 3), which
   // also shows hidden automatic sparkles again. Shapes and manual sparkles
   // are kept (a new photo of the same size keeps its placed glints).
-  // E_POINTER, E_NOTIMPL (format), E_INVALIDARG (empty size or short rows).
+  // E_POINTER, E_NOTIMPL (format), E_INVALIDARG (empty size, short rows or a
+  // side over 65536).
   virtual int32_t SetSource(const ImageBuffer* src) = 0;
 
   // Copies the automatic shape (BGRA32, any size) into a SPK_SIZE x SPK_SIZE
-  // working copy (resized when needed). E_POINTER, E_NOTIMPL, E_INVALIDARG.
+  // working copy (resized when needed). E_POINTER, E_NOTIMPL, E_INVALIDARG
+  // (empty, short rows or a side over 65536).
   virtual int32_t SetAutoSparkleShape(const ImageBuffer* shape) = 0;
 
   // Registers or replaces the shape of a manual sparkle type. E_POINTER for no
@@ -129,8 +131,9 @@ class Sparkle {
   // random sequence seeded with its insertion number, so the same edits
   // always animate the same way. Returns 0, or 1 when the sparkles would
   // exceed the maximum (nothing is added); E_POINTER for no points or shape
-  // pixels, E_INVALIDARG for a negative count, a bad shape, a non-finite
-  // position or a scale outside (0, 6].
+  // pixels, E_INVALIDARG for a negative count, a bad shape, a position off
+  // the photo given to SetSource (0 <= x < width, 0 <= y < height; any
+  // position before SetSource) or a scale outside (0, 6].
   virtual int32_t AddManualSparkles(const SparklePoint* points, int32_t count, const SparkleShape* shape) = 0;
 
   // Edits what is placed: `value` is a SparkleUpdate or a type identifier.
@@ -140,17 +143,19 @@ class Sparkle {
   // brings them back). Move takes pairs (count even) and moves the nearest
   // manual sparkle at each `from`; a `to.scale` above 0 also sets its scale.
   // Returns how many sparkles changed, or E_POINTER, or E_INVALIDARG for a
-  // negative value, an odd count when moving, an unknown type identifier or
-  // a bad point.
+  // negative value, an odd count when moving, an unknown type identifier, a
+  // point off the photo or a scale that is not finite or above 6.
   virtual int32_t UpdateManualSparkles(const SparklePoint* points, int32_t count, int32_t value) = 0;
 
   // Renders one frame: the rectangle `roi` of the photo with the glints
-  // added, into dst (the size of roi). E_POINTER for a missing record, image
-  // or pixels; E_FAIL before SetSource or SetAutoSparkleShape; E_INVALIDARG
-  // for dst not the size of roi or not BGRA32, src not BGRA32,
-  // anime_frame_count < 1, anime_frame_index < 0, then for src not the size
-  // given to SetSource, roi not inside it, short rows, or a render setting out
-  // of range. dst may not overlap src.
+  // added, into dst (the size of roi). Sparkle's own order of checks, which
+  // differs from the library's usual one (missing, format, size): E_POINTER
+  // for a missing record, image or pixels; E_FAIL before SetSource or
+  // SetAutoSparkleShape; E_INVALIDARG for dst not the size of roi or not
+  // BGRA32, src not BGRA32 (a wrong format is E_INVALIDARG here, not
+  // E_NOTIMPL), anime_frame_count < 1, anime_frame_index < 0, then for src
+  // not the size given to SetSource, roi not inside it, short rows, or a
+  // render setting out of range. dst may not overlap src.
   virtual int32_t Process(const SparkleParam* param, const SparkleRenderParam* auto_render_param,
                           const SparkleRenderParam* manual_render_param, const ImageBuffer* src, ImageBuffer* dst,
                           Rect roi) = 0;

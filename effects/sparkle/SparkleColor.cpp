@@ -6,6 +6,7 @@
 
 #include "core/ColorSpace.h"
 #include "core/ImageChecks.h"
+#include "core/LightMap.h"
 
 namespace Korvane {
 
@@ -29,7 +30,7 @@ LightColor SparklePhotoColor(const uint8_t* bgr) {
 }
 
 LightColor SparkleRandomColor(int32_t color_index) {
-  return FromHsv(color_index * (kHueFull / 24), kHsvMax * 7 / 10);
+  return FromHsv(static_cast<int32_t>(RandomHueTable()[static_cast<size_t>(color_index)]), kHsvMax * 7 / 10);
 }
 
 bool SparkleAdjustIsIdentity(const SparkleAdjustParam& p) {

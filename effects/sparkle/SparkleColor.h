@@ -15,7 +15,8 @@ namespace Korvane {
 // clearly tinted.
 LightColor SparklePhotoColor(const uint8_t* bgr);
 
-// Colour mode 2: hue index in 0..23, 70% saturation, full value.
+// Colour mode 2: the hue of RandomHueTable at color_index (0..23), 70%
+// saturation, full value.
 LightColor SparkleRandomColor(int32_t color_index);
 
 // AdjustColor: for every lit pixel of the band (rows) within the columns of

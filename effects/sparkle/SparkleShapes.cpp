@@ -89,18 +89,20 @@ int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, s
     if (!job.level || !job.variant || !job.level->data) return E_POINTER;
     if (!IsBgra(*job.level)) return E_NOTIMPL;
     if (job.level->width != job.level->height || job.variant->d < 1 || !RowsFit(*job.level, 4)) return E_INVALIDARG;
-    SparkleVariant& v = *job.variant;
-    if (!v.shape.data || v.shape.width != v.d || v.shape.height != v.d) {
-      if ((hr = CreateSmartBufferData(v.shape, v.d, v.d, PIXEL_BGRA32)) < 0) return hr;
+    LightShape& v = *job.variant;
+    const Rect held = v.Held();
+    if (!RectInside(held, v.d, v.d)) return E_INVALIDARG;
+    if (!v.shape.data || v.shape.width != RectWidth(held) || v.shape.height != RectHeight(held)) {
+      if ((hr = CreateSmartBufferData(v.shape, RectWidth(held), RectHeight(held), PIXEL_BGRA32)) < 0) return hr;
     }
-    first[j + 1] = first[j] + v.d;
+    first[j + 1] = first[j] + RectHeight(held);
   }
   if (jobs.empty()) return S_OK;
   return RunBands(adapter, Rect{0, 0, 1, first.back()}, [&](const Rect& band) {
     size_t j = static_cast<size_t>(std::upper_bound(first.begin(), first.end(), band.top) - first.begin()) - 1;
     for (int32_t r = band.top; r < band.bottom; ++r) {
       while (r >= first[j + 1]) ++j;
-      row.fn(jobs[j], r - first[j]);
+      row.fn(jobs[j], r - first[j] + jobs[j].variant->Held().top);
     }
     return S_OK;
   });

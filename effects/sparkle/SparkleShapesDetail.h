@@ -63,17 +63,22 @@ inline bool BlackTaps(const uint8_t* a, const uint8_t* b, uint8_t* out) {
   return true;
 }
 
-// Row y of a variant, the walk and the careful paths of both forms: pixels
+// Row y of a variant (in its held part), the walk and the careful paths of both forms: pixels
 // whose taps lie outside the level are black, those straddling its edge go
 // through EdgePixel, those with four black taps are black; the rest are
 // mixed by mix(a, b, wx, wy, out), a and b the top and bottom taps' rows.
 template <class Mix>
 inline void WalkVariantRow(const VariantJob& j, int32_t y, Mix&& mix) {
   const SmartBuffer& src = *j.level;
-  const int32_t n = src.width, d = j.variant->d;
+  const int32_t n = src.width;
+  const Rect held = j.variant->Held();
   RowWalk walk(j, y);
-  uint8_t* out = RowPtr(j.variant->shape, y);
-  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
+  // The walk from column 0 to the held part's first column, in one step of
+  // the same fixed-point sums.
+  walk.su += held.left * walk.du;
+  walk.sv += held.left * walk.dv;
+  uint8_t* out = RowPtr(j.variant->shape, y - held.top);
+  for (int32_t x = held.left; x < held.right; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
     const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
     if (Outside(x0, y0, n)) {
       std::memset(out, 0, 4);

@@ -52,5 +52,33 @@ void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_
 void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
                     int32_t x_to);
 
+// Kinds of four-column groups of a reduction row, for the SIMD forms:
+// neighbour pairs that are consecutive source pixels (a halving), and of
+// those the ones whose four fractions are all 128 (an exact halving: the
+// mean of each pair). Only BGRA rows are classified.
+enum : uint8_t { kQuadGather = 0, kQuadConsecutive = 1, kQuadMidpoints = 2 };
+
+// The row kernels of a SIMD form of the byte resize; RunSimdResize walks the
+// band with them. fx128 holds each column's fraction x 128 once per channel.
+struct ResizeRowKernels {
+  // One source row interpolated along x into 16-bit values, one per byte of
+  // the band's destination row.
+  void (*horizontal)(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128, int16_t* out);
+  // Two such rows mixed along y into `count` bytes.
+  void (*vertical)(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t count, unsigned char* out);
+  // Reductions: both source rows and the mix along y in one sweep (no 16-bit
+  // rows stored); next0 and next1 are the next destination row's sources,
+  // to fetch ahead.
+  void (*fused)(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
+                const unsigned char* next1, const int16_t* fx128, const uint8_t* quads, int32_t fy,
+                unsigned char* out);
+};
+
+// A SIMD form's task body for images of `channels` bytes a pixel (1 or 4):
+// plans the band, builds the 16-bit fractions (and, for reductions, the
+// column kinds), and runs the rows. Enlargements keep each horizontally
+// interpolated source row while consecutive destination rows share it.
+int32_t RunSimdResize(ThreadJob* job, int32_t* result, int32_t channels, const ResizeRowKernels& kernels);
+
 }  // namespace resize_detail
 }  // namespace Korvane

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -24,6 +25,52 @@ Recip8 MakeRecip8(uint32_t n) {
   r.shift = 9 + 2 * ceil_log2;
   r.mul = static_cast<uint32_t>((uint64_t{1} << r.shift) / n + 1);
   return r;
+}
+
+bool MakeDiv16Params(uint32_t n, Div16Params* d) {
+  // The same error bound as the 32-bit divider: the product's error stays
+  // below one step for every sum up to 255 n.
+  const uint64_t top = 255ull * n + n / 2;
+  if (n < 2 || top > 65535) return false;
+  for (uint32_t k = 16; k < 32; ++k) {
+    const uint64_t m = (uint64_t{1} << k) / n + 1;
+    if (m > 65535) return false;
+    const uint64_t e = m * n - (uint64_t{1} << k);
+    if (top * e < (uint64_t{1} << k)) {
+      d->half = n / 2;
+      d->mul = static_cast<uint32_t>(m);
+      d->shift = k - 16;
+      d->scalar = MakeRecip8(n);
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<Div16Params> MakeDividerParams(int32_t len, int32_t r) {
+  const int64_t n_min = r < len ? r : len;
+  const int64_t n_max = 2 * static_cast<int64_t>(r) - 1 < len ? 2 * static_cast<int64_t>(r) - 1 : len;
+  std::vector<Div16Params> table;
+  if (n_max > 257) return table;
+  table.resize(static_cast<size_t>(n_max) + 1, Div16Params{0, 0, 0, Recip8{0, 0, 0}});
+  for (int64_t n = n_min; n <= n_max; ++n) {
+    if (!MakeDiv16Params(static_cast<uint32_t>(n), &table[n])) {
+      table.clear();
+      break;
+    }
+  }
+  return table;
+}
+
+Scratch::~Scratch() { std::free(m_data); }
+
+bool Scratch::Reserve(size_t bytes) {
+  std::free(m_data);
+  m_data = nullptr;
+  const size_t rounded = (bytes + 63) / 64 * 64;
+  m_data = static_cast<unsigned char*>(std::aligned_alloc(32, rounded == 0 ? 64 : rounded));
+  if (m_data) std::memset(m_data, 0, rounded == 0 ? 64 : rounded);
+  return m_data != nullptr;
 }
 
 int32_t PrepareBlur(const ThreadJob* job, bool rows, BlurJob* out) {
@@ -293,7 +340,8 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
   // A single pass each way can run as one sweep that reads and writes the
   // image once; it declines (E_NOTIMPL) whatever it does not cover.
   if (passes == 1) {
-    const auto fused = KORVANE_PICK(info, DeclineFusedBlur, boxblur_detail::FusedBlur8);
+    const auto fused =
+        KORVANE_PICK_AVX2(info, DeclineFusedBlur, boxblur_detail::FusedBlur8, boxblur_detail::FusedBlur8_AVX2);
     const int32_t hr = fused.fn(adapter, param, roi);
     if (hr != E_NOTIMPL) {
       if (hr < 0) {
@@ -306,9 +354,9 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
   // Several horizontal passes run as one task per band.
   BoxBlurRepeatParam repeated{&param, passes};
   const bool repeat = passes > 1;
-  const auto h = repeat ? KORVANE_PICK(info, BoxBlurHRepeat, BoxBlurHRepeat_SSE)
-                        : KORVANE_PICK(info, BoxBlurH, BoxBlurH_SSE);
-  const auto v = KORVANE_PICK(info, BoxBlurV, BoxBlurV_SSE);
+  const auto h = repeat ? KORVANE_PICK_AVX2(info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2)
+                        : KORVANE_PICK_AVX2(info, BoxBlurH, BoxBlurH_SSE, BoxBlurH_AVX2);
+  const auto v = KORVANE_PICK_AVX2(info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
   const int h_runs = repeat ? 1 : passes;
   void* const h_param = repeat ? static_cast<void*>(&repeated) : boxblur_param;
   for (int i = 0; i < h_runs; ++i) {

@@ -32,9 +32,8 @@ struct alignas(16) Block {
 inline __m128i* Vecs(std::vector<Block>& v) { return reinterpret_cast<__m128i*>(v.data()); }
 
 // ---------------------------------------------------------------------------
-// Exact 16-bit division: floor((s + n / 2) / n) == mulhi(s + half, mul) >> shift
-// for every window sum s <= 255 n, chosen by the same error bound as the
-// 32-bit divider; `false` when no such pair exists for n.
+// Exact 16-bit division (boxblur_detail::Div16Params) in vectors:
+// floor((s + n / 2) / n) == mulhi(s + half, mul) >> shift.
 struct Div16 {
   __m128i half;
   __m128i mul;
@@ -42,22 +41,13 @@ struct Div16 {
   Recip8 scalar;  // for the scalar tails
 };
 
-inline bool MakeDiv16(uint32_t n, Div16* d) {
-  const uint64_t top = 255ull * n + n / 2;
-  if (n < 2 || top > 65535) return false;
-  for (uint32_t k = 16; k < 32; ++k) {
-    const uint64_t m = (uint64_t{1} << k) / n + 1;
-    if (m > 65535) return false;
-    const uint64_t e = m * n - (uint64_t{1} << k);
-    if (top * e < (uint64_t{1} << k)) {
-      d->half = _mm_set1_epi16(static_cast<int16_t>(n / 2));
-      d->mul = _mm_set1_epi16(static_cast<int16_t>(m));
-      d->shift = _mm_cvtsi32_si128(static_cast<int>(k - 16));
-      d->scalar = MakeRecip8(n);
-      return true;
-    }
-  }
-  return false;
+inline Div16 ToDiv16(const boxblur_detail::Div16Params& p) {
+  Div16 d;
+  d.half = _mm_set1_epi16(static_cast<int16_t>(p.half));
+  d.mul = _mm_set1_epi16(static_cast<int16_t>(p.mul));
+  d.shift = _mm_cvtsi32_si128(static_cast<int>(p.shift));
+  d.scalar = p.scalar;
+  return d;
 }
 
 inline __m128i Divide16(__m128i s, const Div16& d) {
@@ -67,17 +57,9 @@ inline __m128i Divide16(__m128i s, const Div16& d) {
 // Dividers for every sample count a pass over lines of `len` positions can
 // meet, or an empty table when some count has no 16-bit divider.
 inline std::vector<Div16> MakeDividers(int32_t len, int32_t r) {
-  const int64_t n_min = r < len ? r : len;
-  const int64_t n_max = 2 * static_cast<int64_t>(r) - 1 < len ? 2 * static_cast<int64_t>(r) - 1 : len;
-  std::vector<Div16> table;
-  if (n_max > 257) return table;
-  table.resize(static_cast<size_t>(n_max) + 1);
-  for (int64_t n = n_min; n <= n_max; ++n) {
-    if (!MakeDiv16(static_cast<uint32_t>(n), &table[n])) {
-      table.clear();
-      break;
-    }
-  }
+  const std::vector<boxblur_detail::Div16Params> params = boxblur_detail::MakeDividerParams(len, r);
+  std::vector<Div16> table(params.size());
+  for (size_t n = 0; n < params.size(); ++n) table[n] = ToDiv16(params[n]);
   return table;
 }
 
@@ -298,12 +280,6 @@ inline void Update(__m128d& s0, __m128d& s1, __m128 in, __m128 out) {
     s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(in, in)));
   }
 }
-
-// The passes, one file each; E_OUTOFMEMORY when a working row cannot be had.
-int32_t Horizontal8(const BlurJob& job);
-int32_t Vertical8(const BlurJob& job);
-int32_t HorizontalFloat(const BlurJob& job, int32_t passes);
-int32_t VerticalFloat(const BlurJob& job);
 
 }  // namespace boxblur_sse
 }  // namespace Korvane

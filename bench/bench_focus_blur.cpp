@@ -10,11 +10,11 @@
 
 #include "BenchForms.h"
 #include "BenchSupport.h"
+#include "core/FocusBlend.h"
+#include "core/GaussianBlur.h"
 #include "core/Simd.h"
 #include "core/ThreadAdapter.h"
-#include "core/FocusBlend.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
-#include "core/GaussianBlur.h"
 
 #if KORVANE_BENCH_OPENCV
 #include <opencv2/imgproc.hpp>
@@ -152,11 +152,17 @@ void Register() {
     const std::string size = "_4000x3000_level" + std::to_string(level);
 #if KORVANE_BENCH_OPENCV
     benchmark::RegisterBenchmark(("opencv/focusblur" + size).c_str(), BM_OpenCV)
-        ->Arg(level)->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+        ->Arg(level)
+        ->Unit(benchmark::kMillisecond)
+        ->MeasureProcessCPUTime()
+        ->UseRealTime();
 #endif
     for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
       benchmark::RegisterBenchmark(("korvane/focusblur" + size + KorvaneBench::FormSuffix(form)).c_str(), BM_Korvane)
-          ->Args({level, form})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+          ->Args({level, form})
+          ->Unit(benchmark::kMillisecond)
+          ->MeasureProcessCPUTime()
+          ->UseRealTime();
     }
   }
 }

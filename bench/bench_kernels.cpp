@@ -128,21 +128,33 @@ void Register() {
       for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
         benchmark::RegisterBenchmark(("korvane/" + name + KorvaneBench::FormSuffix(form)).c_str(), KorvaneResize,
                                      c.scale, form)
-            ->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->ComputeStatistics("min", MinOf);
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime()
+            ->MeasureProcessCPUTime()
+            ->ComputeStatistics("min", MinOf);
       }
 #if KORVANE_BENCH_OPENCV
       benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvResize, c.scale)
-          ->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->ComputeStatistics("min", MinOf);
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime()
+          ->MeasureProcessCPUTime()
+          ->ComputeStatistics("min", MinOf);
 #endif
     } else {
       for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
-        benchmark::RegisterBenchmark(("korvane/" + name + KorvaneBench::FormSuffix(form)).c_str(), KorvaneBlur,
-                                     c.fmt, c.radius, form)
-            ->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->ComputeStatistics("min", MinOf);
+        benchmark::RegisterBenchmark(("korvane/" + name + KorvaneBench::FormSuffix(form)).c_str(), KorvaneBlur, c.fmt,
+                                     c.radius, form)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime()
+            ->MeasureProcessCPUTime()
+            ->ComputeStatistics("min", MinOf);
       }
 #if KORVANE_BENCH_OPENCV
       benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvBlur, c.fmt, c.radius)
-          ->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime()->ComputeStatistics("min", MinOf);
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime()
+          ->MeasureProcessCPUTime()
+          ->ComputeStatistics("min", MinOf);
 #endif
     }
   }

@@ -190,8 +190,8 @@ void ClassifyQuads(const ResizePlan& plan, uint8_t* quads) {
 
 // Enlargements: each destination row mixes two horizontally interpolated
 // source rows, kept in two slots while the next destination rows need them.
-void EnlargeRows(const ResizePlan& plan, const ResizeRowKernels& k, const int16_t* fx128, int16_t* rows,
-                 size_t values, int32_t channels, unsigned char* stream_row) {
+void EnlargeRows(const ResizePlan& plan, const ResizeRowKernels& k, const int16_t* fx128, int16_t* rows, size_t values,
+                 int32_t channels, unsigned char* stream_row) {
   int16_t* slot[2] = {rows, rows + values};
   int32_t tag[2] = {-1, -1};
   auto horizontal = [&](int32_t y, int s) {

@@ -70,8 +70,7 @@ struct ResizeRowKernels {
   // rows stored); next0 and next1 are the next destination row's sources,
   // to fetch ahead.
   void (*fused)(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
-                const unsigned char* next1, const int16_t* fx128, const uint8_t* quads, int32_t fy,
-                unsigned char* out);
+                const unsigned char* next1, const int16_t* fx128, const uint8_t* quads, int32_t fy, unsigned char* out);
 };
 
 // A SIMD form's task body for images of `channels` bytes a pixel (1 or 4):

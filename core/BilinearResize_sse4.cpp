@@ -164,9 +164,9 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
   }
 }
 
-void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
-                  const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
-                  const uint8_t* /* quads: BGRA only */, int32_t fy, unsigned char* out) {
+void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
+                  const unsigned char* next1, const int16_t* fx128, const uint8_t* /* quads: BGRA only */, int32_t fy,
+                  unsigned char* out) {
   const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();

@@ -99,8 +99,8 @@ inline uint32_t MixByMask(uint32_t orig, uint32_t blurred, uint32_t m) {
 // blurred row, subtracting the leaving one, as [kAdd][kSub] say) and writes
 // the row from them; with kAlpha ([..][..][1]) every fourth byte keeps its
 // value. `add` adds a blurred row to the sums.
-using SweepStep = void (*)(uint16_t* sums, const unsigned char* in, const unsigned char* leaving,
-                           const Div16Params& d, int32_t bytes, unsigned char* out);
+using SweepStep = void (*)(uint16_t* sums, const unsigned char* in, const unsigned char* leaving, const Div16Params& d,
+                           int32_t bytes, unsigned char* out);
 struct SweepSteps {
   void (*add)(uint16_t* sums, const unsigned char* in, int32_t bytes);
   SweepStep step[2][2][2];

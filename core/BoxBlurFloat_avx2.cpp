@@ -107,8 +107,15 @@ int32_t VerticalFloat(const boxblur_detail::BlurJob& job) {
   }
   for (int32_t c = job.begin; c < job.end; c += chunk) {
     const int32_t cw = (job.end - c) < chunk ? (job.end - c) : chunk;
-    StripFloatOps ops{{}, job.data + static_cast<ptrdiff_t>(c) * 4 * ch, job.stride, cw * ch, r, h,
-                      sums.As<double>(), ring.As<float>(), inv.As<double>()};
+    StripFloatOps ops{{},
+                      job.data + static_cast<ptrdiff_t>(c) * 4 * ch,
+                      job.stride,
+                      cw * ch,
+                      r,
+                      h,
+                      sums.As<double>(),
+                      ring.As<float>(),
+                      inv.As<double>()};
     std::memset(ops.sums, 0, floats * sizeof(double));
     boxblur_detail::WalkWindow(ops, h, r);
   }

@@ -54,12 +54,14 @@ namespace boxblur_detail {
 
 using boxblur_avx2::SweepRow;
 
+// clang-format off
 const SweepSteps kSweepStepsAvx2 = {
     boxblur_avx2::SweepRowAdd,
     {{{SweepRow<false, false, false>, SweepRow<false, false, true>},
       {SweepRow<false, true, false>, SweepRow<false, true, true>}},
      {{SweepRow<true, false, false>, SweepRow<true, false, true>},
       {SweepRow<true, true, false>, SweepRow<true, true, true>}}}};
+// clang-format on
 
 }  // namespace boxblur_detail
 }  // namespace Korvane

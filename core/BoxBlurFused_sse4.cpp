@@ -91,12 +91,14 @@ void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leav
   }
 }
 
+// clang-format off
 const boxblur_detail::SweepSteps kSweepStepsSse = {
     SweepRowAdd,
     {{{SweepRow<false, false, false>, SweepRow<false, false, true>},
       {SweepRow<false, true, false>, SweepRow<false, true, true>}},
      {{SweepRow<true, false, false>, SweepRow<true, false, true>},
       {SweepRow<true, true, false>, SweepRow<true, true, true>}}}};
+// clang-format on
 
 template <bool kAlpha>
 void SweepBand(const FusedShared& f, int32_t top, int32_t bottom, unsigned char* ring, uint16_t* sums) {
@@ -129,7 +131,7 @@ void SweepBand(const FusedShared& f, int32_t top, int32_t bottom, unsigned char*
     const int32_t n = (in < h - 1 ? in : h - 1) - (p - r + 1 > 0 ? p - r + 1 : 0) + 1;
     const bool adds = in < h, subtracts = leaving >= 0;
     steps.step[adds][subtracts][kAlpha](sums, adds ? blur_row(in) : nullptr, subtracts ? slot(leaving) : nullptr,
-                                       f.vdiv[n], bytes, job.data + p * job.stride);
+                                        f.vdiv[n], bytes, job.data + p * job.stride);
   }
 }
 

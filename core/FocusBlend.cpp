@@ -25,8 +25,8 @@ inline uint8_t Div255(uint32_t x) { return static_cast<uint8_t>((x + (x >> 8) + 
 
 }  // namespace
 
-void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
-                        int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count) {
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide, int32_t guide_step,
+                        const int32_t* table, uint8_t* out, int32_t count) {
   for (int32_t x = 0; x < count; ++x, p += 4, s += 4, w += 4, out += 4, guide += guide_step) {
     const uint32_t t = static_cast<uint32_t>(table[*guide]);
     // Out of focus (t > 127): from the weak blur towards the strong one;

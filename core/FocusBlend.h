@@ -40,7 +40,7 @@ using FocusBlendRow = void (*)(const uint8_t* p, const uint8_t* s, const uint8_t
                                int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
 int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row);
 // The plain row; the SIMD forms finish their rows with it.
-void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
-                        int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide, int32_t guide_step,
+                        const int32_t* table, uint8_t* out, int32_t count);
 
 }  // namespace Korvane

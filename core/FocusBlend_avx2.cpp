@@ -20,16 +20,16 @@ void BlendRowAvx2(const uint8_t* p, const uint8_t* s, const uint8_t* w, const ui
   const __m256i alpha = _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u));
   // Per 128-bit lane: the weights of its first two pixels (and its last two)
   // over their four channels.
-  const __m256i dup_lo = _mm256_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3,
-                                          0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3);
-  const __m256i dup_hi = _mm256_setr_epi8(4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7,
-                                          4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7);
+  const __m256i dup_lo =
+      _mm256_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3, 0, 1, 0, 1, 0, 1, 0, 1, 2, 3, 2, 3, 2, 3, 2, 3);
+  const __m256i dup_hi =
+      _mm256_setr_epi8(4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7, 4, 5, 4, 5, 4, 5, 4, 5, 6, 7, 6, 7, 6, 7, 6, 7);
   int32_t x = 0;
   for (; x + 8 <= count; x += 8, p += 32, s += 32, w += 32, out += 32, guide += 8 * guide_step) {
-    const __m256i t = _mm256_setr_epi32(table[guide[0]], table[guide[guide_step]], table[guide[2 * guide_step]],
-                                        table[guide[3 * guide_step]], table[guide[4 * guide_step]],
-                                        table[guide[5 * guide_step]], table[guide[6 * guide_step]],
-                                        table[guide[7 * guide_step]]);
+    const __m256i t =
+        _mm256_setr_epi32(table[guide[0]], table[guide[guide_step]], table[guide[2 * guide_step]],
+                          table[guide[3 * guide_step]], table[guide[4 * guide_step]], table[guide[5 * guide_step]],
+                          table[guide[6 * guide_step]], table[guide[7 * guide_step]]);
     const __m256i far = _mm256_cmpgt_epi32(t, c127);
     const __m256i t2 = _mm256_add_epi32(t, t);
     const __m256i wa32 = _mm256_blendv_epi8(_mm256_sub_epi32(c255_32, t2), _mm256_sub_epi32(t2, c255_32), far);

@@ -85,8 +85,7 @@ void GaussianAccumulatePixelsPlain(const GaussianTapRows& t, const bool* mask, c
 
 namespace {
 
-void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                        int32_t count) {
+void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count) {
   GaussianAccumulatePixelsPlain(t, mask, src, dst, 0, count);
 }
 

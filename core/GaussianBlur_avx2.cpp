@@ -22,16 +22,16 @@ inline __m256i MaskLanes(const bool* mask) {
 
 void ConvertRowAvx2(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count) {
   // b, g, r of each lane's four pixels packed into its first twelve bytes.
-  const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1,
-                                        0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+  const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8, 9,
+                                        10, 12, 13, 14, -1, -1, -1, -1);
   const __m256i one = _mm256_set1_epi32(1);
   int32_t x = 0;
   for (; x + 8 <= count; x += 8) {
     const __m256i keep = MaskLanes(mask + x);
     const __m256i px = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 4 * x)), keep);
     const __m256i bgr = _mm256_shuffle_epi8(px, pack);
-    const __m128i lo = _mm256_castsi256_si128(bgr);      // bytes 0..11 of the row's 24
-    const __m128i hi = _mm256_extracti128_si256(bgr, 1);  // bytes 12..23
+    const __m128i lo = _mm256_castsi256_si128(bgr);                     // bytes 0..11 of the row's 24
+    const __m128i hi = _mm256_extracti128_si256(bgr, 1);                // bytes 12..23
     const __m128i mid = _mm_unpacklo_epi32(_mm_srli_si128(lo, 8), hi);  // bytes 8..15
     float* c = colour + 3 * x;
     _mm256_storeu_ps(c, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(lo)));
@@ -53,8 +53,8 @@ inline void Store8(__m256i q0, __m256i q1, __m256i q2, const uint8_t* src, __m25
   const __m256i last = _mm256_packus_epi32(q2, q2);
   const __m256i bytes = _mm256_packus_epi16(words, last);
   const __m256i ordered = _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 0, 5, 2, 6, 0));
-  const __m256i spread = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1,
-                                          0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+  const __m256i spread = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0, 1, 2, -1, 3, 4, 5,
+                                          -1, 6, 7, 8, -1, 9, 10, 11, -1);
   const __m256i px = _mm256_shuffle_epi8(ordered, spread);
   const __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
   _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst), _mm256_blendv_epi8(s, px, take));
@@ -73,8 +73,7 @@ inline void DivideByPixel(const __m256* acc, __m256 ws, __m256i* q) {
 // kGroups groups of eight pixels starting at x. kUnitWeight: the full weight
 // is exactly 1, so wholly masked windows need no division.
 template <bool kUnitWeight, int kGroups>
-inline void AccumulateBlock(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                            int32_t x) {
+inline void AccumulateBlock(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst, int32_t x) {
   constexpr int kRegs = 3 * kGroups;
   uint64_t m8[kGroups], open[kGroups];
   bool any = false, full = t.open != nullptr;
@@ -130,16 +129,14 @@ inline void AccumulateBlock(const GaussianTapRows& t, const bool* mask, const ui
 }
 
 template <bool kUnitWeight>
-void AccumulateRowAvx2T(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                        int32_t count) {
+void AccumulateRowAvx2T(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count) {
   int32_t x = 0;
   for (; x + 16 <= count; x += 16) AccumulateBlock<kUnitWeight, 2>(t, mask, src, dst, x);
   for (; x + 8 <= count; x += 8) AccumulateBlock<kUnitWeight, 1>(t, mask, src, dst, x);
   if (x < count) GaussianAccumulatePixelsPlain(t, mask, src, dst, x, count);
 }
 
-void AccumulateRowAvx2(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                       int32_t count) {
+void AccumulateRowAvx2(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count) {
   if (t.full_weight == 1.0f) {
     AccumulateRowAvx2T<true>(t, mask, src, dst, count);
   } else {

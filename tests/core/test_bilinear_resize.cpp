@@ -5,8 +5,8 @@
 
 #include "KernelForms.h"
 #include "TestSupport.h"
-#include "core/SmartBuffer.h"
 #include "core/BilinearResize.h"
+#include "core/SmartBuffer.h"
 
 using namespace Korvane;
 using namespace KorvaneTest;
@@ -146,7 +146,8 @@ TEST(BilinearResize, WritesOnlyTheBandAndRefusesBadInput) {
     for (const auto& b : bad) {
       ResizeParam q = p;
       b.edit(q);
-      EXPECT_EQ(RunBilinearResize(run.adapter, form.info, q, Rect{0, 0, 24, 18}), b.want) << form.name << " " << &b - bad;
+      EXPECT_EQ(RunBilinearResize(run.adapter, form.info, q, Rect{0, 0, 24, 18}), b.want)
+          << form.name << " " << &b - bad;
     }
   testing::internal::CaptureStderr();
   p.dst.data.reset();
@@ -166,8 +167,14 @@ TEST(BilinearResize, WritesOnlyTheBandAndRefusesBadInput) {
 TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
   Runner run;
   std::mt19937 rng(42);
-  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5}, {251, 3, 1023, 9}, {4, 4, 1, 1}, {80, 6, 40, 3},
-                                           {86, 9, 43, 4},    {77, 3, 38, 1},    {130, 5, 65, 2}, {98, 4, 49, 2},
+  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5},
+                                           {251, 3, 1023, 9},
+                                           {4, 4, 1, 1},
+                                           {80, 6, 40, 3},
+                                           {86, 9, 43, 4},
+                                           {77, 3, 38, 1},
+                                           {130, 5, 65, 2},
+                                           {98, 4, 49, 2},
                                            // bands large enough to be written with non-temporal stores
                                            {1203, 500, 2405, 1001}};
   for (int w = 1; w <= 40; ++w) {
@@ -192,7 +199,8 @@ TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
         ASSERT_TRUE(dst.GuardsIntact()) << form.name;
         if (want.empty()) want = dst.Packed();
         ASSERT_EQ(dst.Packed(), want) << form.name << " fmt " << fmt << " " << s[0] << "x" << s[1] << " -> " << s[2]
-                                      << "x" << s[3] << ": " << FirstDifference(dst.Packed(), want, s[2], ChannelCount(fmt));
+                                      << "x" << s[3] << ": "
+                                      << FirstDifference(dst.Packed(), want, s[2], ChannelCount(fmt));
       }
     }
 }

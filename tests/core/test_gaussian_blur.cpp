@@ -82,7 +82,7 @@ std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uin
 // either side of the vector blocks), with kernels longer than the image,
 // and with every worker count giving the same bytes.
 TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
-  const int sizes[][2] = {{1, 1}, {1, 9},  {7, 1},   {3, 5},   {13, 11}, {37, 13},
+  const int sizes[][2] = {{1, 1},   {1, 9},   {7, 1},   {3, 5},  {13, 11}, {37, 13},
                           {70, 45}, {130, 3}, {19, 90}, {17, 6}, {31, 20}, {47, 2}};
   const int levels[] = {1, 6, 23, 60};
   const std::vector<KorvaneTest::Form> forms = KorvaneTest::Forms();
@@ -103,9 +103,9 @@ TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
         std::vector<uint8_t> ref = img;
         ReferenceBlur(ref, w, h, wt, n, mask, vertical);
         for (const KorvaneTest::Form& form : forms) {
-          const ThreadTask task = vertical
-                                      ? KORVANE_PICK_AVX2(form.info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2).fn
-                                      : KORVANE_PICK_AVX2(form.info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2).fn;
+          const ThreadTask task =
+              vertical ? KORVANE_PICK_AVX2(form.info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2).fn
+                       : KORVANE_PICK_AVX2(form.info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2).fn;
           for (int workers : {1, 3, 8}) {
             EXPECT_EQ(RunBlurTask(task, vertical, img, w, h, wt, n, mask, workers), ref)
                 << form.name << " " << w << "x" << h << " level " << level << (vertical ? " V" : " H") << " workers "
@@ -218,8 +218,8 @@ TEST(GaussianBlurTasks, BothPassesAtOnceMatchTheTwoPasses) {
           for (int workers : {1, 3, 8}) {
             for (uint8_t fill : {0x00, 0xA5}) {
               EXPECT_EQ(RunBothPasses(forms[f], img, w, h, model, workers, fill), two)
-                  << KorvaneTest::Forms()[f].name << " " << w << "x" << h << " n " << model.kernel_length << " holes " << holes
-                  << " workers " << workers;
+                  << KorvaneTest::Forms()[f].name << " " << w << "x" << h << " n " << model.kernel_length << " holes "
+                  << holes << " workers " << workers;
             }
           }
         }

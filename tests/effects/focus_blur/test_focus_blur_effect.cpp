@@ -148,8 +148,9 @@ TEST(FocusBlurEffect, FailingPassLogsItsCallAndReturnsZero) {
     int32_t hr = -1;
     const std::string log = Logged([&] { hr = fx.Process(&s.param); });
     EXPECT_EQ(hr, S_OK);
-    const std::string kernel = form.info.avx_level ? "GaussianBlurH_AVX2" : form.info.simd_level ? "GaussianBlurH_SSE"
-                                                                                                  : "GaussianBlurH";
+    const std::string kernel = form.info.avx_level    ? "GaussianBlurH_AVX2"
+                               : form.info.simd_level ? "GaussianBlurH_SSE"
+                                                      : "GaussianBlurH";
     const std::string call = "RunTaskByMultiThread(" + kernel + ", &blur_param, this, process_region)";
     EXPECT_NE(log.find("[Korvane] [Korvane] m_thread_adapter." + call + " Error! - Return Code: 80070057"),
               std::string::npos)

@@ -188,6 +188,24 @@ void ClassifyQuads(const ResizePlan& plan, uint8_t* quads) {
   }
 }
 
+// The byte shuffles of ResizePlan::pair_shuffle for a BGRA band.
+void BuildPairShuffles(ResizePlan& plan, int32_t src_row_bytes) {
+  const int32_t pairs = (plan.x_paired - plan.x_begin) / 2;
+  plan.pair_shuffle.assign(static_cast<size_t>(pairs) * 16, 0);
+  for (int32_t k = 0; k < pairs; ++k) {
+    const int32_t j = 2 * k;
+    const int32_t base = plan.x0[j];
+    uint8_t* m = plan.pair_shuffle.data() + 16 * k;
+    if (plan.x1[j + 1] - base > 12 || base + 16 > src_row_bytes) {
+      m[0] = kNoShuffle;
+      continue;
+    }
+    const int32_t from[4] = {plan.x0[j], plan.x0[j + 1], plan.x1[j], plan.x1[j + 1]};
+    for (int32_t q = 0; q < 4; ++q)
+      for (int32_t c = 0; c < 4; ++c) m[4 * q + c] = static_cast<uint8_t>(from[q] - base + c);
+  }
+}
+
 // Enlargements: each destination row mixes two horizontally interpolated
 // source rows, kept in two slots while the next destination rows need them.
 void EnlargeRows(const ResizePlan& plan, const ResizeRowKernels& k, const int16_t* fx128, int16_t* rows, size_t values,
@@ -248,6 +266,7 @@ int32_t RunSimdResize(ThreadJob* job, int32_t* result, int32_t channels, const R
   for (int32_t i = 0; i < nx; ++i)
     for (int32_t c = 0; c < channels; ++c) fx128[i * channels + c] = static_cast<int16_t>(plan.fx[i] * 128);
   if (!fused) {
+    if (channels == 4) BuildPairShuffles(plan, param.src.width * 4);
     EnlargeRows(plan, k, fx128.data(), rows.data(), values, channels, stream ? row.data() : nullptr);
     return Done(result, S_OK);
   }

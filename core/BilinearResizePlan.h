@@ -33,7 +33,15 @@ struct ResizePlan {
   // decreases, so the columns clamped onto the last source column form a
   // suffix); the SSE forms load both neighbours at once there.
   int32_t x_paired = 0;
+  // Enlarging BGRA bands, for the AVX2 form: per pair of band columns
+  // (2k, 2k + 1) below x_paired, the byte shuffle that takes [left 2k,
+  // left 2k + 1, right 2k, right 2k + 1] out of the 16 source bytes from
+  // x0[2k] on, or kNoShuffle in byte 0 where those bytes do not hold them
+  // all (or reach past the source row).
+  std::vector<uint8_t> pair_shuffle;
 };
+
+constexpr uint8_t kNoShuffle = 0xFF;
 
 // Validates param for images of `bpp` bytes a pixel, clips the band and fills
 // the tables (float fractions too when `with_float`). S_OK with an empty band

@@ -62,12 +62,32 @@ inline __m256i Columns16(const unsigned char* row, const int32_t* x0, __m256i f)
   return Lerp16(_mm256_and_si256(v, _mm256_set1_epi16(0x00FF)), _mm256_srli_epi16(v, 8), f);
 }
 
+// Enlargements: neighbouring columns share source pixels, so the pairs of
+// two columns come out of one 16-byte load and a shuffle (PairsOf4's layout).
+inline __m256i ShuffledPairsOf4(const unsigned char* row, const int32_t* x0, const uint8_t* shuffle) {
+  const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x0[0]));
+  const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x0[2]));
+  const __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(a), b, 1);
+  return _mm256_shuffle_epi8(v, Load256(shuffle));
+}
+
 void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128, int16_t* out) {
   const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
+  const uint8_t* shuffle = plan.pair_shuffle.empty() ? nullptr : plan.pair_shuffle.data();
+  const __m256i z = _mm256_setzero_si256();
   int32_t i = 0;
-  for (; i + 4 <= paired; i += 4) Store256(out + 4 * i, Columns4(row, x0 + i, Load256(fx128 + 4 * i)));
+  for (; i + 4 <= paired; i += 4) {
+    const __m256i f = Load256(fx128 + 4 * i);
+    const uint8_t* m = shuffle ? shuffle + 8 * i : nullptr;
+    if (m && m[0] != resize_detail::kNoShuffle && m[16] != resize_detail::kNoShuffle) {
+      const __m256i v = ShuffledPairsOf4(row, x0 + i, m);
+      Store256(out + 4 * i, Lerp16(_mm256_unpacklo_epi8(v, z), _mm256_unpackhi_epi8(v, z), f));
+    } else {
+      Store256(out + 4 * i, Columns4(row, x0 + i, f));
+    }
+  }
   for (; i < nx; ++i) {
     const unsigned char* a = row + plan.x0[i];
     const unsigned char* b = row + plan.x1[i];

@@ -1,6 +1,7 @@
 // Internal to the box blur kernels: validation of a task's record, the exact
-// 8-bit divider, and the running-window walk shared by the plain and SSE
-// forms so both visit the samples in the same order.
+// 8-bit and 16-bit dividers, and the running-window walk shared by the
+// plain, SSE4.1 and AVX2 forms so all visit the samples in the same order;
+// the passes each SIMD form provides, and baseline working memory for them.
 #pragma once
 
 #include <cstddef>

@@ -106,42 +106,47 @@ int32_t PlanResize(const ResizeParam& param, const Rect& band, int32_t bpp, bool
 
 namespace {
 
-// The byte resize over rows [y_from, y_to) and columns [x_from, x_to),
-// kChannels interpolated bytes a pixel.
 template <int kChannels>
-void ResizeSpan8(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from, int32_t x_to) {
-  for (int32_t dy = y_from; dy < y_to; ++dy) {
-    const int32_t iy = dy - plan.y_begin;
-    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
-    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
-    const int32_t fy = plan.fy[iy];
-    unsigned char* out = plan.dst + dy * plan.dst_stride;
-    for (int32_t dx = x_from; dx < x_to; ++dx) {
-      const int32_t ix = dx - plan.x_begin;
-      const unsigned char* a = r0 + plan.x0[ix];
-      const unsigned char* b = r0 + plan.x1[ix];
-      const unsigned char* c = r1 + plan.x0[ix];
-      const unsigned char* d = r1 + plan.x1[ix];
-      const int32_t fx = plan.fx[ix];
-      for (int k = 0; k < kChannels; ++k) {
-        const int32_t top = Lerp8(a[k], b[k], fx);
-        const int32_t bottom = Lerp8(c[k], d[k], fx);
-        out[dx * kChannels + k] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-      }
+void FusedSpanT(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, int32_t fy, int32_t from,
+                unsigned char* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  for (int32_t i = from; i < nx; ++i) {
+    const unsigned char* a = r0 + plan.x0[i];
+    const unsigned char* b = r0 + plan.x1[i];
+    const unsigned char* c = r1 + plan.x0[i];
+    const unsigned char* d = r1 + plan.x1[i];
+    const int32_t fx = plan.fx[i];
+    for (int k = 0; k < kChannels; ++k) {
+      const int32_t top = Lerp8(a[k], b[k], fx);
+      const int32_t bottom = Lerp8(c[k], d[k], fx);
+      out[i * kChannels + k] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
     }
   }
 }
 
 }  // namespace
 
-void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to) {
-  ResizeSpan8<4>(plan, y_from, y_to, x_from, x_to);
+void HorizontalSpan(const ResizePlan& plan, const unsigned char* row, int32_t channels, int32_t from, int16_t* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  for (int32_t i = from; i < nx; ++i) {
+    const unsigned char* a = row + plan.x0[i];
+    const unsigned char* b = row + plan.x1[i];
+    for (int32_t c = 0; c < channels; ++c) out[i * channels + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
+  }
 }
 
-void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to) {
-  ResizeSpan8<1>(plan, y_from, y_to, x_from, x_to);
+void VerticalSpan(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t from, int32_t count,
+                  unsigned char* out) {
+  for (int32_t i = from; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+}
+
+void FusedSpan(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, int32_t fy, int32_t channels,
+               int32_t from, unsigned char* out) {
+  if (channels == 4) {
+    FusedSpanT<4>(plan, r0, r1, fy, from, out);
+  } else {
+    FusedSpanT<1>(plan, r0, r1, fy, from, out);
+  }
 }
 
 namespace {
@@ -288,19 +293,28 @@ int32_t RunSimdResize(ThreadJob* job, int32_t* result, int32_t channels, const R
 using resize_detail::PlanResize;
 using resize_detail::ResizePlan;
 
-int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) {
+namespace {
+
+// The plain byte resize of a band, kChannels bytes a pixel.
+int32_t ResizePlain(ThreadJob* job, int32_t* result, int32_t channels) {
   ResizePlan plan;
-  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 4, false, &plan);
-  if (hr >= 0) resize_detail::ResizeSpan8uc4(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
+  const int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, channels, false, &plan);
+  if (hr >= 0) {
+    for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+      const int32_t iy = dy - plan.y_begin;
+      resize_detail::FusedSpan(plan, plan.src + plan.y0[iy] * plan.src_stride,
+                               plan.src + plan.y1[iy] * plan.src_stride, plan.fy[iy], channels, 0,
+                               plan.dst + dy * plan.dst_stride + plan.x_begin * channels);
+    }
+  }
   return Done(result, hr);
 }
 
-int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) {
-  ResizePlan plan;
-  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 1, false, &plan);
-  if (hr >= 0) resize_detail::ResizeSpan8uc1(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
-  return Done(result, hr);
-}
+}  // namespace
+
+int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) { return ResizePlain(job, result, 4); }
+
+int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) { return ResizePlain(job, result, 1); }
 
 int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result) {
   ResizePlan plan;

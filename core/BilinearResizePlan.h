@@ -52,13 +52,16 @@ int32_t PlanResize(const ResizeParam& param, const Rect& band, int32_t bpp, bool
 // The integer bilinear step: a + ((b - a) * f) >> 8 with an arithmetic shift.
 inline int32_t Lerp8(int32_t a, int32_t b, int32_t f) { return a + (((b - a) * f) >> 8); }
 
-// Plain loops over rows [y_from, y_to) and columns [x_from, x_to) of a plan
-// (absolute destination coordinates); the SSE forms use them for the
-// columns they do not vectorise.
-void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to);
-void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to);
+// The plain steps over the band columns [from, nx) (counted from x_begin)
+// of one destination row, `out` being the row's first band byte: along x
+// into 16-bit values, along y from two such rows (`count` bytes), and both
+// at once from two source rows. The plain form runs whole rows through
+// FusedSpan; the SIMD forms run the columns past their last full vector.
+void HorizontalSpan(const ResizePlan& plan, const unsigned char* row, int32_t channels, int32_t from, int16_t* out);
+void VerticalSpan(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t from, int32_t count,
+                  unsigned char* out);
+void FusedSpan(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, int32_t fy, int32_t channels,
+               int32_t from, unsigned char* out);
 
 // Kinds of four-column groups of a reduction row, for the SIMD forms:
 // neighbour pairs that are consecutive source pixels (a halving), and of

@@ -17,7 +17,6 @@ namespace {
 
 using resize_detail::kQuadGather;
 using resize_detail::kQuadMidpoints;
-using resize_detail::Lerp8;
 using resize_detail::ResizePlan;
 
 inline __m128i Load64(const unsigned char* p) { return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)); }
@@ -72,7 +71,6 @@ inline __m256i ShuffledPairsOf4(const unsigned char* row, const int32_t* x0, con
 }
 
 void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128, int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const uint8_t* shuffle = plan.pair_shuffle.empty() ? nullptr : plan.pair_shuffle.data();
@@ -88,20 +86,15 @@ void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const i
       Store256(out + 4 * i, Columns4(row, x0 + i, f));
     }
   }
-  for (; i < nx; ++i) {
-    const unsigned char* a = row + plan.x0[i];
-    const unsigned char* b = row + plan.x1[i];
-    for (int c = 0; c < 4; ++c) out[4 * i + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
-  }
+  resize_detail::HorizontalSpan(plan, row, 4, i, out);
 }
 
 void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128, int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   int32_t i = 0;
   for (; i + 16 <= paired; i += 16) Store256(out + i, Columns16(row, x0 + i, Load256(fx128 + i)));
-  for (; i < nx; ++i) out[i] = static_cast<int16_t>(Lerp8(row[plan.x0[i]], row[plan.x1[i]], plan.fx[i]));
+  resize_detail::HorizontalSpan(plan, row, 1, i, out);
 }
 
 void VerticalRow(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t count, unsigned char* out) {
@@ -112,7 +105,7 @@ void VerticalRow(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t 
     const __m256i hi = Lerp16(Load256(top + i + 16), Load256(bottom + i + 16), f);
     Store256(out + i, PackInOrder(lo, hi));
   }
-  for (; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+  resize_detail::VerticalSpan(top, bottom, fy, i, count, out);
 }
 
 // floor((a + b) / 2) per byte, which is the bilinear step at fraction 128.
@@ -132,7 +125,6 @@ inline void SplitPairs(const unsigned char* src, __m256i* left, __m256i* right) 
 void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
                   const unsigned char* next1, const int16_t* fx128, const uint8_t* quads, int32_t fy,
                   unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m256i fyv = _mm256_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -169,20 +161,12 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
     }
     Store256(out + 4 * i, v);
   }
-  for (; i < nx; ++i) {
-    const int32_t fx = plan.fx[i];
-    for (int c = 0; c < 4; ++c) {
-      const int32_t top = Lerp8(r0[plan.x0[i] + c], r0[plan.x1[i] + c], fx);
-      const int32_t bottom = Lerp8(r1[plan.x0[i] + c], r1[plan.x1[i] + c], fx);
-      out[4 * i + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-    }
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 4, i, out);
 }
 
 void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
                   const unsigned char* next1, const int16_t* fx128, const uint8_t* /* quads: BGRA only */, int32_t fy,
                   unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m256i fyv = _mm256_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -196,11 +180,7 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
     _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
     Store256(out + i, PackInOrder(sixteen(i), sixteen(i + 16)));
   }
-  for (; i < nx; ++i) {
-    const int32_t top = Lerp8(r0[plan.x0[i]], r0[plan.x1[i]], plan.fx[i]);
-    const int32_t bottom = Lerp8(r1[plan.x0[i]], r1[plan.x1[i]], plan.fx[i]);
-    out[i] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 1, i, out);
 }
 
 const resize_detail::ResizeRowKernels kAvx2Rows4 = {HorizontalRow8uc4, VerticalRow, FusedRow8uc4};

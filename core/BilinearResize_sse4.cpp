@@ -21,7 +21,6 @@ namespace {
 
 using resize_detail::kQuadGather;
 using resize_detail::kQuadMidpoints;
-using resize_detail::Lerp8;
 using resize_detail::ResizePlan;
 
 inline __m128i Load64(const unsigned char* p) {
@@ -36,7 +35,6 @@ inline __m128i Lerp16(__m128i a, __m128i b, __m128i f128) {
 // pixel). `fx128` holds each column's fraction x 128 four times.
 void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
                        int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   int32_t i = 0;
   for (; i + 2 <= paired; i += 2) {
@@ -47,11 +45,7 @@ void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const i
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), Lerp16(l, r, f));
   }
-  for (; i < nx; ++i) {
-    const unsigned char* a = row + plan.x0[i];
-    const unsigned char* b = row + plan.x1[i];
-    for (int c = 0; c < 4; ++c) out[4 * i + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
-  }
+  resize_detail::HorizontalSpan(plan, row, 4, i, out);
 }
 
 // The neighbour pairs (left byte low, right byte high) of eight gray
@@ -75,7 +69,6 @@ inline __m128i GatherPairs8(const unsigned char* row, const int32_t* x0) {
 // Horizontal pass of one gray source row, eight columns at a time.
 void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
                        int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   int32_t i = 0;
@@ -87,7 +80,7 @@ void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const i
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), Lerp16(l, r, f));
   }
-  for (; i < nx; ++i) out[i] = static_cast<int16_t>(Lerp8(row[plan.x0[i]], row[plan.x1[i]], plan.fx[i]));
+  resize_detail::HorizontalSpan(plan, row, 1, i, out);
 }
 
 // Both rows and the vertical mix in one sweep, for reductions, where
@@ -101,7 +94,6 @@ inline __m128i HalfSum(__m128i a, __m128i b) {
 void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
                   const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
                   const uint8_t* quads, int32_t fy, unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -154,20 +146,12 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
     }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), v);
   }
-  for (; i < nx; ++i) {
-    const int32_t fx = plan.fx[i];
-    for (int c = 0; c < 4; ++c) {
-      const int32_t top = Lerp8(r0[plan.x0[i] + c], r0[plan.x1[i] + c], fx);
-      const int32_t bottom = Lerp8(r1[plan.x0[i] + c], r1[plan.x1[i] + c], fx);
-      out[4 * i + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-    }
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 4, i, out);
 }
 
 void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
                   const unsigned char* next1, const int16_t* fx128, const uint8_t* /* quads: BGRA only */, int32_t fy,
                   unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -185,11 +169,7 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
     _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(eight(i), eight(i + 8)));
   }
-  for (; i < nx; ++i) {
-    const int32_t top = Lerp8(r0[plan.x0[i]], r0[plan.x1[i]], plan.fx[i]);
-    const int32_t bottom = Lerp8(r1[plan.x0[i]], r1[plan.x1[i]], plan.fx[i]);
-    out[i] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 1, i, out);
 }
 
 // Vertical mix of two horizontal rows into `count` output bytes.
@@ -205,7 +185,7 @@ void VerticalRow(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t 
     const __m128i v = _mm_packus_epi16(Lerp16(t0, b0, f), Lerp16(t1, b1, f));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), v);
   }
-  for (; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+  resize_detail::VerticalSpan(top, bottom, fy, i, count, out);
 }
 
 const resize_detail::ResizeRowKernels kSse4Rows4 = {HorizontalRow8uc4, VerticalRow, FusedRow8uc4};

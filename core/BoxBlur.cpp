@@ -310,6 +310,88 @@ int32_t RunPlainPass(ThreadJob* job, int32_t* result, bool rows) {
 
 }  // namespace
 
+namespace boxblur_detail {
+
+void StripStep8(uint16_t* sums, const unsigned char* in, bool sub, unsigned char* saved, unsigned char* row,
+                const unsigned char* mask_row, const Recip8& recip, bool bgra, int32_t from, int32_t end) {
+  for (int32_t j = from; j < end; ++j) {
+    uint32_t s = sums[j];
+    if (sub) s -= saved[j];
+    if (in) s += in[j];
+    sums[j] = static_cast<uint16_t>(s);
+    const unsigned char o = row[j];
+    saved[j] = o;
+    if (bgra && (j & 3) == 3) continue;  // alpha stays
+    uint32_t q = Divide8(s, recip);
+    if (mask_row) q = MixByMask(o, q, mask_row[j / 4]);
+    row[j] = static_cast<unsigned char>(q);
+  }
+}
+
+void SweepStep8(uint16_t* sums, const unsigned char* in, const unsigned char* leaving, const Recip8& recip,
+                bool alpha, int32_t from, int32_t end, unsigned char* out) {
+  for (int32_t j = from; j < end; ++j) {
+    uint32_t s = sums[j];
+    if (in) s += in[j];
+    if (leaving) s -= leaving[j];
+    sums[j] = static_cast<uint16_t>(s);
+    if (!alpha || (j & 3) != 3) out[j] = static_cast<unsigned char>(Divide8(s, recip));
+  }
+}
+
+void StripStepFloat(double* sums, const float* in, bool sub, float* saved, float* row, double inv_n, int32_t from,
+                    int32_t end) {
+  for (int32_t j = from; j < end; ++j) {
+    double s = sums[j];
+    if (in && sub) {
+      s += static_cast<double>(in[j]) - static_cast<double>(saved[j]);
+    } else if (sub) {
+      s -= static_cast<double>(saved[j]);
+    } else if (in) {
+      s += static_cast<double>(in[j]);
+    }
+    sums[j] = s;
+    saved[j] = row[j];
+    row[j] = static_cast<float>(s * inv_n);
+  }
+}
+
+int32_t RunSimdPasses(ThreadJob* job, int32_t* result, bool rows, int32_t passes, const SimdPasses& form) {
+  BlurJob b;
+  int32_t hr = PrepareBlur(job, rows, &b);
+  if (hr >= 0 && b.begin < b.end) {
+    try {
+      const bool is_float = b.variant == Variant::kFloat32 || b.variant == Variant::kFloat96;
+      if (rows && is_float) {
+        hr = form.rows_float(b, passes);
+      } else {
+        for (int32_t pass = 0; pass < passes && hr >= 0; ++pass) {
+          if (b.variant == Variant::kInt32) {
+            hr = BlurPlain(b, rows);
+          } else if (is_float) {
+            hr = form.columns_float(b);
+          } else {
+            hr = rows ? form.rows8(b) : form.columns8(b);
+          }
+        }
+      }
+    } catch (const std::bad_alloc&) {
+      hr = E_OUTOFMEMORY;
+    }
+  }
+  return Done(result, hr);
+}
+
+int32_t RunSimdRepeat(ThreadJob* job, int32_t* result, const SimdPasses& form) {
+  const auto* repeat = static_cast<const BoxBlurRepeatParam*>(job->param);
+  if (!repeat || !repeat->param) return Done(result, E_POINTER);
+  ThreadJob inner = *job;
+  inner.param = repeat->param;
+  return RunSimdPasses(&inner, result, true, repeat->passes, form);
+}
+
+}  // namespace boxblur_detail
+
 int32_t BoxBlurH(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, true); }
 
 int32_t BoxBlurV(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, false); }

@@ -67,18 +67,7 @@ struct Strip8Ops : boxblur_detail::StepByStep<Strip8Ops> {
       if (bgra) v = _mm256_blendv_epi8(v, o, AlphaBytes());
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + j), v);
     }
-    for (; j < bytes; ++j) {
-      uint32_t s = sums[j];
-      if (kSub) s -= saved[j];
-      if (kAdd) s += in[j];
-      sums[j] = static_cast<uint16_t>(s);
-      const unsigned char o = row[j];
-      saved[j] = o;
-      if (bgra && (j & 3) == 3) continue;  // alpha stays
-      uint32_t v = boxblur_detail::Divide8(s, div[n].scalar);
-      if (m_row) v = boxblur_detail::MixByMask(o, v, m_row[j / 4]);
-      row[j] = static_cast<unsigned char>(v);
-    }
+    boxblur_detail::StripStep8(sums, in, kSub, saved, row, m_row, div[n].scalar, bgra, j, bytes);
   }
 };
 

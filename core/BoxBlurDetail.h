@@ -95,6 +95,21 @@ inline uint32_t MixByMask(uint32_t orig, uint32_t blurred, uint32_t m) {
   return (x + 1u + (x >> 8)) >> 8;
 }
 
+// Scalar steps of the SIMD forms' column passes, for the bytes (or floats)
+// [from, end) past their last full vector; `in` is null when no row enters
+// the window, `sub` says whether one leaves it.
+// 8-bit strip: the leaving row's bytes come from the ring entry `saved`,
+// which then takes the row's original bytes; alpha (every fourth byte of
+// BGRA) stays; with `mask_row` the result is mixed with the original.
+void StripStep8(uint16_t* sums, const unsigned char* in, bool sub, unsigned char* saved, unsigned char* row,
+                const unsigned char* mask_row, const Recip8& recip, bool bgra, int32_t from, int32_t end);
+// The one-sweep blur: the leaving blurred row is `leaving` (null: none).
+void SweepStep8(uint16_t* sums, const unsigned char* in, const unsigned char* leaving, const Recip8& recip,
+                bool alpha, int32_t from, int32_t end, unsigned char* out);
+// Float strip: double sums, the entering sample minus the leaving one.
+void StripStepFloat(double* sums, const float* in, bool sub, float* saved, float* row, double inv_n, int32_t from,
+                    int32_t end);
+
 // The vertical steps of the one-sweep blur in one SIMD form. `step` moves
 // the column sums to the window of an output row (adding the entering
 // blurred row, subtracting the leaving one, as [kAdd][kSub] say) and writes
@@ -140,6 +155,19 @@ int32_t VerticalFloat(const boxblur_detail::BlurJob& job);
 }  // namespace boxblur_avx2
 
 namespace boxblur_detail {
+
+// The passes of one SIMD form, and the tasks built on them: `passes`
+// passes over the band (float rows all at once, so they can stay gathered
+// between passes); INT32 images run the plain code.
+struct SimdPasses {
+  int32_t (*rows8)(const BlurJob& job);
+  int32_t (*columns8)(const BlurJob& job);
+  int32_t (*rows_float)(const BlurJob& job, int32_t passes);
+  int32_t (*columns_float)(const BlurJob& job);
+};
+int32_t RunSimdPasses(ThreadJob* job, int32_t* result, bool rows, int32_t passes, const SimdPasses& form);
+// The repeated row task (BoxBlurRepeatParam) of a form.
+int32_t RunSimdRepeat(ThreadJob* job, int32_t* result, const SimdPasses& form);
 
 // Walks a window of 2r - 1 positions over a line of `len` positions, cut at
 // both ends: position p gets the mean of [max(0, p - r + 1), min(len - 1,

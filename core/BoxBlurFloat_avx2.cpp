@@ -8,6 +8,7 @@
 
 #include "core/BoxBlurAvx2.h"
 #include "core/ResultCode.h"
+#include "core/Transpose4x4.h"
 
 namespace Korvane {
 namespace boxblur_avx2 {
@@ -75,19 +76,7 @@ struct StripFloatOps : boxblur_detail::StepByStep<StripFloatOps> {
       _mm_storeu_ps(saved + j, _mm_loadu_ps(row + j));
       _mm_storeu_ps(row + j, _mm256_cvtpd_ps(_mm256_mul_pd(s, kv)));
     }
-    for (; j < count; ++j) {
-      double s = sums[j];
-      if constexpr (kAdd && kSub) {
-        s += static_cast<double>(in[j]) - static_cast<double>(saved[j]);
-      } else if constexpr (kSub) {
-        s -= static_cast<double>(saved[j]);
-      } else if constexpr (kAdd) {
-        s += static_cast<double>(in[j]);
-      }
-      sums[j] = s;
-      saved[j] = row[j];
-      row[j] = static_cast<float>(s * k);
-    }
+    boxblur_detail::StripStepFloat(sums, in, kSub, saved, row, k, j, count);
   }
 };
 
@@ -124,17 +113,6 @@ int32_t VerticalFloat(const boxblur_detail::BlurJob& job) {
 
 namespace {
 
-// 4 x 4 32-bit elements; its own inverse.
-inline void Transpose4x4(__m128i v[4]) {
-  const __m128i t0 = _mm_unpacklo_epi32(v[0], v[1]);
-  const __m128i t1 = _mm_unpackhi_epi32(v[0], v[1]);
-  const __m128i t2 = _mm_unpacklo_epi32(v[2], v[3]);
-  const __m128i t3 = _mm_unpackhi_epi32(v[2], v[3]);
-  v[0] = _mm_unpacklo_epi64(t0, t2);
-  v[1] = _mm_unpackhi_epi64(t0, t2);
-  v[2] = _mm_unpacklo_epi64(t1, t3);
-  v[3] = _mm_unpackhi_epi64(t1, t3);
-}
 
 // Gathers eight lines of `len` 4-byte elements into t: t[p] holds element
 // p of lines 0..3 in its low lane and of lines 4..7 in its high lane.

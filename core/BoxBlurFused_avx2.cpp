@@ -37,13 +37,8 @@ void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leav
     if constexpr (kAlpha) v = _mm256_blendv_epi8(v, _mm256_loadu_si256(o), AlphaBytes());
     _mm256_storeu_si256(o, v);
   }
-  for (; j < bytes; ++j) {
-    uint32_t sum = sums[j];
-    if constexpr (kAdd) sum += in[j];
-    if constexpr (kSub) sum -= leaving[j];
-    sums[j] = static_cast<uint16_t>(sum);
-    if (!kAlpha || (j & 3) != 3) out[j] = static_cast<unsigned char>(boxblur_detail::Divide8(sum, params.scalar));
-  }
+  boxblur_detail::SweepStep8(sums, kAdd ? in : nullptr, kSub ? leaving : nullptr, params.scalar, kAlpha, j, bytes,
+                             out);
 }
 
 }  // namespace

@@ -82,13 +82,8 @@ void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leav
     if constexpr (kAlpha) v = _mm_blendv_epi8(v, _mm_loadu_si128(o), AlphaBytes());
     _mm_storeu_si128(o, v);
   }
-  for (; j < bytes; ++j) {
-    uint32_t s = sums[j];
-    if constexpr (kAdd) s += in[j];
-    if constexpr (kSub) s -= leaving[j];
-    sums[j] = static_cast<uint16_t>(s);
-    if (!kAlpha || (j & 3) != 3) out[j] = static_cast<unsigned char>(Divide8(s, d.scalar));
-  }
+  boxblur_detail::SweepStep8(sums, kAdd ? in : nullptr, kSub ? leaving : nullptr, params.scalar, kAlpha, j, bytes,
+                             out);
 }
 
 // clang-format off

@@ -1,5 +1,5 @@
 // What the SSE4.1 box blur files share: exact 16-bit dividers, the masked
-// mix, 4 x 4 transposes of rows, the row walkers of the 8-bit horizontal pass
+// mix, rows gathered four at a time, the row walkers of the 8-bit horizontal pass
 // (used by the separate pass and by the fused sweep) and the float window
 // step. Included only by *_sse4.cpp files, which are built with -msse4.1.
 #pragma once
@@ -12,6 +12,7 @@
 
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
+#include "core/Transpose4x4.h"
 
 namespace Korvane {
 namespace boxblur_sse {
@@ -76,19 +77,7 @@ inline __m128i MixByMask16(__m128i o, __m128i b, __m128i m) {
 inline __m128i AlphaBytes() { return _mm_set1_epi32(static_cast<int32_t>(0xFF000000u)); }
 
 // ---------------------------------------------------------------------------
-// Transposes.
-
-// 4 x 4 32-bit elements; its own inverse.
-inline void Transpose4x4(__m128i v[4]) {
-  const __m128i t0 = _mm_unpacklo_epi32(v[0], v[1]);
-  const __m128i t1 = _mm_unpackhi_epi32(v[0], v[1]);
-  const __m128i t2 = _mm_unpacklo_epi32(v[2], v[3]);
-  const __m128i t3 = _mm_unpackhi_epi32(v[2], v[3]);
-  v[0] = _mm_unpacklo_epi64(t0, t2);
-  v[1] = _mm_unpackhi_epi64(t0, t2);
-  v[2] = _mm_unpacklo_epi64(t1, t3);
-  v[3] = _mm_unpackhi_epi64(t1, t3);
-}
+// Rows gathered four at a time (through 4 x 4 transposes).
 
 // Gathers four lines of `len` 4-byte elements into t: t[p] holds element p
 // of each line.

@@ -110,7 +110,12 @@ void OpenCvBlur(benchmark::State& state, int fmt, int radius) {
 // kernels' own speed better than the mean, which includes waiting for a core.
 double MinOf(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
 
+// The floor: one memcpy of the 4000 x 3000 BGRA image (every byte read and
+// written once, one thread).
+void Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, KorvaneBench::MakeImage(kWidth, kHeight, 4)); }
+
 void Register() {
+  benchmark::RegisterBenchmark("memcpy/4000x3000", Memcpy)->Unit(benchmark::kMillisecond)->UseRealTime();
   struct Case {
     const char* name;
     int kind;  // 0 resize, 1 blur

@@ -92,9 +92,11 @@ void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_
 const GaussianRowKernels kPlainKernels = {GaussianConvertPixelsPlain, AccumulateRowPlain};
 
 // Pixels in the ring of converted rows of the vertical pass (2n - 1 rows of a
-// chunk of columns): 128 KiB of floats, which stays in the second-level cache.
-// Short kernels get wide chunks, so the source is read in long runs.
-constexpr int32_t kRingPixels = 8192;
+// chunk of columns): 256 KiB of floats, which stays in the second-level cache
+// while the chunk is wide enough (224 columns for the longest kernel) that
+// each output row's tap list is set up for many pixels. Short kernels get
+// wide chunks, so the source is read in long runs.
+constexpr int32_t kRingPixels = 16384;
 constexpr int32_t kMaxTaps = 2 * kGaussianHalfTaps - 1;
 // Floats after the last converted pixel: colour rows may be read one float past a pixel.
 constexpr size_t kRowPad = 4;

@@ -79,11 +79,12 @@ std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uin
 }  // namespace
 
 // Every form against the literal reference, on awkward sizes (widths on
-// either side of the vector blocks), with kernels longer than the image,
-// and with every worker count giving the same bytes.
+// either side of the vector blocks, and 300 columns: two column chunks of
+// the vertical pass for the longest kernel), with kernels longer than the
+// image, and with every worker count giving the same bytes.
 TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
   const int sizes[][2] = {{1, 1},   {1, 9},   {7, 1},   {3, 5},  {13, 11}, {37, 13},
-                          {70, 45}, {130, 3}, {19, 90}, {17, 6}, {31, 20}, {47, 2}};
+                          {70, 45}, {130, 3}, {19, 90}, {17, 6}, {31, 20}, {47, 2}, {300, 9}};
   const int levels[] = {1, 6, 23, 60};
   const std::vector<KorvaneTest::Form> forms = KorvaneTest::Forms();
   uint32_t seed = 1;

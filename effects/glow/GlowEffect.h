@@ -59,6 +59,7 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t m_blend_mode_to_slot[kGlowBlendModeCount];
   ThreadTask m_blend_kernels[kGlowBlendSlotCount];       // plain forms
   ThreadTask m_blend_kernels_sse41[kGlowBlendSlotCount];  // SSE4.1 forms (NULL without them)
+  ThreadTask m_blend_kernels_avx2[kGlowBlendSlotCount];   // AVX2 forms (NULL without them)
 };
 
 }  // namespace Korvane

@@ -32,8 +32,10 @@ struct GlowDetectParam {
   int32_t rows = 0;                   // allocated height of src and dst
 };
 int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
-// SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
+// SSE4.1 and AVX2 forms: the same bytes, sixteen or thirty-two at a time
+// where there is no mask.
 int32_t GlowDetectHighlight_SSE(ThreadJob* job, int32_t* result);
+int32_t GlowDetectHighlight_AVX2(ThreadJob* job, int32_t* result);
 
 // "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
 // when given: the tone curve of "adjust light" depends on the byte alone, so
@@ -46,9 +48,12 @@ struct GlowConvertParam {
 };
 int32_t GlowByteToFloat(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte(ThreadJob* job, int32_t* result);
-// SSE4.1 forms: the same values, four pixels at a time.
+// SSE4.1 forms: the same values, four pixels at a time; AVX2 forms, eight
+// (the AVX2 byte-to-float form also gathers through `tone`).
 int32_t GlowByteToFloat_SSE(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte_SSE(ThreadJob* job, int32_t* result);
+int32_t GlowByteToFloat_AVX2(ThreadJob* job, int32_t* result);
+int32_t GlowFloatToByte_AVX2(ThreadJob* job, int32_t* result);
 // The checks of both conversions, and their band clipped to both images. Null
 // when the task is already done (*result set: an error, or nothing to convert).
 const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r);

@@ -37,7 +37,7 @@ int32_t GlowCopySrc(ThreadJob* job, int32_t* result) {
   const int32_t bpp = BytesPerPixel(p->src->pix_fmt);
   if (bpp == 0 || bpp != BytesPerPixel(p->dst->pix_fmt)) return Done(result, E_INVALIDARG);
   Rect r = Clip(job->rect, std::min(p->src->width, p->dst->width), std::min(p->src->height, p->dst->height));
-  if (IsEmpty(r)) return Done(result, S_OK);
+  if (IsEmpty(r) || p->in_place) return Done(result, S_OK);
   const size_t bytes = static_cast<size_t>(r.right - r.left) * bpp;
   for (int32_t y = r.top; y < r.bottom; ++y) {
     std::memcpy(RowPtr(*p->dst, y) + r.left * bpp, RowPtr(*p->src, y) + r.left * bpp, bytes);

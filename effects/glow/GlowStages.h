@@ -10,10 +10,12 @@
 
 namespace Korvane {
 
-// "copy src": rows of src into the (wider-strided) working copy.
+// "copy src": rows of src into the (wider-strided) working copy. With
+// in_place the later stages read src itself: only the checks run.
 struct GlowCopyParam {
   const SmartBuffer* src = nullptr;
   SmartBuffer* dst = nullptr;
+  bool in_place = false;
 };
 int32_t GlowCopySrc(ThreadJob* job, int32_t* result);
 

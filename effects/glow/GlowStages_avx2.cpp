@@ -10,6 +10,38 @@
 
 namespace Korvane {
 
+namespace {
+
+// Highlights at least this large go past the caches: the next stage reads
+// them long after, so their lines need not be read in before being written.
+constexpr int64_t kStreamBytes = int64_t{16} << 20;
+
+// n pixels of one row: B, G, R moved by up / down with unsigned saturation
+// (alpha lanes move by 0). kStream: d is 16-byte aligned and written past
+// the caches.
+template <bool kStream>
+void DetectRow(const unsigned char* s, unsigned char* d, int32_t n, int32_t t, __m256i up, __m256i down) {
+  int32_t x = 0;
+  for (; x + 8 <= n; x += 8) {
+    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 4 * x));
+    const __m256i o = _mm256_subs_epu8(_mm256_adds_epu8(v, up), down);
+    if (kStream) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(d + 4 * x), _mm256_castsi256_si128(o));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(d + 4 * x + 16), _mm256_extracti128_si256(o, 1));
+    } else {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + 4 * x), o);
+    }
+  }
+  for (; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) {
+      d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
+    }
+    d[4 * x + 3] = s[4 * x + 3];
+  }
+}
+
+}  // namespace
+
 int32_t GlowDetectHighlight_AVX2(ThreadJob* job, int32_t* result) {
   const auto* p = static_cast<const GlowDetectParam*>(job->param);
   // The masked form reads three mask bytes per pixel with edge rules; it stays
@@ -20,26 +52,24 @@ int32_t GlowDetectHighlight_AVX2(ThreadJob* job, int32_t* result) {
   }
   const Rect r = Clip(job->rect, p->cols, p->rows);
   if (IsEmpty(r)) return Done(result, S_OK);
-  // B, G, R move by the threshold with unsigned saturation; alpha lanes move by 0.
   const int32_t t = std::min(std::max(p->threshold, -255), 255);
   const __m256i up = _mm256_set1_epi32(static_cast<int32_t>(static_cast<uint32_t>(std::max(-t, 0)) * 0x010101u));
   const __m256i down = _mm256_set1_epi32(static_cast<int32_t>(static_cast<uint32_t>(std::max(t, 0)) * 0x010101u));
-  const int32_t n = r.right - r.left;
+  const bool large = int64_t{p->cols} * p->rows * 4 >= kStreamBytes;
+  bool streamed = false;
   for (int32_t y = r.top; y < r.bottom; ++y) {
     const unsigned char* s = RowPtr(*p->src, y) + r.left * 4;
     unsigned char* d = RowPtr(*p->dst, y) + r.left * 4;
-    int32_t x = 0;
-    for (; x + 8 <= n; x += 8) {
-      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + 4 * x));
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + 4 * x), _mm256_subs_epu8(_mm256_adds_epu8(v, up), down));
-    }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) {
-        d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
-      }
-      d[4 * x + 3] = s[4 * x + 3];
+    if (large && (reinterpret_cast<uintptr_t>(d) & 15) == 0) {
+      DetectRow<true>(s, d, r.right - r.left, t, up, down);
+      streamed = true;
+    } else {
+      DetectRow<false>(s, d, r.right - r.left, t, up, down);
     }
   }
+  // Streamed stores are weakly ordered: make them visible before the band
+  // reports completion.
+  if (streamed) _mm_sfence();
   return Done(result, S_OK);
 }
 

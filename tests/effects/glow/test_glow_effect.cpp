@@ -467,6 +467,27 @@ TEST(GlowStages, DetectHighlightReadsThreeMaskBytesAndTreatsBytesBeyondTheMaskAs
   }
 }
 
+// A highlight of 16 MB and more is written past the caches by the forms that
+// can: the same bytes as the plain form, on aligned rows and on rows a pixel
+// off alignment (a stride of an odd number of pixels).
+TEST(GlowStages, LargeHighlightsGetTheSameBytes) {
+  for (int cols : {2048, 2049}) {
+    const int rows = 2050;
+    const Bytes src = RandomBytes(static_cast<size_t>(cols) * rows * 4, 8);
+    Bytes want;
+    for (int32_t simd : KorvaneTest::Forms()) {
+      Bytes out(src.size(), 0x11), in = src;
+      SmartBuffer s = MakeSmartBufferView(in.data(), cols, rows), d = MakeSmartBufferView(out.data(), cols, rows);
+      GlowDetectParam p{&s, &d, nullptr, 70, cols, rows};
+      const auto task = KORVANE_PICK_AVX2(KorvaneTest::Level(simd), GlowDetectHighlight, GlowDetectHighlight_SSE,
+                                          GlowDetectHighlight_AVX2);
+      ASSERT_EQ(RunTask(task.fn, &p, Rect{0, 0, cols, rows}), S_OK);
+      if (want.empty()) want = out;
+      ASSERT_TRUE(out == want) << cols << " " << task.name << ": " << KorvaneTest::FirstDifference(out, want, cols);
+    }
+  }
+}
+
 TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrastAndTheTableAppliesIt) {
   for (float k : {-0.5f, 0.0f, 0.5f}) {
     EXPECT_NEAR(GlowToneCurve(0.0f, 1.0f, k), 0.0625f, 1e-6f);

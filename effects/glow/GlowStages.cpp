@@ -116,22 +116,8 @@ int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
   const GlowConvertParam* p = GlowConvertBand(job, result, r);
   if (!p) return *result;
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    const unsigned char* s = RowPtr(*p->bytes, y) + r.left * 4;
-    float* d = RowPtr<float>(*p->floats, y) + r.left * 3;
-    const int32_t n = r.right - r.left;
-    if (p->tone) {
-      for (int32_t i = 0; i < n; ++i) {
-        d[3 * i + 0] = p->tone[s[4 * i + 0]];
-        d[3 * i + 1] = p->tone[s[4 * i + 1]];
-        d[3 * i + 2] = p->tone[s[4 * i + 2]];
-      }
-      continue;
-    }
-    for (int32_t i = 0; i < n; ++i) {
-      d[3 * i + 0] = s[4 * i + 0] * 0.003921569f + 0.0f;
-      d[3 * i + 1] = s[4 * i + 1] * 0.003921569f + 0.0f;
-      d[3 * i + 2] = s[4 * i + 2] * 0.003921569f + 0.0f;
-    }
+    glow_detail::ByteToFloatPixels(RowPtr(*p->bytes, y) + r.left * 4, RowPtr<float>(*p->floats, y) + r.left * 3,
+                                   r.right - r.left, p->tone);
   }
   return Done(result, S_OK);
 }

@@ -3,6 +3,7 @@
 // images it touches, so no region can make it read or write outside them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -91,5 +92,47 @@ struct GlowColorParam {
 };
 int32_t GlowAdjustColor(ThreadJob* job, int32_t* result);
 int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result);
+
+// Per-pixel forms of the stages, with which the SIMD forms finish their rows.
+// Static: each file, whatever instruction set it is built for, keeps its own
+// copy.
+namespace glow_detail {
+
+// "detect hlr" without a mask: n BGRA pixels, B, G, R minus t (-255..255)
+// clamped, alpha copied.
+static inline void DetectPixels(const unsigned char* s, unsigned char* d, int32_t n, int32_t t) {
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) {
+      d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
+    }
+    d[4 * x + 3] = s[4 * x + 3];
+  }
+}
+
+// "convert BYTE to Float" of n pixels, through `tone` when given.
+static inline void ByteToFloatPixels(const unsigned char* s, float* d, int32_t n, const float* tone) {
+  if (tone) {
+    for (int32_t x = 0; x < n; ++x) {
+      for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = tone[s[4 * x + c]];
+    }
+    return;
+  }
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
+  }
+}
+
+// "convert Float to BYTE" of n pixels: x * 255 in double (exact), clamped to
+// 0..255 (NaN to 0), truncated; alpha kept.
+static inline void FloatToBytePixels(const float* s, unsigned char* d, int32_t n) {
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) {
+      const double v = std::min(std::max(0.0, s[3 * x + c] * 255.0 + 0.0), 255.0);
+      d[4 * x + c] = static_cast<unsigned char>(static_cast<int32_t>(v));
+    }
+  }
+}
+
+}  // namespace glow_detail
 
 }  // namespace Korvane

@@ -32,12 +32,7 @@ void DetectRow(const unsigned char* s, unsigned char* d, int32_t n, int32_t t, _
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + 4 * x), o);
     }
   }
-  for (; x < n; ++x) {
-    for (int32_t c = 0; c < 3; ++c) {
-      d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
-    }
-    d[4 * x + 3] = s[4 * x + 3];
-  }
+  glow_detail::DetectPixels(s + 4 * x, d + 4 * x, n - x, t);
 }
 
 }  // namespace
@@ -106,9 +101,7 @@ int32_t GlowByteToFloat_AVX2(ThreadJob* job, int32_t* result) {
         ChannelIndices(s + 4 * x, idx);
         for (int k = 0; k < 3; ++k) _mm256_storeu_ps(d + 3 * x + 8 * k, _mm256_i32gather_ps(p->tone, idx[k], 4));
       }
-      for (; x < n; ++x) {
-        for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = p->tone[s[4 * x + c]];
-      }
+      glow_detail::ByteToFloatPixels(s + 4 * x, d + 3 * x, n - x, p->tone);
       continue;
     }
     for (; x + 8 <= n; x += 8) {
@@ -118,9 +111,7 @@ int32_t GlowByteToFloat_AVX2(ThreadJob* job, int32_t* result) {
         _mm256_storeu_ps(d + 3 * x + 8 * k, _mm256_add_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(idx[k]), scale), zero));
       }
     }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
-    }
+    glow_detail::ByteToFloatPixels(s + 4 * x, d + 3 * x, n - x, nullptr);
   }
   return Done(result, S_OK);
 }
@@ -166,12 +157,7 @@ int32_t GlowFloatToByte_AVX2(ThreadJob* job, int32_t* result) {
       const __m256i old = _mm256_loadu_si256(out);
       _mm256_storeu_si256(out, _mm256_blendv_epi8(_mm256_shuffle_epi8(both, spread), old, alpha));
     }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) {
-        const double v = std::min(std::max(0.0, s[3 * x + c] * 255.0 + 0.0), 255.0);
-        d[4 * x + c] = static_cast<unsigned char>(static_cast<int32_t>(v));
-      }
-    }
+    glow_detail::FloatToBytePixels(s + 3 * x, d + 4 * x, n - x);
   }
   return Done(result, S_OK);
 }

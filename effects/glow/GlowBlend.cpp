@@ -115,14 +115,14 @@ template <int Slot>
 constexpr SlotEntry EntryOf() {
   constexpr bool kSse = KORVANE_HAVE_SSE41 != 0;
   constexpr bool kAvx2 = KORVANE_HAVE_AVX2 != 0;
-  // The float slots have no wider form: the SIMD tables take their
-  // roi-relative rows.
+  // The float slots' SSE4.1 table takes their plain rows with roi-relative
+  // addressing; the AVX2 table has their eight-pixel forms.
   if constexpr (Slot == 14) {
     return SlotEntry{&GlowBlendHueRows<false>, kSse ? &GlowBlendHueRows<true> : nullptr,
-                     kAvx2 ? &GlowBlendHueRows<true> : nullptr, nullptr, nullptr};
+                     KORVANE_AVX2(GlowBlendHueRows_AVX2), nullptr, nullptr};
   } else if constexpr (Slot == 15) {
     return SlotEntry{&GlowBlendSaturationRows<false>, kSse ? &GlowBlendSaturationRows<true> : nullptr,
-                     kAvx2 ? &GlowBlendSaturationRows<true> : nullptr, nullptr, nullptr};
+                     KORVANE_AVX2(GlowBlendSaturationRows_AVX2), nullptr, nullptr};
   } else {
     ThreadTask sse = nullptr, avx2 = nullptr;
     if constexpr (kSse) sse = &BlendRows<Slot, kSse41Rows>;

@@ -118,11 +118,19 @@ struct GlowBlendBand {
 // Validates the task's parameter and clips its band; S_OK with an empty band
 // when nothing is to be written. roi_relative: the SSE4.1 tables' addressing.
 int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_relative, GlowBlendBand* band);
-// Row tasks of the float modes, in the plain and the SSE4.1 table's addressing.
+// Row tasks of the float modes, in the plain and the SSE4.1 table's
+// addressing, and the AVX2 forms (eight pixels a step, the SIMD tables'
+// addressing).
 template <bool kRoiRelative>
 int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result);
 template <bool kRoiRelative>
 int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result);
+int32_t GlowBlendHueRows_AVX2(ThreadJob* job, int32_t* result);
+int32_t GlowBlendSaturationRows_AVX2(ThreadJob* job, int32_t* result);
+// One pixel of float mode 11 (hue) or 12 (saturation): the glow's three
+// floats at sr (0..1) over the photo pixel dp, composited into o, which is
+// left untouched where the frame writes nothing.
+void GlowBlendFloatPixel(bool hue, const float* sr, const uint8_t* dp, uint8_t* o, int32_t opacity);
 
 namespace {
 

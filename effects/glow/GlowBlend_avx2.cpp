@@ -1,11 +1,17 @@
-// Eight-pixel AVX2 kernels of the byte blend modes. The blend formulas are
+// Eight-pixel AVX2 kernels of the blend modes. The byte blend formulas are
 // the plain ones, instantiated over eight 32-bit lanes: each group of eight
 // BGRA pixels is split into channel planes, so one lane is one pixel and the
 // results match the per-pixel functions bit for bit. Opaque runs go sixteen
-// pixels at a time in 16-bit lanes, as the SSE4.1 form does with eight.
+// pixels at a time in 16-bit lanes, as the SSE4.1 form does with eight. The
+// float modes (hue, saturation) repeat the plain form's float operations in
+// the same order, every branch computed and selected per lane.
 #define KORVANE_GLOW_BLEND_FORMULAS 1
 #include <immintrin.h>
 
+#include <cstddef>
+
+#include "core/ImageChecks.h"
+#include "core/ResultCode.h"
 #include "effects/glow/GlowBlend.h"
 
 namespace Korvane {
@@ -180,6 +186,139 @@ void GlowBlend8_AVX2(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t c
     _mm256_storeu_si256(dst, _mm256_blendv_epi8(_mm256_loadu_si256(dst), px, c.write.v));
   }
 }
+
+// ---------------------------------------------------------------------------
+// Float modes: the plain form's operations (GlowBlendFloat.cpp) on eight lanes.
+
+namespace {
+
+using F8 = __m256;
+
+inline F8 Set(float v) { return _mm256_set1_ps(v); }
+inline F8 Pick(F8 c, F8 a, F8 b) { return _mm256_blendv_ps(b, a, c); }
+inline F8 Gt(F8 a, F8 b) { return _mm256_cmp_ps(a, b, _CMP_GT_OQ); }
+inline F8 Lt(F8 a, F8 b) { return _mm256_cmp_ps(a, b, _CMP_LT_OQ); }
+inline F8 Ge(F8 a, F8 b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
+inline F8 Eq(F8 a, F8 b) { return _mm256_cmp_ps(a, b, _CMP_EQ_OQ); }
+
+// v > 0 ? (v < 255 ? v : 255) : 0, NaN to 0.
+inline F8 Clamp255F(F8 v) { return _mm256_and_ps(Gt(v, Set(0.0f)), _mm256_min_ps(v, Set(255.0f))); }
+
+// Colours are B, G, R planes.
+inline F8 LumaF(const F8* c) {
+  const F8 sum = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(c[1], Set(38665.0f)), _mm256_mul_ps(c[2], Set(19660.0f))),
+                               _mm256_mul_ps(c[0], Set(7209.0f)));
+  return _mm256_mul_ps(sum, Set(1.5258789e-5f));
+}
+
+// Chroma, and the largest channel in *hi (the channels are finite).
+inline F8 ChromaF(const F8* c, F8* hi) {
+  *hi = _mm256_max_ps(_mm256_max_ps(c[0], c[1]), c[2]);
+  return _mm256_sub_ps(*hi, _mm256_min_ps(_mm256_min_ps(c[0], c[1]), c[2]));
+}
+
+// Hue on 0..1536; 0 for a grey. The red sector's value lies in 1280..1792,
+// so one subtraction of 1536 takes it below 1536.
+inline F8 HueF(const F8* c, F8 hi, F8 chroma) {
+  const F8 k256 = Set(256.0f);
+  F8 hr = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(_mm256_sub_ps(c[1], c[0]), k256), chroma), Set(1536.0f));
+  hr = Pick(Ge(hr, Set(1536.0f)), _mm256_sub_ps(hr, Set(1536.0f)), hr);
+  const F8 hg = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(_mm256_sub_ps(c[0], c[2]), k256), chroma), Set(512.0f));
+  const F8 hb = _mm256_add_ps(_mm256_div_ps(_mm256_mul_ps(_mm256_sub_ps(c[2], c[1]), k256), chroma), Set(1024.0f));
+  const F8 h = Pick(Eq(hi, c[2]), hr, Pick(Eq(hi, c[1]), hg, hb));
+  return _mm256_and_ps(Gt(chroma, Set(0.0f)), h);
+}
+
+// A colour of hue h, chroma c and luminance l, clamped to 0..255.
+inline void BuildF(F8 h, F8 c, F8 l, F8* out) {
+  const F8 zero = _mm256_setzero_ps();
+  const F8 turns = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(_mm256_div_ps(h, Set(512.0f))));
+  const F8 hr = _mm256_sub_ps(h, _mm256_mul_ps(Set(512.0f), turns));
+  const F8 off = _mm256_andnot_ps(Set(-0.0f), _mm256_sub_ps(hr, Set(256.0f)));  // fabs
+  const F8 x = _mm256_mul_ps(_mm256_mul_ps(_mm256_sub_ps(Set(256.0f), off), c), Set(0.00390625f));
+  // (R, G, B) per sector: (c,x,0) (x,c,0) (0,c,x) (0,x,c) (x,0,c) (c,0,x).
+  const F8 s1 = Lt(h, Set(256.0f)), s2 = Lt(h, Set(512.0f)), s3 = Lt(h, Set(768.0f));
+  const F8 s4 = Lt(h, Set(1024.0f)), s5 = Lt(h, Set(1280.0f));
+  const F8 r = Pick(s1, c, Pick(s2, x, Pick(s3, zero, Pick(s4, zero, Pick(s5, x, c)))));
+  const F8 g = Pick(s1, x, Pick(s2, c, Pick(s3, c, Pick(s4, x, zero))));
+  const F8 b = Pick(s1, zero, Pick(s2, zero, Pick(s3, x, Pick(s4, c, Pick(s5, c, x)))));
+  const F8 col[3] = {b, g, r};
+  const F8 shift = _mm256_sub_ps(l, LumaF(col));
+  const F8 coloured = Gt(c, zero);
+  const F8 grey = Clamp255F(l);
+  for (int k = 0; k < 3; ++k) out[k] = Pick(coloured, Clamp255F(_mm256_add_ps(col[k], shift)), grey);
+}
+
+inline void HueMode(const F8* s, const F8* d, F8* f) {
+  F8 hs, hd;
+  const F8 cs = ChromaF(s, &hs);
+  const F8 cd = ChromaF(d, &hd);
+  BuildF(HueF(s, hs, cs), _mm256_and_ps(Gt(cs, Set(0.0f)), cd), LumaF(d), f);
+}
+
+inline void SaturationMode(const F8* s, const F8* d, F8* f) {
+  F8 hs, hd;
+  F8 c = ChromaF(s, &hs);
+  const F8 cd = ChromaF(d, &hd);
+  const F8 l = LumaF(d);
+  c = Pick(Lt(cd, Set(5.0f)), _mm256_div_ps(_mm256_mul_ps(cd, c), Set(5.0f)), c);
+  const F8 light = _mm256_div_ps(_mm256_mul_ps(_mm256_sub_ps(Set(255.0f), l), c), Set(75.0f));
+  const F8 dark = _mm256_div_ps(_mm256_mul_ps(l, c), Set(60.0f));
+  c = Pick(Gt(l, Set(180.0f)), light, Pick(Lt(l, Set(60.0f)), dark, c));
+  BuildF(HueF(d, hd, cd), c, l, f);
+}
+
+// Eight pixels: the glow's floats at sr, the photo's BGRA at dp, into o.
+template <bool kHue>
+inline void Float8(const float* sr, const uint8_t* dp, uint8_t* o, const V& opacity) {
+  alignas(32) float planes[3][8];
+  for (int i = 0; i < 8; ++i)
+    for (int k = 0; k < 3; ++k) planes[k][i] = sr[3 * i + k];
+  F8 sf[3];
+  for (int k = 0; k < 3; ++k) sf[k] = Clamp255F(_mm256_mul_ps(_mm256_load_ps(planes[k]), Set(255.0f)));
+  const __m256i split = SplitEight(dp);
+  const __m128i bg = _mm256_castsi256_si128(split), ra = _mm256_extracti128_si256(split, 1);
+  const V dv[3] = {_mm256_cvtepu8_epi32(bg), _mm256_cvtepu8_epi32(_mm_srli_si128(bg, 8)), _mm256_cvtepu8_epi32(ra)};
+  const V ad = _mm256_cvtepu8_epi32(_mm_srli_si128(ra, 8));
+  const F8 df[3] = {_mm256_cvtepi32_ps(dv[0].v), _mm256_cvtepi32_ps(dv[1].v), _mm256_cvtepi32_ps(dv[2].v)};
+  F8 ff[3];
+  if (kHue)
+    HueMode(sf, df, ff);
+  else
+    SaturationMode(sf, df, ff);
+  V sv[3], fv[3];
+  for (int k = 0; k < 3; ++k) {
+    sv[k] = _mm256_cvttps_epi32(_mm256_add_ps(sf[k], Set(0.5f)));
+    fv[k] = _mm256_cvttps_epi32(_mm256_add_ps(ff[k], Set(0.5f)));
+  }
+  const Composited<V> c = Composite<V>(sv, V(255), dv, ad, fv, opacity);
+  const __m256i px = JoinEight(c.out[0].v, c.out[1].v, c.out[2].v, c.alpha.v);
+  __m256i* dst = reinterpret_cast<__m256i*>(o);
+  _mm256_storeu_si256(dst, _mm256_blendv_epi8(_mm256_loadu_si256(dst), px, c.write.v));
+}
+
+template <bool kHue>
+int32_t FloatRows(ThreadJob* job, int32_t* result) {
+  GlowBlendBand b;
+  const int32_t hr = GlowBlendPrepareBand(job, true, true, &b);
+  if (hr >= 0) {
+    const V opacity(b.opacity);
+    for (int32_t y = b.y0; y < b.y1; ++y) {
+      const float* sr = reinterpret_cast<const float*>(b.glow + static_cast<ptrdiff_t>(y) * b.glow_stride);
+      const uint8_t* dr = b.photo + static_cast<ptrdiff_t>(y) * b.photo_stride;
+      uint8_t* orow = b.dst + static_cast<ptrdiff_t>(y - b.oy) * b.dst_stride;
+      int32_t x = b.x0;
+      for (; x + 8 <= b.x1; x += 8) Float8<kHue>(sr + x * 3, dr + x * 4, orow + (x - b.ox) * 4, opacity);
+      for (; x < b.x1; ++x) GlowBlendFloatPixel(kHue, sr + x * 3, dr + x * 4, orow + (x - b.ox) * 4, b.opacity);
+    }
+  }
+  return Done(result, hr);
+}
+
+}  // namespace
+
+int32_t GlowBlendHueRows_AVX2(ThreadJob* job, int32_t* result) { return FloatRows<true>(job, result); }
+int32_t GlowBlendSaturationRows_AVX2(ThreadJob* job, int32_t* result) { return FloatRows<false>(job, result); }
 
 #define KORVANE_GLOW_AVX2(SLOT) \
   template void GlowBlend8_AVX2<SLOT>(const uint8_t*, const uint8_t*, uint8_t*, int32_t, int32_t);

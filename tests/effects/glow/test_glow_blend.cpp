@@ -370,6 +370,44 @@ TEST(GlowBlendRows, FloatModesKeepThePhotoWhenTheGlowIsThePhoto) {
   }
 }
 
+// The float modes' rows of every form against the plain rows: glow values
+// in and out of 0..1 (NaN too), greys, pure hues on the sector edges, photo
+// alphas from 0, awkward widths.
+TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRows) {
+  std::mt19937 rng(13);
+  std::uniform_real_distribution<float> wide(-0.2f, 1.3f);
+  Runner r(2);
+  for (int32_t w : {1, 7, 8, 9, 17, 33, 70}) {
+    const int32_t h = 6;
+    Image photo = Random(w, h, rng), glow_f(w, h, PIXEL_FLOAT96);
+    float* gf = reinterpret_cast<float*>(glow_f.px.data());
+    const float edges[][3] = {{0, 0, 1}, {0, 1, 1}, {0, 1, 0}, {1, 1, 0}, {1, 0, 0}, {1, 0, 1}, {0.5f, 0.5f, 0.5f}};
+    for (int32_t i = 0; i < w * h; ++i) {
+      for (int k = 0; k < 3; ++k) gf[i * 3 + k] = i % 5 == 0 ? edges[(i / 5) % 7][k] : wide(rng);
+      if (i % 23 == 4) gf[i * 3 + 1] = std::nanf("");
+      if (i % 11 == 3) photo.px[i * 4 + 1] = photo.px[i * 4 + 2] = photo.px[i * 4];  // a grey photo pixel
+    }
+    SmartBuffer pv = photo.View(), fv = glow_f.View();
+    for (int32_t slot : {14, 15}) {
+      Image want(w, h);
+      std::fill(want.px.begin(), want.px.end(), 0x5A);
+      SmartBuffer wv = want.View();
+      GlowBlendParam p;
+      p.glow_f = &fv, p.photo = &pv, p.dst = &wv, p.roi = {0, 0, w, h}, p.opacity = 230;
+      ASSERT_EQ(r.Run(slot, p), S_OK);
+      for (int form : KorvaneTest::Forms()) {
+        Image out(w, h);
+        std::fill(out.px.begin(), out.px.end(), 0x5A);
+        SmartBuffer ov = out.View();
+        p.dst = &ov;
+        ASSERT_EQ(r.Run(slot, p, form), S_OK);
+        ASSERT_EQ(out.px, want.px) << "slot " << slot << " width " << w << ", " << KorvaneTest::FormName(form) << ": "
+                                   << KorvaneTest::FirstDifference(out.px, want.px, w);
+      }
+    }
+  }
+}
+
 TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   std::mt19937 rng(1);
   Image glow = Random(8, 8, rng), photo = Random(8, 8, rng), out(8, 8), small(4, 4), gray(8, 8, PIXEL_GRAY8);

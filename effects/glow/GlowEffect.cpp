@@ -219,7 +219,7 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   // Float" and the two "BoxBlurH" passes of "soften hlr" in one sweep.
   const auto to_float = KORVANE_PICK_AVX2(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE, GlowByteToFloat_AVX2);
   RowPipeline chain(8);
-  chain.Then("downsampling hlr", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &down)
+  chain.Then("downsampling hlr", PickBilinearResize(m_system_info, PIXEL_BGRA32).fn, &down)
       .Then("convert BYTE to Float", to_float.fn, &conv);
   if (r > 0) chain.Then("soften hlr", KORVANE_PICK(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE).fn, &blur_rows);
   int32_t hr;

@@ -42,7 +42,7 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t AdjustColor(bool floats);
   int32_t UpsampleAndBlend(bool floats);
 
-  SmartBuffer m_aligned_src;    // copy of the photo, aligned allocation, image-size fields
+  SmartBuffer m_aligned_src;    // the photo's copy (made when the output shares its memory), image-size fields
   SmartBuffer m_aligned_hlr;    // full-size highlight, same layout
   SmartBuffer m_scaled_hlr;     // half-size highlight, BGRA
   SmartBuffer m_scaled_img_f;   // half-size highlight, FLOAT96

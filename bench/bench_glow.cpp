@@ -66,6 +66,7 @@ void BM_GlowScreenSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN,
 void BM_GlowAddition(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_ADDITION, SIMD_SSE42, AVX_AVX2, false); }
 void BM_GlowAdditionSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_ADDITION, SIMD_SSE42, AVX_NONE, false); }
 void BM_GlowScreenTint(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_AVX2, true); }
+void BM_GlowScreenTintSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_NONE, true); }
 void BM_GlowHue(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, SIMD_SSE42, AVX_AVX2, false); }
 void BM_GlowHueSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, SIMD_SSE42, AVX_NONE, false); }
 void BM_GlowScreenPlain(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_NONE, AVX_NONE, false); }
@@ -102,6 +103,7 @@ KORVANE_BENCH_MS(BM_GlowScreenSse, "korvane/glow_4000x3000_r40_screen_sse41");
 KORVANE_BENCH_MS(BM_GlowAddition, "korvane/glow_4000x3000_r40_addition");
 KORVANE_BENCH_MS(BM_GlowAdditionSse, "korvane/glow_4000x3000_r40_addition_sse41");
 KORVANE_BENCH_MS(BM_GlowScreenTint, "korvane/glow_4000x3000_r40_screen_tinted");
+KORVANE_BENCH_MS(BM_GlowScreenTintSse, "korvane/glow_4000x3000_r40_screen_tinted_sse41");
 KORVANE_BENCH_MS(BM_GlowHue, "korvane/glow_4000x3000_r40_hue");
 KORVANE_BENCH_MS(BM_GlowHueSse, "korvane/glow_4000x3000_r40_hue_sse41");
 KORVANE_BENCH_MS(BM_GlowScreenPlain, "korvane/glow_4000x3000_r40_screen_plain");

@@ -245,8 +245,11 @@ int32_t GlowEffect::AdjustColor(bool floats) {
   p.hue = m_param.color_hue;
   p.saturation = m_param.saturation;
   p.brightness = m_param.brightness;
+  // The byte stage has a plain and an AVX2 form.
+  const auto bytes = ChooseKernel<ThreadTask>(m_system_info, &GlowAdjustColor, "GlowAdjustColor", nullptr, "",
+                                              KORVANE_AVX2(GlowAdjustColor_AVX2), "GlowAdjustColor_AVX2");
   return LogStep("adjust color",
-                 m_thread_adapter.RunTaskByMultiThread(floats ? GlowAdjustColorFloat : GlowAdjustColor, &p, this,
+                 m_thread_adapter.RunTaskByMultiThread(floats ? GlowAdjustColorFloat : bytes.fn, &p, this,
                                                        Rect{0, 0, m_scaled_img_w, m_scaled_img_h}));
 }
 

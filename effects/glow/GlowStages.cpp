@@ -185,6 +185,12 @@ void GlowToneTable(const GlowLightParam& p, float table[256]) {
   ToneCurveSamples(table, 256, p);
 }
 
+void GlowTintTable(const GlowColorParam& p, int32_t tint[256][3]) {
+  const int32_t hue = ClampToInt(p.hue * kHueFull, 0, kHueFull);
+  const int32_t sat = ClampToInt(p.strength * kHsvMax, 0, kHsvMax);
+  for (int32_t v = 0; v < 256; ++v) HsvToRgb(hue, sat, v << 7, tint[v][0], tint[v][1], tint[v][2]);
+}
+
 namespace {
 
 // The byte colour adjustment of one band. kTint: color_strength is not 0.
@@ -196,13 +202,8 @@ void AdjustColorBand(const GlowColorParam& p, const Rect& r) {
   const float w = p.strength, keep = 1.0f - p.strength;
   const float sat_gain = p.saturation + 1.0f;
   const float beta = p.brightness;
-  // Tint colour for each value v (its hue and saturation are fixed per call).
   int32_t tint[256][3];
-  if (kTint) {
-    const int32_t hue = ClampToInt(p.hue * kHueFull, 0, kHueFull);
-    const int32_t sat = ClampToInt(w * kHsvMax, 0, kHsvMax);
-    for (int32_t v = 0; v < 256; ++v) HsvToRgb(hue, sat, v << 7, tint[v][0], tint[v][1], tint[v][2]);
-  }
+  if (kTint) GlowTintTable(p, tint);
   // B, G, R packed into the low three bytes, in and out.
   auto adjust = [&](uint32_t bgr) -> uint32_t {
     int32_t b = bgr & 255, g = (bgr >> 8) & 255, rr = (bgr >> 16) & 255;

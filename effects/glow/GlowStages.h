@@ -92,6 +92,11 @@ struct GlowColorParam {
 };
 int32_t GlowAdjustColor(ThreadJob* job, int32_t* result);
 int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result);
+// AVX2 form of the byte task: the same bytes, thirty-two pixels at a time.
+int32_t GlowAdjustColor_AVX2(ThreadJob* job, int32_t* result);
+// The tint colour (R, G, B) of each value v = 0..255 (v = the pixel's largest
+// channel): HSV to RGB of the tint's hue, saturation `strength` and v.
+void GlowTintTable(const GlowColorParam& p, int32_t tint[256][3]);
 
 // Per-pixel forms of the stages, with which the SIMD forms finish their rows.
 // Static: each file, whatever instruction set it is built for, keeps its own

@@ -265,20 +265,38 @@ ColorBandFn PickScale(bool scale) {
 
 }  // namespace
 
-int32_t GlowAdjustColor(ThreadJob* job, int32_t* result) {
+const GlowColorParam* GlowColorBand(ThreadJob* job, int32_t* result, Rect& r, GlowColorSteps& steps) {
   const auto* p = static_cast<const GlowColorParam*>(job->param);
-  if (!p->img || !p->img->data) return Done(result, E_POINTER);
-  if (p->img->pix_fmt != PIXEL_BGRA32) return Done(result, E_INVALIDARG);
-  const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (IsEmpty(r)) return Done(result, S_OK);
-  // Choose the band kernel once: each skipped step is one whose effect on an
-  // 8-bit colour is exactly nothing.
-  const bool tint = p->strength != 0.0f;
-  const bool hsv = p->saturation != 0.0f || p->strength > 1.0f;
-  const bool scale = p->brightness != 1.0f;
-  if (!tint && !hsv && !scale) return Done(result, S_OK);  // every colour stays as it is
-  ColorBandFn fn = tint ? (hsv ? PickScale<true, true>(scale) : PickScale<true, false>(scale))
-                                        : (hsv ? PickScale<false, true>(scale) : &AdjustColorBand<false, false, true>);
+  if (!p->img || !p->img->data) {
+    Done(result, E_POINTER);
+    return nullptr;
+  }
+  if (p->img->pix_fmt != PIXEL_BGRA32) {
+    Done(result, E_INVALIDARG);
+    return nullptr;
+  }
+  r = Clip(job->rect, p->img->width, p->img->height);
+  // Each skipped step is one whose effect on an 8-bit colour is exactly
+  // nothing. Without the HSV round trip a tint has strength 0..1 and keeps
+  // channels in 0..255.
+  steps.tint = p->strength != 0.0f;
+  steps.hsv = p->saturation != 0.0f || p->strength > 1.0f;
+  steps.scale = p->brightness != 1.0f;
+  if (IsEmpty(r) || (!steps.tint && !steps.hsv && !steps.scale)) {  // every colour stays as it is
+    Done(result, S_OK);
+    return nullptr;
+  }
+  return p;
+}
+
+int32_t GlowAdjustColor(ThreadJob* job, int32_t* result) {
+  Rect r;
+  GlowColorSteps st;
+  const GlowColorParam* p = GlowColorBand(job, result, r, st);
+  if (!p) return *result;
+  // The band kernel is chosen once.
+  ColorBandFn fn = st.tint ? (st.hsv ? PickScale<true, true>(st.scale) : PickScale<true, false>(st.scale))
+                           : (st.hsv ? PickScale<false, true>(st.scale) : &AdjustColorBand<false, false, true>);
   fn(*p, r);
   return Done(result, S_OK);
 }

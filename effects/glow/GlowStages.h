@@ -94,6 +94,13 @@ int32_t GlowAdjustColor(ThreadJob* job, int32_t* result);
 int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result);
 // AVX2 form of the byte task: the same bytes, thirty-two pixels at a time.
 int32_t GlowAdjustColor_AVX2(ThreadJob* job, int32_t* result);
+// The checks of the byte task, its band clipped to the image, and which of
+// its steps can change an 8-bit colour. Null when the task is already done
+// (*result set: an error, or nothing to change).
+struct GlowColorSteps {
+  bool tint = false, hsv = false, scale = false;
+};
+const GlowColorParam* GlowColorBand(ThreadJob* job, int32_t* result, Rect& r, GlowColorSteps& steps);
 // The tint colour (R, G, B) of each value v = 0..255 (v = the pixel's largest
 // channel): HSV to RGB of the tint's hue, saturation `strength` and v.
 void GlowTintTable(const GlowColorParam& p, int32_t tint[256][3]);

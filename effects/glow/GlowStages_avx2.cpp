@@ -341,20 +341,15 @@ void AdjustColorRows(const AdjustColorSteps& k, const SmartBuffer& img, const Re
 }  // namespace
 
 int32_t GlowAdjustColor_AVX2(ThreadJob* job, int32_t* result) {
-  const auto* p = static_cast<const GlowColorParam*>(job->param);
-  if (!p->img || !p->img->data) return Done(result, E_POINTER);
-  if (p->img->pix_fmt != PIXEL_BGRA32) return Done(result, E_INVALIDARG);
-  const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (IsEmpty(r)) return Done(result, S_OK);
-  // The plain form's choice of steps. Without the HSV round trip a tint has
-  // strength 0..1 and keeps channels in 0..255; the round trip and the
-  // brightness (0..1) give 0..255 too.
-  const bool tint = p->strength != 0.0f;
-  const bool hsv = p->saturation != 0.0f || p->strength > 1.0f;
-  const bool scale = p->brightness != 1.0f;
-  if (!tint && !hsv && !scale) return Done(result, S_OK);
+  Rect r;
+  GlowColorSteps st;
+  const GlowColorParam* p = GlowColorBand(job, result, r, st);
+  if (!p) return *result;
+  // The plain form's steps; each keeps the channels in 0..255 (a tint
+  // without the HSV round trip has strength 0..1, the round trip and the
+  // brightness give 0..255).
   int32_t table[256][3];
-  if (tint) GlowTintTable(*p, table);
+  if (st.tint) GlowTintTable(*p, table);
   AdjustColorSteps k;
   k.tint = &table[0][0];
   k.keep = _mm256_set1_ps(1.0f - p->strength);
@@ -366,7 +361,7 @@ int32_t GlowAdjustColor_AVX2(ThreadJob* job, int32_t* result) {
                                            {&AdjustColorRows<false, true, false>, &AdjustColorRows<false, true, true>}},
                                           {{&AdjustColorRows<true, false, false>, &AdjustColorRows<true, false, true>},
                                            {&AdjustColorRows<true, true, false>, &AdjustColorRows<true, true, true>}}};
-  kRows[tint][hsv][scale](k, *p->img, r);
+  kRows[st.tint][st.hsv][st.scale](k, *p->img, r);
   return Done(result, S_OK);
 }
 

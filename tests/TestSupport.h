@@ -32,13 +32,28 @@ inline void FillNoise(uint8_t* p, size_t n, uint32_t seed) {
   for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());
 }
 
-// 0 picks the plain forms, Korvane::SIMD_SSE41 the SSE4.1 ones.
+// A form code for Level beside the SIMD levels: the AVX2 forms (SSE4.2 with
+// AVX2 beside it).
+constexpr int kAvx2 = 100;
+
+// 0 picks the plain forms, Korvane::SIMD_SSE41 the SSE4.1 ones, kAvx2 the AVX2 ones.
 inline Korvane::SystemInfo Level(int simd, int processors = 2) {
   Korvane::SystemInfo info;
   info.processor_count = processors;
-  info.simd_level = simd;
+  info.simd_level = simd == kAvx2 ? Korvane::SIMD_SSE42 : simd;
+  info.avx_level = simd == kAvx2 ? Korvane::AVX_AVX2 : Korvane::AVX_NONE;
   return info;
 }
+
+// The forms a table-driven test compares, those this build has: plain (0),
+// SSE4.1 (SIMD_SSE41) and AVX2 (kAvx2).
+inline std::vector<int> Forms() {
+  std::vector<int> forms{0};
+  if (KORVANE_HAVE_SSE41) forms.push_back(Korvane::SIMD_SSE41);
+  if (KORVANE_HAVE_AVX2) forms.push_back(kAvx2);
+  return forms;
+}
+inline std::string FormName(int form) { return form == kAvx2 ? "AVX2" : form >= 5 ? "SSE4.1" : "plain"; }
 
 // A pool with its adapter, for running tasks directly.
 struct Runner {

@@ -17,6 +17,7 @@
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 #include "core/ThreadPool.h"
+#include "engine/CpuProbe.h"
 
 namespace KorvaneTest {
 
@@ -45,12 +46,21 @@ inline Korvane::SystemInfo Level(int simd, int processors = 2) {
   return info;
 }
 
-// The forms a table-driven test compares, those this build has: plain (0),
-// SSE4.1 (SIMD_SSE41) and AVX2 (kAvx2).
-inline std::vector<int> Forms() {
-  std::vector<int> forms{0};
-  if (KORVANE_HAVE_SSE41) forms.push_back(Korvane::SIMD_SSE41);
-  if (KORVANE_HAVE_AVX2) forms.push_back(kAvx2);
+// A kernel form a table-driven test compares: its code for Level (0, SIMD_SSE41
+// or kAvx2), its name and the SystemInfo that picks it. It converts to its
+// code, so `for (int form : Forms()) ... Level(form)` reads as well.
+struct Form {
+  int code = 0;
+  const char* name = "plain";
+  Korvane::SystemInfo info;
+  operator int() const { return code; }
+};
+
+// The forms this build has and this processor can run: plain, SSE4.1, AVX2.
+inline std::vector<Form> Forms() {
+  std::vector<Form> forms{{0, "plain", Level(0)}};
+  if (KORVANE_HAVE_SSE41) forms.push_back({Korvane::SIMD_SSE41, "SSE4.1", Level(Korvane::SIMD_SSE41)});
+  if (KORVANE_HAVE_AVX2 && Korvane::ProbeAvxLevel() >= Korvane::AVX_AVX2) forms.push_back({kAvx2, "AVX2", Level(kAvx2)});
   return forms;
 }
 inline std::string FormName(int form) { return form == kAvx2 ? "AVX2" : form >= 5 ? "SSE4.1" : "plain"; }

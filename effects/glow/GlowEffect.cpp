@@ -221,12 +221,12 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   RowPipeline chain(8);
   chain.Then("downsampling hlr", PickBilinearResize(m_system_info, PIXEL_BGRA32).fn, &down)
       .Then("convert BYTE to Float", to_float.fn, &conv);
-  if (r > 0) chain.Then("soften hlr", KORVANE_PICK(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE).fn, &blur_rows);
+  if (r > 0) chain.Then("soften hlr", KORVANE_PICK_AVX2(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2).fn, &blur_rows);
   int32_t hr;
   if ((hr = chain.Run(m_thread_adapter, region)) < 0) return hr;
 
   if (r > 0) {
-    const auto v = KORVANE_PICK(m_system_info, BoxBlurV, BoxBlurV_SSE);
+    const auto v = KORVANE_PICK_AVX2(m_system_info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
     for (int pass = 0; pass < 2; ++pass) {
       hr = LogStep("soften hlr", m_thread_adapter.RunTaskByMultiThread(v.fn, &blur, this, region, false));
       if (hr < 0) return hr;

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "KernelForms.h"
+#include "TestSupport.h"
 #include "TestSupport.h"
 #include "core/BilinearResize.h"
 #include "core/SmartBuffer.h"

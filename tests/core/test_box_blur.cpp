@@ -2,7 +2,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "KernelForms.h"
+#include "TestSupport.h"
 #include "TestSupport.h"
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"

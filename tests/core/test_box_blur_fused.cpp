@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "KernelForms.h"
+#include "TestSupport.h"
 #include "TestSupport.h"
 #include "core/BoxBlur.h"
 

@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "FocusBlurReference.h"
-#include "KernelForms.h"
+#include "TestSupport.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "core/ThreadAdapter.h"

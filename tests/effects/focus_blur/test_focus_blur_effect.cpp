@@ -4,7 +4,7 @@
 #include <string>
 
 #include "FocusBlurReference.h"
-#include "KernelForms.h"
+#include "TestSupport.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
 using namespace Korvane;

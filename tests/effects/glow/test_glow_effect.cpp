@@ -513,7 +513,7 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSimdFormsMatchBitForBit) {
   std::uniform_real_distribution<float> wide(-0.5f, 1.5f);
   float tone[256];
   GlowToneTable(GlowLightParam{3.0f, 0.25f}, tone);
-  const std::vector<int> forms = KorvaneTest::Forms();
+  const std::vector<KorvaneTest::Form> forms = KorvaneTest::Forms();
   for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 17, 31, 67}) {
     const int h = 3;
     std::vector<float> floats(static_cast<size_t>(w) * h * 3);

@@ -7,7 +7,9 @@ offers exactly the tool's options with the tool's messages.
 
 import inspect
 import json
+import os
 import re
+import sys
 import textwrap
 import warnings
 
@@ -156,6 +158,16 @@ def _parameter(option, default):
     return P(option["name"], P.KEYWORD_ONLY, default=default)
 
 
+def _warn(texts, category):
+    """Warnings pointing at the caller's line, outside this package."""
+    here = os.path.dirname(__file__)
+    level, frame = 2, sys._getframe(1)
+    while frame and os.path.dirname(frame.f_code.co_filename) == here:
+        level, frame = level + 1, frame.f_back
+    for text in texts:
+        warnings.warn(text, category, stacklevel=level)
+
+
 def _bind(signature, name, args, kwargs):
     try:
         signature.bind(*args, **kwargs)
@@ -179,9 +191,11 @@ def make_class(command, warning):
 
     def __init__(self, photo, /, *, order=None, **options):
         _bind(init_signature, cls_name, (self, photo), dict(options, order=order))
+        self._open(photo, order, options)
+        _warn(self._effect.warnings, warning)
+
+    def _open(self, photo, order, options):
         self._effect = _korvane.Effect(command["command"], photo, order, core_options(command, options))
-        for text in self._effect.warnings:
-            warnings.warn(text, warning, stacklevel=2)
 
     if animated:
         def render(self, frame=0, frames=frames_default, **options):
@@ -206,7 +220,7 @@ def make_class(command, warning):
     __init__.__signature__ = init_signature
     render.__signature__ = render_signature
     members = {
-        "__init__": __init__, "render": render, "__doc__": class_doc(command, names), "__module__": "korvane",
+        "__init__": __init__, "_open": _open, "render": render, "__doc__": class_doc(command, names), "__module__": "korvane",
         "width": property(lambda self: self._effect.width, doc="Width of the frames (the photo's or roi's)."),
         "height": property(lambda self: self._effect.height, doc="Height of the frames."),
         "warnings": property(lambda self: list(self._effect.warnings), doc="What the tool would warn about."),
@@ -220,7 +234,7 @@ def make_class(command, warning):
     return cls
 
 
-def make_function(command, cls):
+def make_function(command, cls, warning):
     name = command["name"]
     frames_default = loop_defaults(command)
     params = [P("photo", P.POSITIONAL_ONLY), P("order", P.KEYWORD_ONLY, default=None)]
@@ -234,13 +248,20 @@ def make_function(command, cls):
         frames = options.pop("frames", None)
         frame = options.pop("frame", None)
         frames = frames_default if frames is None else frames
-        effect = cls(photo, order=order, **options)
+        effect = cls.__new__(cls)
+        effect._open(photo, order, options)
+        # The first render checks the frame numbers; warnings come after it,
+        # as the tool warns only about a command line it runs.
         if not command["animated"]:
-            return effect.render()
-        if frame is not None or frames == 1:
-            return effect.render(0 if frame is None else frame, frames)
-        first = effect.render(0, frames)  # refuses a frame count out of range
-        return [first] + [effect.render(i, frames) for i in range(1, frames)]
+            result = effect.render()
+        elif frame is not None or frames == 1:
+            result = effect.render(0 if frame is None else frame, frames)
+        else:
+            result = [effect.render(0, frames)]
+        _warn(effect.warnings, warning)
+        if isinstance(result, list):
+            result += [effect.render(i, frames) for i in range(1, frames)]
+        return result
 
     function.__name__ = function.__qualname__ = name
     function.__module__ = "korvane"
@@ -255,6 +276,6 @@ def build(namespace, warning):
     for command in commands():
         cls = make_class(command, warning)
         namespace[cls.__name__] = cls
-        namespace[command["name"]] = make_function(command, cls)
+        namespace[command["name"]] = make_function(command, cls, warning)
         names += [command["name"], cls.__name__]
     return names

@@ -50,7 +50,14 @@ void Check(const std::string& message) {
 void SetValue(OptionValues& values, const OptionSpec& o, const py::handle& value) {
   // Text is read exactly as the tool reads its command line.
   if (py::isinstance<py::str>(value)) {
-    Check(values.Set(o.name, value.cast<std::string>()));
+    const std::string text = value.cast<std::string>();
+    Check(values.Set(o.name, text));
+    // For the tool any other text names an image file; here images are arrays.
+    if (o.or_image && values.ChoiceIndex(o.name) < 0) {
+      std::string names;
+      for (const std::string& c : o.choices) names += (names.empty() ? "" : ", ") + c;
+      throw py::value_error("--" + o.name + ": '" + text + "' is not one of " + names + " (or give an image array)");
+    }
     return;
   }
   switch (o.kind) {

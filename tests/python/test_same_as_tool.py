@@ -63,8 +63,9 @@ CASES = [
     ("glitch", {"type": 6, "radius": 50, "angle": 20}),
     ("glow", {"intensity": 0.6, "mode": "overlay", "radius": 3, "threshold": 150, "mask": MASK,
               "roi": (8, 4, 60, 40)}),
-    ("light_rays", {"center": (30, 20), "length": 40, "lampshade": (90, 30, 5), "animate_rays": True, "frames": 3}),
-    ("light_rays", {"mode": "directional", "angle": 300, "color": -1}),
+    ("light_rays", {"threshold": 100, "center": (30, 20), "length": 40, "lampshade": (90, 30, 5),
+                    "animate_rays": True, "frames": 3}),
+    ("light_rays", {"threshold": 100, "mode": "directional", "angle": 300, "color": -1}),
     ("bokeh", {"guide": MASK, "shape": "hexagon", "amount": 1, "twinkle": True, "frames": 4, "frame": 2}),
     ("bokeh", {"color": "random", "quality_mode": 2, "roi": (5, 5, 40, 30)}),
     ("sparkle", {"manual": SPARKLES, "size": 3, "rotate": True, "frames": 3}),
@@ -82,6 +83,7 @@ def test_function_gives_the_tools_pixels(tmp_path, korvane_cli, photo, command, 
         assert isinstance(got, list) and len(got) == len(expected)
     else:
         expected, got = [expected], [got]
+    assert any(not np.array_equal(g[..., :3], photo) for g in got), "the effect left the photo as it was"
     for i, (e, g) in enumerate(zip(expected, got)):
         assert g.shape == e.shape and g.dtype == np.uint8, f"frame {i}"
         assert np.array_equal(g, e), f"frame {i}: {np.count_nonzero(g != e)} bytes differ"

@@ -7,6 +7,7 @@ offers exactly the tool's options with the tool's messages.
 
 import inspect
 import json
+import operator
 import os
 import re
 import sys
@@ -168,6 +169,13 @@ def _warn(texts, category):
         warnings.warn(text, category, stacklevel=level)
 
 
+def _whole(value, name):
+    try:
+        return operator.index(value)
+    except TypeError:
+        raise TypeError(f"{name} must be a whole number, not {type(value).__name__}") from None
+
+
 def _bind(signature, name, args, kwargs):
     try:
         signature.bind(*args, **kwargs)
@@ -200,7 +208,7 @@ def make_class(command, warning):
     if animated:
         def render(self, frame=0, frames=frames_default, **options):
             _bind(render_signature, cls_name + ".render", (self, frame, frames), options)
-            return self._effect.render(frame, frames, options)
+            return self._effect.render(_whole(frame, "frame"), _whole(frames, "frames"), options)
         render.__doc__ = (f"Frame `frame` of a loop of `frames` (1: a still) as a new array in the photo's order. "
                           f"Options given here change this render only (None: as the object was made):\n"
                           + options_doc(settings, names))
@@ -247,7 +255,7 @@ def make_function(command, cls, warning):
         _bind(signature, name, (photo,), dict(options, order=order))
         frames = options.pop("frames", None)
         frame = options.pop("frame", None)
-        frames = frames_default if frames is None else frames
+        frames = frames_default if frames is None else _whole(frames, "frames")
         effect = cls.__new__(cls)
         effect._open(photo, order, options)
         # The first render checks the frame numbers; warnings come after it,

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds and runs every test three ways: an optimised build; an
-# AddressSanitizer + UndefinedBehaviorSanitizer build; and the worker pool and
-# thread adapter under ThreadSanitizer. Then runs each fuzz target briefly.
+# Builds and runs every test three ways: an optimised build (with the Python
+# package's pytest suite, which ctest runs there; sanitizer builds leave the
+# package out); an AddressSanitizer + UndefinedBehaviorSanitizer build; and
+# the worker pool and thread adapter under ThreadSanitizer. Then runs each
+# fuzz target briefly.
 # Any failure stops with non-zero status.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -209,20 +209,21 @@ def make_class(command, warning):
         def render(self, frame=0, frames=frames_default, **options):
             _bind(render_signature, cls_name + ".render", (self, frame, frames), options)
             return self._effect.render(_whole(frame, "frame"), _whole(frames, "frames"), options)
-        render.__doc__ = (f"Frame `frame` of a loop of `frames` (1: a still) as a new array in the photo's order. "
-                          f"Options given here change this render only (None: as the object was made):\n"
-                          + options_doc(settings, names))
+        render.__doc__ = (textwrap.fill("Frame `frame` of a loop of `frames` (1: a still) as a new array in the "
+                                        "photo's order. Options given here change this render only (None: as the "
+                                        "object was made):", 100) + "\n" + options_doc(settings, names))
     else:
         def render(self, **options):
             _bind(render_signature, cls_name + ".render", (self,), options)
             return self._effect.render(0, 1, options)
-        render.__doc__ = ("The effect as a new array in the photo's order. Options given here change this render "
-                          "only (None: as the object was made):\n" + options_doc(settings, names))
+        render.__doc__ = (textwrap.fill("The effect as a new array in the photo's order. Options given here "
+                                        "change this render only (None: as the object was made):", 100) + "\n" +
+                          options_doc(settings, names))
 
     def light_points(self):
         """The light points found in the photo, as the tool's --points-json writes them:
         {"width", "height" (of the 640-pixel detection copy), "points": [{"x", "y", "phase", "random",
-        "color"}, ...]}; None for effects without light points."""
+        "color"}, ...]}."""
         return self._effect.light_points()
 
     __init__.__signature__ = init_signature

@@ -1,7 +1,8 @@
 #include "Pixels.h"
 
 #include <climits>
-#include <cstring>
+#include <cstdint>
+#include <utility>
 
 namespace KorvanePython {
 
@@ -87,10 +88,11 @@ PixelsIn ColorIn(const py::object& object, Order order, const std::string& what,
   in.owner = a;
   const int32_t h = static_cast<int32_t>(a.shape(0)), w = static_cast<int32_t>(a.shape(1));
   const Strided src{static_cast<const uint8_t*>(a.data()), a.strides(0), a.strides(1), gray ? 0 : a.strides(2)};
-  // BGRA with a 4-byte pixel step and rows one after another: the core takes
-  // the rows as they lie, padding and all.
+  // BGRA with a 4-byte pixel step and rows one after another, pixels on
+  // 4-byte boundaries: the core takes the rows as they lie, padding and all.
+  const bool aligned = reinterpret_cast<uintptr_t>(src.base) % 4 == 0 && src.sy % 4 == 0;
   if (order == Order::kBGRA && src.sc == 1 && src.sx == 4 && src.sy >= 4 * static_cast<py::ssize_t>(w) &&
-      src.sy <= INT_MAX) {
+      src.sy <= INT_MAX && aligned) {
     in.view = ImageView{const_cast<uint8_t*>(src.base), w, h, static_cast<int32_t>(src.sy), 4};
     return in;
   }

@@ -114,14 +114,26 @@ class Effect {
   int32_t width() const { return m_session->width(); }
   int32_t height() const { return m_session->height(); }
   std::vector<std::string> warnings() const { return m_session->Warnings(); }
-  std::string summary() const { return m_session->Summary(); }
+
+  // What the last render did; waits for a render another thread is making.
+  std::string summary() {
+    py::gil_scoped_release unlocked;
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_session->Summary();
+  }
 
   // The light points bokeh and sparkle found, in the form of the tool's
   // --points-json; None for other commands.
-  py::object LightPoints() const {
-    LightPointSummary summary;
+  py::object LightPoints() {
+    Korvane::LightPointSummary summary;
     std::vector<Korvane::LightPointInfo> points;
-    if (!m_session->LightPoints(summary, points)) return py::none();
+    bool found = false;
+    {
+      py::gil_scoped_release unlocked;
+      std::lock_guard<std::mutex> lock(m_lock);
+      found = m_session->LightPoints(summary, points);
+    }
+    if (!found) return py::none();
     py::list list;
     for (const Korvane::LightPointInfo& p : points) {
       list.append(py::dict(py::arg("x") = p.x, py::arg("y") = p.y, py::arg("phase") = p.phase,
@@ -132,8 +144,6 @@ class Effect {
   }
 
  private:
-  using LightPointSummary = Korvane::LightPointSummary;
-
   static const CommandSpec& Spec(const CommandSpec* spec, const std::string& command) {
     if (!spec) throw py::value_error("no command '" + command + "'");
     return *spec;

@@ -133,6 +133,10 @@ Status CheckFrame(const Session& session, const ImageView& out) {
 }
 
 Status CheckCombination(const OptionValues& values, int32_t frames) {
+  if (values.spec().Find("frame") && values.Has("frame") && values.Whole("frame") >= frames) {
+    return Status::Usage("--frame " + std::to_string(values.Whole("frame")) + " is past the last frame of --frames " +
+                         std::to_string(frames));
+  }
   for (const OptionSpec& o : values.spec().options) {
     if (o.needs_loop && frames < 2 && values.Flag(o.name)) {
       return Status::Usage("--" + o.name + " needs --frames 2 or more");
@@ -142,7 +146,7 @@ Status CheckCombination(const OptionValues& values, int32_t frames) {
 }
 
 Status Session::Render(const OptionValues& values, int32_t index, int32_t count, const ImageView& out) {
-  if (count < 1 || index < 0) return Status::Usage("frame " + std::to_string(index) + " of " + std::to_string(count) + " does not exist");
+  if (count < 1 || index < 0 || index >= count) return Status::Usage("frame " + std::to_string(index) + " of " + std::to_string(count) + " does not exist");
   Status s = CheckCombination(values, count);
   if (s.ok()) s = CheckFrame(*this, out);
   if (!s.ok()) return s;

@@ -144,9 +144,9 @@ class Session {
 Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& photo, const Inputs& inputs,
                    std::unique_ptr<Session>& session);
 
-// The checks OpenSession starts with that need no photo (combinations of
-// options), for a front end that wants to refuse a command line before
-// reading any file.
+// The checks that need no photo (combinations of options, --frame inside
+// `frames`), for a front end that wants to refuse a command line before
+// reading any file. Render makes them too.
 Status CheckCombination(const OptionValues& values, int32_t frames);
 
 }  // namespace KorvaneFrontend

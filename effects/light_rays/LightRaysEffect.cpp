@@ -366,7 +366,8 @@ int32_t LightRaysEffect::UpSampleAndBlend() {
   // "hlr upsample" and "Blend" are the light-map enlargement and add, the
   // rays added at the blend strength through a table.
   uint8_t table[256];
-  KORVANE_PICK(m_system_info, CalLightAddTable, CalLightAddTable_SSE).fn(m_param.blend_strength, table);
+  KORVANE_PICK_AVX2(m_system_info, CalLightAddTable, CalLightAddTable_SSE, CalLightAddTable_AVX2)
+      .fn(m_param.blend_strength, table);
   LightMapAddParam blend;
   blend.base = m_param.src;
   blend.light = m_hlr_buff;

@@ -69,22 +69,35 @@ inline uint64_t Load8(const uint8_t* p) {
 }
 
 // The four taps of eight samples whose top-left taps lie at base + top[k]
-// and whose bottom-left taps lie at base + bottom[k] (byte offsets): each
-// pair of neighbours in one load, then split into left and right taps.
+// and whose bottom-left taps lie at base + bottom[k] (byte offsets), or
+// `down` bytes below the top ones: each pair of neighbours in one load,
+// then split into left and right taps.
+inline __m256i MixPairs(const uint8_t* base, const int32_t* top, const int32_t* bottom, ptrdiff_t down, __m256i fx,
+                        __m256i fy) {
+  // Samples 0, 1, 4, 5 and 2, 3, 6, 7: the split then leaves them in order.
+  const auto pairs = [](const uint8_t* from, const int32_t* o, int i, int j, int k, int l) {
+    const auto at = [&](int n) { return static_cast<int64_t>(Load8(from + o[n])); };
+    return _mm256_castsi256_ps(_mm256_setr_epi64x(at(i), at(j), at(k), at(l)));
+  };
+  const __m256 t0 = pairs(base, top, 0, 1, 4, 5), t1 = pairs(base, top, 2, 3, 6, 7);
+  const __m256 b0 = pairs(base + down, bottom, 0, 1, 4, 5), b1 = pairs(base + down, bottom, 2, 3, 6, 7);
+  const auto left = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(2, 0, 2, 0))); };
+  const auto right = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(3, 1, 3, 1))); };
+  return Mix8(left(t0, t1), right(t0, t1), left(b0, b1), right(b0, b1), fx, fy);
+}
+
+// Taps in two rows `down` bytes apart: only the top offsets leave the register.
+inline __m256i MixAt(const uint8_t* base, __m256i top, ptrdiff_t down, __m256i fx, __m256i fy) {
+  alignas(32) int32_t t[8];
+  _mm256_store_si256(reinterpret_cast<__m256i*>(t), top);
+  return MixPairs(base, t, t, down, fx, fy);
+}
+
 inline __m256i MixAt(const uint8_t* base, __m256i top, __m256i bottom, __m256i fx, __m256i fy) {
   alignas(32) int32_t t[8], b[8];
   _mm256_store_si256(reinterpret_cast<__m256i*>(t), top);
   _mm256_store_si256(reinterpret_cast<__m256i*>(b), bottom);
-  // Samples 0, 1, 4, 5 and 2, 3, 6, 7: the split then leaves them in order.
-  const auto pairs = [base](const int32_t* o, int i, int j, int k, int l) {
-    return _mm256_castsi256_ps(_mm256_setr_epi64x(static_cast<int64_t>(Load8(base + o[i])), static_cast<int64_t>(Load8(base + o[j])),
-                                                  static_cast<int64_t>(Load8(base + o[k])), static_cast<int64_t>(Load8(base + o[l]))));
-  };
-  const __m256 t0 = pairs(t, 0, 1, 4, 5), t1 = pairs(t, 2, 3, 6, 7);
-  const __m256 b0 = pairs(b, 0, 1, 4, 5), b1 = pairs(b, 2, 3, 6, 7);
-  const auto left = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(2, 0, 2, 0))); };
-  const auto right = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(3, 1, 3, 1))); };
-  return Mix8(left(t0, t1), right(t0, t1), left(b0, b1), right(b0, b1), fx, fy);
+  return MixPairs(base, t, b, 0, fx, fy);
 }
 
 // Byte offsets of whole images below 2^31 fit 32-bit lanes.
@@ -136,20 +149,21 @@ class RayCells {
       return;
     }
     // Pixel col0 + u of each row, as byte offsets.
-    __m256i top, bottom;
+    const uint8_t* pixels = reinterpret_cast<const uint8_t*>(m_rows->pixels);
+    __m256i mixed;
     if (m_dense) {
       const __m256i stride = _mm256_set1_epi32(static_cast<int32_t>(m_stride));
-      top = _mm256_slli_epi32(_mm256_add_epi32(_mm256_mullo_epi32(vi, stride), ui), 2);
-      bottom = _mm256_add_epi32(top, _mm256_slli_epi32(stride, 2));
+      const __m256i top = _mm256_slli_epi32(_mm256_add_epi32(_mm256_mullo_epi32(vi, stride), ui), 2);
+      mixed = MixAt(pixels, top, static_cast<ptrdiff_t>(m_stride) * 4, fu, fv);
     } else {
       const int* words = reinterpret_cast<const int*>(m_rows->spans);  // col0 is the first (low) word of a span
       static_assert(sizeof(RaySpan) == 16, "four 32-bit words a span");
       const __m256i at = _mm256_slli_epi32(vi, 2);
-      top = _mm256_slli_epi32(_mm256_add_epi32(_mm256_i32gather_epi32(words, at, 4), ui), 2);
-      bottom = _mm256_slli_epi32(_mm256_add_epi32(_mm256_i32gather_epi32(words + 4, at, 4), ui), 2);
+      const __m256i top = _mm256_slli_epi32(_mm256_add_epi32(_mm256_i32gather_epi32(words, at, 4), ui), 2);
+      const __m256i bottom = _mm256_slli_epi32(_mm256_add_epi32(_mm256_i32gather_epi32(words + 4, at, 4), ui), 2);
+      mixed = MixAt(pixels, top, bottom, fu, fv);
     }
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
-                        MixAt(reinterpret_cast<const uint8_t*>(m_rows->pixels), top, bottom, fu, fv));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), mixed);
   }
 
  private:
@@ -183,6 +197,23 @@ struct Cells8 {
     cells.Mix(ui, vi, _mm256_min_epi32(Frac8(u, ui), most), _mm256_min_epi32(Frac8(v, vi), most), out);
   }
 };
+
+// The pixels of `r` tile by tile (16 rows by 64 columns), each tile row as
+// span(y, x0, x1): the ray-space pixels a tile reads back lie close
+// together (a polar row holds a pixel's neighbours along its ray, not
+// along the image row), so a tile finds most of them in cache where whole
+// image rows would have pushed them out.
+template <class Span>
+void ForTiles(const Rect& r, Span&& span) {
+  constexpr int32_t kTileRows = 16, kTileColumns = 64;
+  for (int32_t y0 = r.top; y0 < r.bottom; y0 += kTileRows) {
+    const int32_t y1 = std::min(y0 + kTileRows, r.bottom);
+    for (int32_t x0 = r.left; x0 < r.right; x0 += kTileColumns) {
+      const int32_t x1 = std::min(x0 + kTileColumns, r.right);
+      for (int32_t y = y0; y < y1; ++y) span(y, x0, x1);
+    }
+  }
+}
 
 }  // namespace
 
@@ -221,7 +252,7 @@ int32_t SampleRows_AVX2(const SampleRowsParam& p, const Rect& band) {
         continue;
       }
       const __m256i top = _mm256_add_epi32(_mm256_mullo_epi32(yi, stride), _mm256_slli_epi32(xi, 2));
-      const __m256i mixed = MixAt(base, top, _mm256_add_epi32(top, stride), Frac8(x, xi), Frac8(y, yi));
+      const __m256i mixed = MixAt(base, top, src.stride, Frac8(x, xi), Frac8(y, yi));
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + (c - l.lo)), mixed);
     }
     for (; c < end; ++c) {
@@ -238,28 +269,27 @@ int32_t PolarToCarte_AVX2(const PolarToCarteParam& p, const Rect& band) {
   if (p.polar_w < 2 || p.polar_h < 2) return E_INVALIDARG;
   RayCells space;
   if (!space.Prepare(*p.polar, p.polar_w, p.polar_h)) return light_rays_detail::PolarToCarteWith(p, band, kPlainMix);
-  const Rect r = light_rays_detail::BandInArea(band, p.area, *p.dst);
   const size_t map_stride = static_cast<size_t>(p.dst->width) * 2;
   const Cells8 cells(p.polar_w, p.polar_h);
   const __m256 base = _mm256_set1_ps(p.r_base);
-  // Lanes in the order u0 v0 u1 v1 u2 v2 u3 v3 | u4 v4 ...: the u of each
-  // lane's four pairs, then the v, then the two lanes' halves in order.
+  // The map's (u, v) pairs split into the u and the v of eight pixels: per
+  // 128-bit lane the shuffles give pixels 0, 1, 4, 5 and 2, 3, 6, 7, which
+  // the permutation puts back in order.
   const __m256i order = _mm256_setr_epi32(0, 1, 4, 5, 2, 3, 6, 7);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
+  ForTiles(light_rays_detail::BandInArea(band, p.area, *p.dst), [&](int32_t y, int32_t x, int32_t x1) {
     const float* m = p.map + map_stride * y;
     uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
-    int32_t x = r.left;
-    for (; x + 8 <= r.right; x += 8) {
+    for (; x + 8 <= x1; x += 8) {
       const __m256 a = _mm256_loadu_ps(m + 2 * x), b = _mm256_loadu_ps(m + 2 * x + 8);
       const __m256 u = _mm256_permutevar8x32_ps(_mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)), order);
       const __m256 v = _mm256_permutevar8x32_ps(_mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)), order);
       cells.Mix(space, _mm256_sub_ps(u, base), v, out + x);
     }
-    for (; x < r.right; ++x) {
+    for (; x < x1; ++x) {
       const Cell cell = light_rays_detail::ClampedCell(p.polar_w, p.polar_h, m[2 * x] - p.r_base, m[2 * x + 1]);
       out[x] = light_rays_detail::MixCell(*p.polar, cell, kPlainMix);
     }
-  }
+  });
   return S_OK;
 }
 
@@ -268,29 +298,28 @@ int32_t RotateBack_AVX2(const RotateBackParam& p, const Rect& band) {
   if (p.rotated_w < 2 || p.rotated_h < 2) return E_INVALIDARG;
   RayCells space;
   if (!space.Prepare(*p.rotated, p.rotated_w, p.rotated_h)) return light_rays_detail::RotateBackWith(p, band, kPlainMix);
-  const Rect r = light_rays_detail::BandInArea(band, p.area, *p.dst);
   const Cells8 cells(p.rotated_w, p.rotated_h);
   const __m256 u0 = _mm256_set1_ps(p.u0), ux = _mm256_set1_ps(p.ux), uy = _mm256_set1_ps(p.uy);
   const __m256 v0 = _mm256_set1_ps(p.v0), vx = _mm256_set1_ps(p.vx), vy = _mm256_set1_ps(p.vy);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
+  const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  ForTiles(light_rays_detail::BandInArea(band, p.area, *p.dst), [&](int32_t y, int32_t x, int32_t x1) {
     uint32_t* out = RowPtr<uint32_t>(*p.dst, y);
-    const __m256 fy = _mm256_set1_ps(static_cast<float>(y));
-    int32_t x = r.left;
-    for (; x + 8 <= r.right; x += 8) {
+    const float fy = static_cast<float>(y);
+    const __m256 vfy = _mm256_set1_ps(fy);
+    for (; x + 8 <= x1; x += 8) {
       // u0 + x ux + y uy, added in the plain form's order.
-      const __m256 fx = _mm256_cvtepi32_ps(_mm256_add_epi32(_mm256_set1_epi32(x), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)));
-      const __m256 u = _mm256_add_ps(_mm256_add_ps(u0, _mm256_mul_ps(fx, ux)), _mm256_mul_ps(fy, uy));
-      const __m256 v = _mm256_add_ps(_mm256_add_ps(v0, _mm256_mul_ps(fx, vx)), _mm256_mul_ps(fy, vy));
+      const __m256 fx = _mm256_cvtepi32_ps(_mm256_add_epi32(_mm256_set1_epi32(x), lanes));
+      const __m256 u = _mm256_add_ps(_mm256_add_ps(u0, _mm256_mul_ps(fx, ux)), _mm256_mul_ps(vfy, uy));
+      const __m256 v = _mm256_add_ps(_mm256_add_ps(v0, _mm256_mul_ps(fx, vx)), _mm256_mul_ps(vfy, vy));
       cells.Mix(space, u, v, out + x);
     }
-    const float fyf = static_cast<float>(y);
-    for (; x < r.right; ++x) {
+    for (; x < x1; ++x) {
       const float fx = static_cast<float>(x);
-      const Cell cell =
-          light_rays_detail::ClampedCell(p.rotated_w, p.rotated_h, p.u0 + fx * p.ux + fyf * p.uy, p.v0 + fx * p.vx + fyf * p.vy);
+      const Cell cell = light_rays_detail::ClampedCell(p.rotated_w, p.rotated_h, p.u0 + fx * p.ux + fy * p.uy,
+                                                       p.v0 + fx * p.vx + fy * p.vy);
       out[x] = light_rays_detail::MixCell(*p.rotated, cell, kPlainMix);
     }
-  }
+  });
   return S_OK;
 }
 

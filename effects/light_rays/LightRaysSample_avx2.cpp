@@ -1,9 +1,7 @@
 // AVX2 forms of the transforms into and out of ray space: eight samples at a
-// time, each sample's two pairs of neighbouring taps read with one 8-byte
-// load each (cheaper here than the gather instructions) and mixed channel by
-// channel with the plain form's integer weights and rounding, so the bytes
-// are the same. Positions, clamps and fractions take the plain form's float
-// steps in the same order.
+// time, mixed as core/BilinearAvx2.h does (the plain form's integer weights
+// and rounding), so the bytes are the same. Positions, clamps and fractions
+// take the plain form's float steps in the same order.
 #include <immintrin.h>
 
 #include <algorithm>
@@ -12,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "core/BilinearAvx2.h"
 #include "core/ImageChecks.h"
 #include "core/ResultCode.h"
 #include "effects/light_rays/LightRaysKernels.h"
@@ -21,83 +20,42 @@ namespace Korvane {
 
 namespace {
 
+using bilinear_avx2::Load8;
+using bilinear_avx2::MixPairs8;
 using light_rays_detail::Cell;
 using light_rays_detail::Mix4;
 
 const auto kPlainMix = [](auto... a) { return Mix4(a...); };
-
-// One channel of a row's two taps mixed across: the channel of `left` and
-// of `right` as a 16-bit pair in each lane (left low), times the pair
-// (256 - fx, fx): left x (256 - fx) + right x fx, exact in 32 bits.
-template <int kShift>
-inline __m256i MixAcross(__m256i left, __m256i right, __m256i wx) {
-  const __m256i l = kShift ? _mm256_srli_epi32(left, kShift) : left;
-  const __m256i r = kShift > 16 ? _mm256_srli_epi32(right, kShift - 16)
-                                : (kShift < 16 ? _mm256_slli_epi32(right, 16 - kShift) : right);
-  const __m256i pair = _mm256_and_si256(_mm256_blend_epi16(l, r, 0xAA), _mm256_set1_epi32(0x00FF00FF));
-  return _mm256_madd_epi16(pair, wx);
-}
-
-// The rows mixed down and rounded: (top (256 - fy) + bottom fy + 32768) >> 16.
-inline __m256i MixDown(__m256i top, __m256i bottom, __m256i wy0, __m256i wy1) {
-  const __m256i sum = _mm256_add_epi32(_mm256_mullo_epi32(top, wy0), _mm256_mullo_epi32(bottom, wy1));
-  return _mm256_srli_epi32(_mm256_add_epi32(sum, _mm256_set1_epi32(32768)), 16);
-}
-
-// Mix4 of eight samples: p00 .. p11 hold each sample's four taps (BGRA),
-// fx, fy its 8-bit fractions. The same integers as Mix4's four weights.
-inline __m256i Mix8(__m256i p00, __m256i p01, __m256i p10, __m256i p11, __m256i fx, __m256i fy) {
-  const __m256i full = _mm256_set1_epi32(256);
-  const __m256i wx = _mm256_or_si256(_mm256_slli_epi32(fx, 16), _mm256_sub_epi32(full, fx));
-  const __m256i wy0 = _mm256_sub_epi32(full, fy);
-  const __m256i b = MixDown(MixAcross<0>(p00, p01, wx), MixAcross<0>(p10, p11, wx), wy0, fy);
-  const __m256i g = MixDown(MixAcross<8>(p00, p01, wx), MixAcross<8>(p10, p11, wx), wy0, fy);
-  const __m256i r = MixDown(MixAcross<16>(p00, p01, wx), MixAcross<16>(p10, p11, wx), wy0, fy);
-  const __m256i bg = _mm256_or_si256(b, _mm256_slli_epi32(g, 8));
-  return _mm256_or_si256(_mm256_or_si256(bg, _mm256_slli_epi32(r, 16)), _mm256_set1_epi32(static_cast<int>(0xFF000000u)));
-}
 
 // The 8-bit fraction of positions whose integer parts are i, as Frac8.
 inline __m256i Frac8(__m256 v, __m256i i) {
   return _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_sub_ps(v, _mm256_cvtepi32_ps(i)), _mm256_set1_ps(256.0f)));
 }
 
-inline uint64_t Load8(const uint8_t* p) {
-  uint64_t v;
-  std::memcpy(&v, p, 8);
-  return v;
-}
-
-// The four taps of eight samples whose top-left taps lie at base + top[k]
-// and whose bottom-left taps lie at base + bottom[k] (byte offsets), or
-// `down` bytes below the top ones: each pair of neighbours in one load,
-// then split into left and right taps.
-inline __m256i MixPairs(const uint8_t* base, const int32_t* top, const int32_t* bottom, ptrdiff_t down, __m256i fx,
-                        __m256i fy) {
-  // Samples 0, 1, 4, 5 and 2, 3, 6, 7: the split then leaves them in order.
-  const auto pairs = [](const uint8_t* from, const int32_t* o, int i, int j, int k, int l) {
-    const auto at = [&](int n) { return static_cast<int64_t>(Load8(from + o[n])); };
-    return _mm256_castsi256_ps(_mm256_setr_epi64x(at(i), at(j), at(k), at(l)));
-  };
-  const __m256 t0 = pairs(base, top, 0, 1, 4, 5), t1 = pairs(base, top, 2, 3, 6, 7);
-  const __m256 b0 = pairs(base + down, bottom, 0, 1, 4, 5), b1 = pairs(base + down, bottom, 2, 3, 6, 7);
-  const auto left = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(2, 0, 2, 0))); };
-  const auto right = [](__m256 x, __m256 y) { return _mm256_castps_si256(_mm256_shuffle_ps(x, y, _MM_SHUFFLE(3, 1, 3, 1))); };
-  return Mix8(left(t0, t1), right(t0, t1), left(b0, b1), right(b0, b1), fx, fy);
+// The taps of eight samples whose upper left taps lie at base + top[k] and
+// whose lower left taps lie at base + bottom[k] + down (byte offsets).
+inline __m256i MixAt(const uint8_t* base, const int32_t* top, const int32_t* bottom, ptrdiff_t down, __m256i fx,
+                     __m256i fy) {
+  uint64_t upper[8], lower[8];
+  for (int k = 0; k < 8; ++k) {
+    upper[k] = Load8(base + top[k]);
+    lower[k] = Load8(base + down + bottom[k]);
+  }
+  return MixPairs8<false>(upper, lower, fx, fy);
 }
 
 // Taps in two rows `down` bytes apart: only the top offsets leave the register.
 inline __m256i MixAt(const uint8_t* base, __m256i top, ptrdiff_t down, __m256i fx, __m256i fy) {
   alignas(32) int32_t t[8];
   _mm256_store_si256(reinterpret_cast<__m256i*>(t), top);
-  return MixPairs(base, t, t, down, fx, fy);
+  return MixAt(base, t, t, down, fx, fy);
 }
 
 inline __m256i MixAt(const uint8_t* base, __m256i top, __m256i bottom, __m256i fx, __m256i fy) {
   alignas(32) int32_t t[8], b[8];
   _mm256_store_si256(reinterpret_cast<__m256i*>(t), top);
   _mm256_store_si256(reinterpret_cast<__m256i*>(b), bottom);
-  return MixPairs(base, t, b, 0, fx, fy);
+  return MixAt(base, t, b, 0, fx, fy);
 }
 
 // Byte offsets of whole images below 2^31 fit 32-bit lanes.

@@ -309,23 +309,40 @@ struct DetectKernels {
   }
 };
 
-}  // namespace
+// Float maps of one size carved out of one allocation: a block of several
+// megabytes goes on huge pages where the system allows it (see
+// AllocatePixels), where separate maps would each take a page fault every
+// 4 KB, a large part of a 640-pixel detection's time.
+struct MapBlock {
+  SmartBuffer block;
+  int32_t map_height = 0;
 
-int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
-                     int32_t d, const Rect& roi) {
-  int32_t hr = CheckMap(src, false);
-  if (hr < 0) return hr;
-  if (!dst.data) return E_POINTER;
-  if (!IsFloat(dst)) return E_NOTIMPL;
-  if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
-
-  const DetectKernels kernels(info);
-  SmartBuffer light, dxx, dyy, dxy;
-  for (SmartBuffer* b : {&light, &dxx, &dyy, &dxy}) {
-    if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  int32_t Create(int32_t w, int32_t h, int32_t count) {
+    map_height = h;
+    return CreateSmartBufferData(block, w, h * count, PIXEL_FLOAT32);
   }
-  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) FillMap(*b);
-  FillMap(dst);
+  SmartBuffer Map(int32_t i) const {
+    SmartBuffer m = block;
+    m.height = map_height;
+    m.data = std::shared_ptr<unsigned char[]>(block.data, block.data.get() + static_cast<size_t>(block.stride) *
+                                                                                  static_cast<size_t>(map_height) *
+                                                                                  static_cast<size_t>(i));
+    return m;
+  }
+};
+
+// HarrisCorner with its four working maps (lightness and the three
+// products) taken from `scratch`, from map `first` on. Only their roi is
+// ever read, so they are not cleared.
+int32_t HarrisWith(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                   int32_t d, const Rect& roi, const MapBlock& scratch, int32_t first) {
+  int32_t hr;
+  const DetectKernels kernels(info);
+  SmartBuffer light = scratch.Map(first), dxx = scratch.Map(first + 1), dyy = scratch.Map(first + 2),
+              dxy = scratch.Map(first + 3);
+  // The response covers the roi; the rest of dst is cleared.
+  const bool whole = roi.left == 0 && roi.top == 0 && roi.right == src.width && roi.bottom == src.height;
+  if (!whole) FillMap(dst);
 
   // The lightness once, then the gradients (as GradientH and GradientV
   // compute them) straight into their products: no gradient maps. The
@@ -391,6 +408,20 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
                  }));
 }
 
+}  // namespace
+
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                     int32_t d, const Rect& roi) {
+  int32_t hr = CheckMap(src, false);
+  if (hr < 0) return hr;
+  if (!dst.data) return E_POINTER;
+  if (!IsFloat(dst)) return E_NOTIMPL;
+  if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
+  MapBlock scratch;
+  if (KORVANE_FAILED(scratch.Create(src.width, src.height, 4))) return hr;
+  return HarrisWith(adapter, info, src, dst, k, d, roi, scratch, 0);
+}
+
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
                           const LightPointSettings& settings, SmartBuffer& map) {
   int32_t hr = CheckMap(src, false);
@@ -398,13 +429,15 @@ int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const
   if (settings.nms_radius < 0) return E_INVALIDARG;
   const int32_t radius =
       settings.radius >= 0 ? settings.radius : LightPointRadius(std::max(src.width, src.height), 4.0f);
-  SmartBuffer densive_corner_map;
-  if (KORVANE_FAILED(CreateSmartBufferData(densive_corner_map, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  // The dense response and Harris's working maps in one block.
+  MapBlock maps;
+  if (KORVANE_FAILED(maps.Create(src.width, src.height, 5))) return hr;
+  SmartBuffer densive_corner_map = maps.Map(0);
   if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
   FillMap(map);
   const Rect roi = FullRect(src);
-  if ((hr = LogStep("HarrisCorner",
-                    HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi))) < 0) {
+  if ((hr = LogStep("HarrisCorner", HarrisWith(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi,
+                                               maps, 1))) < 0) {
     return hr;
   }
   // Suppression and threshold in one band task: the threshold reads only

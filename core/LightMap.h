@@ -186,7 +186,7 @@ inline int32_t WrapHue(int32_t hue, int32_t turn) {
 
 // How an effect's log lines name its pastes: the call texts of the two
 // placements (the paste texts take the picked form's name for %s) and the
-// picked forms themselves, e.g. PasteBokeh or PasteBokeh_SSE.
+// picked forms themselves, e.g. PasteBokeh, PasteBokeh_SSE or PasteBokeh_AVX2.
 struct LightPasteNames {
   const char* roi_call = "";
   const char* bilinear_roi_call = "";
@@ -260,7 +260,7 @@ int32_t ResizeShape(CThreadAdapter& adapter, const SystemInfo& info, const Smart
 
 // The light-map add, in the form the processor runs.
 inline PickedTask PickLightMapAdd(const SystemInfo& info) {
-  return KORVANE_PICK_BAND(info, LightMapAddParam, ImageAddLightMap, ImageAddLightMap_SSE);
+  return KORVANE_PICK_BAND_AVX2(info, LightMapAddParam, ImageAddLightMap, ImageAddLightMap_SSE, ImageAddLightMap_AVX2);
 }
 
 // Step names of the enlargement and the add, as an effect logs them.

@@ -13,7 +13,8 @@
 //   part of its position, so a shape moves smoothly as pt moves: its light
 //   centroid lies at pt whatever the fraction.
 //
-// Both forms exist plain and SSE4.1 (suffix _SSE) with identical results.
+// Every kernel exists plain, SSE4.1 (suffix _SSE) and AVX2 (suffix _AVX2),
+// all with identical results.
 // The effects call them under their own names (PasteBokeh, PasteSparkle, ...).
 #pragma once
 
@@ -102,6 +103,8 @@ int32_t PasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, c
                    const Rect& shape_roi);
 int32_t PasteLight_SSE(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                        const Rect& shape_roi);
+int32_t PasteLight_AVX2(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+                        const Rect& shape_roi);
 
 // Sub-pixel paste of `shape` at pt: resamples it into shape.tmp (only the
 // rows and columns of shape_roi are written) and pastes that over shape_roi
@@ -111,6 +114,8 @@ int32_t BilinearPasteLight(LightShape& shape, SmartBuffer& light, PointF pt, con
                            const Rect& shape_roi);
 int32_t BilinearPasteLight_SSE(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
                                const Rect& shape_roi);
+int32_t BilinearPasteLight_AVX2(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
+                                const Rect& shape_roi);
 
 // The two paste forms as an effect names them in its log.
 using LightPasteFn = int32_t (*)(const LightShape&, SmartBuffer&, PointI, const LightPasteArgs&, const Rect&);
@@ -133,14 +138,16 @@ struct LightMapAddParam {
 // dst(x - roi.left, y - roi.top) gets B, G, R = min(255, base + light) (or
 // base + table[light]) and base's alpha. E_POINTER / E_NOTIMPL /
 // E_INVALIDARG for images that do not fit. Run it as the band task
-// KORVANE_PICK_BAND(info, LightMapAddParam, ImageAddLightMap, ImageAddLightMap_SSE).
+// PickLightMapAdd(info) of core/LightMap.h.
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band);
 int32_t ImageAddLightMap_SSE(const LightMapAddParam& p, const Rect& band);
+int32_t ImageAddLightMap_AVX2(const LightMapAddParam& p, const Rect& band);
 
 // The table of a light added at `strength` (0..1): T[i] = min((int)(i x
 // strength + 0.5), 255), the product in float and the rounding in double.
 // At strength 1 it is the identity, so the add with it is the plain add.
 void CalLightAddTable(float strength, uint8_t table[256]);
 void CalLightAddTable_SSE(float strength, uint8_t table[256]);
+void CalLightAddTable_AVX2(float strength, uint8_t table[256]);
 
 }  // namespace Korvane

@@ -1,5 +1,6 @@
 // SSE4.1 forms of the light pastes and the light-map add: four pixels at a
 // time, the plain rows for the tails; results identical to the plain forms.
+// The rows also finish the AVX2 forms' rows.
 #include <smmintrin.h>
 
 #include <algorithm>
@@ -10,9 +11,9 @@
 
 namespace Korvane {
 
-namespace {
+namespace lightpaste_detail {
 
-using namespace lightpaste_detail;
+namespace {
 
 // Adds the 16-bit products (factor x value) >> 8 of two pixel pairs to four
 // light pixels, saturating.
@@ -21,6 +22,8 @@ inline void AddProducts(uint8_t* d, __m128i lo, __m128i hi) {
   const __m128i add = _mm_packus_epi16(_mm_srli_epi16(lo, 8), _mm_srli_epi16(hi, 8));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_adds_epu8(light, add));
 }
+
+}  // namespace
 
 void PasteRowSse(const uint8_t* s, uint8_t* d, int32_t count, const int32_t* c, int32_t mode) {
   const __m128i zero = _mm_setzero_si128();
@@ -98,7 +101,9 @@ void AddRowSse(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count, co
   if (x < count) AddRowPlain(b, l, o, count - x, table);
 }
 
-}  // namespace
+}  // namespace lightpaste_detail
+
+using namespace lightpaste_detail;
 
 int32_t PasteLight_SSE(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                        const Rect& shape_roi) {

@@ -73,6 +73,17 @@ int32_t ThreshCornerMap(SmartBuffer& map, float t, const Rect& roi);
 // FLOAT32 to GRAY8: clamped to [0, 255] (NaN and values <= 0 give 0), truncated.
 int32_t CvtBuffFloatToChar(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi);
 
+// AVX2 forms of the kernels the detector runs, with the same results (and
+// codes). There are no SSE4.1 forms: the detector works on a 640-pixel copy,
+// where the plain forms serve older processors well enough.
+int32_t CalCornerResponse_AVX2(const SmartBuffer& dxx, const SmartBuffer& dyy, const SmartBuffer& dxy, SmartBuffer& dst,
+                               float k, const Rect& roi);
+int32_t GetBuffMinMax_AVX2(const SmartBuffer& buf, float& min_value, float& max_value, const Rect& roi);
+int32_t NormalizeMinMax_AVX2(SmartBuffer& buf, float from_lo, float from_hi, float to_lo, float to_hi, const Rect& roi);
+int32_t NonMaximumSuppress_AVX2(const SmartBuffer& src, SmartBuffer& dst, int32_t r, const Rect& roi);
+int32_t ThreshCornerMap_AVX2(SmartBuffer& map, float t, const Rect& roi);
+int32_t CvtBuffFloatToChar_AVX2(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi);
+
 // ---------------------------------------------------------------------------
 // The detector.
 
@@ -82,8 +93,8 @@ int32_t LightPointRadius(int32_t long_side, float max_radius);
 
 // Harris response of src (BGRA32) into dst (FLOAT32, src's size), scaled to
 // [0, 255] over [0, maximum]; negative responses (edges) become 0 and a flat
-// image (minimum == maximum) gives all zeros. Runs on the adapter; the
-// kernels' plain forms serve every SIMD level. E_POINTER / E_NOTIMPL as the
+// image (minimum == maximum) gives all zeros. Runs on the adapter, with the
+// kernels' AVX2 forms where `info` allows them. E_POINTER / E_NOTIMPL as the
 // kernels; E_INVALIDARG for d < 0 or roi outside the images.
 int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
                      int32_t d, const Rect& roi);
@@ -97,7 +108,8 @@ struct LightPointSettings {
 
 // The whole detector: `map` (created here as FLOAT32 at src's size) holds
 // 1.0 at a light point and 0.0 elsewhere. Logs a failing stage with its
-// name ("HarrisCorner", "NonMaximumSuppress", "ThreshCornerMap").
+// name ("HarrisCorner", then the form that ran: "NonMaximumSuppress" or
+// "NonMaximumSuppress_AVX2", "ThreshCornerMap" or "ThreshCornerMap_AVX2").
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
                           const LightPointSettings& settings, SmartBuffer& map);
 

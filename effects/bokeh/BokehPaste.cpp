@@ -20,8 +20,9 @@ LightPasteNames BokehPasteNames(const SystemInfo& info) {
   n.bilinear_roi_call = "CalBilinearPasteBokehROI(bok_roi, pt, d, h, w)";
   n.paste_call = "%s(bokeh_buff, light_buff, pt_int, current_lightness, color, bok_roi)";
   n.bilinear_paste_call = "%s(bokeh_buff, tmp_bokeh_buff, light_buff, pt, current_lightness, color, bok_roi)";
-  n.paste = KORVANE_PICK(info, PasteBokeh, PasteBokeh_SSE);
-  n.bilinear_paste = KORVANE_PICK(info, BilinearPasteBokeh, BilinearPasteBokeh_SSE);
+  n.paste = KORVANE_PICK_AVX2(info, PasteBokeh, PasteBokeh_SSE, PasteBokeh_AVX2);
+  n.bilinear_paste =
+      KORVANE_PICK_AVX2(info, BilinearPasteBokeh, BilinearPasteBokeh_SSE, BilinearPasteBokeh_AVX2);
   return n;
 }
 

@@ -230,7 +230,8 @@ int32_t LightRaysEffect::RunPipeline() {
   detect.dst = &m_resized_hlr_buff;
   detect.threshold = m_param.hlr_threshold;
   const Rect resized{0, 0, m_resized_img_w, m_resized_img_h};
-  const PickedTask find = KORVANE_PICK_BAND(m_system_info, HighLightParam, HighLightDetect, HighLightDetect_SSE);
+  const PickedTask find =
+      KORVANE_PICK_BAND_AVX2(m_system_info, HighLightParam, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2);
   if ((hr = LogStep("HighLightDetect", m_thread_adapter.RunTaskByMultiThread(find.fn, &detect, nullptr, resized))) < 0) {
     return hr;
   }
@@ -358,7 +359,10 @@ int32_t LightRaysEffect::PostProcessRays() {
   p.value_lut = value_lut;
   p.sat_lut = sat_lut;
   p.hue_shift = shift;
-  const PickedTask post{&BandTask<PostProcessParam, PostProcess>, "PostProcess"};
+  // The colour stage has a plain and an AVX2 form.
+  const PickedTask post = ChooseKernel<ThreadTask>(m_system_info, &BandTask<PostProcessParam, PostProcess>, "PostProcess",
+                                                   nullptr, "", KORVANE_AVX2_BAND(PostProcessParam, PostProcess_AVX2),
+                                                   "PostProcess_AVX2");
   return RunPicked(m_thread_adapter, post, &p, m_downsized_roi);
 }
 
@@ -366,7 +370,8 @@ int32_t LightRaysEffect::UpSampleAndBlend() {
   // "hlr upsample" and "Blend" are the light-map enlargement and add, the
   // rays added at the blend strength through a table.
   uint8_t table[256];
-  KORVANE_PICK(m_system_info, CalLightAddTable, CalLightAddTable_SSE).fn(m_param.blend_strength, table);
+  KORVANE_PICK_AVX2(m_system_info, CalLightAddTable, CalLightAddTable_SSE, CalLightAddTable_AVX2)
+      .fn(m_param.blend_strength, table);
   LightMapAddParam blend;
   blend.base = m_param.src;
   blend.light = m_hlr_buff;

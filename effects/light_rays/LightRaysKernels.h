@@ -147,11 +147,18 @@ int32_t PostProcess(const PostProcessParam& p, const Rect& band);
 // one less than a full turn.
 constexpr int32_t kLightRaysHueTurn = 35999;
 
-// SSE4.1 forms with the same results.
+// SSE4.1 and AVX2 forms with the same results (the colour stage has an
+// AVX2 form only).
 int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band);
 int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band);
 int32_t RotateBack_SSE(const RotateBackParam& p, const Rect& band);
 int32_t SmearRows_SSE(const SmearRowsParam& p, const Rect& band);
+int32_t HighLightDetect_AVX2(const HighLightParam& p, const Rect& band);
+int32_t SampleRows_AVX2(const SampleRowsParam& p, const Rect& band);
+int32_t PolarToCarte_AVX2(const PolarToCarteParam& p, const Rect& band);
+int32_t RotateBack_AVX2(const RotateBackParam& p, const Rect& band);
+int32_t SmearRows_AVX2(const SmearRowsParam& p, const Rect& band);
+int32_t PostProcess_AVX2(const PostProcessParam& p, const Rect& band);
 
 namespace light_rays_detail {
 

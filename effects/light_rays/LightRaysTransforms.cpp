@@ -9,6 +9,7 @@
 #include "core/BandTask.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/RowPipeline.h"
 #include "effects/light_rays/LightRaysEffect.h"
 
 namespace Korvane {
@@ -125,7 +126,8 @@ int32_t LightRaysEffect::PolarTransformProcess() {
       (hr = SampleAndSmear(lines, smeared, Rect{0, 0, pw, ph}, "CarteToPolarTransform", "LightRayHalfBlurH")) < 0) {
     return hr;
   }
-  const PickedTask back = KORVANE_PICK_BAND(m_system_info, PolarToCarteParam, PolarToCarte, PolarToCarte_SSE);
+  const PickedTask back =
+      KORVANE_PICK_BAND_AVX2(m_system_info, PolarToCarteParam, PolarToCarte, PolarToCarte_SSE, PolarToCarte_AVX2);
   PolarToCarteParam to_carte;
   to_carte.polar = &smeared;
   to_carte.polar_w = pw;
@@ -181,15 +183,16 @@ int32_t LightRaysEffect::PrepareRaySpace(int32_t rows, int32_t cols, bool polar,
 
 int32_t LightRaysEffect::SampleAndSmear(const RayRows& lines, const RayRows& smeared, const Rect& area,
                                         const char* sample_step, const char* smear_step) {
-  const PickedTask sample = KORVANE_PICK_BAND(m_system_info, SampleRowsParam, SampleRows, SampleRows_SSE);
+  const PickedTask sample =
+      KORVANE_PICK_BAND_AVX2(m_system_info, SampleRowsParam, SampleRows, SampleRows_SSE, SampleRows_AVX2);
+  const PickedTask blur = KORVANE_PICK_BAND_AVX2(m_system_info, SmearRowsParam, SmearRows, SmearRows_SSE, SmearRows_AVX2);
   SampleRowsParam to_lines{&m_resized_hlr_buff, &lines};
-  int32_t hr;
-  if ((hr = LogStep(sample_step, m_thread_adapter.RunTaskByMultiThread(sample.fn, &to_lines, nullptr, area))) < 0) {
-    return hr;
-  }
-  const PickedTask blur = KORVANE_PICK_BAND(m_system_info, SmearRowsParam, SmearRows, SmearRows_SSE);
   SmearRowsParam smear{&lines, &smeared, m_row_gain.data(), RayLengthHalf()};
-  return LogStep(smear_step, m_thread_adapter.RunTaskByMultiThread(blur.fn, &smear, nullptr, area));
+  // A few rows at a time: each row is smeared while its samples are still
+  // in cache. A failure is logged under the step that failed.
+  RowPipeline chain(8);
+  chain.Then(sample_step, sample.fn, &to_lines).Then(smear_step, blur.fn, &smear);
+  return chain.Run(m_thread_adapter, area);
 }
 
 int32_t LightRaysEffect::RotateTransformProcess() {
@@ -238,7 +241,8 @@ int32_t LightRaysEffect::RotateTransformProcess() {
   back.vx = ex;
   back.vy = ey;
   back.area = m_downsized_roi;
-  const PickedTask inverse = KORVANE_PICK_BAND(m_system_info, RotateBackParam, RotateBack, RotateBack_SSE);
+  const PickedTask inverse =
+      KORVANE_PICK_BAND_AVX2(m_system_info, RotateBackParam, RotateBack, RotateBack_SSE, RotateBack_AVX2);
   return LogStep("InverseRotateTransform",
                  m_thread_adapter.RunTaskByMultiThread(inverse.fn, &back, nullptr, m_downsized_roi));
 }

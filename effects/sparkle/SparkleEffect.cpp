@@ -316,7 +316,12 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
   final_add.dst = dst;
   final_add.roi = m_roi;
 
-  const ThreadTask adjust_task = BandTask<SparkleAdjustParam, AdjustSparkleColor>;
+  // The colour adjustment has a plain and an AVX2 form.
+  const ThreadTask adjust_task =
+      ChooseKernel<ThreadTask>(m_system_info, &BandTask<SparkleAdjustParam, AdjustSparkleColor>, "AdjustSparkleColor",
+                               nullptr, "", KORVANE_AVX2_BAND(SparkleAdjustParam, AdjustSparkleColor_AVX2),
+                               "AdjustSparkleColor_AVX2")
+          .fn;
   RowPipeline light(16);
   if (!SparkleAdjustIsIdentity(adjust_auto)) light.Then("AdjustColor(Auto Sparkle)", adjust_task, &adjust_auto);
   if (m_manual_drawn) {

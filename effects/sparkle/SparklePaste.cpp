@@ -27,8 +27,9 @@ LightPasteNames SparklePasteNames(const SystemInfo& info) {
   n.bilinear_roi_call = "CalBilinearPasteSparkleROI(spk_roi, pt, d, h, w)";
   n.paste_call = "%s(sparkle_buff, light_buff, pt_int, current_lightness, color, spk_roi)";
   n.bilinear_paste_call = "%s(sparkle_buff, tmp_sparkle_buff, light_buff, pt, current_lightness, color, spk_roi)";
-  n.paste = KORVANE_PICK(info, PasteSparkle, PasteSparkle_SSE);
-  n.bilinear_paste = KORVANE_PICK(info, BilinearPasteSparkle, BilinearPasteSparkle_SSE);
+  n.paste = KORVANE_PICK_AVX2(info, PasteSparkle, PasteSparkle_SSE, PasteSparkle_AVX2);
+  n.bilinear_paste =
+      KORVANE_PICK_AVX2(info, BilinearPasteSparkle, BilinearPasteSparkle_SSE, BilinearPasteSparkle_AVX2);
   return n;
 }
 

@@ -68,19 +68,10 @@ bool TurnOf(float degrees, float& cos_a, float& sin_a) {
 
 using namespace sparkle_detail;
 
-void SampleVariantRow(const VariantJob& j, int32_t y) {
-  WalkVariantRow(j, y, [](const uint8_t* a, const uint8_t* b, uint32_t wx, uint32_t wy, uint8_t* out) {
-    // The row pairs first, then the two rows: the same integers as the four
-    // weights (256 - wx)(256 - wy), ... applied at once.
-    for (int32_t c = 0; c < 4; ++c) {
-      const uint32_t top = a[c] * (256 - wx) + a[c + 4] * wx, bottom = b[c] * (256 - wx) + b[c + 4] * wx;
-      out[c] = static_cast<uint8_t>((top * (256 - wy) + bottom * wy + 32768u) >> 16);
-    }
-  });
-}
+void SampleVariantRow(const VariantJob& j, int32_t y) { WalkVariantRow(j, y, MixTaps); }
 
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs) {
-  const auto row = KORVANE_PICK(info, SampleVariantRow, SampleVariantRow_SSE);
+  const auto row = KORVANE_PICK_AVX2(info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
   int32_t hr;
   // Row r of the run is row r - first[j] of job j.
   std::vector<int32_t> first(jobs.size() + 1, 0);

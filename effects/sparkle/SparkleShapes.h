@@ -47,16 +47,17 @@ bool TurnOf(float degrees, float& cos_a, float& sin_a);
 
 // Makes every job's variant shape, its held part only (created here at that
 // part's size when it has another size; the temporary image is left to the
-// caller). All variants
-// are sampled in one run on the adapter, their rows shared out between the
-// workers, with the SSE4.1 row form when `info` allows it. A variant whose
-// level has d's size and no turn is an exact copy.
+// caller). All variants are sampled in one run on the adapter, their rows
+// shared out between the workers, with the row form `info` picks (SSE4.1 or
+// AVX2 where allowed). A variant whose level has d's size and no turn is an
+// exact copy.
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs);
 
 // Row y of one job's variant (a row of its held part, the shape already
-// made), plain and SSE4.1 forms with identical bytes.
+// made), plain, SSE4.1 and AVX2 forms with identical bytes.
 void SampleVariantRow(const VariantJob& job, int32_t y);
 void SampleVariantRow_SSE(const VariantJob& job, int32_t y);
+void SampleVariantRow_AVX2(const VariantJob& job, int32_t y);
 
 // An odd pasting size (at least 3) from a length in light-map pixels.
 int32_t OddShapeSize(float length);

@@ -1,6 +1,6 @@
 // The light map: its sizes and the loop arithmetic, the pastes (clipping at
 // the map's edges, saturating accumulation, the sub-pixel placement) and the
-// light-map add, the SSE4.1 forms against the plain ones on awkward sizes.
+// light-map add, the SIMD forms against the plain ones on awkward sizes.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
@@ -80,12 +81,11 @@ TEST(LightPaste, ShapeOnTheCornerIsClippedToItsQuarter) {
   EXPECT_TRUE(IsEmpty(roi));
   EXPECT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 0, 10, 10), E_INVALIDARG);
 
-  for (int simd : {0, 1}) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
     SmartBuffer light = Bgra(10, 10);
     const LightShape shape = White(5);
     ASSERT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 5, 10, 10), S_OK);
-    const auto paste = simd ? KORVANE_SSE41(PasteLight_SSE) : &PasteLight;
-    if (!paste) continue;
+    const auto paste = KORVANE_PICK_AVX2(form.info, PasteLight, PasteLight_SSE, PasteLight_AVX2).fn;
     ASSERT_EQ(paste(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), roi), S_OK);
     for (int32_t y = 0; y < 10; ++y)
       for (int32_t x = 0; x < 10; ++x) {
@@ -101,9 +101,8 @@ TEST(LightPaste, ShapeOnTheCornerIsClippedToItsQuarter) {
 }
 
 TEST(LightPaste, TwoPastesAddAndSaturate) {
-  const auto paste = KORVANE_SSE41(PasteLight_SSE);
-  for (auto fn : {&PasteLight, paste}) {
-    if (!fn) continue;
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const auto fn = KORVANE_PICK_AVX2(form.info, PasteLight, PasteLight_SSE, PasteLight_AVX2).fn;
     SmartBuffer light = Bgra(9, 9);
     const LightShape shape = White(7);
     Rect roi;
@@ -169,54 +168,64 @@ TEST(LightPaste, SubPixelPasteMovesSmoothly) {
   }
 }
 
-TEST(LightPaste, SseFormsMatchPlainOnAwkwardSizes) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  for (int32_t d : {1, 2, 3, 4, 7, 8, 13, 33}) {
-    for (int32_t w : {1, 3, 5, 17, 40}) {
-      const int32_t h = 1 + static_cast<int32_t>(rng() % 23);
-      LightShape shape = Shape(Noise(d, d, rng()));
-      const SmartBuffer base = Noise(w, h, rng());
-      for (int mode : {LIGHT_PASTE_INTENSITY, LIGHT_PASTE_CHANNELS}) {
-        const LightPasteArgs args = Args(unit(rng), rng() % 256, rng() % 256, rng() % 256, mode);
-        const PointF pt{unit(rng) * (w + 4) - 2, unit(rng) * (h + 4) - 2};
-        const PointI pi{static_cast<int32_t>(pt.x + 0.5f), static_cast<int32_t>(pt.y + 0.5f)};
-        SmartBuffer a = base, b = Bgra(w, h);
-        std::memcpy(b.data.get(), base.data.get(), static_cast<size_t>(b.stride) * h);
-        a = Bgra(w, h);
-        std::memcpy(a.data.get(), base.data.get(), static_cast<size_t>(a.stride) * h);
-        Rect roi;
-        ASSERT_EQ(CalPasteLightROI(roi, pi, d, h, w), S_OK);
-        ASSERT_EQ(PasteLight(shape, a, pi, args, roi), S_OK);
-        ASSERT_EQ(PasteLight_SSE(shape, b, pi, args, roi), S_OK);
-        ASSERT_EQ(Bytes(a), Bytes(b)) << "integer d " << d << " w " << w << " mode " << mode;
-        PointI origin;
-        ASSERT_EQ(CalBilinearPasteLightROI(roi, origin, pt, d, h, w), S_OK);
-        ASSERT_EQ(BilinearPasteLight(shape, a, pt, args, roi), S_OK);
-        ASSERT_EQ(BilinearPasteLight_SSE(shape, b, pt, args, roi), S_OK);
-        ASSERT_EQ(Bytes(a), Bytes(b)) << "sub-pixel d " << d << " w " << w << " mode " << mode << " at " << pt.x << ","
-                                      << pt.y;
-      }
-      // The light-map add over an inner roi, into a padded caller image, as
-      // it is and at a strength through a table.
-      const SmartBuffer light = Noise(w, h, rng());
-      const Rect roi{w / 3, h / 4, w, h};
-      uint8_t table[256];
-      CalLightAddTable(unit(rng), table);
-      for (const uint8_t* t : {static_cast<const uint8_t*>(nullptr), static_cast<const uint8_t*>(table)}) {
-        KorvaneTest::TestImage out_a(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 3),
-            out_b(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 3);
-        LightMapAddParam pa{base, light, out_a.buf, roi, t}, pb{base, light, out_b.buf, roi, t};
-        ASSERT_EQ(ImageAddLightMap(pa, roi), S_OK);
-        ASSERT_EQ(ImageAddLightMap_SSE(pb, roi), S_OK);
-        EXPECT_EQ(out_a.Packed(), out_b.Packed()) << "add w " << w;
-        EXPECT_TRUE(out_b.GuardsIntact());
-        const uint8_t* o = out_a.buf.data;
-        const uint8_t* bp = Px(base, roi.left, roi.top);
-        const uint8_t* lp = Px(light, roi.left, roi.top);
-        for (int k = 0; k < 3; ++k) EXPECT_EQ(o[k], std::min(255, bp[k] + (t ? t[lp[k]] : lp[k])));
-        EXPECT_EQ(o[3], bp[3]);
+// Every SIMD form against the plain one: shapes and maps of widths around
+// the four- and eight-pixel steps, both paste modes and placements, and the
+// add (as it is and through a table) into a padded caller image.
+TEST(LightPaste, SimdFormsMatchPlainOnAwkwardSizes) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const SystemInfo& info = form.info;
+    const auto paste = KORVANE_PICK_AVX2(info, PasteLight, PasteLight_SSE, PasteLight_AVX2);
+    const auto bilinear = KORVANE_PICK_AVX2(info, BilinearPasteLight, BilinearPasteLight_SSE, BilinearPasteLight_AVX2);
+    const auto add = KORVANE_PICK_AVX2(info, ImageAddLightMap, ImageAddLightMap_SSE, ImageAddLightMap_AVX2);
+    if (!paste.simd) continue;  // the plain form is the reference
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    for (int32_t d : {1, 2, 3, 4, 7, 8, 13, 33}) {
+      for (int32_t w : {1, 3, 5, 9, 17, 23, 40}) {
+        const int32_t h = 1 + static_cast<int32_t>(rng() % 23);
+        LightShape shape = Shape(Noise(d, d, rng()));
+        const SmartBuffer base = Noise(w, h, rng());
+        for (int mode : {LIGHT_PASTE_INTENSITY, LIGHT_PASTE_CHANNELS}) {
+          const LightPasteArgs args = Args(unit(rng), rng() % 256, rng() % 256, rng() % 256, mode);
+          const PointF pt{unit(rng) * (w + 4) - 2, unit(rng) * (h + 4) - 2};
+          const PointI pi{static_cast<int32_t>(pt.x + 0.5f), static_cast<int32_t>(pt.y + 0.5f)};
+          SmartBuffer a = Bgra(w, h), b = Bgra(w, h);
+          std::memcpy(a.data.get(), base.data.get(), static_cast<size_t>(a.stride) * h);
+          std::memcpy(b.data.get(), base.data.get(), static_cast<size_t>(b.stride) * h);
+          Rect roi;
+          ASSERT_EQ(CalPasteLightROI(roi, pi, d, h, w), S_OK);
+          ASSERT_EQ(PasteLight(shape, a, pi, args, roi), S_OK);
+          ASSERT_EQ(paste.fn(shape, b, pi, args, roi), S_OK);
+          ASSERT_EQ(Bytes(a), Bytes(b)) << paste.name << " d " << d << " w " << w << " mode " << mode;
+          PointI origin;
+          ASSERT_EQ(CalBilinearPasteLightROI(roi, origin, pt, d, h, w), S_OK);
+          ASSERT_EQ(BilinearPasteLight(shape, a, pt, args, roi), S_OK);
+          ASSERT_EQ(bilinear.fn(shape, b, pt, args, roi), S_OK);
+          ASSERT_EQ(Bytes(a), Bytes(b)) << bilinear.name << " d " << d << " w " << w << " mode " << mode << " at "
+                                        << pt.x << "," << pt.y;
+        }
+        // The light-map add over an inner roi, into a padded caller image,
+        // as it is and at a strength through a table; the light has dark
+        // runs, which the table form passes over.
+        SmartBuffer light = Noise(w, h, rng());
+        for (int32_t y = 0; y < h; y += 2) std::memset(RowPtr(light, y), 0, static_cast<size_t>(w) * 4 / 2 + 4);
+        const Rect roi{w / 3, h / 4, w, h};
+        uint8_t table[256];
+        CalLightAddTable(unit(rng), table);
+        for (const uint8_t* t : {static_cast<const uint8_t*>(nullptr), static_cast<const uint8_t*>(table)}) {
+          KorvaneTest::TestImage out_a(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 3),
+              out_b(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 3);
+          LightMapAddParam pa{base, light, out_a.buf, roi, t}, pb{base, light, out_b.buf, roi, t};
+          ASSERT_EQ(ImageAddLightMap(pa, roi), S_OK);
+          ASSERT_EQ(add.fn(pb, roi), S_OK);
+          EXPECT_EQ(out_a.Packed(), out_b.Packed()) << add.name << " w " << w;
+          EXPECT_TRUE(out_b.GuardsIntact());
+          const uint8_t* o = out_a.buf.data;
+          const uint8_t* bp = Px(base, roi.left, roi.top);
+          const uint8_t* lp = Px(light, roi.left, roi.top);
+          for (int k = 0; k < 3; ++k) EXPECT_EQ(o[k], std::min(255, bp[k] + (t ? t[lp[k]] : lp[k])));
+          EXPECT_EQ(o[3], bp[3]);
+        }
       }
     }
   }
@@ -266,18 +275,19 @@ TEST(LightPaste, WindowedShapesPasteAsTheWholeShape) {
   }
 }
 
-// T[i] = min((int)(i x strength + 0.5), 255), the product in float; both
-// forms give it for every strength, the identity at 1.
-TEST(LightPaste, AddTablesOfBothFormsAgree) {
+// T[i] = min((int)(i x strength + 0.5), 255), the product in float; every
+// form gives it for every strength, the identity at 1.
+TEST(LightPaste, AddTablesOfEveryFormAgree) {
   std::mt19937 rng(4);
   std::vector<float> strengths = {0.0f, 1.0f, 0.5f, 0.25f, 0.999f, 0.0039f, NAN, -3.0f, 7.0f};
   for (int i = 0; i < 200; ++i) strengths.push_back(std::uniform_real_distribution<float>(0, 1)(rng));
   for (float s : strengths) {
-    uint8_t plain[256], sse[256];
+    uint8_t plain[256], simd[256];
     CalLightAddTable(s, plain);
-    if (KORVANE_HAVE_SSE41) {
-      KORVANE_SSE41(CalLightAddTable_SSE)(s, sse);
-      ASSERT_EQ(0, std::memcmp(plain, sse, 256)) << s;
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      const auto table = KORVANE_PICK_AVX2(form.info, CalLightAddTable, CalLightAddTable_SSE, CalLightAddTable_AVX2);
+      table.fn(s, simd);
+      ASSERT_EQ(0, std::memcmp(plain, simd, 256)) << table.name << " " << s;
     }
     const float k = s > 0.0f ? std::min(s, 1.0f) : 0.0f;
     for (int i : {0, 1, 128, 255})

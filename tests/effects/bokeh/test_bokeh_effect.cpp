@@ -13,6 +13,7 @@
 #include <random>
 #include <vector>
 
+#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
@@ -322,10 +323,11 @@ TEST(BokehEffect, FloatSettingsFarOutOfRangeStillRender) {
 TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
   TestImage photo = Photo(4), guide = Guide(), disc = Disc(41);
   std::vector<uint8_t> first;
-  for (int simd : {int{SIMD_SSE41}, 0}) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
     for (int workers : {1, 2, 8}) {
       for (int32_t quality : {1, 2}) {
-        EffectRig<BokehEffect> rig(workers, simd);
+        EffectRig<BokehEffect> rig(workers);
+        rig->SetSystemInfo(form.info);
         ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
         Frame f(disc);
         f.param.twinkle_switch = 1;
@@ -338,7 +340,7 @@ TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
         if (first.empty()) {
           first = got;
         } else {
-          EXPECT_EQ(got, first) << "workers " << workers << " simd " << simd;
+          EXPECT_EQ(got, first) << "workers " << workers << " " << form.name;
         }
       }
     }

@@ -9,6 +9,7 @@
 #include <limits>
 #include <vector>
 
+#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
@@ -73,9 +74,10 @@ LightRaysParam Base(Bytes& src, int w, int h) {
 }
 
 // Renders `src` (w x h) with Base settings and the tweak; dst is roi-sized.
-Bytes Render(Bytes src, int w, int h, const Tweak& tweak, int workers = 2, int simd = SIMD_SSE41,
-             int32_t* code = nullptr) {
-  EffectRig<LightRaysEffect> rig(workers, simd);
+Bytes Render(Bytes src, int w, int h, const Tweak& tweak, int workers = 2,
+             const SystemInfo& info = KorvaneTest::Level(SIMD_SSE41), int32_t* code = nullptr) {
+  EffectRig<LightRaysEffect> rig(workers);
+  rig->SetSystemInfo(info);
   EXPECT_EQ(rig->Initialize(w, h), S_OK);
   // The output is sized by the tweaked roi, then the tweak runs again on the
   // record that carries it, so it can spoil dst too.
@@ -238,7 +240,7 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
   for (const Case& c : cases) {
     int32_t code = 0;
     Bytes dst = Render(
-        src, w, h, [&](LightRaysParam& p) { c.tweak(p); }, 2, SIMD_SSE41, &code);
+        src, w, h, [&](LightRaysParam& p) { c.tweak(p); }, 2, KorvaneTest::Level(SIMD_SSE41), &code);
     EXPECT_EQ(code, c.code) << c.what;
     EXPECT_EQ(dst, Bytes(dst.size(), 0x5A)) << c.what << ": dst written on a refusal";
   }
@@ -268,7 +270,7 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
                                               p.ray_angle = 360;
                                             }}) {
     int32_t code = 1;
-    Render(src, w, h, ok, 2, SIMD_SSE41, &code);
+    Render(src, w, h, ok, 2, KorvaneTest::Level(SIMD_SSE41), &code);
     EXPECT_EQ(code, S_OK);
   }
 }
@@ -472,11 +474,11 @@ TEST(LightRaysEffect, LoopsJoinSmoothlyAndModeTwoKeepsItsSpokes) {
 
 // ---------------------------------------------------------------- forms and workers
 
-TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
+TEST(LightRaysEffect, KernelFormsAndWorkerCountsGiveTheSameImage) {
   struct Size {
     int w, h;
   };
-  for (const Size s : {Size{1, 1}, Size{3, 5}, Size{17, 9}, Size{33, 21}, Size{70, 45}}) {
+  for (const Size s : {Size{1, 1}, Size{3, 5}, Size{17, 9}, Size{33, 21}, Size{70, 45}, Size{166, 94}}) {
     Bytes src = Photo(s.w, s.h, 11 + s.w);
     Bytes mask = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 3);
     for (int mode : {0, 1}) {
@@ -487,9 +489,11 @@ TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
         p.lampshade_spread = 100;
         p.ray_radius = static_cast<float>(std::max(s.w, s.h)) / 2;
       };
-      const Bytes plain = Render(src, s.w, s.h, tweak, 1, SIMD_NONE);
-      EXPECT_EQ(Render(src, s.w, s.h, tweak, 2, SIMD_SSE41), plain) << s.w << "x" << s.h << " mode " << mode;
-      EXPECT_EQ(Render(src, s.w, s.h, tweak, 8, SIMD_SSE41), plain) << s.w << "x" << s.h << " mode " << mode;
+      const Bytes plain = Render(src, s.w, s.h, tweak, 1, KorvaneTest::Level(SIMD_NONE));
+      for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+        EXPECT_EQ(Render(src, s.w, s.h, tweak, 2, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
+        EXPECT_EQ(Render(src, s.w, s.h, tweak, 8, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
+      }
     }
   }
 }

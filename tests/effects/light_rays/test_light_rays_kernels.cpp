@@ -4,7 +4,9 @@
 #include <random>
 #include <vector>
 
+#include "KernelForms.h"
 #include "TestSupport.h"
+#include "core/SmartBuffer.h"
 #include "effects/light_rays/LightRaysKernels.h"
 
 using namespace Korvane;
@@ -15,7 +17,7 @@ using Bytes = std::vector<uint8_t>;
 
 SmartBuffer View(Bytes& b, int w, int h, int fmt = PIXEL_BGRA32) { return MakeSmartBufferView(b.data(), w, h, fmt); }
 
-constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 17, 33};
+constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 15, 17, 33};
 
 // A ray-space image of the given lines, each row holding its [lo, hi), filled
 // with `fill` bytes.
@@ -37,84 +39,159 @@ struct Space {
 
 }  // namespace
 
-TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
-  std::mt19937 rng(9);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  for (int w : kWidths) {
-    const int h = w % 5 + 2;
-    Bytes img = KorvaneTest::RandomBytes(w * h * 4, 30 + w);
-    SmartBuffer src = View(img, w, h);
-    // Lines in every direction, some starting outside the image.
-    const int rows = 24, cols = 2 * (w + h) + 3;
-    std::vector<RayLine> lines(rows);
-    for (RayLine& l : lines) {
-      const float a = unit(rng) * 6.2831853f;
-      l.dx = std::cos(a);
-      l.dy = std::sin(a);
-      l.x0 = unit(rng) * (w + 4) - 2;
-      l.y0 = unit(rng) * (h + 4) - 2;
-      CalLineRange(l, w, h, 2.0f, cols);
-      l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
-    }
-    Space a(lines, 1), b(lines, 1);
-    SampleRowsParam sp{&src, &a.rows};
-    ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
-    sp.dst = &b.rows;
-    ASSERT_EQ(SampleRows_SSE(sp, Rect{0, 0, cols, rows}), S_OK);
-    EXPECT_EQ(a.pixels, b.pixels) << w;
+// The forms of the ray-space kernels a SystemInfo picks, by name.
+struct RayForms {
+  Kernel<int32_t (*)(const SampleRowsParam&, const Rect&)> sample;
+  Kernel<int32_t (*)(const SmearRowsParam&, const Rect&)> smear;
+  Kernel<int32_t (*)(const PolarToCarteParam&, const Rect&)> to_carte;
+  Kernel<int32_t (*)(const RotateBackParam&, const Rect&)> rotate_back;
+  explicit RayForms(const SystemInfo& info)
+      : sample(KORVANE_PICK_AVX2(info, SampleRows, SampleRows_SSE, SampleRows_AVX2)),
+        smear(KORVANE_PICK_AVX2(info, SmearRows, SmearRows_SSE, SmearRows_AVX2)),
+        to_carte(KORVANE_PICK_AVX2(info, PolarToCarte, PolarToCarte_SSE, PolarToCarte_AVX2)),
+        rotate_back(KORVANE_PICK_AVX2(info, RotateBack, RotateBack_SSE, RotateBack_AVX2)) {}
+};
 
-    // The smear of random rows (lengths short and long, every gain).
-    Space noise(lines, 0);
-    KorvaneTest::FillNoise(reinterpret_cast<uint8_t*>(noise.pixels.data()), noise.pixels.size() * 4, 60 + w);
-    std::vector<uint16_t> gains(rows);
-    for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
-    for (int length : {1, 2, 5, cols, kMaxRayLength}) {
-      Space sa(lines, 3), sb(lines, 3);
-      SmearRowsParam smear{&noise.rows, &sa.rows, gains.data(), length};
-      ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
-      smear.dst = &sb.rows;
-      ASSERT_EQ(SmearRows_SSE(smear, Rect{0, 0, cols, rows}), S_OK);
-      EXPECT_EQ(sa.pixels, sb.pixels) << w << ", length " << length;
+// Every SIMD form against the plain one: lines in every direction through
+// images of awkward widths, smears of every length, and the way back
+// through arbitrary positions (most of them off the held columns) and
+// through a smooth field over a fully held space (the common case, where
+// whole groups of cells are read at once).
+TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const RayForms f(form.info);
+    if (!f.sample.simd) continue;  // the plain form is the reference
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    for (int w : {1, 2, 3, 5, 7, 9, 15, 17, 33, 40, 67}) {
+      const int h = w < 40 ? w % 5 + 2 : w / 2 + 3;
+      Bytes img = KorvaneTest::RandomBytes(w * h * 4, 30 + w);
+      SmartBuffer src = View(img, w, h);
+      // Lines in every direction, some starting outside the image, every
+      // other one across it from its left edge (long runs of columns that
+      // neighbouring rows share).
+      const int rows = 24, cols = 2 * (w + h) + 3;
+      std::vector<RayLine> lines(rows);
+      for (size_t j = 0; j < lines.size(); ++j) {
+        RayLine& l = lines[j];
+        const float a = j % 2 ? (unit(rng) - 0.5f) * 0.4f : unit(rng) * 6.2831853f;
+        l.dx = std::cos(a);
+        l.dy = std::sin(a);
+        l.x0 = j % 2 ? unit(rng) * 3 - 2 : unit(rng) * (w + 4) - 2;
+        l.y0 = unit(rng) * (h + 4) - 2;
+        CalLineRange(l, w, h, 2.0f, cols);
+        l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
+      }
+      Space a(lines, 1), b(lines, 1);
+      SampleRowsParam sp{&src, &a.rows};
+      ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
+      sp.dst = &b.rows;
+      ASSERT_EQ(f.sample.fn(sp, Rect{0, 0, cols, rows}), S_OK);
+      EXPECT_EQ(a.pixels, b.pixels) << f.sample.name << " " << w;
+
+      // The smear of random rows (lengths short and long, every gain).
+      Space noise(lines, 0);
+      KorvaneTest::FillNoise(reinterpret_cast<uint8_t*>(noise.pixels.data()), noise.pixels.size() * 4, 60 + w);
+      std::vector<uint16_t> gains(rows);
+      for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
+      for (int length : {1, 2, 5, 21, cols, kMaxRayLength}) {
+        Space sa(lines, 3), sb(lines, 3);
+        SmearRowsParam smear{&noise.rows, &sa.rows, gains.data(), length};
+        ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
+        smear.dst = &sb.rows;
+        ASSERT_EQ(f.smear.fn(smear, Rect{0, 0, cols, rows}), S_OK);
+        EXPECT_EQ(sa.pixels, sb.pixels) << f.smear.name << " " << w << ", length " << length;
+      }
+
+      // Back from a ray-space image through a table of arbitrary positions.
+      std::vector<float> map(static_cast<size_t>(w) * h * 2);
+      for (size_t i = 0; i < map.size(); i += 2) {
+        map[i] = unit(rng) * (cols + 6) - 3;
+        map[i + 1] = unit(rng) * (rows + 6) - 3;
+      }
+      Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
+      SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
+      PolarToCarteParam pp;
+      pp.polar = &a.rows;
+      pp.polar_w = cols;
+      pp.polar_h = rows;
+      pp.dst = &qa;
+      pp.map = map.data();
+      pp.r_base = 1.0f;
+      pp.area = Rect{0, 0, w, h};
+      ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
+      pp.dst = &qb;
+      ASSERT_EQ(f.to_carte.fn(pp, pp.area), S_OK);
+      EXPECT_EQ(pa, pb) << f.to_carte.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+
+      // The inverse rotation at an arbitrary angle, reading past every edge.
+      RotateBackParam rp;
+      rp.rotated = &a.rows;
+      rp.rotated_w = cols;
+      rp.rotated_h = rows;
+      rp.dst = &qa;
+      rp.u0 = -2.5f;
+      rp.ux = 0.8f;
+      rp.uy = 0.6f;
+      rp.v0 = rows * 0.5f;
+      rp.vx = -0.6f;
+      rp.vy = 0.8f;
+      rp.area = Rect{0, h / 2, w, h};
+      ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
+      rp.dst = &qb;
+      ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
+      EXPECT_EQ(pa, pb) << f.rotate_back.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
     }
 
-    // Back from a ray-space image through a table of arbitrary positions.
+    // A space whose rows hold every column but a few at the ends of some
+    // rows, read through a smooth field and a turn (and a padded image).
+    const int cols = 53, rows = 41, w = 37, h = 29;
+    std::vector<RayLine> full(rows);
+    for (int j = 0; j < rows; ++j) {
+      full[static_cast<size_t>(j)].lo = j % 7 == 3 ? 2 : 0;
+      full[static_cast<size_t>(j)].hi = j % 5 == 1 ? cols - 3 : cols;
+    }
+    Space space(full, 0);
+    KorvaneTest::FillNoise(reinterpret_cast<uint8_t*>(space.pixels.data()), space.pixels.size() * 4, 5);
     std::vector<float> map(static_cast<size_t>(w) * h * 2);
-    for (size_t i = 0; i < map.size(); i += 2) {
-      map[i] = unit(rng) * (cols + 6) - 3;
-      map[i + 1] = unit(rng) * (rows + 6) - 3;
-    }
-    Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
-    SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        map[(static_cast<size_t>(y) * w + x) * 2] = 1.3f * x + 0.21f * y + 0.37f;
+        map[(static_cast<size_t>(y) * w + x) * 2 + 1] = 1.1f * y - 0.05f * x + 0.5f;
+      }
+    KorvaneTest::TestImage ta(w, h, PIXEL_BGRA32, 12), tb(w, h, PIXEL_BGRA32, 12);
+    SmartBuffer da = SmartBufferView(ta.buf), db = SmartBufferView(tb.buf);
     PolarToCarteParam pp;
-    pp.polar = &a.rows;
+    pp.polar = &space.rows;
     pp.polar_w = cols;
     pp.polar_h = rows;
-    pp.dst = &qa;
+    pp.dst = &da;
     pp.map = map.data();
-    pp.r_base = 1.0f;
-    pp.area = Rect{0, 0, w, h};
-    ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
-    pp.dst = &qb;
-    ASSERT_EQ(PolarToCarte_SSE(pp, pp.area), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-
-    // The inverse rotation at an arbitrary angle, reading past every edge.
+    pp.r_base = 0.25f;
+    pp.area = Rect{1, 2, w, h - 1};
+    ASSERT_EQ(PolarToCarte(pp, Rect{0, 0, w, h}), S_OK);
+    pp.dst = &db;
+    ASSERT_EQ(f.to_carte.fn(pp, Rect{0, 0, w, h}), S_OK);
+    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.to_carte.name << ": " << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    EXPECT_TRUE(tb.GuardsIntact());
     RotateBackParam rp;
-    rp.rotated = &a.rows;
+    rp.rotated = &space.rows;
     rp.rotated_w = cols;
     rp.rotated_h = rows;
-    rp.dst = &qa;
-    rp.u0 = -2.5f;
-    rp.ux = 0.8f;
-    rp.uy = 0.6f;
-    rp.v0 = rows * 0.5f;
-    rp.vx = -0.6f;
-    rp.vy = 0.8f;
-    rp.area = Rect{0, h / 2, w, h};
+    rp.dst = &da;
+    rp.u0 = 3.1f;
+    rp.ux = 0.96f;
+    rp.uy = 0.28f;
+    rp.v0 = 1.7f;
+    rp.vx = -0.28f;
+    rp.vy = 0.96f;
+    rp.area = Rect{0, 0, w, h};
     ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
-    rp.dst = &qb;
-    ASSERT_EQ(RotateBack_SSE(rp, rp.area), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+    rp.dst = &db;
+    ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
+    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.rotate_back.name << ": "
+                                        << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    EXPECT_TRUE(tb.GuardsIntact());
   }
 }
 
@@ -187,7 +264,7 @@ TEST(LightRaysKernels, HighLightDetect) {
   ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
   EXPECT_EQ(dst[0], 0);
 
-  // The SSE4.1 form: every (value, mask) pair, and random pixels of odd widths.
+  // The SIMD forms: every (value, mask) pair, and random pixels of odd widths.
   Bytes every(256 * 256 * 4), every_mask(256 * 256), a(every.size(), 9), b(every.size(), 9);
   for (int v = 0; v < 256; ++v)
     for (int k = 0; k < 256; ++k) {
@@ -198,22 +275,65 @@ TEST(LightRaysKernels, HighLightDetect) {
     }
   SmartBuffer es = View(every, 256, 256), em = View(every_mask, 256, 256, PIXEL_GRAY8);
   SmartBuffer ea = View(a, 256, 256), eb = View(b, 256, 256);
-  for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
-    HighLightParam all{&es, &em, &ea, threshold};
-    ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
-    all.dst = &eb;
-    ASSERT_EQ(HighLightDetect_SSE(all, Rect{0, 0, 256, 256}), S_OK);
-    ASSERT_EQ(a, b) << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const auto detect = KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2);
+    for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
+      HighLightParam all{&es, &em, &ea, threshold};
+      ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
+      all.dst = &eb;
+      ASSERT_EQ(detect.fn(all, Rect{0, 0, 256, 256}), S_OK);
+      ASSERT_EQ(a, b) << detect.name << " " << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
+    }
+    for (int w : kWidths) {
+      Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
+      Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
+      SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
+      HighLightParam hp{&ps, &pm, &qa, 100.25f};
+      ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
+      hp.dst = &qb;
+      ASSERT_EQ(detect.fn(hp, Rect{0, 0, w, 3}), S_OK);
+      EXPECT_EQ(pa, pb) << detect.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+    }
   }
-  for (int w : kWidths) {
-    Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
-    Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
-    SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
-    HighLightParam hp{&ps, &pm, &qa, 100.25f};
-    ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
-    hp.dst = &qb;
-    ASSERT_EQ(HighLightDetect_SSE(hp, Rect{0, 0, w, 3}), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-  }
+}
 
+// The colour stage: every 8-bit colour (each 4096-pixel row holds every
+// green and blue for 16 reds) through tables that reach both ends of their
+// range and hue shifts that wrap both ways, in rows of awkward widths.
+TEST(LightRaysKernels, ColourStageOfEveryFormAgrees) {
+  const int w = 4096, h = 4096;
+  Bytes colours(static_cast<size_t>(w) * h * 4);
+  for (size_t i = 0; i < static_cast<size_t>(w) * h; ++i) {
+    colours[i * 4] = static_cast<uint8_t>(i);
+    colours[i * 4 + 1] = static_cast<uint8_t>(i >> 8);
+    colours[i * 4 + 2] = static_cast<uint8_t>(i >> 16);
+    colours[i * 4 + 3] = static_cast<uint8_t>(i * 7);
+  }
+  int32_t value_lut[256], sat_lut[256];
+  for (int i = 0; i < 256; ++i) {
+    value_lut[i] = std::min(i * 200, 40000);  // past kHsvMax: clamped
+    sat_lut[i] = (255 - i) * 140;
+  }
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const auto post = ChooseKernel<int32_t (*)(const PostProcessParam&, const Rect&)>(
+        form.info, &PostProcess, "PostProcess", nullptr, "", KORVANE_AVX2(PostProcess_AVX2), "PostProcess_AVX2");
+    if (!post.simd) continue;
+    for (int32_t shift : {0, 17999, -18000, 12345}) {
+      // Every colour once per shift; a shift of 0 also in rows cut at odd places.
+      const int rows = shift == 12345 ? 64 : h;
+      Bytes a(colours.begin(), colours.begin() + static_cast<ptrdiff_t>(w) * rows * 4), b = a;
+      SmartBuffer ia = View(a, w, rows), ib = View(b, w, rows);
+      PostProcessParam p{&ia, value_lut, sat_lut, shift};
+      ASSERT_EQ(PostProcess(p, Rect{0, 0, w, rows}), S_OK);
+      p.img = &ib;
+      if (shift == 12345) {
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(post.fn(p, Rect{y % 13, y, w - y % 11, y + 1}), S_OK);
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(PostProcess(p, Rect{0, y, y % 13, y + 1}), S_OK);
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(PostProcess(p, Rect{w - y % 11, y, w, y + 1}), S_OK);
+      } else {
+        ASSERT_EQ(post.fn(p, Rect{0, 0, w, rows}), S_OK);
+      }
+      ASSERT_EQ(a, b) << post.name << " shift " << shift << ": " << KorvaneTest::FirstDifference(a, b, w);
+    }
+  }
 }

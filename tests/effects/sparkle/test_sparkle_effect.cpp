@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "KernelForms.h"
 #include "SparkleTestSupport.h"
 #include "core/BilinearResize.h"
 #include "core/ImageChecks.h"
@@ -337,8 +338,13 @@ TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
   m.size = 1.5f;
   for (int mode : {0, 1, 2, 3}) {
     std::vector<Bytes> frames;
-    for (auto [workers, simd] : {std::pair<int, int>{1, 0}, {2, SIMD_SSE41}, {8, SIMD_SSE41}, {8, 0}}) {
-      Rig r(900, 500, workers, simd);
+    std::vector<std::pair<int, SystemInfo>> runs = {{1, KorvaneTest::Level(0)}, {8, KorvaneTest::Level(0)}};
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      runs.push_back({2, form.info});
+      runs.push_back({8, form.info});
+    }
+    for (const auto& [workers, info] : runs) {
+      Rig r(900, 500, workers, info);
       ASSERT_EQ(r->AddManualSparkles(pts, 2, &two), S_OK);
       frames.push_back(r.Render(Frame(6, 4, mode, true, true), a, m));
       EXPECT_GT(ChangedChannels(frames.back(), r.photo), 100u);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "KernelForms.h"
 #include "SparkleTestSupport.h"
 #include "core/SmartBuffer.h"
 #include "core/LightPointDetect.h"
@@ -111,28 +112,37 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
 
 // Levels of awkward sizes (one pixel, odd widths) with black patches, every
 // variant size from one pixel up, turned and not: both forms, the same bytes.
-TEST(SparkleShapes, SseSamplerMatchesPlainOnAwkwardSizes) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
+// Every SIMD form of the sampler against the plain one: noisy levels with
+// black runs, and a mostly black level (a cross on black, as a star is),
+// at sizes around the eight-pixel groups and angles that walk past every
+// edge.
+TEST(SparkleShapes, SimdSamplersMatchPlainOnAwkwardSizes) {
   uint32_t seed = 40;
-  for (int32_t n : {1, 2, 3, 7, 9, 33}) {
+  for (int32_t n : {1, 2, 3, 7, 9, 33, 64}) {
     Bytes level = KorvaneTest::RandomBytes(size_t(n) * n * 4, seed++);
     for (size_t i = 0; i < level.size(); i += 12) std::fill_n(level.begin() + i, std::min<size_t>(8, level.size() - i), 0);
+    if (n == 64) {
+      for (int32_t y = 0; y < n; ++y)
+        for (int32_t x = 0; x < n; ++x)
+          if (std::abs(x - 31) > 1 && std::abs(y - 30) > 2) std::fill_n(level.begin() + (size_t(y) * n + x) * 4, 4, 0);
+    }
     const SmartBuffer src = Buffer(level, n, n);
-    for (int32_t d : {1, 2, 3, 5, 17, 40})
+    for (int32_t d : {1, 2, 3, 5, 17, 40, 53})
       for (float deg : {0.0f, 33.0f, 90.0f, 211.7f}) {
         VariantJob job{&src, nullptr};
         ASSERT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
-        Bytes got[2];
-        for (int form = 0; form < 2; ++form) {
+        std::vector<Bytes> got;
+        for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+          const auto row = KORVANE_PICK_AVX2(form.info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
           LightShape v;
           v.d = d;
           ASSERT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
           job.variant = &v;
-          for (int32_t y = 0; y < d; ++y) (form ? SampleVariantRow_SSE : SampleVariantRow)(job, y);
-          got[form] = Pixels(v.shape);
+          for (int32_t y = 0; y < d; ++y) row.fn(job, y);
+          got.push_back(Pixels(v.shape));
+          ASSERT_EQ(got.back(), got[0]) << row.name << " " << n << " -> " << d << " at " << deg << ": "
+                                        << KorvaneTest::FirstDifference(got.back(), got[0], d);
         }
-        ASSERT_EQ(got[1], got[0]) << n << " -> " << d << " at " << deg << ": "
-                                  << KorvaneTest::FirstDifference(got[1], got[0], d);
       }
   }
 }
@@ -165,6 +175,26 @@ TEST(SparkleColor, AdjustChangesSaturationAndBrightnessOfLitPixelsOnly) {
   const Bytes part = run(0.0f, 1.0f, Rect{2, 0, 3, 1});
   EXPECT_EQ(part[4], 200);
   EXPECT_EQ(part[8], 180);
+}
+
+// The AVX2 adjustment against the plain one: random light with dark runs,
+// settings at and past their ends, rows cut at odd columns.
+TEST(SparkleColor, AdjustOfEveryFormAgrees) {
+  const int32_t w = 45, h = 64;
+  Bytes px = KorvaneTest::RandomBytes(size_t(w) * h * 4, 77);
+  for (size_t i = 0; i < px.size(); i += 36) std::fill_n(px.begin() + i, std::min<size_t>(20, px.size() - i), 0);
+  for (auto [sat, bright] : {std::pair<float, float>{-1.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, -0.7f}, {-0.4f, 0.25f}, {3.0f, 2.0f}}) {
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      const auto adjust = ChooseKernel<int32_t (*)(const SparkleAdjustParam&, const Rect&)>(
+          form.info, &AdjustSparkleColor, "AdjustSparkleColor", nullptr, "", KORVANE_AVX2(AdjustSparkleColor_AVX2),
+          "AdjustSparkleColor_AVX2");
+      SmartBuffer a = Buffer(px, w, h), b = Buffer(px, w, h);
+      const Rect region{3, 0, w - 1, h};
+      ASSERT_EQ(AdjustSparkleColor(SparkleAdjustParam{a, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
+      ASSERT_EQ(adjust.fn(SparkleAdjustParam{b, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
+      ASSERT_EQ(Pixels(a), Pixels(b)) << adjust.name << " " << sat << ", " << bright;
+    }
+  }
 }
 
 TEST(SparkleColor, GlintColoursFollowThePhotoOrTheHueTable) {

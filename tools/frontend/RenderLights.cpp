@@ -11,19 +11,22 @@ namespace KorvaneFrontend {
 
 namespace {
 
-// The shape option `name`: a built-in shape drawn by `draw`, or the image
+// The shape option `name`: a built-in shape the library draws, or the image
 // given as the input of the same name. Drawn again only when the name changes.
 class ShapeOption {
  public:
-  ShapeOption(std::string name, bool (*draw)(const std::string&, Image&)) : m_name(std::move(name)), m_draw(draw) {}
+  ShapeOption(std::string name, int32_t (*named)(const std::string&)) : m_name(std::move(name)), m_named(named) {}
 
   // Sets *changed when the shape differs from the last call's.
-  Status Get(const OptionValues& v, const Inputs& inputs, ImageView& shape, bool* changed = nullptr) {
+  Status Get(const Engine& engine, const OptionValues& v, const Inputs& inputs, ImageView& shape,
+             bool* changed = nullptr) {
     const std::string& text = v.Text(m_name);
     if (changed) *changed = text != m_drawn_for;
     if (text != m_drawn_for) {
       m_drawn = Image();
-      if (v.ChoiceIndex(m_name) >= 0 && !m_draw(text, m_drawn)) return Status::Usage("--" + m_name + ": no shape " + text);
+      if (v.ChoiceIndex(m_name) >= 0 && (!engine.get() || !DrawShape(*engine.get(), m_named(text), m_drawn))) {
+        return Status::Usage("--" + m_name + ": no shape " + text);
+      }
       m_drawn_for = text;
     }
     if (!m_drawn.pixels.empty()) {
@@ -40,7 +43,7 @@ class ShapeOption {
 
  private:
   std::string m_name;
-  bool (*m_draw)(const std::string&, Image&);
+  int32_t (*m_named)(const std::string&);
   std::string m_drawn_for;
   Image m_drawn;
 };
@@ -62,6 +65,7 @@ class LightSession : public PhotoSession {
   Status Start(Engine& engine, int32_t type, const OptionValues& v, const ImageView& photo, const Inputs& inputs,
                const char* gray_name, ImageView* gray) {
     m_inputs = inputs;
+    m_engine = &engine;
     Status s = Begin(v, photo, inputs, gray_name, gray);
     if (s.ok()) s = engine.Create(type, m_fx);
     const Korvane::ImageBuffer in = photo.Buffer();
@@ -83,6 +87,7 @@ class LightSession : public PhotoSession {
   explicit LightSession(std::string name) : m_name(std::move(name)) {}
 
   std::string m_name;  // for messages
+  const Engine* m_engine = nullptr;
   Engine::Handle<Fx> m_fx;
   Inputs m_inputs;
 };
@@ -94,7 +99,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
   BokehSession() : LightSession("bokeh") {}
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
     ImageView shape;
-    const Status s = m_shape.Get(v, inputs, shape);
+    const Status s = m_shape.Get(engine, v, inputs, shape);
     return s.ok() ? Start(engine, Korvane::EFFECT_BOKEH, v, photo, inputs, "guide", &m_guide) : s;
   }
 
@@ -103,7 +108,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     Korvane::Rect roi;
     ImageView shape;
     Status s = DrawnRegion(v, roi);
-    if (s.ok()) s = m_shape.Get(v, m_inputs, shape);
+    if (s.ok()) s = m_shape.Get(*m_engine, v, m_inputs, shape);
     if (!s.ok()) return s;
     Korvane::BokehParam param;
     param.quality_mode = static_cast<int32_t>(v.Whole("quality-mode"));
@@ -129,7 +134,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
 
  private:
   ImageView m_guide;
-  ShapeOption m_shape{"shape", DrawBokehShape};
+  ShapeOption m_shape{"shape", BokehShapeNamed};
 };
 
 // ---- Sparkle ----------------------------------------------------------------------
@@ -211,13 +216,13 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
   Status Shapes(const OptionValues& v) {
     ImageView shape;
     bool changed = false;
-    Status s = m_auto_shape.Get(v, m_inputs, shape, &changed);
+    Status s = m_auto_shape.Get(*m_engine, v, m_inputs, shape, &changed);
     if (s.ok() && changed) {
       const Korvane::ImageBuffer b = shape.Buffer();
       s = Status::Call("sparkle SetAutoSparkleShape", m_fx->SetAutoSparkleShape(&b));
     }
     if (!s.ok() || m_inputs.sparkles.empty()) return s;
-    s = m_manual_shape.Get(v, m_inputs, m_manual_view, &changed);
+    s = m_manual_shape.Get(*m_engine, v, m_inputs, m_manual_view, &changed);
     if (!s.ok() || !changed) return s;
     if (m_manual_view.width != Korvane::SPK_SIZE || m_manual_view.height != Korvane::SPK_SIZE) {
       return Status::Failed("{input} is " + std::to_string(m_manual_view.width) + "x" +
@@ -235,7 +240,7 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
   }
 
   ImageView m_manual_view;
-  ShapeOption m_auto_shape{"shape", DrawGlintShape}, m_manual_shape{"manual-shape", DrawGlintShape};
+  ShapeOption m_auto_shape{"shape", GlintShapeNamed}, m_manual_shape{"manual-shape", GlintShapeNamed};
   bool m_manual_registered = false;
 };
 

@@ -8,6 +8,7 @@
 #include "core/DebugLog.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
+#include "core/ShapeDrawing.h"
 #include "core/SmartBuffer.h"
 #include "effects/bokeh/BokehPaste.h"
 
@@ -176,7 +177,8 @@ int32_t BokehEffect::ReleaseBuffer() {
   m_norm_src_buff = SmartBuffer();
   m_src = m_blur_mask = m_dst = SmartBuffer();
   m_focus_src_buff = m_focus_src_mask = m_light_buff = m_scaled_light_buff = SmartBuffer();
-  m_shape_copy = m_rotated_shape = SmartBuffer();
+  m_shape_copy = m_rotated_shape = m_builtin_shape = SmartBuffer();
+  m_builtin_id = SHAPE_NONE;
   m_bokeh_types = {};
   int32_t hr;
   if (KORVANE_FAILED(m_focus_effect.ReleaseBuffer())) return hr;
@@ -218,7 +220,10 @@ int32_t BokehEffect::CheckFrame(const BokehParam* param, const BokehShapeParam* 
     return E_INVALIDARG;
   }
   const ImageBuffer& shape = shape_param->shape;
-  if (!shape.data) return E_POINTER;
+  if (!shape.data) {
+    if (shape_param->builtin_shape == SHAPE_NONE) return E_POINTER;
+    return IsDiscShape(shape_param->builtin_shape) || IsGlintShape(shape_param->builtin_shape) ? S_OK : E_INVALIDARG;
+  }
   if (!IsBgra(shape) || !RowsFit(shape, 4) || shape.width > kMaxImageSide || shape.height > kMaxImageSide) {
     return E_INVALIDARG;
   }
@@ -243,8 +248,20 @@ int32_t BokehEffect::Process(const BokehParam* param, const BokehShapeParam* sha
   m_src = SmartBufferView(*src);
   m_dst = SmartBufferView(*dst);
   m_blur_mask = blur_mask && blur_mask->data ? SmartBufferView(*blur_mask) : SmartBuffer();
-  m_bok_size = LightSize{m_shape_param.shape.width, m_shape_param.shape.height};
   try {
+    m_builtin_redrawn = false;
+    if (!m_shape_param.shape.data) {
+      // The built-in disc, drawn once while the record names the same one.
+      if (m_builtin_id != m_shape_param.builtin_shape) {
+        m_builtin_redrawn = true;
+        m_builtin_id = SHAPE_NONE;
+        const int32_t drawn = MakeBuiltinShape(m_shape_param.builtin_shape, m_builtin_shape);
+        if (drawn < 0) return drawn;
+        m_builtin_id = m_shape_param.builtin_shape;
+      }
+      m_shape_param.shape = MapView(m_builtin_shape, FullRect(m_builtin_shape));
+    }
+    m_bok_size = LightSize{m_shape_param.shape.width, m_shape_param.shape.height};
     return RenderFrame();
   } catch (const std::bad_alloc& e) {
     DebugLog("Process - %s caught!", e.what());

@@ -104,6 +104,9 @@ class BokehEffect final : public Bokeh, public EffectCore {
   SmartBuffer m_src, m_blur_mask, m_dst;
   SmartBuffer m_focus_src_buff, m_focus_src_mask, m_light_buff, m_scaled_light_buff;
   SmartBuffer m_shape_copy, m_rotated_shape;
+  SmartBuffer m_builtin_shape;           // the built-in disc of a record without a shape image
+  int32_t m_builtin_id = SHAPE_NONE;     // which one it is
+  bool m_builtin_redrawn = false;        // drawn anew this frame: the variants must follow
   // The ten disc variants, each with the temporary image of its sub-pixel paste.
   std::array<LightShape, kSizeCount> m_bokeh_types;
   bool m_types_ready = false;

@@ -9,6 +9,7 @@
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/RowPipeline.h"
+#include "core/ShapeDrawing.h"
 #include "core/SmartBuffer.h"
 #include "effects/sparkle/SparkleAnime.h"
 #include "effects/sparkle/SparkleColor.h"
@@ -147,6 +148,7 @@ int32_t SparkleEffect::ResetSparkleList() {
 
 int32_t SparkleEffect::ReleaseAllSparkleTypesBuff() {
   m_auto_sparkle_type = SparkleType();
+  m_auto_default = SHAPE_NONE;
   m_manual_types.clear();
   m_manual_cache.clear();
   m_auto_spk_dst = SmartBuffer();
@@ -195,7 +197,7 @@ int32_t SparkleEffect::ValidateProcess(const SparkleParam* param, const SparkleR
                                        const SparkleRenderParam* m, const ImageBuffer* src, const ImageBuffer* dst,
                                        const Rect& roi) const {
   if (!param || !a || !m || !src || !dst || !src->data || !dst->data) return E_POINTER;
-  if (!m_source_set || !m_auto_sparkle_type.shape.data) return E_FAIL;
+  if (!m_source_set || (!m_auto_sparkle_type.shape.data && param->default_shape == SHAPE_NONE)) return E_FAIL;
   if (dst->width != static_cast<int64_t>(roi.right) - roi.left ||
       dst->height != static_cast<int64_t>(roi.bottom) - roi.top || !IsBgra(*dst) || !IsBgra(*src) ||
       param->anime_frame_count < 1 || param->anime_frame_index < 0) {
@@ -207,6 +209,23 @@ int32_t SparkleEffect::ValidateProcess(const SparkleParam* param, const SparkleR
   }
   int32_t hr;
   if ((hr = CheckRender(*a)) < 0 || (hr = CheckRender(*m)) < 0) return hr;
+  const int32_t shape = param->default_shape;
+  if (shape != SHAPE_NONE && !IsDiscShape(shape) && !IsGlintShape(shape)) return E_INVALIDARG;
+  return S_OK;
+}
+
+int32_t SparkleEffect::UseDefaultShape(int32_t shape) {
+  // A shape the caller gave stays; the default is drawn while there is none
+  // (and again when the record names another one).
+  const bool callers = m_auto_sparkle_type.shape.data && m_auto_default == SHAPE_NONE;
+  if (callers || shape == SHAPE_NONE || shape == m_auto_default) return S_OK;
+  SmartBuffer drawn;
+  int32_t hr;
+  if ((hr = MakeBuiltinShape(shape, drawn)) < 0) return hr;
+  const ImageBuffer view = MapView(drawn, FullRect(drawn));
+  m_auto_default = SHAPE_NONE;
+  if ((hr = CopyShape(view, m_auto_sparkle_type, false)) < 0) return hr;
+  m_auto_default = shape;
   return S_OK;
 }
 
@@ -220,7 +239,8 @@ int32_t SparkleEffect::Process(const SparkleParam* param, const SparkleRenderPar
     m_auto_render = *auto_render_param;
     m_manual_render = *manual_render_param;
     m_roi = roi;
-    hr = RenderFrame(*src, *dst);
+    hr = UseDefaultShape(param->default_shape);
+    if (hr >= 0) hr = RenderFrame(*src, *dst);
   } catch (const std::bad_alloc& e) {
     DebugLog("Process - %s caught!", e.what());
     hr = E_OUTOFMEMORY;

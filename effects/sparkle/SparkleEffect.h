@@ -83,6 +83,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t DetectAutoSparkles(int32_t quality_mode);
   int32_t InitAutoSparkleList(const SmartBuffer& map);
   int32_t CopyShape(const ImageBuffer& shape, SparkleType& type, bool manual);
+  // Draws the built-in automatic shape when the caller gave none.
+  int32_t UseDefaultShape(int32_t shape);
   int32_t ValidateProcess(const SparkleParam* param, const SparkleRenderParam* a, const SparkleRenderParam* m,
                           const ImageBuffer* src, const ImageBuffer* dst, const Rect& roi) const;
   // E_INVALIDARG unless every point lies on the photo with a finite scale
@@ -124,6 +126,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
 
   // Shapes.
   SparkleType m_auto_sparkle_type;
+  int32_t m_auto_default = SHAPE_NONE;  // the built-in shape m_auto_sparkle_type holds, if any
   std::map<uint16_t, SparkleType> m_manual_types;
   std::vector<ManualSparkle> m_manual_sparkles;
   uint32_t m_manual_serial = 0;  // sparkles added so far: the seed of the next one

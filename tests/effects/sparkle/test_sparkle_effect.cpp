@@ -96,7 +96,11 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   KorvaneTest::EffectRig<SparkleEffect> fresh;
   EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 1, 1}), E_FAIL);  // no source, before sizes
   ASSERT_EQ(fresh->SetSource(&r.src), S_OK);
-  EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  SparkleParam no_default = p;
+  no_default.default_shape = SHAPE_NONE;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  no_default.default_shape = SHAPE_CROSS + 1;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_INVALIDARG);
 
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 64, 47}), E_INVALIDARG);
   ImageBuffer gray = out.buf;
@@ -290,6 +294,7 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   EXPECT_GT(out[centre + 6 * 4 + 1], r.photo[centre + 6 * 4 + 1]);
   ASSERT_EQ(r->ResetSparkleTypes(), S_OK);
   SparkleParam q = Frame(1, 0);
+  q.default_shape = SHAPE_NONE;
   SparkleRenderParam a, m;
   ImageBuffer dst = MakeImageBuffer(star.data(), 320, 240);
   EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &dst, Rect{0, 0, 320, 240}), E_FAIL);

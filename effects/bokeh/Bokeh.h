@@ -54,6 +54,11 @@ struct BokehParam {
   int32_t reserved_mode = 0;                 // not read
   float focus_value = 0.9f;                  // 0..1: the mask value in focus (x 255)
   float focus_range = 0.2f;                  // 0..1: mask distance still left sharp (x 255)
+  // Non-zero: discs only on points that sit on real light (LightPointInfo
+  // highlight): bright against the photo and against their surroundings,
+  // not on texture such as leaf edges or fabric. The tool sets it.
+  uint8_t highlights_only = 0;
+  uint8_t reserved_flags[3] = {0, 0, 0};     // not read
 };
 
 // Shape settings, copied whole on every Process.
@@ -116,6 +121,13 @@ class Bokeh {
   // Chooses which shapes a region render draws (RegionMode; kept until
   // changed, REGION_CENTRES_INSIDE at creation). E_INVALIDARG for another value.
   virtual int32_t SetRegionMode(int32_t mode) = 0;
+
+  // The light points the last Process call draws a disc at in at least one
+  // frame of its loop (its amount, highlight filter, region, disc sizes and
+  // twinkle), in the order of GetLightPoints; summary->count is their
+  // number. The same arguments and codes as GetLightPoints, and E_FAIL
+  // before a Process of this source.
+  virtual int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const = 0;
 };
 
 }  // namespace Korvane

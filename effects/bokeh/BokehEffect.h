@@ -29,6 +29,7 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t ReleaseBuffer() override;
   int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
   int32_t SetRegionMode(int32_t mode) override;
+  int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
 
   // Inspection, for tests and the tool.
   const LightPointList& GetBokehList() const { return m_bokeh_list; }
@@ -71,6 +72,11 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t InitTempBokehType();
   int32_t InitBokehListSizeID();
   int32_t PasteBokehList();
+  // What the paste of a frame reads: the points' brightness, the amount's
+  // skip threshold, and where a point's disc lands (false: no disc).
+  LightLevels Levels() const;
+  float SkipThreshold() const { return 1.0f - m_shape_param.amount; }
+  bool LocateDisc(const LightPoint& p, LightSpot& spot) const;
   // The colour of a point's disc (false: no colour, nothing to paste).
   bool BokehColor(const LightPoint& p, int32_t hue_shift, float sat_weight, LightPasteArgs& args) const;
   void ResetParams();

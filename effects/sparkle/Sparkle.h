@@ -49,8 +49,9 @@ struct SparkleParam {
   // 2: full size, whole-pixel pastes, fixed brightness per glint (fast preview);
   // 3: reduced as 1, whole-pixel pastes, fixed brightness per glint.
   // In 2 and 3 detection also uses a finer radius and a higher threshold
-  // (fewer, crisper points), and `amount` is taken in 11 steps. Other values
-  // behave as 1 (scaling) with sub-pixel pastes.
+  // (fewer, crisper points), and `amount` is taken in 11 steps (neither
+  // with steady_content). Other values behave as 1 (scaling) with sub-pixel
+  // pastes.
   int32_t quality_mode = 1;
   uint8_t rotate = 0;          // non-zero: the glints turn once per loop (on top of `rotation`)
   uint8_t twinkle = 0;         // non-zero: each glint flashes once per loop
@@ -62,6 +63,18 @@ struct SparkleParam {
   // since ResetSparkleTypes): a BuiltinShape drawn by the library.
   // SHAPE_NONE: Process answers E_FAIL until a shape is given.
   int32_t default_shape = SHAPE_STAR4;
+  // Non-zero: automatic glints only on points that sit on real light
+  // (LightPointInfo highlight): bright against the photo and against their
+  // surroundings, not on texture or edges. The tool sets it.
+  uint8_t highlights_only = 0;
+  // Non-zero: the quality mode changes only the light map's size and the
+  // pasting precision, never which glints show or how bright: the points
+  // SetSource found serve every mode (so glints removed stay removed), the
+  // amount is taken as it is, and without twinkling each glint keeps the
+  // fixed brightness of its phase (that of modes 2 and 3) in every mode. A
+  // still and a loop then show the same glints. The tool sets it.
+  uint8_t steady_content = 0;
+  uint8_t reserved_flags[2] = {0, 0};  // not read
 };
 
 // Colour of the glints of one set.
@@ -193,6 +206,13 @@ class Sparkle {
   // Chooses which shapes a region render draws (RegionMode; kept until
   // changed, REGION_CENTRES_INSIDE at creation). E_INVALIDARG for another value.
   virtual int32_t SetRegionMode(int32_t mode) = 0;
+
+  // The automatic light points the last Process call draws a glint at in
+  // at least one frame of its loop (its amount, highlight filter, region,
+  // removed glints, brightness and twinkle), in the order of
+  // GetLightPoints; summary->count is their number. The same arguments and
+  // codes as GetLightPoints, and E_FAIL before a Process of this source.
+  virtual int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const = 0;
 };
 
 }  // namespace Korvane

@@ -8,6 +8,7 @@
 #include "core/BandTask.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/LightHighlights.h"
 #include "core/RowPipeline.h"
 #include "core/ShapeDrawing.h"
 #include "core/SmartBuffer.h"
@@ -54,7 +55,7 @@ LightPointSettings SparkleEffect::DetectionSettings(int32_t quality_mode) {
 }
 
 float SparkleEffect::SkipThreshold(int32_t quality_mode, float amount) const {
-  if (!FastMode(quality_mode)) return 1.0f - amount;
+  if (!FastMode(quality_mode) || m_param.steady_content) return 1.0f - amount;
   const int32_t i = static_cast<int32_t>((1.0f - amount) * 11.0f);
   return m_skip_table[std::min(std::max(i, 0), 10)];
 }
@@ -77,7 +78,8 @@ LightLevels SparkleEffect::Levels() const {
   LightLevels levels;
   levels.curve = &SparkleTwinkle();
   levels.frame_count = m_param.twinkle ? m_param.anime_frame_count : 0;
-  if (FastMode(m_param.quality_mode)) {
+  // Steady content: fixed brightness unless twinkling, in every mode.
+  if (m_param.steady_content ? !m_param.twinkle : FastMode(m_param.quality_mode)) {
     levels.steps = m_fixed_lightness;
     levels.step_count = 11;
   }
@@ -92,6 +94,7 @@ int32_t SparkleEffect::SetSource(const ImageBuffer* src) {
   if (hr < 0) return hr;
   if (src->width > kMaxImageSide || src->height > kMaxImageSide) return E_INVALIDARG;
   m_source_set = false;
+  m_drawn_known = false;
   m_auto_sparkle_list.clear();
   try {
     m_img_size = LightSize{src->width, src->height};
@@ -116,7 +119,8 @@ int32_t SparkleEffect::DetectAutoSparkles(int32_t quality_mode) {
   int32_t hr;
   if ((hr = LogStep("InitAutoSparkleMap", DetectLightPoints(m_thread_adapter, m_system_info, m_norm_src_buff,
                                                             DetectionSettings(quality_mode), m_auto_sparkle_map))) < 0 ||
-      KORVANE_FAILED(InitAutoSparkleList(m_auto_sparkle_map))) {
+      KORVANE_FAILED(InitAutoSparkleList(m_auto_sparkle_map)) ||
+      KORVANE_FAILED(MarkHighlights(m_norm_src_buff, m_auto_sparkle_list))) {
     return hr;
   }
   m_detected_fine = FastMode(quality_mode);
@@ -163,6 +167,7 @@ int32_t SparkleEffect::ResetSparkleTypes() { return ReleaseAllSparkleTypesBuff()
 
 int32_t SparkleEffect::ReleaseBuffer() {
   int32_t hr;
+  m_drawn_known = false;
   if (KORVANE_FAILED(ReleaseAllSparkleTypesBuff()) || KORVANE_FAILED(ResetSparkleList())) return hr;
   m_source_set = false;
   m_norm_src_buff = SmartBuffer();
@@ -182,6 +187,24 @@ int32_t SparkleEffect::GetLightPoints(LightPointSummary* summary, LightPointInfo
   if (!m_source_set) return E_FAIL;
   return CopyLightPoints(m_auto_sparkle_list, m_norm_img_size.w, m_norm_img_size.h, SparkleTwinkle().Samples(),
                          summary, points, capacity);
+}
+
+int32_t SparkleEffect::GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points,
+                                           int32_t capacity) const {
+  if (!summary) return E_POINTER;
+  if (!m_source_set || !m_drawn_known) return E_FAIL;
+  LightPointList drawn;
+  if (m_param.auto_sparkle && m_auto_render.amount != 0.0f) {
+    // The rule of the last frame's PasteAutoSparkle, over its whole loop.
+    ForEachDrawnLightPoint(
+        m_region, m_auto_sparkle_list, Levels(), m_auto_render.twinkle_cycles,
+        SkipThreshold(m_param.quality_mode, m_auto_render.amount),
+        [&](const LightPointList::value_type& entry, LightSpot& spot) { return LocateGlint(entry.second, spot); },
+        [](const LightPointList::value_type&) { return true; },
+        [&](const LightPointList::value_type& entry) { drawn.insert(entry); });
+  }
+  return CopyLightPoints(drawn, m_norm_img_size.w, m_norm_img_size.h, SparkleTwinkle().Samples(), summary, points,
+                         capacity);
 }
 
 int32_t SparkleEffect::SetRegionMode(int32_t mode) {
@@ -357,9 +380,10 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
 
 int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
   int32_t hr;
-  if (FastMode(m_param.quality_mode) != m_detected_fine && (hr = DetectAutoSparkles(m_param.quality_mode)) < 0) {
-    return hr;
-  }
+  // Steady content keeps the points SetSource found (those of modes 0 and 1).
+  const bool fine = FastMode(m_param.quality_mode) && !m_param.steady_content;
+  if (fine != m_detected_fine && (hr = DetectAutoSparkles(fine ? 2 : 1)) < 0) return hr;
+  m_drawn_known = false;
   if ((hr = LogCall("CalScaleRatio(max(m_src_buff.width, m_src_buff.height))",
                     CalScaleRatio(std::max(m_img_size.w, m_img_size.h)))) < 0) {
     return hr;
@@ -397,6 +421,7 @@ int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
     return hr;
   }
   m_manual_drawn = m_manual_drawn && separate;
+  m_drawn_known = true;
   return FinishFrame(src, dst);
 }
 

@@ -60,6 +60,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t ReleaseBuffer() override;
   int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
   int32_t SetRegionMode(int32_t mode) override;
+  int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
 
   // For tools and tests: what SetSource found and what was placed.
   const LightPointList& AutoSparkleList() const { return m_auto_sparkle_list; }
@@ -105,6 +106,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t InitTempSparkleType();
   int32_t ClearLightMaps(bool manual);
   int32_t PasteAutoSparkle(const SparkleRenderParam& rp);
+  // Where an automatic glint lands this frame (false: none at this point).
+  bool LocateGlint(const LightPoint& p, LightSpot& spot) const;
   int32_t PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src, SmartBuffer& light);
   int32_t FinishFrame(const ImageBuffer& src, ImageBuffer& dst);
   // How bright the glints are this frame (the fixed steps of the fast modes,
@@ -173,6 +176,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   SmartBuffer m_auto_scaled_light_buff;
   SmartBuffer m_manu_scaled_light_buff;
   bool m_manual_drawn = false;  // the manual map holds light this frame
+  bool m_drawn_known = false;   // the frame state above is that of a finished Process
   float m_manual_cos = 1.0f, m_manual_sin = 0.0f;
 
   // Fixed tuning: the brightness of the fast modes by phase.

@@ -28,6 +28,8 @@ class LightnessPlane {
   // Mean lightness of the square of half-width r around (x, y), cut to the
   // picture.
   double BoxMean(int32_t x, int32_t y, int32_t r) const;
+  // The sum of that square's lightness and its pixel count.
+  int64_t BoxSum(int32_t x, int32_t y, int32_t r, int64_t& count) const;
 
  private:
   void Read(const uint8_t* data, int32_t w, int32_t h, int64_t stride);
@@ -37,6 +39,17 @@ class LightnessPlane {
   std::vector<int64_t> m_sum;  // (w + 1) x (h + 1) sums of the rows and columns above and left
   int64_t m_hist[256] = {};
 };
+
+// Pixels of each lightness 0..255 in a BGRA32 image, added to `histogram`.
+void AddLightnessHistogram(const ImageBuffer& img, int64_t* histogram);
+
+// `img` (BGRA32 or GRAY8) reduced by the whole factor that brings its
+// longer side to at most `max_side`, each pixel the mean of its block (the
+// last blocks of a row or column may be narrower): small lights keep their
+// share of the picture, which point sampling could miss. A copy when no
+// reduction is needed. E_POINTER, E_NOTIMPL, E_INVALIDARG as CheckImage;
+// E_INVALIDARG for max_side < 1.
+int32_t AverageDown(const ImageBuffer& img, int32_t max_side, SmartBuffer& out);
 
 // The lightness at which the brightest `share` (0..1) of a histogram's
 // pixels begins: the largest v with at least share x total pixels at v or

@@ -143,6 +143,27 @@ float LightLevels::At(const LightPoint& p) const {
   return (*curve)[p.phase];
 }
 
+bool LightLevels::LitInLoop(const LightPoint& p, int32_t cycles) const {
+  if (steps || frame_count <= 0) return At(p) != 0.0f;
+  // Over the loop the point shows the frames start + k g of the stretched
+  // curve, g = gcd(cycles, count). Closer than a quarter of a curve sample
+  // apart they cannot miss its lit stretch, which is wider than that.
+  const int32_t count = frame_count;
+  int64_t a = cycles > 0 ? cycles % count : 0, b = count;
+  while (a != 0) {
+    const int64_t t = b % a;
+    b = a;
+    a = t;
+  }
+  const int64_t g = b, shown = count / g;
+  if (shown > 4 * static_cast<int64_t>(curve->Samples())) return true;
+  const int32_t start = TwinkleFrameOffset(p.phase, curve->Samples(), count, 0, cycles);
+  for (int64_t k = 0; k < shown; ++k) {
+    if (curve->AtFrame(static_cast<int32_t>((start + k * g) % count), count) != 0.0f) return true;
+  }
+  return false;
+}
+
 // --- Colours --------------------------------------------------------------------
 
 int32_t CalRandomColor(int32_t count, std::vector<uint32_t>& table) {

@@ -156,6 +156,10 @@ struct LightLevels {
   int32_t step_count = 0;
 
   float At(const LightPoint& p) const;
+  // Whether the point is lit in at least one frame of the loop: twinkling,
+  // in some frame of its cycle (going through the curve `cycles` times a
+  // loop); otherwise in every frame or in none.
+  bool LitInLoop(const LightPoint& p, int32_t cycles = 1) const;
 };
 
 // ---------------------------------------------------------------------------
@@ -219,20 +223,26 @@ struct LightSpot {
   LightShape* shape = nullptr;  // the variant to paste (NULL: none)
 };
 
+// Whether the paste loop draws a located spot, its brightness aside: it has
+// a shape, is enabled, `threshold` does not exceed its random float and its
+// shape is drawn in the region.
+inline bool SpotShown(const LightSpot& spot, const LightRegion& region, float threshold) {
+  const LightPoint& p = spot.point;
+  return spot.shape && p.enabled && !(threshold > p.random) && region.Draws(spot.pt, spot.shape->d);
+}
+
 // The paste loop of every light point, in the order of `items`: a point is
-// pasted when it is enabled and `threshold` does not exceed its random
-// float, its shape is drawn in the painter's region and its level is above
-// 0. `locate(item, spot)` fills the spot (false: skip the item);
-// `colour(item, args)` sets args.color and args.mode (false: skip). Stops at
-// the first failing paste and returns its code.
+// pasted when SpotShown and its level is above 0. `locate(item, spot)`
+// fills the spot (false: skip the item); `colour(item, args)` sets
+// args.color and args.mode (false: skip). Stops at the first failing paste
+// and returns its code.
 template <class Items, class Locate, class Colour>
 int32_t PasteLightPoints(const LightMapPainter& painter, Items& items, const LightLevels& levels, float threshold,
                          Locate&& locate, Colour&& colour) {
   for (auto& item : items) {
     LightSpot spot;
-    if (!locate(item, spot) || !spot.shape) continue;
+    if (!locate(item, spot) || !SpotShown(spot, painter.Region(), threshold)) continue;
     const LightPoint& p = spot.point;
-    if (!p.enabled || threshold > p.random || !painter.Region().Draws(spot.pt, spot.shape->d)) continue;
     LightPasteArgs args;
     args.lightness = levels.At(p);
     if (args.lightness == 0.0f || !colour(item, args)) continue;
@@ -240,6 +250,21 @@ int32_t PasteLightPoints(const LightMapPainter& painter, Items& items, const Lig
     if (hr < 0) return hr;
   }
   return S_OK;
+}
+
+// The items the paste loop draws in at least one frame of the loop `levels`
+// describe, with the same `locate` and threshold: `coloured(item)` says
+// whether the item gets a colour; `drawn(item)` is called for each.
+template <class Items, class Locate, class Coloured, class Drawn>
+void ForEachDrawnLightPoint(const LightRegion& region, Items& items, const LightLevels& levels, int32_t cycles,
+                            float threshold, Locate&& locate, Coloured&& coloured, Drawn&& drawn) {
+  for (auto& item : items) {
+    LightSpot spot;
+    if (locate(item, spot) && SpotShown(spot, region, threshold) && levels.LitInLoop(spot.point, cycles) &&
+        coloured(item)) {
+      drawn(item);
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------

@@ -578,6 +578,7 @@ int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm
     out.random = p.random;
     out.color_index = p.color_index;
     out.enabled = p.enabled;
+    out.highlight = p.highlight;
   }
   return S_OK;
 }

@@ -132,6 +132,7 @@ struct LightPoint {
   int32_t size_id = 0;      // shape variant, set per frame (negative: not pasted)
   uint8_t enabled = 1;      // 0: never pasted
   uint8_t flag = 0;         // free for the effect's own use
+  uint8_t highlight = 0;    // sits on real light (MarkHighlights of core/LightHighlights.h)
 };
 
 // Keyed by the pixel index y x width + x, so iteration is in scan order.

@@ -8,6 +8,8 @@
 #include "core/DebugLog.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
+#include "core/LightHighlights.h"
+#include "core/ShapeDrawing.h"
 #include "core/SmartBuffer.h"
 #include "effects/bokeh/BokehPaste.h"
 
@@ -160,7 +162,7 @@ int32_t BokehEffect::SetSourceSteps(const ImageBuffer& src) {
                     InitAutoBokehMap(m_thread_adapter, m_system_info, m_norm_src_buff, location_map))) < 0) {
     return hr;
   }
-  if (KORVANE_FAILED(InitBokehList(location_map)) ||
+  if (KORVANE_FAILED(InitBokehList(location_map)) || KORVANE_FAILED(MarkHighlights(m_norm_src_buff, m_bokeh_list)) ||
       KORVANE_FAILED(CalDominantColor(m_norm_src_buff, m_bokeh_global_color)) ||
       KORVANE_FAILED(CalRandomColor(m_bokeh_random_color_count, m_bokeh_random_color_table))) {
     return hr;
@@ -176,7 +178,8 @@ int32_t BokehEffect::ReleaseBuffer() {
   m_norm_src_buff = SmartBuffer();
   m_src = m_blur_mask = m_dst = SmartBuffer();
   m_focus_src_buff = m_focus_src_mask = m_light_buff = m_scaled_light_buff = SmartBuffer();
-  m_shape_copy = m_rotated_shape = SmartBuffer();
+  m_shape_copy = m_rotated_shape = m_builtin_shape = SmartBuffer();
+  m_builtin_id = SHAPE_NONE;
   m_bokeh_types = {};
   int32_t hr;
   if (KORVANE_FAILED(m_focus_effect.ReleaseBuffer())) return hr;
@@ -187,6 +190,20 @@ int32_t BokehEffect::GetLightPoints(LightPointSummary* summary, LightPointInfo* 
   if (!summary) return E_POINTER;
   if (!m_source_set) return E_FAIL;
   return CopyLightPoints(m_bokeh_list, m_norm_img_size.w, m_norm_img_size.h, Twinkle().Samples(), summary, points,
+                         capacity);
+}
+
+int32_t BokehEffect::GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const {
+  if (!summary) return E_POINTER;
+  if (!m_source_set || !m_has_prev) return E_FAIL;
+  LightPointList drawn;
+  // The rule of the last frame's paste (PasteBokehList), over its whole loop.
+  ForEachDrawnLightPoint(
+      m_region, m_bokeh_list, Levels(), 1, SkipThreshold(),
+      [&](const LightPointList::value_type& entry, LightSpot& spot) { return LocateDisc(entry.second, spot); },
+      [&](const LightPointList::value_type&) { return m_shape_param.color_mode >= 0 && m_shape_param.color_mode <= 2; },
+      [&](const LightPointList::value_type& entry) { drawn.insert(entry); });
+  return CopyLightPoints(drawn, m_norm_img_size.w, m_norm_img_size.h, Twinkle().Samples(), summary, points,
                          capacity);
 }
 
@@ -218,7 +235,10 @@ int32_t BokehEffect::CheckFrame(const BokehParam* param, const BokehShapeParam* 
     return E_INVALIDARG;
   }
   const ImageBuffer& shape = shape_param->shape;
-  if (!shape.data) return E_POINTER;
+  if (!shape.data) {
+    if (shape_param->builtin_shape == SHAPE_NONE) return E_POINTER;
+    return IsDiscShape(shape_param->builtin_shape) || IsGlintShape(shape_param->builtin_shape) ? S_OK : E_INVALIDARG;
+  }
   if (!IsBgra(shape) || !RowsFit(shape, 4) || shape.width > kMaxImageSide || shape.height > kMaxImageSide) {
     return E_INVALIDARG;
   }
@@ -243,8 +263,20 @@ int32_t BokehEffect::Process(const BokehParam* param, const BokehShapeParam* sha
   m_src = SmartBufferView(*src);
   m_dst = SmartBufferView(*dst);
   m_blur_mask = blur_mask && blur_mask->data ? SmartBufferView(*blur_mask) : SmartBuffer();
-  m_bok_size = LightSize{m_shape_param.shape.width, m_shape_param.shape.height};
   try {
+    m_builtin_redrawn = false;
+    if (!m_shape_param.shape.data) {
+      // The built-in disc, drawn once while the record names the same one.
+      if (m_builtin_id != m_shape_param.builtin_shape) {
+        m_builtin_redrawn = true;
+        m_builtin_id = SHAPE_NONE;
+        const int32_t drawn = MakeBuiltinShape(m_shape_param.builtin_shape, m_builtin_shape);
+        if (drawn < 0) return drawn;
+        m_builtin_id = m_shape_param.builtin_shape;
+      }
+      m_shape_param.shape = MapView(m_builtin_shape, FullRect(m_builtin_shape));
+    }
+    m_bok_size = LightSize{m_shape_param.shape.width, m_shape_param.shape.height};
     return RenderFrame();
   } catch (const std::bad_alloc& e) {
     DebugLog("Process - %s caught!", e.what());
@@ -349,25 +381,30 @@ bool BokehEffect::BokehColor(const LightPoint& p, int32_t hue_shift, float sat_w
   return true;
 }
 
+LightLevels BokehEffect::Levels() const {
+  LightLevels levels;
+  levels.curve = &Twinkle();
+  levels.frame_count = m_param.twinkle_switch ? m_param.anime_frame_count : 0;
+  return levels;
+}
+
+bool BokehEffect::LocateDisc(const LightPoint& p, LightSpot& spot) const {
+  if (p.size_id < 0 || p.size_id >= kSizeCount || (m_param.highlights_only && !p.highlight)) return false;
+  spot.point = p;
+  spot.pt = LightMapGeometry{m_img_size, m_norm_img_size, m_scaled_img_size}.FromNorm(p.x, p.y);
+  // The paste writes only the variant's temporary image, never its shape.
+  spot.shape = const_cast<LightShape*>(&m_bokeh_types[static_cast<size_t>(p.size_id)]);
+  return true;
+}
+
 int32_t BokehEffect::PasteBokehList() {
-  const LightMapGeometry geometry{m_img_size, m_norm_img_size, m_scaled_img_size};
   const int32_t hue_shift = static_cast<int32_t>(m_shape_param.hue_offset * 36000.0f * 0.5f);
   const float sat_weight = (m_shape_param.saturation + 1.0f) * 0.5f;
   const LightPasteNames names = BokehPasteNames(m_system_info);
   const LightMapPainter painter(m_scaled_light_buff, m_region, names);
-  LightLevels levels;
-  levels.curve = &Twinkle();
-  levels.frame_count = m_param.twinkle_switch ? m_param.anime_frame_count : 0;
   return PasteLightPoints(
-      painter, m_bokeh_list, levels, 1.0f - m_shape_param.amount,
-      [&](LightPointList::value_type& entry, LightSpot& spot) {
-        const LightPoint& p = entry.second;
-        if (p.size_id < 0 || p.size_id >= kSizeCount) return false;
-        spot.point = p;
-        spot.pt = geometry.FromNorm(p.x, p.y);
-        spot.shape = &m_bokeh_types[static_cast<size_t>(p.size_id)];
-        return true;
-      },
+      painter, m_bokeh_list, Levels(), SkipThreshold(),
+      [&](const LightPointList::value_type& entry, LightSpot& spot) { return LocateDisc(entry.second, spot); },
       [&](const LightPointList::value_type& entry, LightPasteArgs& args) {
         return BokehColor(entry.second, hue_shift, sat_weight, args);
       });

@@ -29,6 +29,7 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t ReleaseBuffer() override;
   int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
   int32_t SetRegionMode(int32_t mode) override;
+  int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
 
   // Inspection, for tests and the tool.
   const LightPointList& GetBokehList() const { return m_bokeh_list; }
@@ -71,6 +72,11 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t InitTempBokehType();
   int32_t InitBokehListSizeID();
   int32_t PasteBokehList();
+  // What the paste of a frame reads: the points' brightness, the amount's
+  // skip threshold, and where a point's disc lands (false: no disc).
+  LightLevels Levels() const;
+  float SkipThreshold() const { return 1.0f - m_shape_param.amount; }
+  bool LocateDisc(const LightPoint& p, LightSpot& spot) const;
   // The colour of a point's disc (false: no colour, nothing to paste).
   bool BokehColor(const LightPoint& p, int32_t hue_shift, float sat_weight, LightPasteArgs& args) const;
   void ResetParams();
@@ -104,6 +110,9 @@ class BokehEffect final : public Bokeh, public EffectCore {
   SmartBuffer m_src, m_blur_mask, m_dst;
   SmartBuffer m_focus_src_buff, m_focus_src_mask, m_light_buff, m_scaled_light_buff;
   SmartBuffer m_shape_copy, m_rotated_shape;
+  SmartBuffer m_builtin_shape;           // the built-in disc of a record without a shape image
+  int32_t m_builtin_id = SHAPE_NONE;     // which one it is
+  bool m_builtin_redrawn = false;        // drawn anew this frame: the variants must follow
   // The ten disc variants, each with the temporary image of its sub-pixel paste.
   std::array<LightShape, kSizeCount> m_bokeh_types;
   bool m_types_ready = false;

@@ -81,6 +81,7 @@ int32_t BokehEffect::BokehProcess() {
   // The variants of the last frame serve while nothing they depend on changed.
   if (m_types_ready && m_has_prev && m_shape_param.size_blend == m_prev_shape_param.size_blend &&
       m_shape_param.rotation == m_prev_shape_param.rotation && m_shape_param.shape_changed == 0 &&
+      !m_builtin_redrawn &&
       m_param.rebuild_shapes == 0 && m_types_map.w == m_scaled_img_size.w && m_types_map.h == m_scaled_img_size.h &&
       m_rotated_shape.width == m_bok_size.w && m_rotated_shape.height == m_bok_size.h) {
     return S_OK;

@@ -42,7 +42,7 @@ int32_t CreateBuffer(SmartBuffer& buf, int32_t w, int32_t h, int32_t pix_fmt) {
 }  // namespace
 
 LightRaysEffect::LightRaysEffect(CThreadPool* pool)
-    : EffectCore(pool), m_resize_factor(0.5f), m_theta_grid(0.1f) {
+    : EffectCore(pool), m_pool(pool), m_resize_factor(0.5f), m_theta_grid(0.1f) {
   const int32_t n = static_cast<int32_t>(360 / m_theta_grid);
   m_cos_table.resize(static_cast<size_t>(2 * n + 1));
   m_sin_table.resize(static_cast<size_t>(2 * n + 1));
@@ -180,6 +180,10 @@ int32_t LightRaysEffect::Process(const LightRaysParam& param) {
   try {
     m_param = param;
     ParamImagesGuard guard{m_param};
+    if (m_param.center_x == kLightRaysAutoCenter || m_param.center_y == kLightRaysAutoCenter) {
+      const ImageBuffer photo = MapView(m_param.src, FullRect(m_param.src));
+      if ((hr = FindCenter(&photo, &m_param.center_x, &m_param.center_y)) < 0) return hr;
+    }
     // The centre may lie up to half an image beyond each edge.
     m_param.center_x = std::min(std::max(m_param.center_x, static_cast<int32_t>(-0.5 * m_img_w)),
                                 static_cast<int32_t>(1.5 * m_img_w));
@@ -335,12 +339,16 @@ int32_t LightRaysEffect::PostProcessRays() {
   // Value: 1 - (1 - v)^(1 + 15 ray_level), a gain with a soft shoulder.
   // Saturation: scaled down towards white for negative color_param, lifted
   // with a soft shoulder (about x2 at 1) for positive.
+  // With smooth_fade the smeared light arrives FadeGain times brighter and
+  // is divided back here: the lift then magnifies steps of a finer light,
+  // and the far ends of the rays fade without visible steps.
   int32_t value_lut[256], sat_lut[256];
   const double gamma = 1.0 + 15.0 * m_param.ray_level;
   const double cp = m_param.color_param;
+  const double fade_gain = FadeGain();
   for (int32_t i = 0; i < 256; ++i) {
     const double x = i / 255.0;
-    const double v = 1.0 - std::pow(1.0 - x, gamma);
+    const double v = 1.0 - std::pow(1.0 - x / fade_gain, gamma);
     const double s = cp < 0.0 ? x * (1.0 + cp) : 1.0 - std::pow(1.0 - x, 1.0 + cp);
     value_lut[i] = static_cast<int32_t>(v * kHsvMax + 0.5);
     sat_lut[i] = static_cast<int32_t>(s * kHsvMax + 0.5);

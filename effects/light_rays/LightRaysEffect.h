@@ -25,6 +25,8 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   int32_t Initialize(int32_t width, int32_t height) override;
   int32_t Process(const LightRaysParam& param) override;
   int32_t ReleaseBuffer() override;
+  int32_t FindCenter(const ImageBuffer* photo, int32_t* x, int32_t* y) override;
+  int32_t SuggestSettings(const ImageBuffer* photo, uint32_t fields, LightRaysParam* param) override;
 
   // Sizes chosen by Initialize, for checks and tools.
   int32_t GetResizedWidth() const { return m_resized_img_w; }
@@ -51,6 +53,9 @@ class LightRaysEffect final : public LightRays, public EffectCore {
 
  private:
   int32_t Validate(const LightRaysParam& p) const;
+  // The largest strength up to param.blend_strength that washes out at most
+  // a few more points of a small copy of `photo` (SuggestSettings).
+  int32_t LimitStrength(const ImageBuffer& photo, LightRaysParam& param);
   bool BuffersReady() const;
   void ReleaseAll();
   int32_t RunPipeline();
@@ -86,6 +91,10 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // the lampshade cone), or the shafts across a directional beam.
   void CalThetaWiseGains(int32_t rows);
   void CalDirectionalGains(int32_t rows, float v_centre, float period);
+  // smooth_fade: how much brighter the smear keeps the light, and the row
+  // gains scaled by it.
+  float FadeGain() const;
+  void ScaleGainsForFade(int32_t rows);
 
   // The random angles' 2 pi, truncated as the ray pattern has always drawn it.
   static constexpr double kAnglesTwoPi = 6.283184;
@@ -94,6 +103,7 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // A full turn in radians.
   static constexpr double kFullTurn = 6.283185307179586;
 
+  CThreadPool* m_pool;  // the engine's, for the small renders of SuggestSettings
   SmartBuffer m_hlr_buff;
   SmartBuffer m_resized_src_buff;
   SmartBuffer m_resized_msk_buff;

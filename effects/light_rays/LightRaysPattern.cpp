@@ -90,6 +90,25 @@ void LightRaysEffect::CalThetaWiseGains(int32_t rows) {
   if (m_lampshade) {
     for (int32_t j = 0; j < rows; ++j) m_row_gain[j] = static_cast<uint16_t>((m_row_gain[j] * m_cone[j] + 128) >> 8);
   }
+  ScaleGainsForFade(rows);
+}
+
+float LightRaysEffect::FadeGain() const {
+  // The smeared light is kept this many times brighter (the ray_level lift
+  // then divides it back out), so its faint end is finer than the 8-bit
+  // steps the lift would magnify: half the lift's slope at black, which
+  // still leaves the brightest rays at about nine tenths of full light
+  // below the smear's ceiling of 255.
+  if (!m_param.smooth_fade) return 1.0f;
+  return std::max(1.0f, (1.0f + 15.0f * m_param.ray_level) / 2.0f);
+}
+
+void LightRaysEffect::ScaleGainsForFade(int32_t rows) {
+  const float g = FadeGain();
+  if (g == 1.0f) return;
+  for (int32_t j = 0; j < rows; ++j) {
+    m_row_gain[j] = static_cast<uint16_t>(std::min(65535.0f, std::round(m_row_gain[j] * g)));
+  }
 }
 
 void LightRaysEffect::CalDirectionalGains(int32_t rows, float v_centre, float period) {
@@ -102,6 +121,7 @@ void LightRaysEffect::CalDirectionalGains(int32_t rows, float v_centre, float pe
     AddBump(sum, rows, centre, std::max(width, 1.5), 0.35f + 0.65f * m_shaft_shape[2 * k + 1], period);
   }
   GainsFromPattern(sum, rows, kShaftBase, m_row_gain);
+  ScaleGainsForFade(rows);
 }
 
 }  // namespace Korvane

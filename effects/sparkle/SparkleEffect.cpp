@@ -8,7 +8,9 @@
 #include "core/BandTask.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
+#include "core/LightHighlights.h"
 #include "core/RowPipeline.h"
+#include "core/ShapeDrawing.h"
 #include "core/SmartBuffer.h"
 #include "effects/sparkle/SparkleAnime.h"
 #include "effects/sparkle/SparkleColor.h"
@@ -53,7 +55,7 @@ LightPointSettings SparkleEffect::DetectionSettings(int32_t quality_mode) {
 }
 
 float SparkleEffect::SkipThreshold(int32_t quality_mode, float amount) const {
-  if (!FastMode(quality_mode)) return 1.0f - amount;
+  if (!FastMode(quality_mode) || m_param.steady_content) return 1.0f - amount;
   const int32_t i = static_cast<int32_t>((1.0f - amount) * 11.0f);
   return m_skip_table[std::min(std::max(i, 0), 10)];
 }
@@ -76,7 +78,8 @@ LightLevels SparkleEffect::Levels() const {
   LightLevels levels;
   levels.curve = &SparkleTwinkle();
   levels.frame_count = m_param.twinkle ? m_param.anime_frame_count : 0;
-  if (FastMode(m_param.quality_mode)) {
+  // Steady content: fixed brightness unless twinkling, in every mode.
+  if (m_param.steady_content ? !m_param.twinkle : FastMode(m_param.quality_mode)) {
     levels.steps = m_fixed_lightness;
     levels.step_count = 11;
   }
@@ -91,6 +94,7 @@ int32_t SparkleEffect::SetSource(const ImageBuffer* src) {
   if (hr < 0) return hr;
   if (src->width > kMaxImageSide || src->height > kMaxImageSide) return E_INVALIDARG;
   m_source_set = false;
+  m_drawn_known = false;
   m_auto_sparkle_list.clear();
   try {
     m_img_size = LightSize{src->width, src->height};
@@ -115,7 +119,8 @@ int32_t SparkleEffect::DetectAutoSparkles(int32_t quality_mode) {
   int32_t hr;
   if ((hr = LogStep("InitAutoSparkleMap", DetectLightPoints(m_thread_adapter, m_system_info, m_norm_src_buff,
                                                             DetectionSettings(quality_mode), m_auto_sparkle_map))) < 0 ||
-      KORVANE_FAILED(InitAutoSparkleList(m_auto_sparkle_map))) {
+      KORVANE_FAILED(InitAutoSparkleList(m_auto_sparkle_map)) ||
+      KORVANE_FAILED(MarkHighlights(m_norm_src_buff, m_auto_sparkle_list))) {
     return hr;
   }
   m_detected_fine = FastMode(quality_mode);
@@ -147,6 +152,7 @@ int32_t SparkleEffect::ResetSparkleList() {
 
 int32_t SparkleEffect::ReleaseAllSparkleTypesBuff() {
   m_auto_sparkle_type = SparkleType();
+  m_auto_default = SHAPE_NONE;
   m_manual_types.clear();
   m_manual_cache.clear();
   m_auto_spk_dst = SmartBuffer();
@@ -161,6 +167,7 @@ int32_t SparkleEffect::ResetSparkleTypes() { return ReleaseAllSparkleTypesBuff()
 
 int32_t SparkleEffect::ReleaseBuffer() {
   int32_t hr;
+  m_drawn_known = false;
   if (KORVANE_FAILED(ReleaseAllSparkleTypesBuff()) || KORVANE_FAILED(ResetSparkleList())) return hr;
   m_source_set = false;
   m_norm_src_buff = SmartBuffer();
@@ -182,6 +189,24 @@ int32_t SparkleEffect::GetLightPoints(LightPointSummary* summary, LightPointInfo
                          summary, points, capacity);
 }
 
+int32_t SparkleEffect::GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points,
+                                           int32_t capacity) const {
+  if (!summary) return E_POINTER;
+  if (!m_source_set || !m_drawn_known) return E_FAIL;
+  LightPointList drawn;
+  if (m_param.auto_sparkle && m_auto_render.amount != 0.0f) {
+    // The rule of the last frame's PasteAutoSparkle, over its whole loop.
+    ForEachDrawnLightPoint(
+        m_region, m_auto_sparkle_list, Levels(), m_auto_render.twinkle_cycles,
+        SkipThreshold(m_param.quality_mode, m_auto_render.amount),
+        [&](const LightPointList::value_type& entry, LightSpot& spot) { return LocateGlint(entry.second, spot); },
+        [](const LightPointList::value_type&) { return true; },
+        [&](const LightPointList::value_type& entry) { drawn.insert(entry); });
+  }
+  return CopyLightPoints(drawn, m_norm_img_size.w, m_norm_img_size.h, SparkleTwinkle().Samples(), summary, points,
+                         capacity);
+}
+
 int32_t SparkleEffect::SetRegionMode(int32_t mode) {
   if (mode != REGION_CENTRES_INSIDE && mode != REGION_SHAPES_REACHING) return E_INVALIDARG;
   m_region_mode = mode;
@@ -195,7 +220,7 @@ int32_t SparkleEffect::ValidateProcess(const SparkleParam* param, const SparkleR
                                        const SparkleRenderParam* m, const ImageBuffer* src, const ImageBuffer* dst,
                                        const Rect& roi) const {
   if (!param || !a || !m || !src || !dst || !src->data || !dst->data) return E_POINTER;
-  if (!m_source_set || !m_auto_sparkle_type.shape.data) return E_FAIL;
+  if (!m_source_set || (!m_auto_sparkle_type.shape.data && param->default_shape == SHAPE_NONE)) return E_FAIL;
   if (dst->width != static_cast<int64_t>(roi.right) - roi.left ||
       dst->height != static_cast<int64_t>(roi.bottom) - roi.top || !IsBgra(*dst) || !IsBgra(*src) ||
       param->anime_frame_count < 1 || param->anime_frame_index < 0) {
@@ -207,6 +232,23 @@ int32_t SparkleEffect::ValidateProcess(const SparkleParam* param, const SparkleR
   }
   int32_t hr;
   if ((hr = CheckRender(*a)) < 0 || (hr = CheckRender(*m)) < 0) return hr;
+  const int32_t shape = param->default_shape;
+  if (shape != SHAPE_NONE && !IsDiscShape(shape) && !IsGlintShape(shape)) return E_INVALIDARG;
+  return S_OK;
+}
+
+int32_t SparkleEffect::UseDefaultShape(int32_t shape) {
+  // A shape the caller gave stays; the default is drawn while there is none
+  // (and again when the record names another one).
+  const bool callers = m_auto_sparkle_type.shape.data && m_auto_default == SHAPE_NONE;
+  if (callers || shape == SHAPE_NONE || shape == m_auto_default) return S_OK;
+  SmartBuffer drawn;
+  int32_t hr;
+  if ((hr = MakeBuiltinShape(shape, drawn)) < 0) return hr;
+  const ImageBuffer view = MapView(drawn, FullRect(drawn));
+  m_auto_default = SHAPE_NONE;
+  if ((hr = CopyShape(view, m_auto_sparkle_type, false)) < 0) return hr;
+  m_auto_default = shape;
   return S_OK;
 }
 
@@ -220,7 +262,8 @@ int32_t SparkleEffect::Process(const SparkleParam* param, const SparkleRenderPar
     m_auto_render = *auto_render_param;
     m_manual_render = *manual_render_param;
     m_roi = roi;
-    hr = RenderFrame(*src, *dst);
+    hr = UseDefaultShape(param->default_shape);
+    if (hr >= 0) hr = RenderFrame(*src, *dst);
   } catch (const std::bad_alloc& e) {
     DebugLog("Process - %s caught!", e.what());
     hr = E_OUTOFMEMORY;
@@ -342,9 +385,10 @@ int32_t SparkleEffect::FinishFrame(const ImageBuffer& src, ImageBuffer& dst) {
 
 int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
   int32_t hr;
-  if (FastMode(m_param.quality_mode) != m_detected_fine && (hr = DetectAutoSparkles(m_param.quality_mode)) < 0) {
-    return hr;
-  }
+  // Steady content keeps the points SetSource found (those of modes 0 and 1).
+  const bool fine = FastMode(m_param.quality_mode) && !m_param.steady_content;
+  if (fine != m_detected_fine && (hr = DetectAutoSparkles(fine ? 2 : 1)) < 0) return hr;
+  m_drawn_known = false;
   if ((hr = LogCall("CalScaleRatio(max(m_src_buff.width, m_src_buff.height))",
                     CalScaleRatio(std::max(m_img_size.w, m_img_size.h)))) < 0) {
     return hr;
@@ -382,6 +426,7 @@ int32_t SparkleEffect::RenderFrame(const ImageBuffer& src, ImageBuffer& dst) {
     return hr;
   }
   m_manual_drawn = m_manual_drawn && separate;
+  m_drawn_known = true;
   return FinishFrame(src, dst);
 }
 

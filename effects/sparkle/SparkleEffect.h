@@ -60,6 +60,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t ReleaseBuffer() override;
   int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
   int32_t SetRegionMode(int32_t mode) override;
+  int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
 
   // For tools and tests: what SetSource found and what was placed.
   const LightPointList& AutoSparkleList() const { return m_auto_sparkle_list; }
@@ -83,6 +84,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t DetectAutoSparkles(int32_t quality_mode);
   int32_t InitAutoSparkleList(const SmartBuffer& map);
   int32_t CopyShape(const ImageBuffer& shape, SparkleType& type, bool manual);
+  // Draws the built-in automatic shape when the caller gave none.
+  int32_t UseDefaultShape(int32_t shape);
   int32_t ValidateProcess(const SparkleParam* param, const SparkleRenderParam* a, const SparkleRenderParam* m,
                           const ImageBuffer* src, const ImageBuffer* dst, const Rect& roi) const;
   // E_INVALIDARG unless every point lies on the photo with a finite scale
@@ -103,6 +106,8 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   int32_t InitTempSparkleType();
   int32_t ClearLightMaps(bool manual);
   int32_t PasteAutoSparkle(const SparkleRenderParam& rp);
+  // Where an automatic glint lands this frame (false: none at this point).
+  bool LocateGlint(const LightPoint& p, LightSpot& spot) const;
   int32_t PasteManualSparkle(const SparkleRenderParam& rp, const ImageBuffer& src, SmartBuffer& light);
   int32_t FinishFrame(const ImageBuffer& src, ImageBuffer& dst);
   // How bright the glints are this frame (the fixed steps of the fast modes,
@@ -124,6 +129,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
 
   // Shapes.
   SparkleType m_auto_sparkle_type;
+  int32_t m_auto_default = SHAPE_NONE;  // the built-in shape m_auto_sparkle_type holds, if any
   std::map<uint16_t, SparkleType> m_manual_types;
   std::vector<ManualSparkle> m_manual_sparkles;
   uint32_t m_manual_serial = 0;  // sparkles added so far: the seed of the next one
@@ -170,6 +176,7 @@ class SparkleEffect final : public Sparkle, public EffectCore {
   SmartBuffer m_auto_scaled_light_buff;
   SmartBuffer m_manu_scaled_light_buff;
   bool m_manual_drawn = false;  // the manual map holds light this frame
+  bool m_drawn_known = false;   // the frame state above is that of a finished Process
   float m_manual_cos = 1.0f, m_manual_sin = 0.0f;
 
   // Fixed tuning: the brightness of the fast modes by phase.

@@ -75,6 +75,7 @@ int32_t SparkleEffect::SetAutoSparkleShape(const ImageBuffer* shape) {
   if (hr < 0) return hr;
   if (shape->width > kMaxImageSide || shape->height > kMaxImageSide) return E_INVALIDARG;
   try {
+    m_auto_default = SHAPE_NONE;  // the caller's shape from now on
     return CopyShape(*shape, m_auto_sparkle_type, false);
   } catch (const std::bad_alloc& e) {
     DebugLog("SetAutoSparkleShape - %s caught!", e.what());

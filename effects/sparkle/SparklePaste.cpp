@@ -43,20 +43,22 @@ void GlintColour(int32_t color_mode, const LightColor& color, LightPasteArgs& ar
 
 }  // namespace
 
+bool SparkleEffect::LocateGlint(const LightPoint& p, LightSpot& spot) const {
+  if (m_param.highlights_only && !p.highlight) return false;
+  spot.point = p;
+  spot.pt = Geometry().FromNorm(p.x, p.y);
+  // The paste writes only the variant's temporary image, never its shape.
+  spot.shape = const_cast<LightShape*>(&m_auto_variants[p.size_id]);
+  return true;
+}
+
 int32_t SparkleEffect::PasteAutoSparkle(const SparkleRenderParam& rp) {
   if (rp.amount == 0.0f) return S_OK;
-  const LightMapGeometry geometry = Geometry();
   const LightPasteNames names = SparklePasteNames(m_system_info);
   const LightMapPainter painter(m_auto_scaled_light_buff, m_region, names);
   return PasteLightPoints(
       painter, m_auto_sparkle_list, Levels(), SkipThreshold(m_param.quality_mode, rp.amount),
-      [&](LightPointList::value_type& entry, LightSpot& spot) {
-        const LightPoint& p = entry.second;
-        spot.point = p;
-        spot.pt = geometry.FromNorm(p.x, p.y);
-        spot.shape = &m_auto_variants[p.size_id];
-        return true;
-      },
+      [&](const LightPointList::value_type& entry, LightSpot& spot) { return LocateGlint(entry.second, spot); },
       [&](const LightPointList::value_type& entry, LightPasteArgs& args) {
         const LightPoint& p = entry.second;
         LightColor color{255, 255, 255};

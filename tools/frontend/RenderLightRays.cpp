@@ -1,5 +1,6 @@
-// The render core of light rays: the automatic centre and the option values
-// as the effect's record.
+// The render core of light rays: the option values as the effect's record,
+// with what the user leaves out (centre, threshold, length, softness,
+// strength) suggested by the library for the photo.
 #include <algorithm>
 #include <cmath>
 #include <sstream>
@@ -11,41 +12,6 @@
 namespace KorvaneFrontend {
 
 namespace {
-
-// The centre of the brightest region: lightness averaged over cells of about
-// a sixtieth of the longer side, each cell with its eight neighbours, and the
-// best cell's centre.
-std::pair<int, int> BrightestRegion(const ImageView& photo) {
-  const int cell = std::max(1, LongerSide(photo) / 60);
-  const int cw = (photo.width + cell - 1) / cell, ch = (photo.height + cell - 1) / cell;
-  std::vector<double> sum(static_cast<size_t>(cw) * ch, 0.0), count(sum.size(), 0.0);
-  for (int y = 0; y < photo.height; ++y)
-    for (int x = 0; x < photo.width; ++x) {
-      const uint8_t* p = photo.At(x, y);
-      const int mx = std::max(p[0], std::max(p[1], p[2])), mn = std::min(p[0], std::min(p[1], p[2]));
-      const size_t i = static_cast<size_t>(y / cell) * cw + x / cell;
-      sum[i] += (mx + mn) / 2;
-      count[i] += 1;
-    }
-  double best = -1;
-  std::pair<int, int> at{photo.width / 2, photo.height / 2};
-  for (int cy = 0; cy < ch; ++cy)
-    for (int cx = 0; cx < cw; ++cx) {
-      double s = 0, n = 0;
-      for (int dy = -1; dy <= 1; ++dy)
-        for (int dx = -1; dx <= 1; ++dx) {
-          const int x = cx + dx, y = cy + dy;
-          if (x < 0 || y < 0 || x >= cw || y >= ch) continue;
-          s += sum[static_cast<size_t>(y) * cw + x];
-          n += count[static_cast<size_t>(y) * cw + x];
-        }
-      if (n > 0 && s / n > best) {
-        best = s / n;
-        at = {std::min(cx * cell + cell / 2, photo.width - 1), std::min(cy * cell + cell / 2, photo.height - 1)};
-      }
-    }
-  return at;
-}
 
 class LightRaysSession final : public PhotoSession {
  public:
@@ -78,11 +44,6 @@ class LightRaysSession final : public PhotoSession {
       // Whole pixels; the table keeps both within a million of the photo.
       p.center_x = static_cast<int32_t>(std::lround(v.Numbers("center")[0]));
       p.center_y = static_cast<int32_t>(std::lround(v.Numbers("center")[1]));
-    } else {
-      if (!m_found) m_centre = BrightestRegion(m_photo);
-      m_found = true;
-      p.center_x = m_centre.first;
-      p.center_y = m_centre.second;
     }
     if (v.Has("lampshade")) {
       const std::vector<double>& l = v.Numbers("lampshade");
@@ -90,13 +51,12 @@ class LightRaysSession final : public PhotoSession {
       p.lampshade_spread = static_cast<float>(l[1]);
       p.lampshade_param = static_cast<float>(l[2]);
     }
-    p.ray_length = v.Has("length") ? static_cast<float>(v.Number("length")) : 0.25f * side;
-    p.ray_softness = v.Has("softness") ? static_cast<float>(v.Number("softness"))
-                                       : std::min(0.003f * side, static_cast<float>(side / 32));
+    if (v.Has("length")) p.ray_length = static_cast<float>(v.Number("length"));
+    if (v.Has("softness")) p.ray_softness = static_cast<float>(v.Number("softness"));
     p.ray_radius = static_cast<float>(v.Number("radius"));
-    if (p.ray_length > side) return TooLong("--length", p.ray_length, "more than this photo's longer side", side);
+    if (v.Has("length") && p.ray_length > side) return TooLong("--length", p.ray_length, "more than this photo's longer side", side);
     if (p.ray_radius > side) return TooLong("--radius", p.ray_radius, "more than this photo's longer side", side);
-    if (p.ray_softness > side / 32) {
+    if (v.Has("softness") && p.ray_softness > side / 32) {
       return TooLong("--softness", p.ray_softness, "more than a 32nd of this photo's longer side", side / 32);
     }
     if (!m_mask.empty()) p.mask = m_mask.Smart();
@@ -109,14 +69,50 @@ class LightRaysSession final : public PhotoSession {
     p.hue_shift = static_cast<float>(v.Number("hue"));
     p.animate_rays = v.Flag("animate-rays");
     p.animate_hue = v.Flag("animate-hue");
+    p.smooth_fade = 1;  // rays that end without a step
+    const Status s2 = Suggest(v, p);
+    if (!s2.ok()) return s2;
     std::ostringstream summary;
     if (p.ray_mode == Korvane::LIGHT_RAYS_DIRECTIONAL) {
       summary << "directional at " << NumberText(p.ray_angle) << " degrees";
     } else {
       summary << "radial from " << p.center_x << "," << p.center_y;
     }
-    summary << ", " << NumberText(p.ray_length) << " px long";
+    summary << ", " << NumberText(p.ray_length) << " px long, threshold " << NumberText(p.hlr_threshold)
+            << ", strength " << NumberText(std::round(p.blend_strength * 100.0f) / 100.0f);
     m_summary = summary.str();
+    return Status();
+  }
+
+  // What the user left out, suggested for this photo once per set of
+  // settings (the strength is measured by rendering a small copy).
+  Status Suggest(const OptionValues& v, Korvane::LightRaysParam& p) {
+    uint32_t fields = 0;
+    if (!v.Has("center")) fields |= Korvane::SUGGEST_CENTER;
+    if (!v.Given("threshold")) fields |= Korvane::SUGGEST_THRESHOLD;
+    if (!v.Has("length")) fields |= Korvane::SUGGEST_LENGTH;
+    if (!v.Has("softness")) fields |= Korvane::SUGGEST_SOFTNESS;
+    if (!v.Given("strength")) fields |= Korvane::SUGGEST_STRENGTH;
+    const std::vector<float> key = {static_cast<float>(fields), static_cast<float>(p.center_x),
+                                    static_cast<float>(p.center_y), p.hlr_threshold, p.ray_length, p.ray_softness,
+                                    p.ray_radius, p.blend_strength, p.ray_level, p.color_param, p.hue_shift,
+                                    static_cast<float>(p.ray_mode), p.ray_angle, p.lampshade_angle,
+                                    p.lampshade_spread, p.lampshade_param};
+    if (fields == 0) return Status();
+    if (key != m_suggested_for) {
+      Korvane::LightRaysParam q = p;
+      const Korvane::ImageBuffer photo = m_photo.Buffer();
+      const Status s = Status::Call("light rays SuggestSettings", m_fx->SuggestSettings(&photo, fields, &q));
+      if (!s.ok()) return s;
+      m_suggested = q;
+      m_suggested_for = key;
+    }
+    p.center_x = m_suggested.center_x;
+    p.center_y = m_suggested.center_y;
+    p.hlr_threshold = m_suggested.hlr_threshold;
+    p.ray_length = m_suggested.ray_length;
+    p.ray_softness = m_suggested.ray_softness;
+    p.blend_strength = m_suggested.blend_strength;
     return Status();
   }
 
@@ -126,8 +122,8 @@ class LightRaysSession final : public PhotoSession {
 
   Engine::Handle<Korvane::LightRays> m_fx;
   ImageView m_mask;
-  std::pair<int, int> m_centre;
-  bool m_found = false;
+  Korvane::LightRaysParam m_suggested;
+  std::vector<float> m_suggested_for;
 };
 
 }  // namespace

@@ -186,11 +186,14 @@ TEST(BokehEffect, RecordChecksInOrder) {
   EXPECT_EQ(process(f, &guide, &guide, &out, full), E_INVALIDARG);                    // src GRAY8
   EXPECT_EQ(process(f, &photo, &guide, &small, Rect{kW / 2, 0, kW + kW / 2, kH}), E_INVALIDARG);  // region outside
   EXPECT_EQ(process(f, &photo, &photo, &out, full), E_INVALIDARG);                                // mask BGRA
-  // The shape last: missing pixels, then an empty size or a side so wide its
-  // blur radius overflowed.
+  // The shape last: missing pixels (with no built-in disc, or an unknown
+  // one), then an empty size or a side so wide its blur radius overflowed.
   Frame g = f;
   g.shape.shape.data = nullptr;
+  g.shape.builtin_shape = SHAPE_NONE;
   EXPECT_EQ(process(g, &photo, &guide, &out, full), E_POINTER);
+  g.shape.builtin_shape = SHAPE_CROSS + 1;
+  EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
   g = f;
   g.shape.shape.width = 0;
   EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);

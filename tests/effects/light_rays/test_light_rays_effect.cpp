@@ -246,7 +246,7 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
   }
   // Unchecked fields: the centre is clamped, lampshade_param may be anything.
   for (const Tweak& ok : std::vector<Tweak>{[](LightRaysParam& p) {
-                                              p.center_x = std::numeric_limits<int32_t>::min();
+                                              p.center_x = std::numeric_limits<int32_t>::min() + 1;
                                               p.center_y = 1 << 30;
                                             },
                                             [](LightRaysParam& p) {

@@ -97,7 +97,11 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   KorvaneTest::EffectRig<SparkleEffect> fresh;
   EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 1, 1}), E_FAIL);  // no source, before sizes
   ASSERT_EQ(fresh->SetSource(&r.src), S_OK);
-  EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  SparkleParam no_default = p;
+  no_default.default_shape = SHAPE_NONE;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  no_default.default_shape = SHAPE_CROSS + 1;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_INVALIDARG);
 
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 64, 47}), E_INVALIDARG);
   ImageBuffer gray = out.buf;
@@ -291,6 +295,7 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   EXPECT_GT(out[centre + 6 * 4 + 1], r.photo[centre + 6 * 4 + 1]);
   ASSERT_EQ(r->ResetSparkleTypes(), S_OK);
   SparkleParam q = Frame(1, 0);
+  q.default_shape = SHAPE_NONE;
   SparkleRenderParam a, m;
   ImageBuffer dst = MakeImageBuffer(star.data(), 320, 240);
   EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &dst, Rect{0, 0, 320, 240}), E_FAIL);
@@ -508,6 +513,65 @@ TEST(SparkleEffect, AFailedSourceIsLoggedAndLeavesNothingSet) {
   ImageBuffer dst = MakeImageBuffer(out.data(), 64, 48);
   EXPECT_EQ(fx.Process(&p, &r, &r, &src, &dst, Rect{0, 0, 64, 48}), E_FAIL);
   EXPECT_EQ(out, Bytes(photo.size(), 9));
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::pair<int32_t, int32_t>> Drawn(Rig& r) {
+  LightPointSummary s;
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, nullptr, 0), S_OK);
+  std::vector<LightPointInfo> pts(static_cast<size_t>(s.count));
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, pts.data(), s.count), S_OK);
+  std::vector<std::pair<int32_t, int32_t>> at;
+  for (const LightPointInfo& p : pts) at.push_back({p.x, p.y});
+  return at;
+}
+
+// With steady content the quality mode changes neither which glints show
+// nor how bright they are: the drawn points are the same in every mode, a
+// removed glint stays removed, a still equals a loop's frame, and only
+// points on real light are drawn with the highlight filter.
+TEST(SparkleEffect, SteadyContentShowsTheSameGlintsInEveryMode) {
+  Rig r(320, 240);
+  SparkleRenderParam a, m;
+  a.amount = 0.7f;
+  LightPointSummary s;
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, nullptr, 0), E_FAIL);  // before a frame
+  // Hide the glint of the spot at 100, 60.
+  const SparklePoint at{100, 60, 1};
+  ASSERT_GT(r->UpdateManualSparkles(&at, 1, SPARKLE_REMOVE), 0);
+  std::vector<std::pair<int32_t, int32_t>> first;
+  for (int32_t mode : {1, 0, 2, 3, 1}) {
+    SparkleParam p = Frame(1, 0, mode);
+    p.steady_content = 1;
+    r.Render(p, a, m);
+    const auto drawn = Drawn(r);
+    if (first.empty()) first = drawn;
+    EXPECT_EQ(drawn, first) << "mode " << mode;
+  }
+  ASSERT_GT(first.size(), 10u);
+  for (auto [x, y] : first) EXPECT_FALSE(std::abs(x * 320 / 640 - 100) <= 3 && std::abs(y * 240 / 480 - 60) <= 3);
+  // Designed behaviour without it: modes 2 and 3 find their own points.
+  r.Render(Frame(1, 0, 2), a, m);
+  EXPECT_NE(Drawn(r), first);
+
+  SparkleParam still = Frame(1, 0, 1), loop = Frame(6, 0, 1);
+  still.steady_content = loop.steady_content = 1;
+  EXPECT_EQ(r.Render(still, a, m), r.Render(loop, a, m));
+
+  still.highlights_only = 1;
+  r.Render(still, a, m);
+  const auto lights = Drawn(r);
+  EXPECT_FALSE(lights.empty());
+  std::vector<LightPointInfo> all(r->AutoSparkleList().size());
+  ASSERT_EQ(r->GetLightPoints(&s, all.data(), static_cast<int32_t>(all.size())), S_OK);
+  for (auto [x, y] : lights) {
+    const auto p = std::find_if(all.begin(), all.end(), [&](const LightPointInfo& q) { return q.x == x && q.y == y; });
+    ASSERT_NE(p, all.end());
+    EXPECT_EQ(p->highlight, 1);
+  }
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <tuple>
 #include <vector>
 
-#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"

@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/BoxBlur.h"
 #include "core/ImageChecks.h"

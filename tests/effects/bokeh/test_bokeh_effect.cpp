@@ -13,7 +13,6 @@
 #include <random>
 #include <vector>
 
-#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"

@@ -9,7 +9,6 @@
 #include <limits>
 #include <vector>
 
-#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"

@@ -4,7 +4,6 @@
 #include <random>
 #include <vector>
 
-#include "KernelForms.h"
 #include "TestSupport.h"
 #include "core/SmartBuffer.h"
 #include "effects/light_rays/LightRaysKernels.h"

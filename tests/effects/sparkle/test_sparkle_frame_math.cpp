@@ -3,7 +3,6 @@
 #include <cmath>
 #include <vector>
 
-#include "KernelForms.h"
 #include "SparkleTestSupport.h"
 #include "core/SmartBuffer.h"
 #include "core/LightPointDetect.h"

@@ -78,7 +78,9 @@ void Run(const gchar* name, gint count, const GimpParam* params, gint* return_co
   if (message.empty()) message = ApplyFilter(image, drawable, request);
   if (message.empty()) {
     if (mode != GIMP_RUN_NONINTERACTIVE) gimp_displays_flush();
-    if (mode == GIMP_RUN_INTERACTIVE) SaveLastValues(request);
+    // Whoever ran the filter last, a script or the dialog, the dialog opens
+    // with those values and Filters > Repeat uses them.
+    SaveLastValues(request);
     return;
   }
   values[0].data.d_status = calling_error && mode == GIMP_RUN_NONINTERACTIVE ? GIMP_PDB_CALLING_ERROR

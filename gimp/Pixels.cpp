@@ -54,27 +54,27 @@ Image ReadGray(gint32 item, gint32 layer) {
 }
 
 bool WriteLayer(gint32 layer, const Image& bgra, gint32 x, gint32 y, bool undo) {
+  // GIMP merges the shadow buffer over the whole of the selection's bounds,
+  // so all of that area is written: the render where it lies, the layer's
+  // own pixels around it.
   gint mx = 0, my = 0, mw = 0, mh = 0;
   if (!gimp_drawable_mask_intersect(layer, &mx, &my, &mw, &mh)) return false;
-  // Only the part of the image inside the selection's bounds is written.
+  Image out = ReadBgra(layer, mx, my, mw, mh);
   const gint left = MAX(mx, x), top = MAX(my, y);
   const gint right = MIN(mx + mw, x + bgra.width), bottom = MIN(my + mh, y + bgra.height);
-  if (right <= left || bottom <= top) return false;
-  const gint w = right - left, h = bottom - top;
   // The colour comes from the render, the alpha from the layer as it is.
-  Image out = ReadBgra(layer, left, top, w, h);
-  for (gint row = 0; row < h; ++row) {
-    const uint8_t* from = bgra.at(left - x, top - y + row);
-    uint8_t* to = out.at(0, row);
-    for (gint i = 0; i < w; ++i, from += 4, to += 4) to[0] = from[0], to[1] = from[1], to[2] = from[2];
+  for (gint row = top; row < bottom; ++row) {
+    const uint8_t* from = bgra.at(left - x, row - y);
+    uint8_t* to = out.at(left - mx, row - my);
+    for (gint i = left; i < right; ++i, from += 4, to += 4) to[0] = from[0], to[1] = from[1], to[2] = from[2];
   }
   SwapRedAndBlue(out);
   GeglBuffer* shadow = gimp_drawable_get_shadow_buffer(layer);
-  const GeglRectangle rect = {left, top, w, h};
-  gegl_buffer_set(shadow, &rect, 0, Rgba8Of(layer), out.pixels.data(), w * 4);
+  const GeglRectangle rect = {mx, my, mw, mh};
+  gegl_buffer_set(shadow, &rect, 0, Rgba8Of(layer), out.pixels.data(), mw * 4);
   g_object_unref(shadow);  // flushes the tiles to GIMP
   gimp_drawable_merge_shadow(layer, undo);
-  gimp_drawable_update(layer, left, top, w, h);
+  gimp_drawable_update(layer, mx, my, mw, mh);
   return true;
 }
 

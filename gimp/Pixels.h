@@ -22,7 +22,7 @@ KorvaneFrontend::Image ReadGray(gint32 item, gint32 layer);
 // Writes `bgra` into `layer` with its top-left corner at x, y (layer
 // pixels) through the shadow buffer, so GIMP merges it over the selection
 // only, blending its soft edges; `undo` records the change. Where the layer
-// has alpha it is left as it was. False when the selection misses the area.
+// has alpha it is left as it was. False when the selection misses the layer.
 bool WriteLayer(gint32 layer, const KorvaneFrontend::Image& bgra, gint32 x, gint32 y, bool undo);
 
 }  // namespace KorvaneGimp

@@ -339,21 +339,14 @@ bool Dialog::Run() {
   GtkWidget* left = gtk_vbox_new(FALSE, 6);
   gtk_box_pack_start(GTK_BOX(hbox), left, TRUE, TRUE, 0);
 
-  GtkWidget* controls = BuildControls();
-  GtkWidget* scrolled = gtk_scrolled_window_new(nullptr, nullptr);
-  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_NEVER, GTK_POLICY_AUTOMATIC);
-  gtk_scrolled_window_add_with_viewport(GTK_SCROLLED_WINDOW(scrolled), controls);
-  GtkRequisition size;
-  gtk_widget_size_request(controls, &size);
-  gtk_widget_set_size_request(scrolled, size.width + 24, std::min(size.height + 8, 520));
-  gtk_box_pack_start(GTK_BOX(hbox), scrolled, FALSE, FALSE, 0);
+  gtk_box_pack_start(GTK_BOX(hbox), BuildControls(), FALSE, FALSE, 0);
 
   m_preview = gimp_drawable_preview_new_from_drawable_id(m_layer);
-  gtk_widget_set_size_request(gimp_preview_get_area(GIMP_PREVIEW(m_preview)), 360, 300);
+  gtk_widget_set_size_request(gimp_preview_get_area(GIMP_PREVIEW(m_preview)), 400, 320);
   gtk_box_pack_start(GTK_BOX(left), m_preview, TRUE, TRUE, 0);
   m_message = gtk_label_new("");
   gtk_label_set_line_wrap(GTK_LABEL(m_message), TRUE);
-  gtk_widget_set_size_request(m_message, 360, -1);
+  gtk_widget_set_size_request(m_message, 400, -1);
   gtk_box_pack_start(GTK_BOX(left), m_message, FALSE, FALSE, 0);
   g_signal_connect_swapped(m_preview, "invalidated", G_CALLBACK(OnInvalidated), this);
 

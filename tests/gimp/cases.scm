@@ -115,7 +115,13 @@
     (save-frames img "animate")
     (let ((port (open-output-file (path "animate-selection.txt"))))
       (display (if (= (car (gimp-selection-is-empty img)) TRUE) "empty" "kept") port)
-      (close-output-port port))))
+      (close-output-port port))
+    ; Without the photo and the mask's layer the frames export as the loop:
+    ; an animated WebP, lossless, each frame's delay from its layer's name.
+    (gimp-image-remove-layer img d)
+    (gimp-image-remove-layer img (bottom-layer img))
+    (file-webp-save RUN-NONINTERACTIVE img (bottom-layer img) (path "animate.webp") "animate.webp"
+                    0 1 100 100 1 1 0 0 0 0 0 100 0)))
 
 (define (case-disperse)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)))

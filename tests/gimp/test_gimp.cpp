@@ -201,6 +201,17 @@ TEST_F(Gimp, LoopsBecomeFrameLayersAboveThePhoto) {
   Tool("animate photo.png --flows flows.json --still mask.png --loop-mode 1 --frames 4 -o tool-animate");
   ExpectFrameLayers("animate", 4);
   EXPECT_EQ(Lines("animate-selection.txt"), std::vector<std::string>{"kept"});
+  // GIMP's exporter writes the frame layers as the loop, 42 ms a frame (the
+  // tool's 24 frames a second).
+  vips::VImage webp = vips::VImage::new_from_file((kDir + "animate.webp").c_str(),
+                                                  vips::VImage::option()->set("n", -1));
+  EXPECT_EQ(webp.get_int("n-pages"), 4);
+  int* delays = nullptr;
+  int count = 0;
+  ASSERT_EQ(vips_image_get_array_int(webp.get_image(), "delay", &delays, &count), 0);
+  EXPECT_EQ(std::vector<int>(delays, delays + count), std::vector<int>(4, 42));
+  webp.extract_area(0, 0, kWidth, kHeight).write_to_file((kDir + "animate-webp-1.png").c_str());
+  ExpectSameImage("animate-webp-1.png", "tool-animate/frame_0000.png");
   Tool("disperse photo.png --mask mask.png --density 0.8 --seed 7 --loop --frames 3 -o tool-disperse");
   ExpectFrameLayers("disperse", 3);
 }

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a fresh machine lacks (only those missing).
 #   install-deps.sh tool   what the library and the korvane tool need
-#   install-deps.sh        that, plus what the tests and benchmarks need
+#   install-deps.sh gimp   that, plus GIMP 2.10 and its plug-in development files
+#   install-deps.sh        all of that, plus what the tests and benchmarks need
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,9 @@ packages=(
   libvips-dev libwebp-dev libimagequant-dev libcgif-dev  # the tool's image files and animations
 )
 if [ "${1:-all}" != "tool" ]; then
+  packages+=(gimp libgimp2.0-dev)                    # the GIMP plug-in and its headless tests
+fi
+if [ "${1:-all}" = "all" ]; then
   packages+=(
     libgtest-dev libbenchmark-dev                    # tests and benchmarks
     libopencv-dev libcgal-dev                        # peers in benchmarks and cross-checks only

@@ -81,6 +81,7 @@ class Dialog {
   bool m_render_again = true;  // values changed
   Image m_frame;               // the last render; empty when it failed
   std::string m_problem;       // why the preview shows no render
+  std::string m_refused;       // why the last value set was refused
   GtkWidget* m_preview = nullptr;
   GtkWidget* m_message = nullptr;
   std::vector<std::unique_ptr<Control>> m_controls;
@@ -124,9 +125,9 @@ void Dialog::Take(Control& c) {
   }
   if (c.scale && c.toggle) gimp_scale_entry_set_sensitive(c.scale, c.Given());
   if (c.parts_box) gtk_widget_set_sensitive(c.parts_box, c.Given());
+  m_refused = problem;
   m_render_again = true;
   Changed();
-  if (!problem.empty() && m_message) gtk_label_set_text(GTK_LABEL(m_message), problem.c_str());
 }
 
 void Dialog::TakeItem(Control& c, gint32 id) {
@@ -163,13 +164,12 @@ void Dialog::AddNumber(GtkTable* table, int row, Control& c) {
   const double span = scale_hi - o.lo;
   const int digits = o.kind == OptionKind::kWhole ? 0 : span <= 10 ? 2 : span <= 1000 ? 1 : 0;
   const double step = std::pow(10.0, -digits);
-  double automatic = 0;
   const bool given = m_request.values.Has(o.name);
   c.scale = gimp_scale_entry_new(table, 0, row, Label(o.name).c_str(), 160, 8,
                                  given ? m_request.values.Number(o.name) : o.lo, o.lo, scale_hi, step, step * 10,
                                  digits, scale_hi == o.hi, o.lo, o.hi, KorvaneFrontend::HelpLine(o).c_str(), nullptr);
   g_signal_connect(c.scale, "value-changed", G_CALLBACK(OnValue), &c);
-  if (AutomaticNumber(o, automatic)) {
+  if (MayBeAutomatic(o)) {
     AddToggle(table, row, c, given);
     gimp_scale_entry_set_sensitive(c.scale, given);
   }
@@ -291,7 +291,7 @@ void Dialog::Prepare() {
     if (!m_problem.empty()) m_frame = Image();
     m_render_again = false;
   }
-  gtk_label_set_text(GTK_LABEL(m_message), m_problem.c_str());
+  gtk_label_set_text(GTK_LABEL(m_message), (m_refused.empty() ? m_problem : m_refused).c_str());
 }
 
 // The visible part of the layer: the render's colour with the layer's alpha,

@@ -1,6 +1,7 @@
 #include "Filter.h"
 
 #include <cmath>
+#include <cstdlib>
 
 #include "Pixels.h"
 

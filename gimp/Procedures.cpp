@@ -38,7 +38,6 @@ std::string ChoiceDescription(const OptionSpec& o) {
 }
 
 std::string Description(const OptionSpec& o) {
-  double automatic = 0;
   switch (o.kind) {
     case OptionKind::kChoice:
       return ChoiceDescription(o);
@@ -54,7 +53,7 @@ std::string Description(const OptionSpec& o) {
       return "A path: a glint (scale 1) at each anchor; -1: none";
     default:
       return KorvaneFrontend::HelpLine(o) +
-             (AutomaticNumber(o, automatic) ? "; " + KorvaneFrontend::NumberText(automatic) + ": automatic" : "");
+             (MayBeAutomatic(o) ? "; " + KorvaneFrontend::NumberText(kAutomatic) + ": automatic" : "");
   }
 }
 
@@ -79,11 +78,9 @@ bool IsItem(const OptionSpec& o) {
   return o.kind == OptionKind::kImage || o.kind == OptionKind::kFlows || o.kind == OptionKind::kSparkles;
 }
 
-bool AutomaticNumber(const OptionSpec& o, double& value) {
-  // Every such option today is non-negative, so -1 is free to mean automatic.
+bool MayBeAutomatic(const OptionSpec& o) {
   const bool number = o.kind == OptionKind::kNumber || o.kind == OptionKind::kWhole;
-  value = -1;
-  return number && o.default_text.empty() && o.lo >= 0;
+  return number && o.default_text.empty() && o.lo > kAutomatic;
 }
 
 std::string ProcedureName(const CommandSpec& command) { return kPrefix + command.name; }
@@ -138,7 +135,6 @@ std::string ReadParams(const GimpParam* params, int count, gint32 image, Request
     if (!o) continue;
     const GimpParamData& d = params[i].data;
     std::string problem;
-    double automatic = 0;
     if (IsList(*o)) {
       const int32_t n = d.d_int32;
       const gdouble* numbers = params[++i].data.d_floatarray;
@@ -157,7 +153,7 @@ std::string ReadParams(const GimpParam* params, int count, gint32 image, Request
       problem = v.Set(o->name, std::to_string(d.d_int32));
     } else {
       const double number = wanted[i].type == GIMP_PDB_FLOAT ? d.d_float : d.d_int32;
-      if (AutomaticNumber(*o, automatic) && number == automatic) v.Reset(o->name);
+      if (MayBeAutomatic(*o) && number == kAutomatic) v.Reset(o->name);
       else problem = v.SetNumber(o->name, number);
     }
     if (!problem.empty()) return problem;

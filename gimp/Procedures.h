@@ -53,9 +53,11 @@ bool InProcedure(const KorvaneFrontend::OptionSpec& option);
 // Whether the option is a drawable or a path rather than a value.
 bool IsItem(const KorvaneFrontend::OptionSpec& option);
 
-// The number the PDB passes for an option left automatic, or none (false)
-// where the option has a default or cannot be left automatic.
-bool AutomaticNumber(const KorvaneFrontend::OptionSpec& option, double& value);
+// Whether the option is a number that may be left automatic (no default:
+// "1.5 % of the longer side"), and the number a call passes for that; every
+// such option is non-negative.
+bool MayBeAutomatic(const KorvaneFrontend::OptionSpec& option);
+constexpr double kAutomatic = -1;
 
 // "plug-in-korvane-light-rays"; the command of such a name, or nullptr.
 std::string ProcedureName(const KorvaneFrontend::CommandSpec& command);

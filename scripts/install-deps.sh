@@ -2,6 +2,7 @@
 # Installs the Debian packages a fresh machine lacks (only those missing).
 #   install-deps.sh tool     what the library and the korvane tool need
 #   install-deps.sh python   that, plus the Python package and what its examples use
+#   install-deps.sh gimp     that, plus GIMP 2.10 and its plug-in development files
 #   install-deps.sh          all of it, plus what the tests and benchmarks need
 set -euo pipefail
 
@@ -10,7 +11,10 @@ packages=(
   libcli11-dev nlohmann-json3-dev                    # the korvane tool's options and flow files
   libvips-dev libwebp-dev libimagequant-dev libcgif-dev  # the tool's image files and animations
 )
-if [ "${1:-all}" != "tool" ]; then
+if [ "${1:-all}" = "gimp" ] || [ "${1:-all}" = "all" ]; then
+  packages+=(gimp libgimp2.0-dev)                    # the GIMP plug-in and its headless tests
+fi
+if [ "${1:-all}" = "python" ] || [ "${1:-all}" = "all" ]; then
   packages+=(
     python3-dev pybind11-dev python3-numpy            # the Python package
     python3-pil python3-dask python3-distributed      # its Dask example (Pillow reads and writes the photos)

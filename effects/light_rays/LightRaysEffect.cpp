@@ -322,8 +322,8 @@ int32_t LightRaysEffect::SoftnessProcess() {
   boxblur_param.src = MapView(m_resized_hlr_buff, area);
   boxblur_param.radius = radius;
   const Rect downsized_roi{0, 0, RectWidth(area), RectHeight(area)};
-  const auto h = KORVANE_PICK(m_system_info, BoxBlurH, BoxBlurH_SSE);
-  const auto v = KORVANE_PICK(m_system_info, BoxBlurV, BoxBlurV_SSE);
+  const auto h = KORVANE_PICK_AVX2(m_system_info, BoxBlurH, BoxBlurH_SSE, BoxBlurH_AVX2);
+  const auto v = KORVANE_PICK_AVX2(m_system_info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
   int32_t hr;
   if ((hr = LogKernelCall("m_thread_adapter.RunTaskByMultiThread(%s, (void*)&boxblur_param, nullptr, downsized_roi)",
                           h.name,

@@ -116,7 +116,8 @@ void BM_Frame(benchmark::State& state) {
   state.counters["points"] = static_cast<double>(fx->GetBokehList().size());
 }
 
-// The background blur alone, as the frame runs it.
+// The background blur alone, as the frame runs it; range(1) non-zero: with
+// true_scale.
 void BM_Background(benchmark::State& state) {
   Scene& s = SceneOf(static_cast<int>(state.range(0)));
   Korvane::CThreadAdapter adapter;
@@ -127,6 +128,7 @@ void BM_Background(benchmark::State& state) {
   p.guide = Korvane::SmartBufferView(s.Guide());
   p.roi = Korvane::Rect{0, 0, s.width, s.height};
   p.blur_strength = 0.6f;
+  p.true_scale = state.range(1) != 0;
   Korvane::SmartBuffer out = Korvane::SmartBufferView(s.Out()), weight;
   KorvaneBench::ProcessCpu cpu;
   for (auto _ : state) {
@@ -170,12 +172,13 @@ KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080", 1920, 0, 0);
 KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_sse4", 1920, 0, 1);
 KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_kept_background", 1920, 1, 0);
 KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_kept_background_sse4", 1920, 1, 1);
-KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_1920x1080", 1920);
+KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_1920x1080", 1920, 0);
 KORVANE_BENCH_ROW(BM_FocusBlur, "korvane/focusblur_1920x1080_level60", 1920);
 KORVANE_BENCH_ROW(BM_Memcpy, "memcpy/4000x3000", 4000);
 KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000", 4000, 0, 0);
 KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000_kept_background", 4000, 1, 0);
-KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_4000x3000", 4000);
+KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_4000x3000", 4000, 0);
+KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_4000x3000_truescale", 4000, 1);
 KORVANE_BENCH_ROW(BM_FocusBlur, "korvane/focusblur_4000x3000_level60", 4000);
 
 }  // namespace

@@ -13,8 +13,12 @@
 
 namespace Korvane {
 
+float GaussianSigma(int32_t level, int32_t width, int32_t height) {
+  return static_cast<float>(std::min(width, height)) * (static_cast<float>(level) * 0.02f / 100.0f);
+}
+
 int32_t MakeGaussianWeights(int32_t level, int32_t width, int32_t height, float* w) {
-  const float s = static_cast<float>(std::min(width, height)) * (static_cast<float>(level) * 0.02f / 100.0f);
+  const float s = GaussianSigma(level, width, height);
   w[0] = 1.0f;
   if (!(s > 0.0001f)) {
     for (int32_t i = 1; i < kGaussianHalfTaps; ++i) w[i] = 0.0f;

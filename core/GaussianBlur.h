@@ -34,6 +34,10 @@ struct GaussianBlurParam {
   bool to_scratch = false;
 };
 
+// The Gaussian's sigma in pixels for `level` on an image of width x height:
+// level fiftieths of a percent of the shorter side.
+float GaussianSigma(int32_t level, int32_t width, int32_t height);
+
 // Fills w[0..36] for `level` on an image of width x height and returns the
 // kernel length n (1..37). Weights past n are 0 and the full kernel
 // w[n-1] .. w[0] .. w[n-1] sums to exactly 1.

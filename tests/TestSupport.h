@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -166,5 +167,38 @@ inline std::string FirstDifference(const std::vector<uint8_t>& a, const std::vec
   }
   return "";
 }
+
+// A side x side photo of a vertical step edge, dark left half and light
+// right half: any row of a blur of it shows the blur's profile.
+inline TestImage StepEdge(int32_t side) {
+  TestImage img(side, side);
+  for (int32_t y = 0; y < side; ++y)
+    for (int32_t x = 0; x < side; ++x) {
+      const uint8_t v = x < side / 2 ? 20 : 220;
+      const uint8_t px[4] = {v, v, v, 255};
+      std::memcpy(img.Row(y) + 4 * x, px, 4);
+    }
+  return img;
+}
+
+// Where a blurred step edge along a BGRA row lies and how far it spreads:
+// the mean and standard deviation, in pixels, of the steps between
+// neighbours in green over pixels [from, to), a window that holds the blur
+// but not the image's borders (where truncated sums step by a level). A
+// Gaussian of sigma s spreads an edge by s.
+struct EdgeSpread {
+  double centre = 0, spread = 0;
+  EdgeSpread(const uint8_t* row, int32_t from, int32_t to) {
+    double sum = 0, first = 0, second = 0;
+    for (int32_t x = from; x + 1 < to; ++x) {
+      const double step = row[4 * (x + 1) + 1] - row[4 * x + 1], at = x + 0.5;
+      sum += step;
+      first += step * at;
+      second += step * at * at;
+    }
+    centre = first / sum;
+    spread = std::sqrt(second / sum - centre * centre);
+  }
+};
 
 }  // namespace KorvaneTest

@@ -58,7 +58,13 @@ struct BokehParam {
   // highlight): bright against the photo and against their surroundings,
   // not on texture such as leaf edges or fabric. The tool sets it.
   uint8_t highlights_only = 0;
-  uint8_t reserved_flags[3] = {0, 0, 0};     // not read
+  // Non-zero: the background blur keeps the share of the shorter side that
+  // blur_strength asks for at any photo size, blurring copies reduced as far
+  // as it needs (at least by blur_buff_ratio while the blur allows) and
+  // blending at full size. 0: the fixed-reach kernel on the copy reduced by
+  // blur_buff_ratio, which barely blurs large photos. The tool sets it.
+  uint8_t true_scale = 0;
+  uint8_t reserved_flags[2] = {0, 0};  // not read
 };
 
 // Shape settings, copied whole on every Process.

@@ -318,6 +318,7 @@ int32_t BokehEffect::ProcessFocusImg() {
   fp.blur_strength = m_param.blur_strength;
   fp.focus_value = m_param.focus_value;
   fp.focus_range = m_param.focus_range;
+  fp.true_scale = m_param.true_scale != 0;
   return m_focus_effect.Process(m_thread_adapter, m_system_info, fp, m_param.keep_background != 0, m_focus_src_buff,
                                 m_focus_src_mask);
 }

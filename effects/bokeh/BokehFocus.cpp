@@ -12,6 +12,7 @@
 #include "core/ImageChecks.h"
 #include "core/Simd.h"
 #include "core/SmartBuffer.h"
+#include "core/TrueScaleBlur.h"
 
 namespace Korvane {
 
@@ -72,7 +73,7 @@ bool BokehFocus::SameAsKept(const BokehFocusParam& p, const SmartBuffer& out) co
   return m_kept && out.data.get() == m_kept_out && SameImage(p.src, k.src) && SameImage(p.guide, k.guide) &&
          p.roi.left == k.roi.left && p.roi.top == k.roi.top && p.roi.right == k.roi.right &&
          p.roi.bottom == k.roi.bottom && p.blur_buff_ratio == k.blur_buff_ratio && p.blur_strength == k.blur_strength &&
-         p.focus_value == k.focus_value && p.focus_range == k.focus_range;
+         p.focus_value == k.focus_value && p.focus_range == k.focus_range && p.true_scale == k.true_scale;
 }
 
 int32_t BokehFocus::ReleaseBuffer() {
@@ -121,13 +122,15 @@ GaussianBlurParam BokehFocus::BlurParam(const BokehFocusParam& p, const Plan& pl
 }
 
 int32_t BokehFocus::Reduce(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,
-                           const Plan& plan, const int32_t* table, SmartBuffer& weight) {
+                           const Plan& plan, const int32_t* table, SmartBuffer& weight, bool photo) {
   int32_t hr;
   const int32_t sw = plan.small.right, sh = plan.small.bottom;
-  if (KORVANE_FAILED(Ensure(m_small_src, sw, sh, PIXEL_BGRA32))) return hr;
-  if (KORVANE_FAILED(Ensure(m_strong, sw, sh, PIXEL_BGRA32))) return hr;
   if (KORVANE_FAILED(Ensure(weight, sw, sh, PIXEL_GRAY8))) return hr;
-  if (KORVANE_FAILED(Resize(adapter, info, p.src, m_small_src, plan.small))) return hr;
+  if (photo && (KORVANE_FAILED(Ensure(m_small_src, sw, sh, PIXEL_BGRA32)) ||
+                KORVANE_FAILED(Ensure(m_strong, sw, sh, PIXEL_BGRA32)) ||
+                KORVANE_FAILED(Resize(adapter, info, p.src, m_small_src, plan.small)))) {
+    return hr;
+  }
   if (!plan.guided) {
     // Everything is background.
     FillMap(weight, 255);
@@ -166,6 +169,22 @@ int32_t BokehFocus::BlendWithWeak(CThreadAdapter& adapter, const SystemInfo& inf
   return RunFocusPass(adapter, KORVANE_PICK(info, FocusBlend, FocusBlend_SSE), "&blend_param", &blend_param, p.roi);
 }
 
+int32_t BokehFocus::TrueScale(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,
+                              const Plan& plan, SmartBuffer& out) {
+  TrueScaleBlurParam tp;
+  tp.input = p.src;
+  if (plan.guided) tp.guide = p.guide;
+  tp.output = out;
+  tp.roi = p.roi;
+  tp.level = plan.level;
+  tp.focus_value = plan.focus_value;
+  tp.focus_range = plan.focus_range;
+  // The copy's ratio stays a speed setting: as many halvings as it reduces
+  // by, where the blur is strong enough not to show them.
+  for (float side = 0.5f; side >= plan.ratio; side *= 0.5f) ++tp.min_halvings;
+  return RunTrueScaleBlur(adapter, info, tp);
+}
+
 int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p, bool keep,
                             SmartBuffer& out, SmartBuffer& weight) {
   int32_t hr;
@@ -177,16 +196,19 @@ int32_t BokehFocus::Process(CThreadAdapter& adapter, const SystemInfo& info, con
   // background.
   std::shared_ptr<int32_t[]> table(new int32_t[256]);
   MakeBlendTable(plan.focus_value, table.get());
-  if ((hr = Reduce(adapter, info, p, plan, table.get(), weight)) < 0) return hr;
-
-  GaussianBlurParam strong = BlurParam(p, plan, plan.level, m_strong);
-  if ((hr = RunGaussianPasses(adapter, info, strong, "&blur_param", plan.small)) < 0) return hr;
-  // Without a guide everything is background: the strong blur, enlarged, is
-  // the result.
-  if (plan.guided) {
-    if ((hr = BlendWithWeak(adapter, info, p, plan, table, out)) < 0) return hr;
-  } else if (KORVANE_FAILED(Resize(adapter, info, m_strong, out, p.roi))) {
-    return hr;
+  if ((hr = Reduce(adapter, info, p, plan, table.get(), weight, !p.true_scale)) < 0) return hr;
+  if (p.true_scale) {
+    if ((hr = TrueScale(adapter, info, p, plan, out)) < 0) return hr;
+  } else {
+    GaussianBlurParam strong = BlurParam(p, plan, plan.level, m_strong);
+    if ((hr = RunGaussianPasses(adapter, info, strong, "&blur_param", plan.small)) < 0) return hr;
+    // Without a guide everything is background: the strong blur, enlarged,
+    // is the result.
+    if (plan.guided) {
+      if ((hr = BlendWithWeak(adapter, info, p, plan, table, out)) < 0) return hr;
+    } else if (KORVANE_FAILED(Resize(adapter, info, m_strong, out, p.roi))) {
+      return hr;
+    }
   }
   m_kept = true;
   m_kept_param = p;

@@ -3,7 +3,9 @@
 // focus value), with both blurs computed on a reduced copy and enlarged
 // again. The kernels and stages are the focus blur's own; the reduced
 // kernels are the full-size kernels resampled, so the result looks like the
-// focus blur of the full photo at the same level, truncation included.
+// focus blur of the full photo at the same level, truncation included. With
+// true_scale the blurs are the true-scale stage's instead, whose strength
+// does not stop growing with the photo.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +26,7 @@ struct BokehFocusParam {
   float blur_strength = 1.0f;    // 0..1: focus-blur level 0..100
   float focus_value = 0.9f;      // 0..1 (x 255)
   float focus_range = 0.2f;      // 0..1 (x 255)
+  bool true_scale = false;       // the blurs of the true-scale stage instead of the fixed-reach kernel
 };
 
 // Weights for a copy reduced by `ratio` that reproduce, in full-size pixels,
@@ -59,9 +62,13 @@ class BokehFocus {
   // The blur of the reduced photo into `buffer` at `level`.
   GaussianBlurParam BlurParam(const BokehFocusParam& p, const Plan& plan, int32_t level,
                               const SmartBuffer& buffer) const;
-  // The reduced photo, and with a guide its blur mask and `weight`.
+  // The reduced photo (unless only `weight` is wanted), and with a guide its
+  // blur mask and `weight`.
   int32_t Reduce(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p, const Plan& plan,
-                 const int32_t* table, SmartBuffer& weight);
+                 const int32_t* table, SmartBuffer& weight, bool photo = true);
+  // The true-scale blurs and blend into `out` over p.roi.
+  static int32_t TrueScale(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,
+                           const Plan& plan, SmartBuffer& out);
   // The weak blur, both blurs enlarged over p.roi, and the blend into `out`.
   int32_t BlendWithWeak(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,
                         const Plan& plan, const std::shared_ptr<int32_t[]>& table, SmartBuffer& out);

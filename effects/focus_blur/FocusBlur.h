@@ -8,6 +8,7 @@
 //   Korvane::FocusBlurParam p;
 //   p.input = photo;  p.mask = depth;  p.output = result;
 //   p.blur_level = 60;  p.focus_value = 200;  p.focus_range = 12;
+//   p.true_scale = 1;   // the same look at any photo size
 //   blur->Process(&p);
 #pragma once
 
@@ -22,7 +23,13 @@ struct FocusBlurParam {
   ImageBuffer input;   // the photo, BGRA32
   ImageBuffer mask;    // the guide: first byte of each pixel (pixels `channel` bytes apart), same size
   ImageBuffer output;  // BGRA32, same size as input; may be the input itself
-  int32_t reserved = 0;      // not read
+  // Non-zero: the blur keeps the share of the shorter side that blur_level
+  // asks for at any photo size; where the kernel's reach (36 pixels either
+  // side) would cap it, a reduced copy is blurred and enlarged. 0: the
+  // fixed-reach kernel, whose strong blur stops growing at about 700 pixels
+  // on the shorter side at level 100.
+  uint8_t true_scale = 0;
+  uint8_t reserved[3] = {0, 0, 0};  // not read
   int32_t blur_level = 50;   // 0..100: strong-blur sigma in fiftieths of a percent of the shorter side
   int32_t focus_value = 255; // 0..255: the guide value that is in focus
   int32_t focus_range = 16;  // 0..255: guide distance still left sharp (255 or more: nothing is blurred)

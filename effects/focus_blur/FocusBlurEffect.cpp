@@ -9,6 +9,7 @@
 #include "core/ImageChecks.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
+#include "core/TrueScaleBlur.h"
 
 namespace Korvane {
 
@@ -64,9 +65,24 @@ int32_t FocusBlurEffect::Process(const FocusBlurParam* param) {
 int32_t FocusBlurEffect::Render(const FocusBlurParam& param) {
   int32_t hr = CheckRecord(param);
   if (hr < 0) return hr;
+  if (param.true_scale && BlurHalvings(param.blur_level, param.input.width, param.input.height) > 0) {
+    return TrueScaleRender(param);
+  }
   Frame f;
   if ((hr = PlanBuffers(param, f)) < 0 || (hr = StrongBlur(param, f)) < 0) return hr;
   return WeakBlurAndBlend(param, f);
+}
+
+int32_t FocusBlurEffect::TrueScaleRender(const FocusBlurParam& param) {
+  TrueScaleBlurParam p;
+  p.input = SmartBufferView(param.input);
+  p.guide = SmartBufferView(param.mask);
+  p.output = SmartBufferView(param.output);
+  p.roi = FullRect(p.input);
+  p.level = param.blur_level;
+  p.focus_value = param.focus_value;
+  p.focus_range = param.focus_range;
+  return RunTrueScaleBlur(m_thread_adapter, m_system_info, p);
 }
 
 int32_t FocusBlurEffect::PlanBuffers(const FocusBlurParam& param, Frame& f) {

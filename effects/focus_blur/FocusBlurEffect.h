@@ -31,6 +31,9 @@ class FocusBlurEffect final : public FocusBlur, public EffectCore {
 
   // Runs the passes; returns the first failure, already logged.
   int32_t Render(const FocusBlurParam& param);
+  // With true_scale, for a blur the kernel's reach would cap: the blurs on
+  // reduced copies, enlarged and blended at full size.
+  int32_t TrueScaleRender(const FocusBlurParam& param);
   // Where the strong blur works: the output when it may, else a fresh image.
   int32_t PlanBuffers(const FocusBlurParam& param, Frame& f);
   int32_t StrongBlur(const FocusBlurParam& param, Frame& f);

@@ -154,6 +154,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     param.focus_value = static_cast<float>(v.Whole("focus")) / 255.0f;
     param.focus_range = static_cast<float>(v.Whole("range")) / 255.0f;
     param.highlights_only = 1;  // discs on lights, not on texture
+    param.true_scale = 1;       // the background blur holds at any photo size
     Korvane::BokehShapeParam shape_param;
     shape_param.shape = shape.Buffer();
     shape_param.amount = static_cast<float>(v.Number("amount"));

@@ -51,6 +51,7 @@ class FocusBlurSession final : public PhotoSession {
     p.blur_level = static_cast<int32_t>(v.Whole("level"));
     p.focus_value = static_cast<int32_t>(v.Whole("focus"));
     p.focus_range = static_cast<int32_t>(v.Whole("range"));
+    p.true_scale = 1;  // the blur asked for holds at any photo size
     Status s = Status::Call("focus blur Init", m_fx->Init(&p));
     if (s.ok()) s = Status::Call("focus blur", m_fx->Process(&p));
     if (s.ok()) s = Status::Call("focus blur Uninit", m_fx->Uninit());

@@ -566,5 +566,27 @@ TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {
   EXPECT_NEAR(sum, 1.0f, 1e-6f);
 }
 
+// With true_scale the background (all of it without a guide) spreads an
+// edge by the share of the shorter side that blur_strength asks for at any
+// size; the reduced copy's ratio only decides how small the blur may work.
+TEST(BokehEffect, TrueScaleBackgroundIsTheSameShareOfAnySize) {
+  for (const int32_t side : {400, 2000}) {
+    SCOPED_TRACE(side);
+    TestImage photo = KorvaneTest::StepEdge(side), out(side, side);
+    EffectRig<BokehEffect> rig;
+    ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+    BokehParam param;
+    param.paste_switch = 0;
+    param.anime_frame_count = 1;
+    param.anime_frame_index = 0;
+    param.true_scale = 1;
+    const BokehShapeParam shape;
+    ASSERT_EQ(rig->Process(&param, &shape, &photo.buf, nullptr, &out.buf, Rect{0, 0, side, side}), S_OK);
+    const KorvaneTest::EdgeSpread edge(out.Row(side / 2), side / 2 - side / 10, side / 2 + side / 10);
+    EXPECT_NEAR(edge.spread / side, 0.02, 0.002);
+    EXPECT_NEAR(edge.centre, side / 2.0, 1.0);
+  }
+}
+
 }  // namespace
 }  // namespace Korvane

@@ -242,3 +242,35 @@ TEST(FocusBlurEffect, PaddedRowsRenderAsPacked) {
     }
   }
 }
+
+// With true_scale the strong blur spreads an edge by the share of the
+// shorter side the level asks for (level / 50 percent) at every size, where
+// the fixed-reach kernel stops growing at about 700 pixels; the edge stays
+// where it was, a subject in focus keeps the photo's bytes, and rendering
+// in place changes nothing.
+TEST(FocusBlurEffect, TrueScaleBlurIsTheSameShareOfAnySize) {
+  for (const int32_t side : {400, 1000, 2000, 4000}) {
+    SCOPED_TRACE(side);
+    KorvaneTest::TestImage photo = KorvaneTest::StepEdge(side), guide(side, side, PIXEL_GRAY8), out(side, side);
+    guide.FillConstant(0);  // far from the focus: the strong blur everywhere
+    std::fill_n(guide.Row(0), side, 255);
+    FocusBlurParam p;
+    p.input = photo.buf;
+    p.mask = guide.buf;
+    p.output = out.buf;
+    p.blur_level = 100;
+    p.focus_value = 255;
+    p.true_scale = 1;
+    KorvaneTest::EffectRig<FocusBlurEffect> fx;
+    ASSERT_EQ(fx->Process(&p), S_OK);
+    const KorvaneTest::EdgeSpread edge(out.Row(side / 2), side / 2 - side / 10, side / 2 + side / 10);
+    EXPECT_NEAR(edge.spread / side, 0.02, 0.002);
+    EXPECT_NEAR(edge.centre, side / 2.0, 1.0);
+    EXPECT_EQ(0, std::memcmp(out.Row(0), photo.Row(0), static_cast<size_t>(side) * 4));
+    if (side == 1000) {  // in place: the same bytes
+      p.output = photo.buf;
+      ASSERT_EQ(fx->Process(&p), S_OK);
+      EXPECT_EQ(photo.Packed(), out.Packed());
+    }
+  }
+}

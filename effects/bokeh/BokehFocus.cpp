@@ -166,7 +166,7 @@ int32_t BokehFocus::BlendWithWeak(CThreadAdapter& adapter, const SystemInfo& inf
   blend_param.sub_effect = m_sub_blur_src_buff;
   blend_param.mask = p.guide;
   blend_param.table = table;
-  return RunFocusPass(adapter, KORVANE_PICK(info, FocusBlend, FocusBlend_SSE), "&blend_param", &blend_param, p.roi);
+  return RunFocusPass(adapter, KORVANE_PICK_AVX2(info, FocusBlend, FocusBlend_SSE, FocusBlend_AVX2), "&blend_param", &blend_param, p.roi);
 }
 
 int32_t BokehFocus::TrueScale(CThreadAdapter& adapter, const SystemInfo& info, const BokehFocusParam& p,

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "TestSupport.h"
-#include "TestSupport.h"
 #include "core/BilinearResize.h"
 #include "core/SmartBuffer.h"
 

@@ -90,6 +90,11 @@ uint8_t* Pixel(std::vector<uint8_t>& img, int32_t w, int32_t x, int32_t y) {
   return &img[(static_cast<size_t>(y) * w + x) * 4];
 }
 
+// True when pixel (x, y) of `out` is the photo's.
+bool Kept(std::vector<uint8_t>& out, const std::vector<uint8_t>& photo, int32_t w, int32_t x, int32_t y) {
+  return std::equal(Pixel(out, w, x, y), Pixel(out, w, x, y) + 4, &photo[(static_cast<size_t>(y) * w + x) * 4]);
+}
+
 TEST(Dispersion, FrameZeroIsThePhotoAndAnEmptyMaskChangesNothing) {
   for (int simd : KorvaneTest::Forms()) {
     for (bool subject : {true, false}) {
@@ -129,9 +134,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
       std::vector<uint8_t> out = Render(fx, s, f);
       for (int32_t y = 0; y < s.H(); ++y)
         for (int32_t x = 0; x < s.W(); ++x) {
-          const bool upwind = x * wx + y * wy < limit;
-          const bool same = std::equal(Pixel(out, s.W(), x, y), Pixel(out, s.W(), x, y) + 4,
-                                       &photo[(static_cast<size_t>(y) * s.W() + x) * 4]);
+          const bool upwind = x * wx + y * wy < limit, same = Kept(out, photo, s.W(), x, y);
           if (upwind) {
             ++checked;
             EXPECT_TRUE(same) << "direction " << direction << ", frame " << f << ", pixel " << x << "," << y;
@@ -157,11 +160,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
   int32_t upwind_changed = 0;
   std::vector<uint8_t> out = Render(fx, s, s.p.anime_frame_count - 1);
   for (int32_t y = 0; y < s.H(); ++y)
-    for (int32_t x = 0; x < s.W() && x < limit; ++x)
-      if (!std::equal(Pixel(out, s.W(), x, y), Pixel(out, s.W(), x, y) + 4,
-                      &photo[(static_cast<size_t>(y) * s.W() + x) * 4])) {
-        ++upwind_changed;
-      }
+    for (int32_t x = 0; x < s.W() && x < limit; ++x) upwind_changed += !Kept(out, photo, s.W(), x, y);
   EXPECT_GT(upwind_changed, 20);
 }
 

@@ -183,9 +183,11 @@ void ExpectFormsMatchPlain(Produce produce, const std::string& what, int32_t wid
   std::vector<uint8_t> plain;
   for (const Form& form : Forms()) {
     std::vector<uint8_t> got = produce(form);
-    if (form.code == 0) plain = std::move(got);
-    else EXPECT_TRUE(got == plain) << what << ", " << form.name << " vs plain: "
-                                   << FirstDifference(got, plain, width, bytes_per_pixel);
+    if (form.code == 0)
+      plain = std::move(got);
+    else
+      EXPECT_TRUE(got == plain) << what << ", " << form.name
+                                << " vs plain: " << FirstDifference(got, plain, width, bytes_per_pixel);
   }
 }
 

@@ -167,9 +167,9 @@ TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
   Runner run;
   std::mt19937 rng(42);
   // The last: bands large enough to be written with non-temporal stores.
-  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5}, {251, 3, 1023, 9}, {4, 4, 1, 1},  {80, 6, 40, 3},
-                                           {86, 9, 43, 4},    {77, 3, 38, 1},    {130, 5, 65, 2}, {98, 4, 49, 2},
-                                           {1203, 500, 2405, 1001}};
+  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5}, {251, 3, 1023, 9}, {4, 4, 1, 1},
+                                           {80, 6, 40, 3},    {86, 9, 43, 4},    {77, 3, 38, 1},
+                                           {130, 5, 65, 2},   {98, 4, 49, 2},    {1203, 500, 2405, 1001}};
   for (int w = 1; w <= 40; ++w) {
     sizes.push_back({w, 1 + w % 5, 1 + static_cast<int>(rng() % 40), 1 + w % 7});
     sizes.push_back({1 + static_cast<int>(rng() % 40), 3, w, 2});

@@ -102,7 +102,8 @@ std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, ui
 // Every frame rendered from padded rows of unequal strides for photo, still
 // mask and frame, whose padding and surroundings must stay as they were.
 std::vector<std::vector<uint8_t>> RenderPadded(Scene& s, int workers, int simd, uint32_t frames) {
-  KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, 24), still(s.w, s.h, PIXEL_GRAY8, 7), out(s.w, s.h, PIXEL_BGRA32, 4);
+  KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, 24), still(s.w, s.h, PIXEL_GRAY8, 7),
+      out(s.w, s.h, PIXEL_BGRA32, 4);
   in.Fill(s.photo);
   still.Fill(s.still);
   Rig rig(workers, simd);
@@ -186,7 +187,9 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormPaddingAndRegion) {
   EXPECT_EQ(RenderLoop(s, 8, 0, 5, 0x00), reference);
   for (int simd : KorvaneTest::Forms()) {
     EXPECT_EQ(RenderPadded(s, 3, simd, 5), reference) << KorvaneTest::FormName(simd) << ", padded rows";
-    if (simd) { EXPECT_EQ(RenderLoop(s, 8, simd, 5, 0xFF), reference) << KorvaneTest::FormName(simd); }
+    if (simd) {
+      EXPECT_EQ(RenderLoop(s, 8, simd, 5, 0xFF), reference) << KorvaneTest::FormName(simd);
+    }
   }
   // A region's frame is the same cut of the full frame, and nothing of the
   // region-sized output is left unwritten.

@@ -253,7 +253,8 @@ TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
   std::vector<std::vector<uint8_t>> frames;
   for (int32_t f = 0; f < s.p.anime_frame_count; ++f) frames.push_back(Render(fx, s, f));
   double largest = 0;
-  for (size_t f = 1; f < frames.size(); ++f) largest = std::max(largest, KorvaneTest::MeanAbsDiff(frames[f - 1], frames[f]));
+  for (size_t f = 1; f < frames.size(); ++f)
+    largest = std::max(largest, KorvaneTest::MeanAbsDiff(frames[f - 1], frames[f]));
   EXPECT_GT(largest, 0.0);
   EXPECT_LE(KorvaneTest::MeanAbsDiff(frames.back(), frames.front()), largest);
   EXPECT_EQ(frames.back(), frames[1]);  // the way back retraces the way out

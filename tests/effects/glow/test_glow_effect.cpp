@@ -479,8 +479,8 @@ TEST(GlowStages, LargeHighlightsGetTheSameBytes) {
           Bytes out(src.size(), 0x11), in = src;
           SmartBuffer s = MakeSmartBufferView(in.data(), cols, rows), d = MakeSmartBufferView(out.data(), cols, rows);
           GlowDetectParam p{&s, &d, nullptr, 70, cols, rows};
-          const auto task = KORVANE_PICK_AVX2(form.info, GlowDetectHighlight, GlowDetectHighlight_SSE,
-                                              GlowDetectHighlight_AVX2);
+          const auto task =
+              KORVANE_PICK_AVX2(form.info, GlowDetectHighlight, GlowDetectHighlight_SSE, GlowDetectHighlight_AVX2);
           EXPECT_EQ(RunTask(task.fn, &p, Rect{0, 0, cols, rows}), S_OK);
           return out;
         },
@@ -497,7 +497,7 @@ TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrast) {
   EXPECT_NEAR(GlowToneCurve(0.75f, 2.0f, 0.0f), 2.0f * 0.75f + 0.0625f, 1e-6f);  // neutral at k = 0
   EXPECT_GT(GlowToneCurve(0.6f, 1.0f, -0.5f), GlowToneCurve(0.6f, 1.0f, 0.0f) + 0.05f);  // steeper
   EXPECT_LT(GlowToneCurve(0.6f, 1.0f, 0.5f), GlowToneCurve(0.6f, 1.0f, 0.0f) - 0.02f);   // flatter
-  EXPECT_NE(GlowToneCurve(0.3f, 1.0f, 0.0f, 0.4f), GlowToneCurve(0.3f, 1.0f, 0.0f));      // outer stage works
+  EXPECT_NE(GlowToneCurve(0.3f, 1.0f, 0.0f, 0.4f), GlowToneCurve(0.3f, 1.0f, 0.0f));     // outer stage works
 }
 
 TEST(GlowStages, ConversionsScaleAndClampAndTheirSimdFormsMatchBitForBit) {

@@ -278,14 +278,16 @@ TEST(LightRaysKernels, HighLightDetect) {
                          float threshold) {
     SmartBuffer dst = View(out, w, h);
     HighLightParam p{src, mask, &dst, threshold};
-    EXPECT_EQ(KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2).fn(
-                  p, Rect{0, 0, w, h}),
+    EXPECT_EQ(KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2)
+                  .fn(p, Rect{0, 0, w, h}),
               S_OK);
     return out;
   };
   for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
     KorvaneTest::ExpectFormsMatchPlain(
-        [&](const KorvaneTest::Form& form) { return detect(form, &es, &em, Bytes(every.size(), 9), 256, 256, threshold); },
+        [&](const KorvaneTest::Form& form) {
+          return detect(form, &es, &em, Bytes(every.size(), 9), 256, 256, threshold);
+        },
         "every pair at " + std::to_string(threshold), 256);
   }
   for (int w : kWidths) {

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -153,6 +154,13 @@ void ExpectSameForWorkerCounts(Produce produce, const std::string& what) {
   }
 }
 
+// The mean absolute difference of two byte images of one size.
+inline double MeanAbsDiff(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+  double sum = 0;
+  for (size_t i = 0; i < a.size(); ++i) sum += std::abs(a[i] - b[i]);
+  return a.empty() ? 0.0 : sum / a.size();
+}
+
 // The first byte where two images differ, as "pixel (x, y) channel c: a vs b",
 // or "" when they are equal; for failure messages that say where.
 inline std::string FirstDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b, int32_t width,
@@ -200,5 +208,21 @@ struct EdgeSpread {
     spread = std::sqrt(second / sum - centre * centre);
   }
 };
+
+// Runs `produce(form)` once for every kernel form, plain first, and expects
+// every SIMD form's bytes to be the plain form's; `what` names the case and
+// `width` places the first difference in the failure message.
+template <class Produce>
+void ExpectFormsMatchPlain(Produce produce, const std::string& what, int32_t width = 1, int32_t bytes_per_pixel = 4) {
+  std::vector<uint8_t> plain;
+  for (const Form& form : Forms()) {
+    std::vector<uint8_t> got = produce(form);
+    if (form.code == 0)
+      plain = std::move(got);
+    else
+      EXPECT_TRUE(got == plain) << what << ", " << form.name
+                                << " vs plain: " << FirstDifference(got, plain, width, bytes_per_pixel);
+  }
+}
 
 }  // namespace KorvaneTest

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "TestSupport.h"
-#include "TestSupport.h"
 #include "core/BilinearResize.h"
 #include "core/SmartBuffer.h"
 
@@ -167,22 +166,15 @@ TEST(BilinearResize, WritesOnlyTheBandAndRefusesBadInput) {
 TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
   Runner run;
   std::mt19937 rng(42);
-  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5},
-                                           {251, 3, 1023, 9},
-                                           {4, 4, 1, 1},
-                                           {80, 6, 40, 3},
-                                           {86, 9, 43, 4},
-                                           {77, 3, 38, 1},
-                                           {130, 5, 65, 2},
-                                           {98, 4, 49, 2},
-                                           // bands large enough to be written with non-temporal stores
-                                           {1203, 500, 2405, 1001}};
+  // The last: bands large enough to be written with non-temporal stores.
+  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5}, {251, 3, 1023, 9}, {4, 4, 1, 1},
+                                           {80, 6, 40, 3},    {86, 9, 43, 4},    {77, 3, 38, 1},
+                                           {130, 5, 65, 2},   {98, 4, 49, 2},    {1203, 500, 2405, 1001}};
   for (int w = 1; w <= 40; ++w) {
     sizes.push_back({w, 1 + w % 5, 1 + static_cast<int>(rng() % 40), 1 + w % 7});
     sizes.push_back({1 + static_cast<int>(rng() % 40), 3, w, 2});
     sizes.push_back({2 * w, 4, w, 2});  // exact halvings
   }
-  const std::vector<Form> forms = Forms();
   for (int fmt : {PIXEL_BGRA32, PIXEL_GRAY8})
     for (const auto& s : sizes) {
       const int pad = (s[0] + s[2]) % 4 == 0 ? 0 : 7;
@@ -191,17 +183,17 @@ TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
       // Alternate whole-image and narrowed source rectangles.
       Rect roi{0, 0, s[0], s[1]};
       if ((s[0] + s[2]) % 3 == 0 && s[0] > 2) roi = Rect{1, 0, s[0] - 1, s[1]};
-      std::vector<uint8_t> want;
-      for (const Form& form : forms) {
-        TestImage dst(s[2], s[3], fmt, pad + 5);
-        ResizeParam p{SmartBufferView(src.buf), SmartBufferView(dst.buf), roi};
-        ASSERT_EQ(Resize(run, p, form.info), S_OK);
-        ASSERT_TRUE(dst.GuardsIntact()) << form.name;
-        if (want.empty()) want = dst.Packed();
-        ASSERT_EQ(dst.Packed(), want) << form.name << " fmt " << fmt << " " << s[0] << "x" << s[1] << " -> " << s[2]
-                                      << "x" << s[3] << ": "
-                                      << FirstDifference(dst.Packed(), want, s[2], ChannelCount(fmt));
-      }
+      ExpectFormsMatchPlain(
+          [&](const Form& form) {
+            TestImage dst(s[2], s[3], fmt, pad + 5);
+            ResizeParam p{SmartBufferView(src.buf), SmartBufferView(dst.buf), roi};
+            EXPECT_EQ(Resize(run, p, form.info), S_OK);
+            EXPECT_TRUE(dst.GuardsIntact()) << form.name;
+            return dst.Packed();
+          },
+          "fmt " + std::to_string(fmt) + " " + std::to_string(s[0]) + "x" + std::to_string(s[1]) + " -> " +
+              std::to_string(s[2]) + "x" + std::to_string(s[3]),
+          s[2], ChannelCount(fmt));
     }
 }
 

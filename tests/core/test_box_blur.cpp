@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "TestSupport.h"
-#include "TestSupport.h"
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
 
@@ -278,4 +277,45 @@ TEST(BoxBlur, SameResultForOneTwoAndEightWorkers) {
             return img.pixels;
           },
           "fmt " + std::to_string(fmt) + " " + form.name);
+}
+
+// Several horizontal passes run band by band as one task (RunBoxBlur with
+// passes > 1, every form): the same bytes as the plain passes run over the
+// whole image one after another, for every format and awkward geometry.
+// Heights not a multiple of 8 or 4 leave rows to the SSE4.1 and plain tails;
+// radius 9 is wider than the narrow images; floats of any magnitude and
+// rounding show any change of order or of the intermediate rounding.
+TEST(BoxBlurRepeated, BandByBandPassesMatchWholeImagePassesBitForBit) {
+  const struct { int w, h; } sizes[] = {{1, 1}, {3, 7}, {13, 9}, {37, 6}, {64, 11}, {29, 20}};
+  Runner run2(2), run3(3);
+  for (const auto& s : sizes)
+    for (int fmt : {PIXEL_FLOAT96, PIXEL_FLOAT32, PIXEL_BGRA32, PIXEL_GRAY8})
+      for (int r : {1, 2, 9})
+        for (int passes : {2, 3}) {
+          const Image src = Random(s.w, s.h, fmt, 7 * s.w + s.h + r, true);
+          Image want = src;
+          BoxBlurParam pw = want.Param(r);
+          for (bool rows : {true, false})
+            for (int i = 0; i < passes; ++i) ASSERT_EQ(RunPass(run2, pw, rows, want.Whole()), S_OK);
+          for (const Form& form : Forms()) {
+            Image got = src;
+            BoxBlurParam pg = got.Param(r);
+            ASSERT_EQ(RunBoxBlur(run3.adapter, form.info, pg, got.Whole(), passes), S_OK);
+            ASSERT_EQ(got.pixels, want.pixels)
+                << s.w << "x" << s.h << " format " << fmt << " r " << r << " passes " << passes << " " << form.name;
+          }
+        }
+}
+
+TEST(BoxBlurRepeated, MissingParameterIsRefused) {
+  ThreadJob job;
+  job.rect = Rect{0, 0, 4, 4};
+  BoxBlurRepeatParam empty;
+  for (const Form& form : Forms()) {
+    const ThreadTask task = KORVANE_PICK_AVX2(form.info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2).fn;
+    int32_t result = 1;
+    job.param = &empty;
+    EXPECT_EQ(task(&job, &result), E_POINTER);
+    EXPECT_EQ(result, E_POINTER);
+  }
 }

@@ -348,34 +348,24 @@ TEST(LightPointDetect, PointDrawsAreTheEnginesDraws) {
   }
 }
 
-TEST(LightPointDetect, ListDrawsArePerPointAndRepeatable) {
+// Points are the map's bytes of exactly 1, keyed by their index in scan
+// order; their draws are checked against the engine's above.
+TEST(LightPointDetect, ListHoldsThePointsInScanOrder) {
   SmartBuffer map;
   CreateSmartBufferData(map, 40, 30, PIXEL_GRAY8);
   std::memset(map.data.get(), 0, static_cast<size_t>(map.stride) * map.height);
   const std::vector<std::pair<int32_t, int32_t>> marks = {{39, 29}, {0, 0}, {7, 3}, {8, 3}};
   for (auto [x, y] : marks) RowPtr(map, y)[x] = 1;
   RowPtr(map, 10)[10] = 2;  // only exactly 1 is a point
-  LightPointList a, b;
+  LightPointList a;
   ASSERT_EQ(InitLightPointList(map, 132, 24, a), S_OK);
-  ASSERT_EQ(InitLightPointList(map, 132, 24, b), S_OK);
   ASSERT_EQ(a.size(), 4u);
   std::vector<int32_t> keys;
   for (const auto& [k, p] : a) {
     keys.push_back(k);
-    const LightPoint& q = b.at(k);
-    EXPECT_EQ(p.phase, q.phase);
-    EXPECT_EQ(p.random, q.random);
-    EXPECT_EQ(p.color_index, q.color_index);
     EXPECT_EQ(k, p.y * 40 + p.x);
     EXPECT_EQ(p.enabled, 1);
     EXPECT_EQ(p.flag, 0);
-#if defined(__GLIBCXX__)
-    // The draws are those of GCC's distributions on a generator seeded with the index.
-    std::mt19937 gen(static_cast<uint32_t>(k));
-    EXPECT_EQ(p.phase, static_cast<int32_t>(std::uniform_int_distribution<uint32_t>(0, 131)(gen)));
-    EXPECT_EQ(p.random, std::uniform_real_distribution<float>(0.0f, 1.0f)(gen));
-    EXPECT_EQ(p.color_index, static_cast<int32_t>(std::uniform_int_distribution<uint32_t>(0, 23)(gen)));
-#endif
   }
   EXPECT_EQ(keys, (std::vector<int32_t>{0, 127, 128, 1199}));  // scan order
   EXPECT_EQ(InitLightPointList(map, 0, 24, a), E_INVALIDARG);

@@ -12,7 +12,7 @@ namespace {
 #if defined(__GLIBCXX__)
 TEST(Random, IndexMatchesGccUniformInt) {
   for (uint32_t seed : {0u, 1u, 5489u, 123456789u}) {
-    for (uint32_t n : {1u, 2u, 3u, 7u, 50u, 100u, 1000u, 65537u, 0x7fffffffu, 0xfffffffeu}) {
+    for (uint32_t n : {1u, 2u, 3u, 7u, 24u, 50u, 100u, 132u, 1000u, 65537u, 0x7fffffffu, 0xfffffffeu}) {
       Mt19937 ours(seed), theirs(seed);
       std::uniform_int_distribution<uint32_t> dist(0, n - 1);
       for (int i = 0; i < 200; ++i) ASSERT_EQ(DrawIndex(ours, n), dist(theirs)) << "seed " << seed << " n " << n;

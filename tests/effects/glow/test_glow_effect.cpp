@@ -474,21 +474,21 @@ TEST(GlowStages, LargeHighlightsGetTheSameBytes) {
   for (int cols : {2048, 2049}) {
     const int rows = 2050;
     const Bytes src = RandomBytes(static_cast<size_t>(cols) * rows * 4, 8);
-    Bytes want;
-    for (int32_t simd : KorvaneTest::Forms()) {
-      Bytes out(src.size(), 0x11), in = src;
-      SmartBuffer s = MakeSmartBufferView(in.data(), cols, rows), d = MakeSmartBufferView(out.data(), cols, rows);
-      GlowDetectParam p{&s, &d, nullptr, 70, cols, rows};
-      const auto task = KORVANE_PICK_AVX2(KorvaneTest::Level(simd), GlowDetectHighlight, GlowDetectHighlight_SSE,
-                                          GlowDetectHighlight_AVX2);
-      ASSERT_EQ(RunTask(task.fn, &p, Rect{0, 0, cols, rows}), S_OK);
-      if (want.empty()) want = out;
-      ASSERT_TRUE(out == want) << cols << " " << task.name << ": " << KorvaneTest::FirstDifference(out, want, cols);
-    }
+    KorvaneTest::ExpectFormsMatchPlain(
+        [&](const KorvaneTest::Form& form) {
+          Bytes out(src.size(), 0x11), in = src;
+          SmartBuffer s = MakeSmartBufferView(in.data(), cols, rows), d = MakeSmartBufferView(out.data(), cols, rows);
+          GlowDetectParam p{&s, &d, nullptr, 70, cols, rows};
+          const auto task =
+              KORVANE_PICK_AVX2(form.info, GlowDetectHighlight, GlowDetectHighlight_SSE, GlowDetectHighlight_AVX2);
+          EXPECT_EQ(RunTask(task.fn, &p, Rect{0, 0, cols, rows}), S_OK);
+          return out;
+        },
+        std::to_string(cols) + " columns", cols);
   }
 }
 
-TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrastAndTheTableAppliesIt) {
+TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrast) {
   for (float k : {-0.5f, 0.0f, 0.5f}) {
     EXPECT_NEAR(GlowToneCurve(0.0f, 1.0f, k), 0.0625f, 1e-6f);
     EXPECT_NEAR(GlowToneCurve(0.5f, 1.0f, k), 0.5625f, 1e-6f);
@@ -497,15 +497,7 @@ TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrastAndTheTableAppliesI
   EXPECT_NEAR(GlowToneCurve(0.75f, 2.0f, 0.0f), 2.0f * 0.75f + 0.0625f, 1e-6f);  // neutral at k = 0
   EXPECT_GT(GlowToneCurve(0.6f, 1.0f, -0.5f), GlowToneCurve(0.6f, 1.0f, 0.0f) + 0.05f);  // steeper
   EXPECT_LT(GlowToneCurve(0.6f, 1.0f, 0.5f), GlowToneCurve(0.6f, 1.0f, 0.0f) - 0.02f);   // flatter
-  EXPECT_NE(GlowToneCurve(0.3f, 1.0f, 0.0f, 0.4f), GlowToneCurve(0.3f, 1.0f, 0.0f));      // outer stage works
-
-  // The byte table holds the curve of each converted byte, outer strengths included.
-  for (float k_in : {0.0f, 0.25f}) {
-    const GlowLightParam p{7.5f, -0.35f, k_in, -0.5f * k_in};
-    float table[256];
-    GlowToneTable(p, table);
-    for (int v = 0; v < 256; ++v) ASSERT_EQ(table[v], GlowToneCurve(v * 0.003921569f, 7.5f, -0.35f, p.k_in, p.k_out)) << v;
-  }
+  EXPECT_NE(GlowToneCurve(0.3f, 1.0f, 0.0f, 0.4f), GlowToneCurve(0.3f, 1.0f, 0.0f));     // outer stage works
 }
 
 TEST(GlowStages, ConversionsScaleAndClampAndTheirSimdFormsMatchBitForBit) {

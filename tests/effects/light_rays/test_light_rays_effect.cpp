@@ -106,12 +106,6 @@ int Added(const Bytes& src, const Bytes& dst, int w, int x, int y) {
   return most;
 }
 
-double MeanAbsDiff(const Bytes& a, const Bytes& b) {
-  double s = 0;
-  for (size_t i = 0; i < a.size(); ++i) s += std::abs(a[i] - b[i]);
-  return s / a.size();
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- sizes, tables, lifecycle
@@ -166,51 +160,19 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
     void (*tweak)(LightRaysParam&);
   };
   // Many cases carry a second fault that a later step would report.
+  // clang-format off
   const Case cases[] = {
-      {"src width", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.src.width = 63;
-         p.dst.pix_fmt = PIXEL_GRAY8;
-       }},
+      {"src width", E_INVALIDARG, [](LightRaysParam& p) { p.src.width = 63, p.dst.pix_fmt = PIXEL_GRAY8; }},
       {"src height", E_INVALIDARG, [](LightRaysParam& p) { p.src.height = 41; }},
-      {"src data", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.src.data.reset();
-         p.color_param = 2;
-       }},
-      {"mask format", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.mask = MakeSmartBufferView(gray.data(), 16, 10);
-         p.mask.width = 64;
-         p.mask.height = 40;
-       }},
-      {"mask size", E_INVALIDARG,
-       [](LightRaysParam& p) { p.mask = MakeSmartBufferView(gray.data(), 63, 40, PIXEL_GRAY8); }},
-      {"dst size", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.dst.width = 20;
-         p.hue_shift = 3;
-       }},
-      {"color_param", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.color_param = -1.01f;
-         p.src.pix_fmt = PIXEL_BGR24;
-       }},
-      {"hue_shift", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.hue_shift = std::nanf("");
-         p.dst.pix_fmt = PIXEL_GRAY8;
-       }},
-      {"src format", E_NOTIMPL,
-       [](LightRaysParam& p) {
-         p.src.pix_fmt = PIXEL_BGR24;
-         p.ray_level = 2;
-       }},
-      {"dst format", E_NOTIMPL,
-       [](LightRaysParam& p) {
-         p.dst.pix_fmt = PIXEL_GRAY8;
-         p.ray_level = 2;
-       }},
+      {"src data", E_INVALIDARG, [](LightRaysParam& p) { p.src.data.reset(), p.color_param = 2; }},
+      {"mask format", E_INVALIDARG, [](LightRaysParam& p) {
+         p.mask = MakeSmartBufferView(gray.data(), 16, 10), p.mask.width = 64, p.mask.height = 40; }},
+      {"mask size", E_INVALIDARG, [](LightRaysParam& p) { p.mask = MakeSmartBufferView(gray.data(), 63, 40, PIXEL_GRAY8); }},
+      {"dst size", E_INVALIDARG, [](LightRaysParam& p) { p.dst.width = 20, p.hue_shift = 3; }},
+      {"color_param", E_INVALIDARG, [](LightRaysParam& p) { p.color_param = -1.01f, p.src.pix_fmt = PIXEL_BGR24; }},
+      {"hue_shift", E_INVALIDARG, [](LightRaysParam& p) { p.hue_shift = std::nanf(""), p.dst.pix_fmt = PIXEL_GRAY8; }},
+      {"src format", E_NOTIMPL, [](LightRaysParam& p) { p.src.pix_fmt = PIXEL_BGR24, p.ray_level = 2; }},
+      {"dst format", E_NOTIMPL, [](LightRaysParam& p) { p.dst.pix_fmt = PIXEL_GRAY8, p.ray_level = 2; }},
       {"ray_level", E_INVALIDARG, [](LightRaysParam& p) { p.ray_level = 1.01f; }},
       {"ray_softness", E_INVALIDARG, [](LightRaysParam& p) { p.ray_softness = 2.01f; }},
       {"hlr_threshold", E_INVALIDARG, [](LightRaysParam& p) { p.hlr_threshold = 255.5f; }},
@@ -220,21 +182,12 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
       {"lampshade_spread", E_INVALIDARG, [](LightRaysParam& p) { p.lampshade_spread = 181; }},
       {"ray_radius", E_INVALIDARG, [](LightRaysParam& p) { p.ray_radius = -1; }},
       {"ray_angle", E_INVALIDARG, [](LightRaysParam& p) { p.ray_angle = 360.5f; }},
-      {"roi outside", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.roi = Rect{1, 0, 65, 40};
-       }},
-      {"negative roi", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.roi = Rect{-2, 0, 62, 40};
-       }},
-      {"short src rows", E_INVALIDARG,
-       [](LightRaysParam& p) {
-         p.src.stride = 4 * 63;
-         p.dst.data.reset();
-       }},
+      {"roi outside", E_INVALIDARG, [](LightRaysParam& p) { p.roi = Rect{1, 0, 65, 40}; }},
+      {"negative roi", E_INVALIDARG, [](LightRaysParam& p) { p.roi = Rect{-2, 0, 62, 40}; }},
+      {"short src rows", E_INVALIDARG, [](LightRaysParam& p) { p.src.stride = 4 * 63, p.dst.data.reset(); }},
       {"dst data", E_POINTER, [](LightRaysParam& p) { p.dst.data.reset(); }},
   };
+  // clang-format on
   Bytes src = Photo(w, h);
   for (const Case& c : cases) {
     int32_t code = 0;
@@ -244,30 +197,15 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
     EXPECT_EQ(dst, Bytes(dst.size(), 0x5A)) << c.what << ": dst written on a refusal";
   }
   // Unchecked fields: the centre is clamped, lampshade_param may be anything.
-  for (const Tweak& ok : std::vector<Tweak>{[](LightRaysParam& p) {
-                                              p.center_x = std::numeric_limits<int32_t>::min() + 1;
-                                              p.center_y = 1 << 30;
-                                            },
-                                            [](LightRaysParam& p) {
-                                              p.lampshade_spread = 40;
-                                              p.lampshade_param = std::nanf("");
-                                            },
-                                            [](LightRaysParam& p) {
-                                              p.lampshade_spread = 0;
-                                              p.lampshade_param = -5;
-                                            },
-                                            [](LightRaysParam& p) {
-                                              p.anime_frame_count = 0;
-                                              p.anime_frame_index = -3;
-                                              p.animate_rays = 1;
-                                              p.animate_hue = 1;
-                                            },
-                                            [](LightRaysParam& p) {
-                                              p.ray_length = 64;
-                                              p.ray_radius = 64;
-                                              p.ray_softness = 2;
-                                              p.ray_angle = 360;
-                                            }}) {
+  // clang-format off
+  for (const Tweak& ok : std::vector<Tweak>{
+           [](LightRaysParam& p) { p.center_x = std::numeric_limits<int32_t>::min() + 1, p.center_y = 1 << 30; },
+           [](LightRaysParam& p) { p.lampshade_spread = 40, p.lampshade_param = std::nanf(""); },
+           [](LightRaysParam& p) { p.lampshade_spread = 0, p.lampshade_param = -5; },
+           [](LightRaysParam& p) {
+             p.anime_frame_count = 0, p.anime_frame_index = -3, p.animate_rays = 1, p.animate_hue = 1; },
+           [](LightRaysParam& p) { p.ray_length = 64, p.ray_radius = 64, p.ray_softness = 2, p.ray_angle = 360; }}) {
+    // clang-format on
     int32_t code = 1;
     Render(src, w, h, ok, 2, KorvaneTest::Level(SIMD_SSE41), &code);
     EXPECT_EQ(code, S_OK);
@@ -426,34 +364,19 @@ TEST(LightRaysEffect, LoopsJoinSmoothlyAndModeTwoKeepsItsSpokes) {
   const int w = 160, h = 120, n = 6;
   Bytes src = Spots(w, h, {{80, 60}, {40, 30}, {120, 90}}, 10);
   for (int mode : {0, 1}) {
+    const auto frame = [&](int i) {
+      return Render(src, w, h, [&](LightRaysParam& p) {
+        p.ray_mode = mode, p.center_x = 80, p.center_y = 60, p.ray_length = 80;
+        p.anime_frame_count = n, p.anime_frame_index = i, p.animate_rays = p.animate_hue = 1;
+        p.hue_shift = 0, p.color_param = 0.5f;
+      });
+    };
     std::vector<Bytes> frames;
-    for (int i = 0; i <= n; ++i) {
-      frames.push_back(Render(src, w, h, [&](LightRaysParam& p) {
-        p.ray_mode = mode;
-        p.center_x = 80;
-        p.center_y = 60;
-        p.anime_frame_count = n;
-        p.anime_frame_index = i;
-        p.animate_rays = 1;
-        p.animate_hue = 1;
-        p.hue_shift = 0;
-        p.color_param = 0.5f;
-        p.ray_length = 80;
-      }));
-    }
+    for (int i = 0; i <= n; ++i) frames.push_back(frame(i));
     EXPECT_EQ(frames[n], frames[0]) << mode;
-    for (int k : {1, 4}) {  // frames past the loop are the frames in it
-      EXPECT_EQ(Render(src, w, h,
-                       [&](LightRaysParam& p) {
-                         p.ray_mode = mode, p.center_x = 80, p.center_y = 60, p.anime_frame_count = n;
-                         p.anime_frame_index = k + n * 1000, p.animate_rays = p.animate_hue = 1;
-                         p.hue_shift = 0, p.color_param = 0.5f, p.ray_length = 80;
-                       }),
-                frames[k])
-          << mode << " " << k;
-    }
+    for (int k : {1, 4}) EXPECT_EQ(frame(k + n * 1000), frames[k]) << mode << " " << k;  // past the loop: in it
     std::vector<double> steps;
-    for (int i = 0; i < n; ++i) steps.push_back(MeanAbsDiff(frames[i], frames[i + 1]));
+    for (int i = 0; i < n; ++i) steps.push_back(KorvaneTest::MeanAbsDiff(frames[i], frames[i + 1]));
     const double smallest = *std::min_element(steps.begin(), steps.end() - 1);
     const double largest = *std::max_element(steps.begin(), steps.end() - 1);
     EXPECT_GT(smallest, 0.0) << mode << ": the loop does not move";
@@ -473,67 +396,47 @@ TEST(LightRaysEffect, LoopsJoinSmoothlyAndModeTwoKeepsItsSpokes) {
 
 // ---------------------------------------------------------------- forms and workers
 
-TEST(LightRaysEffect, KernelFormsAndWorkerCountsGiveTheSameImage) {
+// Every kernel form on two and on eight workers gives the plain form's image
+// on one worker, with photo, mask and output handed over as applications do:
+// padded rows of unequal strides whose padding and guard bytes stay untouched.
+TEST(LightRaysEffect, KernelFormsWorkerCountsAndPaddedRowsGiveThePlainImage) {
   struct Size {
     int w, h;
   };
   for (const Size s : {Size{1, 1}, Size{3, 5}, Size{17, 9}, Size{33, 21}, Size{70, 45}, Size{166, 94}}) {
     Bytes src = Photo(s.w, s.h, 11 + s.w);
-    Bytes mask = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 3);
+    Bytes mask_bytes = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 3);
     for (int mode : {0, 1}) {
+      // One region reaching the right edge, one stopping short of it.
+      const Rect roi{s.w / 4, s.h / 3, mode ? s.w : s.w - s.w / 5, s.h};
       const Tweak tweak = [&](LightRaysParam& p) {
         p.ray_mode = mode;
-        p.mask = MakeSmartBufferView(mask.data(), s.w, s.h, PIXEL_GRAY8);
-        p.roi = Rect{s.w / 4, s.h / 3, s.w, s.h};
+        p.mask = MakeSmartBufferView(mask_bytes.data(), s.w, s.h, PIXEL_GRAY8);
+        p.roi = roi;
         p.lampshade_spread = 100;
         p.ray_radius = static_cast<float>(std::max(s.w, s.h)) / 2;
       };
       const Bytes plain = Render(src, s.w, s.h, tweak, 1, KorvaneTest::Level(SIMD_NONE));
-      for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-        EXPECT_EQ(Render(src, s.w, s.h, tweak, 2, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
-        EXPECT_EQ(Render(src, s.w, s.h, tweak, 8, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
-      }
+      for (const KorvaneTest::Form& form : KorvaneTest::Forms())
+        for (int workers : {2, 8}) {
+          TestImage photo(s.w, s.h, PIXEL_BGRA32, 12), mask(s.w, s.h, PIXEL_GRAY8, 3),
+              out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 20);
+          photo.Fill(src);
+          mask.Fill(mask_bytes);
+          EffectRig<LightRaysEffect> rig(workers, form);
+          ASSERT_EQ(rig->Initialize(s.w, s.h), S_OK);
+          Bytes unused = src;
+          LightRaysParam p = Base(unused, s.w, s.h);
+          tweak(p);
+          p.src = SmartBufferView(photo.buf);
+          p.mask = SmartBufferView(mask.buf);
+          p.dst = SmartBufferView(out.buf);
+          ASSERT_EQ(rig->Process(p), S_OK);
+          EXPECT_EQ(FirstDifference(out.Packed(), plain, out.buf.width), "")
+              << form.name << " " << workers << " workers " << s.w << "x" << s.h << " mode " << mode;
+          EXPECT_TRUE(photo.GuardsIntact() && mask.GuardsIntact() && out.GuardsIntact()) << s.w << "x" << s.h;
+        }
     }
-  }
-}
-
-// Applications hand over rows with padding, and input and output rarely
-// share a stride: the pixels must match the packed render and no padding or
-// guard byte may change.
-TEST(LightRaysEffect, PaddedRowsOfUnequalStridesRenderAsPackedOnes) {
-  struct Size {
-    int w, h;
-  };
-  for (const Size s : {Size{1, 1}, Size{17, 9}, Size{70, 45}}) {
-    const Bytes src = Photo(s.w, s.h, 21 + s.w);
-    Bytes mask_bytes = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 9);
-    const Rect roi{s.w / 4, s.h / 3, s.w - s.w / 5, s.h};
-    const Tweak tweak = [&](LightRaysParam& p) {
-      p.mask = MakeSmartBufferView(mask_bytes.data(), s.w, s.h, PIXEL_GRAY8);
-      p.roi = roi;
-    };
-    const Bytes packed = Render(src, s.w, s.h, tweak);
-
-    TestImage photo(s.w, s.h, PIXEL_BGRA32, 12), mask(s.w, s.h, PIXEL_GRAY8, 3),
-        out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 20);
-    photo.Fill(src);
-    mask.Fill(mask_bytes);
-    const auto view = [](TestImage& t) {
-      SmartBuffer b = MakeSmartBufferView(t.buf.data, t.buf.width, t.buf.height, t.buf.pix_fmt);
-      b.stride = t.buf.stride;
-      return b;
-    };
-    EffectRig<LightRaysEffect> rig(2, SIMD_SSE41);
-    ASSERT_EQ(rig->Initialize(s.w, s.h), S_OK);
-    Bytes unused = src;
-    LightRaysParam p = Base(unused, s.w, s.h);
-    p.src = view(photo);
-    p.mask = view(mask);
-    p.dst = view(out);
-    p.roi = roi;
-    ASSERT_EQ(rig->Process(p), S_OK) << s.w << "x" << s.h;
-    EXPECT_EQ(FirstDifference(out.Packed(), packed, out.buf.width), "") << s.w << "x" << s.h;
-    EXPECT_TRUE(photo.GuardsIntact() && mask.GuardsIntact() && out.GuardsIntact()) << s.w << "x" << s.h;
   }
 }
 

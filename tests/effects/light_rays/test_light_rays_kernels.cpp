@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "TestSupport.h"
@@ -264,7 +265,7 @@ TEST(LightRaysKernels, HighLightDetect) {
   EXPECT_EQ(dst[0], 0);
 
   // The SIMD forms: every (value, mask) pair, and random pixels of odd widths.
-  Bytes every(256 * 256 * 4), every_mask(256 * 256), a(every.size(), 9), b(every.size(), 9);
+  Bytes every(256 * 256 * 4), every_mask(256 * 256);
   for (int v = 0; v < 256; ++v)
     for (int k = 0; k < 256; ++k) {
       const size_t i = static_cast<size_t>(v) * 256 + k;
@@ -273,26 +274,30 @@ TEST(LightRaysKernels, HighLightDetect) {
       every_mask[i] = static_cast<uint8_t>(k);
     }
   SmartBuffer es = View(every, 256, 256), em = View(every_mask, 256, 256, PIXEL_GRAY8);
-  SmartBuffer ea = View(a, 256, 256), eb = View(b, 256, 256);
-  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-    const auto detect = KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2);
-    for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
-      HighLightParam all{&es, &em, &ea, threshold};
-      ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
-      all.dst = &eb;
-      ASSERT_EQ(detect.fn(all, Rect{0, 0, 256, 256}), S_OK);
-      ASSERT_EQ(a, b) << detect.name << " " << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
-    }
-    for (int w : kWidths) {
-      Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
-      Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
-      SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
-      HighLightParam hp{&ps, &pm, &qa, 100.25f};
-      ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
-      hp.dst = &qb;
-      ASSERT_EQ(detect.fn(hp, Rect{0, 0, w, 3}), S_OK);
-      EXPECT_EQ(pa, pb) << detect.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-    }
+  const auto detect = [](const KorvaneTest::Form& form, SmartBuffer* src, SmartBuffer* mask, Bytes out, int w, int h,
+                         float threshold) {
+    SmartBuffer dst = View(out, w, h);
+    HighLightParam p{src, mask, &dst, threshold};
+    EXPECT_EQ(KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2)
+                  .fn(p, Rect{0, 0, w, h}),
+              S_OK);
+    return out;
+  };
+  for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
+    KorvaneTest::ExpectFormsMatchPlain(
+        [&](const KorvaneTest::Form& form) {
+          return detect(form, &es, &em, Bytes(every.size(), 9), 256, 256, threshold);
+        },
+        "every pair at " + std::to_string(threshold), 256);
+  }
+  for (int w : kWidths) {
+    Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
+    SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8);
+    KorvaneTest::ExpectFormsMatchPlain(
+        [&](const KorvaneTest::Form& form) {
+          return detect(form, &ps, &pm, KorvaneTest::RandomBytes(w * 3 * 4, 1), w, 3, 100.25f);
+        },
+        std::to_string(w) + " wide", w);
   }
 }
 

@@ -109,8 +109,6 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
   EXPECT_LT(v.shape.data[(5 * 21 + 4) * 4], v.shape.data[(5 * 21 + 10) * 4] / 2);
 }
 
-// Levels of awkward sizes (one pixel, odd widths) with black patches, every
-// variant size from one pixel up, turned and not: both forms, the same bytes.
 // Every SIMD form of the sampler against the plain one: noisy levels with
 // black runs, and a mostly black level (a cross on black, as a star is),
 // at sizes around the eight-pixel groups and angles that walk past every
@@ -130,18 +128,18 @@ TEST(SparkleShapes, SimdSamplersMatchPlainOnAwkwardSizes) {
       for (float deg : {0.0f, 33.0f, 90.0f, 211.7f}) {
         VariantJob job{&src, nullptr};
         ASSERT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
-        std::vector<Bytes> got;
-        for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-          const auto row = KORVANE_PICK_AVX2(form.info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
-          LightShape v;
-          v.d = d;
-          ASSERT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
-          job.variant = &v;
-          for (int32_t y = 0; y < d; ++y) row.fn(job, y);
-          got.push_back(Pixels(v.shape));
-          ASSERT_EQ(got.back(), got[0]) << row.name << " " << n << " -> " << d << " at " << deg << ": "
-                                        << KorvaneTest::FirstDifference(got.back(), got[0], d);
-        }
+        KorvaneTest::ExpectFormsMatchPlain(
+            [&](const KorvaneTest::Form& form) {
+              const auto row =
+                  KORVANE_PICK_AVX2(form.info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
+              LightShape v;
+              v.d = d;
+              EXPECT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
+              job.variant = &v;
+              for (int32_t y = 0; y < d; ++y) row.fn(job, y);
+              return Pixels(v.shape);
+            },
+            std::to_string(n) + " -> " + std::to_string(d) + " at " + std::to_string(deg), d);
       }
   }
 }
@@ -183,16 +181,16 @@ TEST(SparkleColor, AdjustOfEveryFormAgrees) {
   Bytes px = KorvaneTest::RandomBytes(size_t(w) * h * 4, 77);
   for (size_t i = 0; i < px.size(); i += 36) std::fill_n(px.begin() + i, std::min<size_t>(20, px.size() - i), 0);
   for (auto [sat, bright] : {std::pair<float, float>{-1.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, -0.7f}, {-0.4f, 0.25f}, {3.0f, 2.0f}}) {
-    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-      const auto adjust = ChooseKernel<int32_t (*)(const SparkleAdjustParam&, const Rect&)>(
-          form.info, &AdjustSparkleColor, "AdjustSparkleColor", nullptr, "", KORVANE_AVX2(AdjustSparkleColor_AVX2),
-          "AdjustSparkleColor_AVX2");
-      SmartBuffer a = Buffer(px, w, h), b = Buffer(px, w, h);
-      const Rect region{3, 0, w - 1, h};
-      ASSERT_EQ(AdjustSparkleColor(SparkleAdjustParam{a, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
-      ASSERT_EQ(adjust.fn(SparkleAdjustParam{b, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
-      ASSERT_EQ(Pixels(a), Pixels(b)) << adjust.name << " " << sat << ", " << bright;
-    }
+    KorvaneTest::ExpectFormsMatchPlain(
+        [&, sat = sat, bright = bright](const KorvaneTest::Form& form) {
+          const auto adjust = ChooseKernel<int32_t (*)(const SparkleAdjustParam&, const Rect&)>(
+              form.info, &AdjustSparkleColor, "AdjustSparkleColor", nullptr, "", KORVANE_AVX2(AdjustSparkleColor_AVX2),
+              "AdjustSparkleColor_AVX2");
+          SmartBuffer b = Buffer(px, w, h);
+          EXPECT_EQ(adjust.fn(SparkleAdjustParam{b, Rect{3, 0, w - 1, h}, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
+          return Pixels(b);
+        },
+        "saturation " + std::to_string(sat) + ", brightness " + std::to_string(bright), w);
   }
 }
 

@@ -1,12 +1,15 @@
-// The render core of light rays: the automatic centre and the option values
-// as the effect's record.
+// The render core of light rays: the automatic centre, threshold and
+// strength, and the option values as the effect's record.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <sstream>
 
 #include <korvane/effects/light_rays/LightRays.h>
 
+#include "RaysDefaults.h"
 #include "RenderSupport.h"
+#include "Resize.h"
 
 namespace KorvaneFrontend {
 
@@ -50,8 +53,11 @@ std::pair<int, int> BrightestRegion(const ImageView& photo) {
 class LightRaysSession final : public PhotoSession {
  public:
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
-    const Status s = Begin(v, photo, inputs, "mask", &m_mask);
-    return s.ok() ? engine.Create(Korvane::EFFECT_LIGHT_RAYS, m_fx) : s;
+    Status s = Begin(v, photo, inputs, "mask", &m_mask);
+    if (s.ok()) s = engine.Create(Korvane::EFFECT_LIGHT_RAYS, m_fx);
+    // A second effect renders the reduced copy the automatic strength is measured on.
+    if (s.ok()) s = engine.Create(Korvane::EFFECT_LIGHT_RAYS, m_probe_fx);
+    return s;
   }
 
  protected:
@@ -86,7 +92,7 @@ class LightRaysSession final : public PhotoSession {
     }
     if (v.Has("lampshade")) {
       const std::vector<double>& l = v.Numbers("lampshade");
-      p.lampshade_angle = static_cast<float>(l[0]);
+      p.lampshade_angle = PositiveDegrees(l[0]);
       p.lampshade_spread = static_cast<float>(l[1]);
       p.lampshade_param = static_cast<float>(l[2]);
     }
@@ -101,21 +107,27 @@ class LightRaysSession final : public PhotoSession {
     }
     if (!m_mask.empty()) p.mask = m_mask.Smart();
     p.ray_mode = v.ChoiceIndex("mode") == 1 ? Korvane::LIGHT_RAYS_DIRECTIONAL : Korvane::LIGHT_RAYS_RADIAL;
-    p.ray_angle = static_cast<float>(v.Number("angle"));
-    p.hlr_threshold = static_cast<float>(v.Number("threshold"));
-    p.blend_strength = static_cast<float>(v.Number("strength"));
-    p.ray_level = static_cast<float>(v.Number("level"));
-    p.color_param = static_cast<float>(v.Number("color"));
-    p.hue_shift = static_cast<float>(v.Number("hue"));
-    p.animate_rays = v.Flag("animate-rays");
-    p.animate_hue = v.Flag("animate-hue");
+    p.ray_angle = PositiveDegrees(v.Number("direction"));
+    if (v.Has("threshold")) {
+      p.hlr_threshold = static_cast<float>(v.Number("threshold"));
+    } else {
+      if (m_threshold < 0) m_threshold = RaysThreshold(m_photo);
+      p.hlr_threshold = m_threshold;
+    }
+    p.ray_level = static_cast<float>(v.Number("brightness"));
+    p.color_param = static_cast<float>(v.Number("saturation"));
+    p.hue_shift = HalfTurns(v.Number("hue-shift"));
+    p.animate_rays = v.Flag("sway");
+    p.animate_hue = v.Flag("cycle-hue");
+    p.blend_strength = v.Has("strength") ? static_cast<float>(v.Number("strength")) : AutoStrength(p);
     std::ostringstream summary;
     if (p.ray_mode == Korvane::LIGHT_RAYS_DIRECTIONAL) {
       summary << "directional at " << NumberText(p.ray_angle) << " degrees";
     } else {
       summary << "radial from " << p.center_x << "," << p.center_y;
     }
-    summary << ", " << NumberText(p.ray_length) << " px long";
+    summary << ", " << NumberText(p.ray_length) << " px long, threshold " << NumberText(p.hlr_threshold)
+            << ", strength " << NumberText(p.blend_strength);
     m_summary = summary.str();
     return Status();
   }
@@ -124,8 +136,54 @@ class LightRaysSession final : public PhotoSession {
     return Status::Failed(option + " " + NumberText(value) + " is " + what + " (" + std::to_string(limit) + " pixels)");
   }
 
-  Engine::Handle<Korvane::LightRays> m_fx;
+  // The strongest blend (up to 1) at which the rays of `full` wash out at
+  // most 2.5 % more of the picture, measured on a copy of at most 640
+  // pixels a side with the lengths scaled to it (the rays scale with the
+  // photo), and kept until a setting it depends on changes.
+  float AutoStrength(const Korvane::LightRaysParam& full) {
+    const float settings[] = {full.hlr_threshold, full.ray_length, full.ray_softness, full.ray_radius, full.ray_level,
+                              full.color_param, full.hue_shift, static_cast<float>(full.ray_mode), full.ray_angle,
+                              full.lampshade_angle, full.lampshade_spread, full.lampshade_param,
+                              static_cast<float>(full.center_x), static_cast<float>(full.center_y)};
+    std::vector<float> key(std::begin(settings), std::end(settings));
+    if (key == m_strength_key) return m_strength;
+    if (m_probe.pixels.empty()) {
+      m_probe = ShrunkTo(m_photo, 640);
+      if (!m_mask.empty()) m_probe_mask = Resized(m_mask, m_probe.width, m_probe.height);
+      m_probe_base = WashedShare(m_probe.View());
+    }
+    const float f = static_cast<float>(m_probe.width) / static_cast<float>(m_photo.width);
+    const int side = std::max(m_probe.width, m_probe.height);
+    Korvane::LightRaysParam p = full;
+    Image out(m_probe.width, m_probe.height, 4);
+    p.src = m_probe.View().Smart();
+    p.mask = m_probe_mask.pixels.empty() ? Korvane::SmartBuffer() : m_probe_mask.View().Smart();
+    p.dst = out.View().Smart();
+    p.roi = Korvane::Rect{0, 0, m_probe.width, m_probe.height};
+    p.ray_length = std::min(full.ray_length * f, static_cast<float>(side));
+    p.ray_softness = std::min(full.ray_softness * f, static_cast<float>(side / 32));
+    p.ray_radius = std::min(full.ray_radius * f, static_cast<float>(side));
+    p.center_x = static_cast<int32_t>(std::lround(full.center_x * f));
+    p.center_y = static_cast<int32_t>(std::lround(full.center_y * f));
+    p.anime_frame_count = 1;
+    p.anime_frame_index = 0;
+    p.animate_rays = p.animate_hue = 0;
+    const bool ready = m_probe_fx->Initialize(m_probe.width, m_probe.height) >= 0;
+    m_strength = CappedStrength(m_probe_base, 0.025, [&](float strength) {
+      p.blend_strength = strength;
+      return ready && m_probe_fx->Process(p) >= 0 ? WashedShare(out.View()) : -1.0;
+    });
+    m_strength_key = key;
+    return m_strength;
+  }
+
+  Engine::Handle<Korvane::LightRays> m_fx, m_probe_fx;
   ImageView m_mask;
+  float m_threshold = -1;  // the automatic threshold, once found
+  Image m_probe, m_probe_mask;
+  double m_probe_base = 0;  // the washed-out share of the reduced copy itself
+  std::vector<float> m_strength_key;
+  float m_strength = 1;
   std::pair<int, int> m_centre;
   bool m_found = false;
 };

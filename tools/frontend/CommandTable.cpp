@@ -288,7 +288,7 @@ CommandSpec LightRays() {
                      "Radial: only highlights this close to the centre shine (0: all)"));
   t.push_back(Opt("threshold", K::kNumber)
                   .Range(0, 255)
-                  .Absent("from the photo: its brightest few percent shine")
+                  .Absent("the lightness of the photo's brightest 1.5 %, within 160..250")
                   .Help("Lightness a pixel needs to shine (255: only white)"));
   t.push_back(Opt("softness", K::kNumber)
                   .Range(0, 1e6, "pixels")
@@ -296,7 +296,7 @@ CommandSpec LightRays() {
                   .Help("Softening of the rays, at most a 32nd of the longer side"));
   t.push_back(Opt("strength", K::kNumber)
                   .Range(0, 1)
-                  .Absent("at most 1, so that few more pixels turn white")
+                  .Absent("the most, up to 1, that washes out at most 2.5 % more of the photo")
                   .Help("How much of the rays is added to the photo"));
   t.push_back(Number("brightness", 0, 1, "", "0.5",
                      "Brightness of the rays: 0 as averaged, 1 up to 16 times brighter"));

@@ -151,12 +151,13 @@ void AddFileSettings(std::vector<OptionSpec>& t, bool animated, const std::strin
                  "JPEG colour resolution: 444 keeps one-pixel colour detail, 420 halves it for smaller files");
   c.s.role = R::kWrite;
   t.push_back(c);
-  Opt strip = Flag("strip", "Write no metadata (by default EXIF, XMP and the colour profile are kept)");
+  Opt strip = Flag("strip", "Write no metadata (otherwise EXIF, XMP and the colour profile are kept)");
   strip.s.role = R::kWrite;
   t.push_back(strip);
   t.push_back(Opt("format", K::kText, R::kWrite)
-                  .Help("With -o -: the file type to write (" + FormatList() +
-                        (animated ? "; .webp or .gif for a loop" : "") + "; default .png)"));
+                  .Absent(".png")
+                  .Help("With -o -: the file type to write (" + FormatList() + (animated ? "; .webp or .gif for a loop" : "") +
+                        ")"));
   Opt quiet = Flag("quiet", "Print nothing on success (no warnings, no progress)").Short("q");
   quiet.s.role = R::kWrite;
   t.push_back(quiet);

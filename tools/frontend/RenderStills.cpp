@@ -78,7 +78,7 @@ class GlitchSession final : public PhotoSession {
     // turn either way.
     double turn = v.Number("rotation");
     if (turn > 180) turn -= 360;
-    if (turn < -180) turn += 360;
+    if (turn <= -180) turn += 360;
     p.angle = static_cast<int32_t>(std::lround(turn / 1.8));
     m_summary = "type " + std::to_string(p.glitch_type);
     return Status::Call("glitch", m_fx->Process(&p));

@@ -245,6 +245,45 @@ TEST(Frontend, ValuesAreRefusedWithTheToolsWords) {
   EXPECT_EQ(CheckCombination(rays, 1).message, "--sway needs --frames 2 or more");
 }
 
+TEST(Frontend, FramesComeFromTheTableWhereThePictureMoves) {
+  const struct {
+    const char* command;
+    std::vector<std::pair<std::string, std::string>> settings;
+    int32_t frames;
+  } cases[] = {
+      {"bokeh", {}, 1},                       {"bokeh", {{"twinkle", "1"}}, 48},
+      {"sparkle", {{"spin", "1"}}, 48},       {"light-rays", {{"cycle-hue", "1"}}, 48},
+      {"light-rays", {{"frames", "5"}}, 5},   {"light-rays", {{"frame", "3"}}, 48},
+      {"animate", {}, 48},                    {"disperse", {}, 48},
+      {"disperse", {{"frames", "12"}}, 12},   {"glow", {}, 1},
+  };
+  for (const auto& c : cases) {
+    OptionValues v(*FindCommand(c.command));
+    for (const auto& [name, text] : c.settings) ASSERT_EQ(v.Set(name, text), "");
+    EXPECT_EQ(FrameCount(v), c.frames) << c.command << " " << c.settings.size();
+  }
+}
+
+TEST(Frontend, HelpNamesEachDefaultOnceAndEveryRangeInTheOptionsOwnUnits) {
+  for (const CommandSpec& c : Commands()) {
+    for (const OptionSpec& o : c.options) {
+      SCOPED_TRACE(c.name + " --" + o.name);
+      const std::string line = HelpLine(o);
+      EXPECT_EQ(o.help.find("default"), std::string::npos) << "the table's default field says it";
+      size_t defaults = 0;
+      for (size_t at = line.find("default"); at != std::string::npos; at = line.find("default", at + 1)) ++defaults;
+      EXPECT_LE(defaults, 1u) << line;
+      // Angles in degrees within a turn either way, hues in turns.
+      if (o.unit == "degrees" && o.kind == OptionKind::kNumber) {
+        EXPECT_TRUE(o.lo >= -360 && o.hi <= 360);
+      }
+      if (o.name.find("hue") != std::string::npos && o.kind == OptionKind::kNumber) {
+        EXPECT_EQ(o.unit, "turns");
+      }
+    }
+  }
+}
+
 TEST(Frontend, HelpListsTheTableInItsOrder) {
   for (const CommandSpec& c : Commands()) {
     SCOPED_TRACE(c.name);

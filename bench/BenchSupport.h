@@ -41,12 +41,13 @@ inline Korvane::CThreadPool& Pool() {
   return *pool;
 }
 
-// The machine description with the SIMD level of this processor.
+// The machine description with the SIMD and AVX levels of this processor.
 Korvane::SystemInfo MachineInfo();
 
 // The same with the SIMD level held at most at simd_cap (SIMD_NONE runs the
-// plain kernel forms).
-Korvane::SystemInfo MachineInfo(int32_t simd_cap);
+// plain kernel forms) and the AVX level at most at avx_cap (AVX_NONE leaves
+// the AVX2 forms out: the SSE4.1 column).
+Korvane::SystemInfo MachineInfo(int32_t simd_cap, int32_t avx_cap = Korvane::AVX_AVX2);
 
 // A photo-like test image: smooth gradients plus noise, fixed seed.
 inline std::vector<uint8_t> MakeImage(int width, int height, int channels, uint32_t seed = 1) {
@@ -108,11 +109,15 @@ inline Korvane::SystemInfo KorvaneBench::MachineInfo() {
   Korvane::SystemInfo info;
   info.processor_count = Korvane::Platform::LogicalProcessorCount();
   info.simd_level = Korvane::ProbeSimdLevel();
+  info.avx_level = Korvane::ProbeAvxLevel();
   return info;
 }
 
-inline Korvane::SystemInfo KorvaneBench::MachineInfo(int32_t simd_cap) {
+inline Korvane::SystemInfo KorvaneBench::MachineInfo(int32_t simd_cap, int32_t avx_cap) {
   Korvane::SystemInfo info = MachineInfo();
   if (info.simd_level >= simd_cap) info.simd_level = simd_cap;
+  if (info.avx_level > avx_cap) info.avx_level = avx_cap;
+  // Below SSE4.1 no SIMD form runs: the plain column.
+  if (info.simd_level < Korvane::SIMD_SSE41) info.avx_level = Korvane::AVX_NONE;
   return info;
 }

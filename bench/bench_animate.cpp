@@ -64,10 +64,11 @@ struct AnimateScene {
   }
 };
 
+// Arguments: width, height, and the AVX level allowed (AVX_NONE: the SSE4.1 forms).
 void BM_AnimateFrame(benchmark::State& state) {
   AnimateScene scene(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
   PhotoAnimator anim(&KorvaneBench::Pool());
-  anim.SetSystemInfo(KorvaneBench::MachineInfo());
+  anim.SetSystemInfo(KorvaneBench::MachineInfo(SIMD_SSE42, static_cast<int32_t>(state.range(2))));
   AnimationParam p = scene.Param();
   if (anim.Init(&p) < 0) {
     state.SkipWithError("Init failed");
@@ -84,8 +85,10 @@ void BM_AnimateFrame(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * scene.w * scene.h);
 }
-BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_1920x1080")->Args({1920, 1080})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_4000x3000")->Args({4000, 3000})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_1920x1080")->Args({1920, 1080, AVX_AVX2})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_1920x1080_sse41")->Args({1920, 1080, AVX_NONE})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_4000x3000")->Args({4000, 3000, AVX_AVX2})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(BM_AnimateFrame)->Name("korvane/animate_frame_4000x3000_sse41")->Args({4000, 3000, AVX_NONE})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime();
 
 #if KORVANE_BENCH_OPENCV
 void BM_OpenCvWarpAffine(benchmark::State& state) {

@@ -63,15 +63,22 @@ Scene& SceneOf(int width) {
   return *s;
 }
 
-std::unique_ptr<Korvane::BokehEffect> MakeBokeh() {
+// Kernel forms of a row: 0 the machine's best (AVX2 here), 1 SSE4.1, 2 plain.
+Korvane::SystemInfo FormInfo(int64_t form) {
+  if (form == 2) return KorvaneBench::MachineInfo(Korvane::SIMD_NONE);
+  return form == 1 ? KorvaneBench::MachineInfo(Korvane::SIMD_SSE42, Korvane::AVX_NONE) : KorvaneBench::MachineInfo();
+}
+
+std::unique_ptr<Korvane::BokehEffect> MakeBokeh(int64_t form = 0) {
   auto fx = std::make_unique<Korvane::BokehEffect>(&KorvaneBench::Pool());
-  fx->SetSystemInfo(KorvaneBench::MachineInfo());
+  fx->SetSystemInfo(FormInfo(form));
   return fx;
 }
 
+// range(1): the kernel form.
 void BM_SetSource(benchmark::State& state) {
   Scene& s = SceneOf(static_cast<int>(state.range(0)));
-  auto fx = MakeBokeh();
+  auto fx = MakeBokeh(state.range(1));
   const Korvane::ImageBuffer photo = s.Photo();
   KorvaneBench::ProcessCpu cpu;
   for (auto _ : state) benchmark::DoNotOptimize(fx->SetSource(&photo));
@@ -79,10 +86,11 @@ void BM_SetSource(benchmark::State& state) {
   state.counters["points"] = static_cast<double>(fx->GetBokehList().size());
 }
 
-// One frame; range(1) = 1 keeps the background blur from the frame before.
+// One frame; range(1) = 1 keeps the background blur from the frame before;
+// range(2): the kernel form.
 void BM_Frame(benchmark::State& state) {
   Scene& s = SceneOf(static_cast<int>(state.range(0)));
-  auto fx = MakeBokeh();
+  auto fx = MakeBokeh(state.range(2));
   const Korvane::ImageBuffer photo = s.Photo(), guide = s.Guide();
   Korvane::ImageBuffer out = s.Out();
   if (fx->SetSource(&photo) < 0) state.SkipWithError("SetSource failed");
@@ -154,15 +162,19 @@ void BM_Memcpy(benchmark::State& state) {
 #define KORVANE_BENCH_ROW(fn, name, ...) \
   BENCHMARK(fn)->Name(name)->Args({__VA_ARGS__})->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime()->UseRealTime()
 
-KORVANE_BENCH_ROW(BM_SetSource, "korvane/bokeh_setsource_4000x3000", 4000);
+KORVANE_BENCH_ROW(BM_SetSource, "korvane/bokeh_setsource_4000x3000", 4000, 0);
+KORVANE_BENCH_ROW(BM_SetSource, "korvane/bokeh_setsource_4000x3000_sse4", 4000, 1);
+KORVANE_BENCH_ROW(BM_SetSource, "korvane/bokeh_setsource_4000x3000_plain", 4000, 2);
 KORVANE_BENCH_ROW(BM_Memcpy, "memcpy/1920x1080", 1920);
-KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080", 1920, 0);
-KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_kept_background", 1920, 1);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080", 1920, 0, 0);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_sse4", 1920, 0, 1);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_kept_background", 1920, 1, 0);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_1920x1080_kept_background_sse4", 1920, 1, 1);
 KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_1920x1080", 1920);
 KORVANE_BENCH_ROW(BM_FocusBlur, "korvane/focusblur_1920x1080_level60", 1920);
 KORVANE_BENCH_ROW(BM_Memcpy, "memcpy/4000x3000", 4000);
-KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000", 4000, 0);
-KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000_kept_background", 4000, 1);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000", 4000, 0, 0);
+KORVANE_BENCH_ROW(BM_Frame, "korvane/bokeh_frame_4000x3000_kept_background", 4000, 1, 0);
 KORVANE_BENCH_ROW(BM_Background, "korvane/bokeh_background_4000x3000", 4000);
 KORVANE_BENCH_ROW(BM_FocusBlur, "korvane/focusblur_4000x3000_level60", 4000);
 

@@ -58,10 +58,11 @@ void Prepare(benchmark::State& state) {
   state.counters["particles"] = static_cast<double>(fx.GetParticles().size());
 }
 
-void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_level) {
+// simd_level and avx_level cap the kernel forms (the AVX2, SSE4.1 and plain rows).
+void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_level, int32_t avx_level) {
   Subject s(w, h, particles);
   Korvane::DispersionEffect fx(&KorvaneBench::Pool());
-  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level, avx_level));
   if (fx.Init(&s.p) < 0) return state.SkipWithError("Init failed");
   ProcessCpu cpu;
   for (auto _ : state) {
@@ -73,9 +74,15 @@ void Frame(benchmark::State& state, int w, int h, int particles, int32_t simd_le
   state.counters["particles"] = static_cast<double>(fx.GetParticles().size());
 }
 
-void BM_Frame1080(benchmark::State& state) { Frame(state, 1920, 1080, 100000, Korvane::SIMD_SSE42); }
-void BM_Frame1080Plain(benchmark::State& state) { Frame(state, 1920, 1080, 100000, Korvane::SIMD_NONE); }
-void BM_Frame12Mp(benchmark::State& state) { Frame(state, 4000, 3000, 600000, Korvane::SIMD_SSE42); }
+using Korvane::AVX_AVX2;
+using Korvane::AVX_NONE;
+using Korvane::SIMD_NONE;
+using Korvane::SIMD_SSE42;
+void BM_Frame1080(benchmark::State& state) { Frame(state, 1920, 1080, 100000, SIMD_SSE42, AVX_AVX2); }
+void BM_Frame1080Sse(benchmark::State& state) { Frame(state, 1920, 1080, 100000, SIMD_SSE42, AVX_NONE); }
+void BM_Frame1080Plain(benchmark::State& state) { Frame(state, 1920, 1080, 100000, SIMD_NONE, AVX_NONE); }
+void BM_Frame12Mp(benchmark::State& state) { Frame(state, 4000, 3000, 600000, SIMD_SSE42, AVX_AVX2); }
+void BM_Frame12MpSse(benchmark::State& state) { Frame(state, 4000, 3000, 600000, SIMD_SSE42, AVX_NONE); }
 
 void BM_Memcpy1080(benchmark::State& state) {
   KorvaneBench::MemcpyFloor(state, KorvaneBench::MakeImage(1920, 1080, 4));
@@ -87,9 +94,11 @@ void BM_Memcpy12Mp(benchmark::State& state) {
 KORVANE_BENCH_MS(BM_Memcpy1080, "memcpy/1920x1080");
 KORVANE_BENCH_MS(Prepare, "korvane/disperse_prepare_1920x1080");
 KORVANE_BENCH_MS(BM_Frame1080, "korvane/disperse_frame_1920x1080_100k");
+KORVANE_BENCH_MS(BM_Frame1080Sse, "korvane/disperse_frame_1920x1080_100k_sse41");
 KORVANE_BENCH_MS(BM_Frame1080Plain, "korvane/disperse_frame_1920x1080_100k_plain");
 KORVANE_BENCH_MS(BM_Memcpy12Mp, "memcpy/4000x3000");
 KORVANE_BENCH_MS(BM_Frame12Mp, "korvane/disperse_frame_4000x3000");
+KORVANE_BENCH_MS(BM_Frame12MpSse, "korvane/disperse_frame_4000x3000_sse41");
 
 }  // namespace
 

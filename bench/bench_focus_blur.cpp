@@ -6,13 +6,15 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <string>
 
+#include "BenchForms.h"
 #include "BenchSupport.h"
+#include "core/FocusBlend.h"
+#include "core/GaussianBlur.h"
 #include "core/Simd.h"
 #include "core/ThreadAdapter.h"
-#include "core/FocusBlend.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
-#include "core/GaussianBlur.h"
 
 #if KORVANE_BENCH_OPENCV
 #include <opencv2/imgproc.hpp>
@@ -46,7 +48,7 @@ void BM_Korvane(benchmark::State& state) {
   const int level = static_cast<int>(state.range(0));
   Inputs& in = Shared();
   Korvane::FocusBlurEffect fx(&KorvaneBench::Pool());
-  fx.SetSystemInfo(KorvaneBench::MachineInfo());
+  fx.SetSystemInfo(KorvaneBench::FormInfo(static_cast<int>(state.range(1))));
   Korvane::FocusBlurParam p;
   p.input = Korvane::MakeImageBuffer(in.photo.data(), kWidth, kHeight);
   p.mask = Korvane::MakeImageBuffer(in.guide.data(), kWidth, kHeight, Korvane::PIXEL_GRAY8);
@@ -106,12 +108,12 @@ void BM_OpenCV(benchmark::State& state) {
 }
 #endif
 
-// The weak blur at level 6 (3 taps) on its own: the two passes through an
-// intermediate image (0) against both passes in one (1).
+// The weak blur at level 6 (3 taps) on its own, in the best form: the two
+// passes through an intermediate image (0) against both passes in one (1).
 void BM_WeakBlur(benchmark::State& state) {
   const bool both = state.range(0) != 0;
   Inputs& in = Shared();
-  const bool sse = KorvaneBench::MachineInfo().simd_level >= Korvane::SIMD_SSE41 && KORVANE_HAVE_SSE41;
+  const Korvane::SystemInfo info = KorvaneBench::FormInfo(KorvaneBench::kAvx2);
   Korvane::CThreadAdapter adapter;
   adapter.Init(&KorvaneBench::Pool());
   std::vector<uint8_t> work(in.photo.size());
@@ -123,9 +125,10 @@ void BM_WeakBlur(benchmark::State& state) {
   p.mask.reset(new bool[static_cast<size_t>(kWidth) * kHeight]);
   for (size_t i = 0; i < in.guide.size(); ++i) p.mask[i] = std::abs(in.guide[i] - kFocus) > kRange;
   const Korvane::Rect all{0, 0, kWidth, kHeight};
-  const Korvane::ThreadTask h = sse ? KORVANE_SSE41(Korvane::GaussianBlurH_SSE) : Korvane::GaussianBlurH;
-  const Korvane::ThreadTask v = sse ? KORVANE_SSE41(Korvane::GaussianBlurV_SSE) : Korvane::GaussianBlurV;
-  const Korvane::ThreadTask hv = sse ? KORVANE_SSE41(Korvane::GaussianBlurHV_SSE) : Korvane::GaussianBlurHV;
+  using namespace Korvane;
+  const ThreadTask h = KORVANE_PICK_AVX2(info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2).fn;
+  const ThreadTask v = KORVANE_PICK_AVX2(info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2).fn;
+  const ThreadTask hv = KORVANE_PICK_AVX2(info, GaussianBlurHV, GaussianBlurHV_SSE, GaussianBlurHV_AVX2).fn;
   for (auto _ : state) {
     if (both) {
       adapter.RunTaskByMultiThread(hv, &p, nullptr, all);
@@ -142,20 +145,34 @@ BENCHMARK(BM_WeakBlur)->Name("korvane/weakblur_4000x3000_level6")->Arg(0)->Arg(1
 
 // Process CPU time beside wall time: on a loaded machine it shows the work
 // done by all threads. Run with --benchmark_enable_random_interleaving=true
-// and repetitions so both sides see the same load.
+// and repetitions so every form and the peer see the same load. Rows without
+// a suffix run the AVX2 form (SSE4.1 where the processor lacks AVX2).
+void Register() {
+  for (int level : {60, 6}) {
+    const std::string size = "_4000x3000_level" + std::to_string(level);
 #if KORVANE_BENCH_OPENCV
-BENCHMARK(BM_OpenCV)->Name("opencv/focusblur_4000x3000_level60")->Arg(60)->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()->UseRealTime();
+    benchmark::RegisterBenchmark(("opencv/focusblur" + size).c_str(), BM_OpenCV)
+        ->Arg(level)
+        ->Unit(benchmark::kMillisecond)
+        ->MeasureProcessCPUTime()
+        ->UseRealTime();
 #endif
-BENCHMARK(BM_Korvane)->Name("korvane/focusblur_4000x3000_level60")->Arg(60)->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()->UseRealTime();
-#if KORVANE_BENCH_OPENCV
-BENCHMARK(BM_OpenCV)->Name("opencv/focusblur_4000x3000_level6")->Arg(6)->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()->UseRealTime();
-#endif
-BENCHMARK(BM_Korvane)->Name("korvane/focusblur_4000x3000_level6")->Arg(6)->Unit(benchmark::kMillisecond)
-    ->MeasureProcessCPUTime()->UseRealTime();
+    for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
+      benchmark::RegisterBenchmark(("korvane/focusblur" + size + KorvaneBench::FormSuffix(form)).c_str(), BM_Korvane)
+          ->Args({level, form})
+          ->Unit(benchmark::kMillisecond)
+          ->MeasureProcessCPUTime()
+          ->UseRealTime();
+    }
+  }
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  Register();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,4 +1,5 @@
-// Glow on a 12-megapixel photo (radius 40, screen and addition) against a
+// Glow on a 12-megapixel photo (radius 40, screen and addition; AVX2, SSE4.1
+// and plain kernel forms) against a
 // plain memcpy of the image (the floor) and, where OpenCV is built in, the
 // same stages done with OpenCV: threshold, half-size resize, two horizontal
 // and two vertical box blurs, resize back, add.
@@ -27,10 +28,11 @@ const std::vector<uint8_t>& Photo() {
 }
 
 // tint: also run the full colour path (tint and saturation through HSV).
-void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, bool tint) {
+// simd_level and avx_level cap the kernel forms (the AVX2, SSE4.1 and plain columns).
+void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, int32_t avx_level, bool tint) {
   std::vector<uint8_t> src = Photo(), dst(kBytes);
   Korvane::GlowEffect fx(&KorvaneBench::Pool());
-  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
+  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level, avx_level));
   if (fx.Initialize(kWidth, kHeight) < 0) return state.SkipWithError("Initialize failed");
   Korvane::GlowParam p;
   p.src = Korvane::MakeSmartBufferView(src.data(), kWidth, kHeight);
@@ -55,11 +57,19 @@ void Glow(benchmark::State& state, int32_t mode, int32_t simd_level, bool tint) 
   cpu.Report(state, kBytes);
 }
 
-void BM_GlowScreen(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, Korvane::SIMD_SSE42, false); }
-void BM_GlowAddition(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_ADDITION, Korvane::SIMD_SSE42, false); }
-void BM_GlowScreenTint(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, Korvane::SIMD_SSE42, true); }
-void BM_GlowHue(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, Korvane::SIMD_SSE42, false); }
-void BM_GlowScreenPlain(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, Korvane::SIMD_NONE, false); }
+using Korvane::AVX_AVX2;
+using Korvane::AVX_NONE;
+using Korvane::SIMD_NONE;
+using Korvane::SIMD_SSE42;
+void BM_GlowScreen(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_AVX2, false); }
+void BM_GlowScreenSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_NONE, false); }
+void BM_GlowAddition(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_ADDITION, SIMD_SSE42, AVX_AVX2, false); }
+void BM_GlowAdditionSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_ADDITION, SIMD_SSE42, AVX_NONE, false); }
+void BM_GlowScreenTint(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_AVX2, true); }
+void BM_GlowScreenTintSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_SSE42, AVX_NONE, true); }
+void BM_GlowHue(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, SIMD_SSE42, AVX_AVX2, false); }
+void BM_GlowHueSse(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_HUE, SIMD_SSE42, AVX_NONE, false); }
+void BM_GlowScreenPlain(benchmark::State& s) { Glow(s, Korvane::GLOW_BLEND_SCREEN, SIMD_NONE, AVX_NONE, false); }
 
 void BM_Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Photo()); }
 
@@ -89,9 +99,13 @@ KORVANE_BENCH_MS(BM_OpenCvGlow, "opencv/glow_4000x3000_r40");
 
 KORVANE_BENCH_MS(BM_Memcpy, "memcpy/4000x3000");
 KORVANE_BENCH_MS(BM_GlowScreen, "korvane/glow_4000x3000_r40_screen");
+KORVANE_BENCH_MS(BM_GlowScreenSse, "korvane/glow_4000x3000_r40_screen_sse41");
 KORVANE_BENCH_MS(BM_GlowAddition, "korvane/glow_4000x3000_r40_addition");
+KORVANE_BENCH_MS(BM_GlowAdditionSse, "korvane/glow_4000x3000_r40_addition_sse41");
 KORVANE_BENCH_MS(BM_GlowScreenTint, "korvane/glow_4000x3000_r40_screen_tinted");
+KORVANE_BENCH_MS(BM_GlowScreenTintSse, "korvane/glow_4000x3000_r40_screen_tinted_sse41");
 KORVANE_BENCH_MS(BM_GlowHue, "korvane/glow_4000x3000_r40_hue");
+KORVANE_BENCH_MS(BM_GlowHueSse, "korvane/glow_4000x3000_r40_hue_sse41");
 KORVANE_BENCH_MS(BM_GlowScreenPlain, "korvane/glow_4000x3000_r40_screen_plain");
 
 }  // namespace

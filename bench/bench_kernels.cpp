@@ -4,7 +4,9 @@
 //   korvane_bench_kernels --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 //
 // Each pair runs in one process, OpenCV with cv::setNumThreads set to the
-// engine's worker count. Korvane's box blur is one horizontal and one
+// engine's worker count; Korvane's rows run the AVX2 forms (suffix _sse4:
+// SSE4.1, _plain: no SIMD), with process time (every thread) beside wall
+// time. Korvane's box blur is one horizontal and one
 // vertical pass in place; OpenCV's cv::blur with a (2r - 1)-wide kernel.
 
 #include <benchmark/benchmark.h>
@@ -15,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchForms.h"
 #include "BenchSupport.h"
 #include "core/BilinearResize.h"
 #include "core/BoxBlur.h"
@@ -46,7 +49,7 @@ std::vector<uint8_t> Float96Image() {
   return out;
 }
 
-void KorvaneResize(benchmark::State& state, double scale) {
+void KorvaneResize(benchmark::State& state, double scale, int form) {
   Adapter a;
   std::vector<uint8_t> src = KorvaneBench::MakeImage(kWidth, kHeight, 4);
   const int dw = static_cast<int>(kWidth * scale), dh = static_cast<int>(kHeight * scale);
@@ -55,21 +58,21 @@ void KorvaneResize(benchmark::State& state, double scale) {
   p.src = MakeSmartBufferView(src.data(), kWidth, kHeight);
   p.dst = MakeSmartBufferView(dst.data(), dw, dh);
   p.src_roi = Rect{0, 0, kWidth, kHeight};
-  const SystemInfo info = KorvaneBench::MachineInfo();
+  const SystemInfo info = KorvaneBench::FormInfo(form);
   for (auto _ : state) {
     if (RunBilinearResize(a.adapter, info, p, Rect{0, 0, dw, dh}) < 0) state.SkipWithError("resize failed");
     benchmark::ClobberMemory();
   }
 }
 
-void KorvaneBlur(benchmark::State& state, int fmt, int radius) {
+void KorvaneBlur(benchmark::State& state, int fmt, int radius, int form) {
   Adapter a;
   std::vector<uint8_t> img = fmt == PIXEL_FLOAT96 ? Float96Image()
                                                   : KorvaneBench::MakeImage(kWidth, kHeight, ChannelCount(fmt));
   BoxBlurParam p;
   p.src = MakeImageBuffer(img.data(), kWidth, kHeight, fmt);
   p.radius = radius;
-  const SystemInfo info = KorvaneBench::MachineInfo();
+  const SystemInfo info = KorvaneBench::FormInfo(form);
   for (auto _ : state) {
     if (RunBoxBlur(a.adapter, info, p, Rect{0, 0, kWidth, kHeight}) < 0) state.SkipWithError("blur failed");
     benchmark::ClobberMemory();
@@ -107,7 +110,12 @@ void OpenCvBlur(benchmark::State& state, int fmt, int radius) {
 // kernels' own speed better than the mean, which includes waiting for a core.
 double MinOf(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
 
+// The floor: one memcpy of the 4000 x 3000 BGRA image (every byte read and
+// written once, one thread).
+void Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, KorvaneBench::MakeImage(kWidth, kHeight, 4)); }
+
 void Register() {
+  benchmark::RegisterBenchmark("memcpy/4000x3000", Memcpy)->Unit(benchmark::kMillisecond)->UseRealTime();
   struct Case {
     const char* name;
     int kind;  // 0 resize, 1 blur
@@ -122,14 +130,36 @@ void Register() {
   for (const Case& c : cases) {
     const std::string name = c.name;
     if (c.kind == 0) {
-      benchmark::RegisterBenchmark(("korvane/" + name).c_str(), KorvaneResize, c.scale)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", MinOf);
+      for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
+        benchmark::RegisterBenchmark(("korvane/" + name + KorvaneBench::FormSuffix(form)).c_str(), KorvaneResize,
+                                     c.scale, form)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime()
+            ->MeasureProcessCPUTime()
+            ->ComputeStatistics("min", MinOf);
+      }
 #if KORVANE_BENCH_OPENCV
-      benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvResize, c.scale)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", MinOf);
+      benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvResize, c.scale)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime()
+          ->MeasureProcessCPUTime()
+          ->ComputeStatistics("min", MinOf);
 #endif
     } else {
-      benchmark::RegisterBenchmark(("korvane/" + name).c_str(), KorvaneBlur, c.fmt, c.radius)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", MinOf);
+      for (int form : {KorvaneBench::kAvx2, KorvaneBench::kSse41, KorvaneBench::kPlain}) {
+        benchmark::RegisterBenchmark(("korvane/" + name + KorvaneBench::FormSuffix(form)).c_str(), KorvaneBlur, c.fmt,
+                                     c.radius, form)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime()
+            ->MeasureProcessCPUTime()
+            ->ComputeStatistics("min", MinOf);
+      }
 #if KORVANE_BENCH_OPENCV
-      benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvBlur, c.fmt, c.radius)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", MinOf);
+      benchmark::RegisterBenchmark(("opencv/" + name).c_str(), OpenCvBlur, c.fmt, c.radius)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime()
+          ->MeasureProcessCPUTime()
+          ->ComputeStatistics("min", MinOf);
 #endif
     }
   }

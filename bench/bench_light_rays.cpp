@@ -31,10 +31,18 @@ const std::vector<uint8_t>& Photo(int w, int h) {
   return img;
 }
 
-void LightRays(benchmark::State& state, int w, int h, int32_t mode, int32_t simd_level) {
+// Kernel forms of a row: the machine's best (AVX2 here), SSE4.1, plain.
+enum Form { kBest, kSse41, kPlain };
+
+Korvane::SystemInfo FormInfo(Form form) {
+  if (form == kPlain) return KorvaneBench::MachineInfo(Korvane::SIMD_NONE);
+  return form == kSse41 ? KorvaneBench::MachineInfo(Korvane::SIMD_SSE42, Korvane::AVX_NONE) : KorvaneBench::MachineInfo();
+}
+
+void LightRays(benchmark::State& state, int w, int h, int32_t mode, Form form) {
   std::vector<uint8_t> src = Photo(w, h), dst(src.size());
   Korvane::LightRaysEffect fx(&KorvaneBench::Pool());
-  fx.SetSystemInfo(KorvaneBench::MachineInfo(simd_level));
+  fx.SetSystemInfo(FormInfo(form));
   if (fx.Initialize(w, h) < 0) return state.SkipWithError("Initialize failed");
   Korvane::LightRaysParam p;
   p.src = Korvane::MakeSmartBufferView(src.data(), w, h);
@@ -56,15 +64,15 @@ void LightRays(benchmark::State& state, int w, int h, int32_t mode, int32_t simd
   cpu.Report(state, src.size());
 }
 
-void BM_Radial(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, Korvane::SIMD_SSE42); }
-void BM_Directional(benchmark::State& s) {
-  LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_DIRECTIONAL, Korvane::SIMD_SSE42);
-}
-void BM_RadialPlain(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, Korvane::SIMD_NONE); }
-void BM_RadialHd(benchmark::State& s) { LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_RADIAL, Korvane::SIMD_SSE42); }
-void BM_DirectionalHd(benchmark::State& s) {
-  LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_DIRECTIONAL, Korvane::SIMD_SSE42);
-}
+void BM_Radial(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, kBest); }
+void BM_RadialSse(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, kSse41); }
+void BM_RadialPlain(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_RADIAL, kPlain); }
+void BM_Directional(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_DIRECTIONAL, kBest); }
+void BM_DirectionalSse(benchmark::State& s) { LightRays(s, 4000, 3000, Korvane::LIGHT_RAYS_DIRECTIONAL, kSse41); }
+void BM_RadialHd(benchmark::State& s) { LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_RADIAL, kBest); }
+void BM_RadialHdSse(benchmark::State& s) { LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_RADIAL, kSse41); }
+void BM_DirectionalHd(benchmark::State& s) { LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_DIRECTIONAL, kBest); }
+void BM_DirectionalHdSse(benchmark::State& s) { LightRays(s, 1920, 1080, Korvane::LIGHT_RAYS_DIRECTIONAL, kSse41); }
 
 void BM_Memcpy(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Photo(4000, 3000)); }
 
@@ -153,10 +161,14 @@ BENCHMARK_CAPTURE(BM_OpenCvRadial, hd, 1920, 1080)
 
 KORVANE_BENCH_MS(BM_Memcpy, "memcpy/4000x3000");
 KORVANE_BENCH_MS(BM_Radial, "korvane/lightrays_4000x3000_radial");
-KORVANE_BENCH_MS(BM_Directional, "korvane/lightrays_4000x3000_directional");
+KORVANE_BENCH_MS(BM_RadialSse, "korvane/lightrays_4000x3000_radial_sse4");
 KORVANE_BENCH_MS(BM_RadialPlain, "korvane/lightrays_4000x3000_radial_plain");
+KORVANE_BENCH_MS(BM_Directional, "korvane/lightrays_4000x3000_directional");
+KORVANE_BENCH_MS(BM_DirectionalSse, "korvane/lightrays_4000x3000_directional_sse4");
 KORVANE_BENCH_MS(BM_RadialHd, "korvane/lightrays_1920x1080_radial");
+KORVANE_BENCH_MS(BM_RadialHdSse, "korvane/lightrays_1920x1080_radial_sse4");
 KORVANE_BENCH_MS(BM_DirectionalHd, "korvane/lightrays_1920x1080_directional");
+KORVANE_BENCH_MS(BM_DirectionalHdSse, "korvane/lightrays_1920x1080_directional_sse4");
 
 }  // namespace
 

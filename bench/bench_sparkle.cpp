@@ -63,9 +63,11 @@ void SparkleFrame(benchmark::State& state) {
   const int32_t mode = static_cast<int32_t>(state.range(2));
   std::vector<uint8_t> src = SpotsPhoto(w, h, 200), dst(src.size()), star = Star();
   Korvane::SparkleEffect fx(&KorvaneBench::Pool());
-  Korvane::SystemInfo info = KorvaneBench::MachineInfo();
-  if (state.range(3) == 0) info.simd_level = Korvane::SIMD_NONE;  // the plain kernel forms
-  fx.SetSystemInfo(info);
+  // range(3): 2 the machine's best forms (AVX2 here), 1 SSE4.1, 0 plain.
+  const int64_t form = state.range(3);
+  fx.SetSystemInfo(form == 0   ? KorvaneBench::MachineInfo(Korvane::SIMD_NONE)
+                   : form == 1 ? KorvaneBench::MachineInfo(Korvane::SIMD_SSE42, Korvane::AVX_NONE)
+                               : KorvaneBench::MachineInfo());
   Korvane::ImageBuffer in = Korvane::MakeImageBuffer(src.data(), w, h);
   Korvane::ImageBuffer out = Korvane::MakeImageBuffer(dst.data(), w, h);
   Korvane::ImageBuffer shape = Korvane::MakeImageBuffer(star.data(), Korvane::SPK_SIZE, Korvane::SPK_SIZE);
@@ -110,11 +112,13 @@ void BM_Memcpy12M(benchmark::State& state) { KorvaneBench::MemcpyFloor(state, Ph
 }  // namespace
 
 KORVANE_BENCH_MS(BM_Memcpy1080, "memcpy/1920x1080");
-KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1, 1});
-KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080")->Args({1920, 1080, 1, 2});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_sse4")->Args({1920, 1080, 1, 1});
 KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_plain")->Args({1920, 1080, 1, 0});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_1920x1080_full_size")->Args({1920, 1080, 0, 2});
 KORVANE_BENCH_MS(BM_Memcpy12M, "memcpy/4000x3000");
-KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1, 1});
-KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000")->Args({4000, 3000, 1, 2});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000_sse4")->Args({4000, 3000, 1, 1});
+KORVANE_BENCH_MS(SparkleFrame, "korvane/sparkle_frame_4000x3000_full_size")->Args({4000, 3000, 0, 2});
 
 BENCHMARK_MAIN();

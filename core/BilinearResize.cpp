@@ -4,6 +4,13 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define KORVANE_RESIZE_STREAM 1
+#else
+#define KORVANE_RESIZE_STREAM 0
+#endif
+
 #include "core/BilinearResizePlan.h"
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
@@ -99,42 +106,186 @@ int32_t PlanResize(const ResizeParam& param, const Rect& band, int32_t bpp, bool
 
 namespace {
 
-// The byte resize over rows [y_from, y_to) and columns [x_from, x_to),
-// kChannels interpolated bytes a pixel.
 template <int kChannels>
-void ResizeSpan8(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from, int32_t x_to) {
-  for (int32_t dy = y_from; dy < y_to; ++dy) {
-    const int32_t iy = dy - plan.y_begin;
-    const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
-    const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
-    const int32_t fy = plan.fy[iy];
-    unsigned char* out = plan.dst + dy * plan.dst_stride;
-    for (int32_t dx = x_from; dx < x_to; ++dx) {
-      const int32_t ix = dx - plan.x_begin;
-      const unsigned char* a = r0 + plan.x0[ix];
-      const unsigned char* b = r0 + plan.x1[ix];
-      const unsigned char* c = r1 + plan.x0[ix];
-      const unsigned char* d = r1 + plan.x1[ix];
-      const int32_t fx = plan.fx[ix];
-      for (int k = 0; k < kChannels; ++k) {
-        const int32_t top = Lerp8(a[k], b[k], fx);
-        const int32_t bottom = Lerp8(c[k], d[k], fx);
-        out[dx * kChannels + k] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-      }
+void FusedSpanT(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, int32_t fy, int32_t from,
+                unsigned char* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  for (int32_t i = from; i < nx; ++i) {
+    const unsigned char* a = r0 + plan.x0[i];
+    const unsigned char* b = r0 + plan.x1[i];
+    const unsigned char* c = r1 + plan.x0[i];
+    const unsigned char* d = r1 + plan.x1[i];
+    const int32_t fx = plan.fx[i];
+    for (int k = 0; k < kChannels; ++k) {
+      const int32_t top = Lerp8(a[k], b[k], fx);
+      const int32_t bottom = Lerp8(c[k], d[k], fx);
+      out[i * kChannels + k] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
     }
   }
 }
 
 }  // namespace
 
-void ResizeSpan8uc4(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to) {
-  ResizeSpan8<4>(plan, y_from, y_to, x_from, x_to);
+void HorizontalSpan(const ResizePlan& plan, const unsigned char* row, int32_t channels, int32_t from, int16_t* out) {
+  const int32_t nx = plan.x_end - plan.x_begin;
+  for (int32_t i = from; i < nx; ++i) {
+    const unsigned char* a = row + plan.x0[i];
+    const unsigned char* b = row + plan.x1[i];
+    for (int32_t c = 0; c < channels; ++c) out[i * channels + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
+  }
 }
 
-void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_t x_from,
-                    int32_t x_to) {
-  ResizeSpan8<1>(plan, y_from, y_to, x_from, x_to);
+void VerticalSpan(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t from, int32_t count,
+                  unsigned char* out) {
+  for (int32_t i = from; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+}
+
+void FusedSpan(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, int32_t fy, int32_t channels,
+               int32_t from, unsigned char* out) {
+  if (channels == 4) {
+    FusedSpanT<4>(plan, r0, r1, fy, from, out);
+  } else {
+    FusedSpanT<1>(plan, r0, r1, fy, from, out);
+  }
+}
+
+namespace {
+
+// An enlarging band writing at least this much goes past the caches: its
+// rows are made in a cached row and copied out with non-temporal stores,
+// which saves reading every destination line in before it is written. Bands
+// of a row pipeline (a few rows, read again at once) stay below it, and so
+// do reductions, which measured no gain (their reads dominate).
+constexpr size_t kStreamBandBytes = size_t{4} << 20;
+
+// Copies a row to `to` with non-temporal stores (SSE2, every x86-64 has it).
+void StreamRow(unsigned char* to, const unsigned char* from, size_t bytes) {
+#if KORVANE_RESIZE_STREAM
+  size_t i = (16 - (reinterpret_cast<uintptr_t>(to) & 15)) & 15;
+  if (i > bytes) i = bytes;
+  std::memcpy(to, from, i);
+  for (; i + 16 <= bytes; i += 16) {
+    _mm_stream_si128(reinterpret_cast<__m128i*>(to + i), _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + i)));
+  }
+  std::memcpy(to + i, from + i, bytes - i);
+#else
+  std::memcpy(to, from, bytes);
+#endif
+}
+
+void StreamFence() {
+#if KORVANE_RESIZE_STREAM
+  _mm_sfence();
+#endif
+}
+
+// Reductions: every four-column group of a BGRA band whose neighbour pairs
+// are consecutive source pixels, and whether its fractions are all 128.
+void ClassifyQuads(const ResizePlan& plan, uint8_t* quads) {
+  const int32_t paired = plan.x_paired - plan.x_begin;
+  for (int32_t i = 0; i + 4 <= paired; i += 4) {
+    const int32_t* x0 = plan.x0.data() + i;
+    if (x0[1] == x0[0] + 8 && x0[2] == x0[0] + 16 && x0[3] == x0[0] + 24) {
+      const uint8_t* f = plan.fx.data() + i;
+      const bool mid = f[0] == 128 && f[1] == 128 && f[2] == 128 && f[3] == 128;
+      quads[i / 4] = mid ? kQuadMidpoints : kQuadConsecutive;
+    }
+  }
+}
+
+// The byte shuffles of ResizePlan::pair_shuffle for a BGRA band.
+void BuildPairShuffles(ResizePlan& plan, int32_t src_row_bytes) {
+  const int32_t pairs = (plan.x_paired - plan.x_begin) / 2;
+  plan.pair_shuffle.assign(static_cast<size_t>(pairs) * 16, 0);
+  for (int32_t k = 0; k < pairs; ++k) {
+    const int32_t j = 2 * k;
+    const int32_t base = plan.x0[j];
+    uint8_t* m = plan.pair_shuffle.data() + 16 * k;
+    if (plan.x1[j + 1] - base > 12 || base + 16 > src_row_bytes) {
+      m[0] = kNoShuffle;
+      continue;
+    }
+    const int32_t from[4] = {plan.x0[j], plan.x0[j + 1], plan.x1[j], plan.x1[j + 1]};
+    for (int32_t q = 0; q < 4; ++q)
+      for (int32_t c = 0; c < 4; ++c) m[4 * q + c] = static_cast<uint8_t>(from[q] - base + c);
+  }
+}
+
+// Enlargements: each destination row mixes two horizontally interpolated
+// source rows, kept in two slots while the next destination rows need them.
+void EnlargeRows(const ResizePlan& plan, const ResizeRowKernels& k, const int16_t* fx128, int16_t* rows, size_t values,
+                 int32_t channels, unsigned char* stream_row) {
+  int16_t* slot[2] = {rows, rows + values};
+  int32_t tag[2] = {-1, -1};
+  auto horizontal = [&](int32_t y, int s) {
+    k.horizontal(plan, plan.src + y * plan.src_stride, fx128, slot[s]);
+    tag[s] = y;
+  };
+  for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const int32_t y0 = plan.y0[iy], y1 = plan.y1[iy];
+    int s0 = tag[0] == y0 ? 0 : tag[1] == y0 ? 1 : -1;
+    if (s0 < 0) {
+      s0 = tag[0] == y1 ? 1 : 0;
+      horizontal(y0, s0);
+    }
+    int s1 = s0;
+    if (y1 != y0) {
+      s1 = tag[0] == y1 ? 0 : tag[1] == y1 ? 1 : -1;
+      if (s1 < 0) {
+        s1 = 1 - s0;
+        horizontal(y1, s1);
+      }
+    }
+    unsigned char* out = plan.dst + dy * plan.dst_stride + plan.x_begin * channels;
+    k.vertical(slot[s0], slot[s1], plan.fy[iy], static_cast<int32_t>(values), stream_row ? stream_row : out);
+    if (stream_row) StreamRow(out, stream_row, values);
+  }
+  if (stream_row) StreamFence();
+}
+
+}  // namespace
+
+int32_t RunSimdResize(ThreadJob* job, int32_t* result, int32_t channels, const ResizeRowKernels& k) {
+  const ResizeParam& param = *static_cast<const ResizeParam*>(job->param);
+  ResizePlan plan;
+  int32_t hr = PlanResize(param, job->rect, channels, false, &plan);
+  if (hr < 0 || plan.x_begin == plan.x_end) return Done(result, hr);
+  const int32_t nx = plan.x_end - plan.x_begin;
+  const size_t values = static_cast<size_t>(nx) * channels;
+  const bool fused = param.dst.height < param.src.height;
+  const bool stream = !fused && values * static_cast<size_t>(plan.y_end - plan.y_begin) >= kStreamBandBytes;
+  std::vector<int16_t> fx128, rows;
+  std::vector<uint8_t> quads, row;
+  try {
+    fx128.resize(values);
+    if (stream) row.resize(values);
+    if (fused) {
+      quads.resize(static_cast<size_t>(nx) / 4 + 2, kQuadGather);
+    } else {
+      rows.resize(2 * values);
+    }
+  } catch (const std::bad_alloc&) {
+    return Done(result, E_OUTOFMEMORY);
+  }
+  for (int32_t i = 0; i < nx; ++i)
+    for (int32_t c = 0; c < channels; ++c) fx128[i * channels + c] = static_cast<int16_t>(plan.fx[i] * 128);
+  if (!fused) {
+    if (channels == 4) BuildPairShuffles(plan, param.src.width * 4);
+    EnlargeRows(plan, k, fx128.data(), rows.data(), values, channels, stream ? row.data() : nullptr);
+    return Done(result, S_OK);
+  }
+  // Reductions seldom share a source row between destination rows: both
+  // rows stream in together and no 16-bit rows are stored.
+  if (channels == 4) ClassifyQuads(plan, quads.data());
+  for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+    const int32_t iy = dy - plan.y_begin;
+    const int32_t next = dy + 1 < plan.y_end ? iy + 1 : iy;
+    k.fused(plan, plan.src + plan.y0[iy] * plan.src_stride, plan.src + plan.y1[iy] * plan.src_stride,
+            plan.src + plan.y0[next] * plan.src_stride, plan.src + plan.y1[next] * plan.src_stride, fx128.data(),
+            quads.data(), plan.fy[iy], plan.dst + dy * plan.dst_stride + plan.x_begin * channels);
+  }
+  return Done(result, S_OK);
 }
 
 }  // namespace resize_detail
@@ -142,19 +293,28 @@ void ResizeSpan8uc1(const ResizePlan& plan, int32_t y_from, int32_t y_to, int32_
 using resize_detail::PlanResize;
 using resize_detail::ResizePlan;
 
-int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) {
+namespace {
+
+// The plain byte resize of a band, kChannels bytes a pixel.
+int32_t ResizePlain(ThreadJob* job, int32_t* result, int32_t channels) {
   ResizePlan plan;
-  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 4, false, &plan);
-  if (hr >= 0) resize_detail::ResizeSpan8uc4(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
+  const int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, channels, false, &plan);
+  if (hr >= 0) {
+    for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
+      const int32_t iy = dy - plan.y_begin;
+      resize_detail::FusedSpan(plan, plan.src + plan.y0[iy] * plan.src_stride,
+                               plan.src + plan.y1[iy] * plan.src_stride, plan.fy[iy], channels, 0,
+                               plan.dst + dy * plan.dst_stride + plan.x_begin * channels);
+    }
+  }
   return Done(result, hr);
 }
 
-int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) {
-  ResizePlan plan;
-  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, 1, false, &plan);
-  if (hr >= 0) resize_detail::ResizeSpan8uc1(plan, plan.y_begin, plan.y_end, plan.x_begin, plan.x_end);
-  return Done(result, hr);
-}
+}  // namespace
+
+int32_t BilinearResize_8uc4(ThreadJob* job, int32_t* result) { return ResizePlain(job, result, 4); }
+
+int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result) { return ResizePlain(job, result, 1); }
 
 int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result) {
   ResizePlan plan;
@@ -260,8 +420,10 @@ int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int he
 
 Kernel<ThreadTask> PickBilinearResize(const SystemInfo& info, int32_t pix_fmt) {
   switch (pix_fmt) {
-    case PIXEL_BGRA32: return KORVANE_PICK(info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4);
-    case PIXEL_GRAY8: return KORVANE_PICK(info, BilinearResize_8uc1, BilinearResize_8uc1_SSE4);
+    case PIXEL_BGRA32:
+      return KORVANE_PICK_AVX2(info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4, BilinearResize_8uc4_AVX2);
+    case PIXEL_GRAY8:
+      return KORVANE_PICK_AVX2(info, BilinearResize_8uc1, BilinearResize_8uc1_SSE4, BilinearResize_8uc1_AVX2);
     case PIXEL_FLOAT96: return Kernel<ThreadTask>{BilinearResize_32fc3, "BilinearResize_32fc3", false};
     default: return Kernel<ThreadTask>{};
   }

@@ -33,6 +33,9 @@ int32_t BilinearResize_8uc1(ThreadJob* job, int32_t* result);
 // SSE4.1 forms: the same values, four destination pixels at a time.
 int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result);
 int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result);
+// AVX2 forms: the same values, eight destination pixels (sixteen gray) at a time.
+int32_t BilinearResize_8uc4_AVX2(ThreadJob* job, int32_t* result);
+int32_t BilinearResize_8uc1_AVX2(ThreadJob* job, int32_t* result);
 // PIXEL_FLOAT96 (three floats a pixel), same mapping and clamping, in float.
 int32_t BilinearResize_32fc3(ThreadJob* job, int32_t* result);
 
@@ -46,12 +49,12 @@ int32_t BilinearSample_8uc1(const unsigned char* src, unsigned char* out, int he
                             int stride, float y, float x);
 
 // The task for images of format pix_fmt (BGRA32, GRAY8, FLOAT96), in the
-// plain or SSE4.1 form chosen from info; fn is NULL for any other format.
+// plain, SSE4.1 or AVX2 form chosen from info; fn is NULL for any other format.
 Kernel<ThreadTask> PickBilinearResize(const SystemInfo& info, int32_t pix_fmt);
 
 // The dispatcher every effect reuses: picks the task from src.pix_fmt
 // (BGRA32, GRAY8, FLOAT96 when both images are FLOAT96; E_NOTIMPL otherwise)
-// and the plain or SSE4.1 form from info.simd_level, runs it over dst_roi in
+// and the form from info (PickBilinearResize), runs it over dst_roi in
 // row bands and logs a failure with the call's text.
 int32_t RunBilinearResize(CThreadAdapter& adapter, const SystemInfo& info, ResizeParam& param,
                           Rect dst_roi);

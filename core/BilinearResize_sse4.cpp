@@ -19,8 +19,8 @@ namespace Korvane {
 
 namespace {
 
-using resize_detail::Lerp8;
-using resize_detail::PlanResize;
+using resize_detail::kQuadGather;
+using resize_detail::kQuadMidpoints;
 using resize_detail::ResizePlan;
 
 inline __m128i Load64(const unsigned char* p) {
@@ -35,7 +35,6 @@ inline __m128i Lerp16(__m128i a, __m128i b, __m128i f128) {
 // pixel). `fx128` holds each column's fraction x 128 four times.
 void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
                        int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   int32_t i = 0;
   for (; i + 2 <= paired; i += 2) {
@@ -46,11 +45,7 @@ void HorizontalRow8uc4(const ResizePlan& plan, const unsigned char* row, const i
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + 4 * i));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), Lerp16(l, r, f));
   }
-  for (; i < nx; ++i) {
-    const unsigned char* a = row + plan.x0[i];
-    const unsigned char* b = row + plan.x1[i];
-    for (int c = 0; c < 4; ++c) out[4 * i + c] = static_cast<int16_t>(Lerp8(a[c], b[c], plan.fx[i]));
-  }
+  resize_detail::HorizontalSpan(plan, row, 4, i, out);
 }
 
 // The neighbour pairs (left byte low, right byte high) of eight gray
@@ -74,7 +69,6 @@ inline __m128i GatherPairs8(const unsigned char* row, const int32_t* x0) {
 // Horizontal pass of one gray source row, eight columns at a time.
 void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const int16_t* fx128,
                        int16_t* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   int32_t i = 0;
@@ -86,7 +80,7 @@ void HorizontalRow8uc1(const ResizePlan& plan, const unsigned char* row, const i
     const __m128i f = _mm_loadu_si128(reinterpret_cast<const __m128i*>(fx128 + i));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), Lerp16(l, r, f));
   }
-  for (; i < nx; ++i) out[i] = static_cast<int16_t>(Lerp8(row[plan.x0[i]], row[plan.x1[i]], plan.fx[i]));
+  resize_detail::HorizontalSpan(plan, row, 1, i, out);
 }
 
 // Both rows and the vertical mix in one sweep, for reductions, where
@@ -97,15 +91,9 @@ inline __m128i HalfSum(__m128i a, __m128i b) {
   return _mm_sub_epi8(_mm_avg_epu8(a, b), _mm_and_si128(_mm_xor_si128(a, b), _mm_set1_epi8(1)));
 }
 
-// Kinds of four-column groups of a reduction row: neighbour pairs that are
-// consecutive source pixels (a halving), and of those the ones whose four
-// fractions are all 128 (an exact halving: the mean of each pair).
-enum : uint8_t { kQuadGather = 0, kQuadConsecutive = 1, kQuadMidpoints = 2 };
-
 void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
                   const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
                   const uint8_t* quads, int32_t fy, unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -158,20 +146,12 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
     }
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * i), v);
   }
-  for (; i < nx; ++i) {
-    const int32_t fx = plan.fx[i];
-    for (int c = 0; c < 4; ++c) {
-      const int32_t top = Lerp8(r0[plan.x0[i] + c], r0[plan.x1[i] + c], fx);
-      const int32_t bottom = Lerp8(r1[plan.x0[i] + c], r1[plan.x1[i] + c], fx);
-      out[4 * i + c] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-    }
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 4, i, out);
 }
 
-void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1,
-                  const unsigned char* next0, const unsigned char* next1, const int16_t* fx128,
-                  int32_t fy, unsigned char* out) {
-  const int32_t nx = plan.x_end - plan.x_begin;
+void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigned char* r1, const unsigned char* next0,
+                  const unsigned char* next1, const int16_t* fx128, const uint8_t* /* quads: BGRA only */, int32_t fy,
+                  unsigned char* out) {
   const int32_t paired = plan.x_paired - plan.x_begin;
   const int32_t* x0 = plan.x0.data();
   const __m128i fyv = _mm_set1_epi16(static_cast<int16_t>(fy * 128));
@@ -189,11 +169,7 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
     _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(eight(i), eight(i + 8)));
   }
-  for (; i < nx; ++i) {
-    const int32_t top = Lerp8(r0[plan.x0[i]], r0[plan.x1[i]], plan.fx[i]);
-    const int32_t bottom = Lerp8(r1[plan.x0[i]], r1[plan.x1[i]], plan.fx[i]);
-    out[i] = static_cast<unsigned char>(Lerp8(top, bottom, fy));
-  }
+  resize_detail::FusedSpan(plan, r0, r1, fy, 1, i, out);
 }
 
 // Vertical mix of two horizontal rows into `count` output bytes.
@@ -209,98 +185,20 @@ void VerticalRow(const int16_t* top, const int16_t* bottom, int32_t fy, int32_t 
     const __m128i v = _mm_packus_epi16(Lerp16(t0, b0, f), Lerp16(t1, b1, f));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), v);
   }
-  for (; i < count; ++i) out[i] = static_cast<unsigned char>(Lerp8(top[i], bottom[i], fy));
+  resize_detail::VerticalSpan(top, bottom, fy, i, count, out);
 }
 
-template <int kChannels>
-int32_t ResizeSse(ThreadJob* job, int32_t* result) {
-  ResizePlan plan;
-  int32_t hr = PlanResize(*static_cast<const ResizeParam*>(job->param), job->rect, kChannels, false, &plan);
-  if (hr < 0 || plan.x_begin == plan.x_end) {
-    return Done(result, hr);
-  }
-  const int32_t nx = plan.x_end - plan.x_begin;
-  const size_t values = static_cast<size_t>(nx) * kChannels;
-  const ResizeParam& param = *static_cast<const ResizeParam*>(job->param);
-  const bool fused = param.dst.height < param.src.height;
-  std::vector<int16_t> fx128, rows;
-  try {
-    fx128.resize(values);
-    if (!fused) rows.resize(2 * values);
-  } catch (const std::bad_alloc&) {
-    return Done(result, E_OUTOFMEMORY);
-  }
-  for (int32_t i = 0; i < nx; ++i)
-    for (int c = 0; c < kChannels; ++c) fx128[i * kChannels + c] = static_cast<int16_t>(plan.fx[i] * 128);
-  if (fused) {
-    std::vector<uint8_t> quads;
-    try {
-      quads.resize(static_cast<size_t>(nx) / 4 + 1, kQuadGather);
-    } catch (const std::bad_alloc&) {
-      return Done(result, E_OUTOFMEMORY);
-    }
-    const int32_t paired = plan.x_paired - plan.x_begin;
-    for (int32_t i = 0; kChannels == 4 && i + 4 <= paired; i += 4) {
-      const int32_t* x0 = plan.x0.data() + i;
-      if (x0[1] == x0[0] + 8 && x0[2] == x0[0] + 16 && x0[3] == x0[0] + 24) {
-        const uint8_t* f = plan.fx.data() + i;
-        quads[i / 4] = (f[0] == 128 && f[1] == 128 && f[2] == 128 && f[3] == 128) ? kQuadMidpoints : kQuadConsecutive;
-      }
-    }
-    for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
-      const int32_t iy = dy - plan.y_begin;
-      const unsigned char* r0 = plan.src + plan.y0[iy] * plan.src_stride;
-      const unsigned char* r1 = plan.src + plan.y1[iy] * plan.src_stride;
-      const int32_t next = dy + 1 < plan.y_end ? iy + 1 : iy;
-      const unsigned char* n0 = plan.src + plan.y0[next] * plan.src_stride;
-      const unsigned char* n1 = plan.src + plan.y1[next] * plan.src_stride;
-      unsigned char* out = plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels;
-      if (kChannels == 4) {
-        FusedRow8uc4(plan, r0, r1, n0, n1, fx128.data(), quads.data(), plan.fy[iy], out);
-      } else {
-        FusedRow8uc1(plan, r0, r1, n0, n1, fx128.data(), plan.fy[iy], out);
-      }
-    }
-    return Done(result, S_OK);
-  }
-  int16_t* slot[2] = {rows.data(), rows.data() + values};
-  int32_t tag[2] = {-1, -1};
-  auto horizontal = [&](int32_t y, int s) {
-    const unsigned char* row = plan.src + y * plan.src_stride;
-    if (kChannels == 4) {
-      HorizontalRow8uc4(plan, row, fx128.data(), slot[s]);
-    } else {
-      HorizontalRow8uc1(plan, row, fx128.data(), slot[s]);
-    }
-    tag[s] = y;
-  };
-  for (int32_t dy = plan.y_begin; dy < plan.y_end; ++dy) {
-    const int32_t iy = dy - plan.y_begin;
-    const int32_t y0 = plan.y0[iy], y1 = plan.y1[iy];
-    // Keep a row computed for the previous destination row when it is needed again.
-    int s0 = tag[0] == y0 ? 0 : tag[1] == y0 ? 1 : -1;
-    if (s0 < 0) {
-      s0 = tag[0] == y1 ? 1 : 0;
-      horizontal(y0, s0);
-    }
-    int s1 = s0;
-    if (y1 != y0) {
-      s1 = tag[0] == y1 ? 0 : tag[1] == y1 ? 1 : -1;
-      if (s1 < 0) {
-        s1 = 1 - s0;
-        horizontal(y1, s1);
-      }
-    }
-    VerticalRow(slot[s0], slot[s1], plan.fy[iy], static_cast<int32_t>(values),
-                plan.dst + dy * plan.dst_stride + plan.x_begin * kChannels);
-  }
-  return Done(result, S_OK);
-}
+const resize_detail::ResizeRowKernels kSse4Rows4 = {HorizontalRow8uc4, VerticalRow, FusedRow8uc4};
+const resize_detail::ResizeRowKernels kSse4Rows1 = {HorizontalRow8uc1, VerticalRow, FusedRow8uc1};
 
 }  // namespace
 
-int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result) { return ResizeSse<4>(job, result); }
+int32_t BilinearResize_8uc4_SSE4(ThreadJob* job, int32_t* result) {
+  return resize_detail::RunSimdResize(job, result, 4, kSse4Rows4);
+}
 
-int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result) { return ResizeSse<1>(job, result); }
+int32_t BilinearResize_8uc1_SSE4(ThreadJob* job, int32_t* result) {
+  return resize_detail::RunSimdResize(job, result, 1, kSse4Rows1);
+}
 
 }  // namespace Korvane

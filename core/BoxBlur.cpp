@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -24,6 +25,52 @@ Recip8 MakeRecip8(uint32_t n) {
   r.shift = 9 + 2 * ceil_log2;
   r.mul = static_cast<uint32_t>((uint64_t{1} << r.shift) / n + 1);
   return r;
+}
+
+bool MakeDiv16Params(uint32_t n, Div16Params* d) {
+  // The same error bound as the 32-bit divider: the product's error stays
+  // below one step for every sum up to 255 n.
+  const uint64_t top = 255ull * n + n / 2;
+  if (n < 2 || top > 65535) return false;
+  for (uint32_t k = 16; k < 32; ++k) {
+    const uint64_t m = (uint64_t{1} << k) / n + 1;
+    if (m > 65535) return false;
+    const uint64_t e = m * n - (uint64_t{1} << k);
+    if (top * e < (uint64_t{1} << k)) {
+      d->half = n / 2;
+      d->mul = static_cast<uint32_t>(m);
+      d->shift = k - 16;
+      d->scalar = MakeRecip8(n);
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<Div16Params> MakeDividerParams(int32_t len, int32_t r) {
+  const int64_t n_min = r < len ? r : len;
+  const int64_t n_max = 2 * static_cast<int64_t>(r) - 1 < len ? 2 * static_cast<int64_t>(r) - 1 : len;
+  std::vector<Div16Params> table;
+  if (n_max > 257) return table;
+  table.resize(static_cast<size_t>(n_max) + 1, Div16Params{0, 0, 0, Recip8{0, 0, 0}});
+  for (int64_t n = n_min; n <= n_max; ++n) {
+    if (!MakeDiv16Params(static_cast<uint32_t>(n), &table[n])) {
+      table.clear();
+      break;
+    }
+  }
+  return table;
+}
+
+Scratch::~Scratch() { std::free(m_data); }
+
+bool Scratch::Reserve(size_t bytes) {
+  std::free(m_data);
+  m_data = nullptr;
+  const size_t rounded = (bytes + 63) / 64 * 64;
+  m_data = static_cast<unsigned char*>(std::aligned_alloc(32, rounded == 0 ? 64 : rounded));
+  if (m_data) std::memset(m_data, 0, rounded == 0 ? 64 : rounded);
+  return m_data != nullptr;
 }
 
 int32_t PrepareBlur(const ThreadJob* job, bool rows, BlurJob* out) {
@@ -263,6 +310,88 @@ int32_t RunPlainPass(ThreadJob* job, int32_t* result, bool rows) {
 
 }  // namespace
 
+namespace boxblur_detail {
+
+void StripStep8(uint16_t* sums, const unsigned char* in, bool sub, unsigned char* saved, unsigned char* row,
+                const unsigned char* mask_row, const Recip8& recip, bool bgra, int32_t from, int32_t end) {
+  for (int32_t j = from; j < end; ++j) {
+    uint32_t s = sums[j];
+    if (sub) s -= saved[j];
+    if (in) s += in[j];
+    sums[j] = static_cast<uint16_t>(s);
+    const unsigned char o = row[j];
+    saved[j] = o;
+    if (bgra && (j & 3) == 3) continue;  // alpha stays
+    uint32_t q = Divide8(s, recip);
+    if (mask_row) q = MixByMask(o, q, mask_row[j / 4]);
+    row[j] = static_cast<unsigned char>(q);
+  }
+}
+
+void SweepStep8(uint16_t* sums, const unsigned char* in, const unsigned char* leaving, const Recip8& recip,
+                bool alpha, int32_t from, int32_t end, unsigned char* out) {
+  for (int32_t j = from; j < end; ++j) {
+    uint32_t s = sums[j];
+    if (in) s += in[j];
+    if (leaving) s -= leaving[j];
+    sums[j] = static_cast<uint16_t>(s);
+    if (!alpha || (j & 3) != 3) out[j] = static_cast<unsigned char>(Divide8(s, recip));
+  }
+}
+
+void StripStepFloat(double* sums, const float* in, bool sub, float* saved, float* row, double inv_n, int32_t from,
+                    int32_t end) {
+  for (int32_t j = from; j < end; ++j) {
+    double s = sums[j];
+    if (in && sub) {
+      s += static_cast<double>(in[j]) - static_cast<double>(saved[j]);
+    } else if (sub) {
+      s -= static_cast<double>(saved[j]);
+    } else if (in) {
+      s += static_cast<double>(in[j]);
+    }
+    sums[j] = s;
+    saved[j] = row[j];
+    row[j] = static_cast<float>(s * inv_n);
+  }
+}
+
+int32_t RunSimdPasses(ThreadJob* job, int32_t* result, bool rows, int32_t passes, const SimdPasses& form) {
+  BlurJob b;
+  int32_t hr = PrepareBlur(job, rows, &b);
+  if (hr >= 0 && b.begin < b.end) {
+    try {
+      const bool is_float = b.variant == Variant::kFloat32 || b.variant == Variant::kFloat96;
+      if (rows && is_float) {
+        hr = form.rows_float(b, passes);
+      } else {
+        for (int32_t pass = 0; pass < passes && hr >= 0; ++pass) {
+          if (b.variant == Variant::kInt32) {
+            hr = BlurPlain(b, rows);
+          } else if (is_float) {
+            hr = form.columns_float(b);
+          } else {
+            hr = rows ? form.rows8(b) : form.columns8(b);
+          }
+        }
+      }
+    } catch (const std::bad_alloc&) {
+      hr = E_OUTOFMEMORY;
+    }
+  }
+  return Done(result, hr);
+}
+
+int32_t RunSimdRepeat(ThreadJob* job, int32_t* result, const SimdPasses& form) {
+  const auto* repeat = static_cast<const BoxBlurRepeatParam*>(job->param);
+  if (!repeat || !repeat->param) return Done(result, E_POINTER);
+  ThreadJob inner = *job;
+  inner.param = repeat->param;
+  return RunSimdPasses(&inner, result, true, repeat->passes, form);
+}
+
+}  // namespace boxblur_detail
+
 int32_t BoxBlurH(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, true); }
 
 int32_t BoxBlurV(ThreadJob* job, int32_t* result) { return RunPlainPass(job, result, false); }
@@ -293,7 +422,8 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
   // A single pass each way can run as one sweep that reads and writes the
   // image once; it declines (E_NOTIMPL) whatever it does not cover.
   if (passes == 1) {
-    const auto fused = KORVANE_PICK(info, DeclineFusedBlur, boxblur_detail::FusedBlur8);
+    const auto fused =
+        KORVANE_PICK_AVX2(info, DeclineFusedBlur, boxblur_detail::FusedBlur8, boxblur_detail::FusedBlur8_AVX2);
     const int32_t hr = fused.fn(adapter, param, roi);
     if (hr != E_NOTIMPL) {
       if (hr < 0) {
@@ -306,9 +436,9 @@ int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam
   // Several horizontal passes run as one task per band.
   BoxBlurRepeatParam repeated{&param, passes};
   const bool repeat = passes > 1;
-  const auto h = repeat ? KORVANE_PICK(info, BoxBlurHRepeat, BoxBlurHRepeat_SSE)
-                        : KORVANE_PICK(info, BoxBlurH, BoxBlurH_SSE);
-  const auto v = KORVANE_PICK(info, BoxBlurV, BoxBlurV_SSE);
+  const auto h = repeat ? KORVANE_PICK_AVX2(info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2)
+                        : KORVANE_PICK_AVX2(info, BoxBlurH, BoxBlurH_SSE, BoxBlurH_AVX2);
+  const auto v = KORVANE_PICK_AVX2(info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
   const int h_runs = repeat ? 1 : passes;
   void* const h_param = repeat ? static_cast<void*>(&repeated) : boxblur_param;
   for (int i = 0; i < h_runs; ++i) {

@@ -58,6 +58,10 @@ int32_t BoxBlurV(ThreadJob* job, int32_t* result);
 // and FLOAT96; INT32 images and longer 8-bit windows run the plain code.
 int32_t BoxBlurH_SSE(ThreadJob* job, int32_t* result);
 int32_t BoxBlurV_SSE(ThreadJob* job, int32_t* result);
+// AVX2 forms: bit-identical results; the same fallbacks as the SSE forms,
+// and 8-bit rows blurred by the SSE4.1 row code.
+int32_t BoxBlurH_AVX2(ThreadJob* job, int32_t* result);
+int32_t BoxBlurV_AVX2(ThreadJob* job, int32_t* result);
 
 // Several horizontal passes as one task: each band gets all its passes before
 // the task returns. Rows are blurred independently, so the result is that of
@@ -69,13 +73,14 @@ struct BoxBlurRepeatParam {
 };
 int32_t BoxBlurHRepeat(ThreadJob* job, int32_t* result);
 int32_t BoxBlurHRepeat_SSE(ThreadJob* job, int32_t* result);
+int32_t BoxBlurHRepeat_AVX2(ThreadJob* job, int32_t* result);
 
 // Runs `passes` horizontal passes and then `passes` vertical passes over
-// `roi` with the plain or SSE form chosen from info, logging a failure with
-// the call's text. Returns the first failure. With the SSE forms, one pass
-// each way over a whole 8-bit BGRA32 or GRAY8 image runs as a single sweep
-// per row band (the image is read and written once); the bytes are those of
-// the two passes.
+// `roi` with the plain, SSE or AVX2 form chosen from info, logging a failure
+// with the call's text. Returns the first failure. With the SIMD forms, one
+// pass each way over a whole 8-bit BGRA32 or GRAY8 image runs as a single
+// sweep per row band (the image is read and written once); the bytes are
+// those of the two passes.
 int32_t RunBoxBlur(CThreadAdapter& adapter, const SystemInfo& info, BoxBlurParam& param, Rect roi,
                    int passes = 1);
 

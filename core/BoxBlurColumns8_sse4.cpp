@@ -81,18 +81,7 @@ struct Strip8Ops : boxblur_detail::StepByStep<Strip8Ops> {
       if (bgra) v = _mm_blendv_epi8(v, o, AlphaBytes());
       _mm_storeu_si128(reinterpret_cast<__m128i*>(row + j), v);
     }
-    for (; j < bytes; ++j) {
-      uint32_t s = sums[j];
-      if (kSub) s -= saved[j];
-      if (kAdd) s += in[j];
-      sums[j] = static_cast<uint16_t>(s);
-      const unsigned char o = row[j];
-      saved[j] = o;
-      if (bgra && (j & 3) == 3) continue;  // alpha stays
-      uint32_t q = Divide8(s, d.scalar);
-      if (m_row) q = boxblur_detail::MixByMask(o, q, m_row[j / 4]);
-      row[j] = static_cast<unsigned char>(q);
-    }
+    boxblur_detail::StripStep8(sums, in, kSub, saved, row, m_row, d.scalar, bgra, j, bytes);
   }
 };
 

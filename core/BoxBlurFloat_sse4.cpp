@@ -55,19 +55,7 @@ struct StripFloatOps : boxblur_detail::StepByStep<StripFloatOps> {
       const __m128 o0 = _mm_cvtpd_ps(_mm_mul_pd(s0, kv)), o1 = _mm_cvtpd_ps(_mm_mul_pd(s1, kv));
       _mm_storeu_ps(row + j, _mm_movelh_ps(o0, o1));
     }
-    for (; j < count; ++j) {
-      double s = sums[j];
-      if constexpr (kAdd && kSub) {
-        s += static_cast<double>(in[j]) - static_cast<double>(saved[j]);
-      } else if constexpr (kSub) {
-        s -= static_cast<double>(saved[j]);
-      } else if constexpr (kAdd) {
-        s += static_cast<double>(in[j]);
-      }
-      sums[j] = s;
-      saved[j] = row[j];
-      row[j] = static_cast<float>(s * k);
-    }
+    boxblur_detail::StripStepFloat(sums, in, kSub, saved, row, k, j, count);
   }
 };
 

@@ -19,7 +19,8 @@ using namespace boxblur_sse;
 struct FusedShared {
   BlurJob job;             // the whole image
   const Div16* hdiv;       // dividers along rows
-  const Div16* vdiv;       // and along columns
+  const boxblur_detail::Div16Params* vdiv;  // and along columns
+  const boxblur_detail::SweepSteps* steps;  // the form's vertical steps
   size_t row_bytes;
   std::vector<int32_t> halo_slot;  // per row: its copy in `halo`, or -1
   unsigned char* halo;
@@ -38,7 +39,7 @@ int32_t SaveHalo(ThreadJob* tj, int32_t* result) {
   return Done(result, S_OK);
 }
 
-// Adds a blurred row to the column sums.
+// The SSE4.1 steps. Adds a blurred row to the column sums.
 void SweepRowAdd(uint16_t* sums, const unsigned char* in, int32_t bytes) {
   const __m128i z = _mm_setzero_si128();
   int32_t j = 0;
@@ -55,8 +56,9 @@ void SweepRowAdd(uint16_t* sums, const unsigned char* in, int32_t bytes) {
 // (adding the entering blurred row, subtracting the leaving one) and row p
 // is written from them; its alpha bytes keep their original values.
 template <bool kAdd, bool kSub, bool kAlpha>
-void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leaving, const Div16& d,
-              int32_t bytes, unsigned char* out) {
+void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leaving,
+              const boxblur_detail::Div16Params& params, int32_t bytes, unsigned char* out) {
+  const Div16 d = ToDiv16(params);
   const __m128i z = _mm_setzero_si128();
   const int32_t vec_bytes = bytes / 16 * 16;
   int32_t j = 0;
@@ -80,14 +82,18 @@ void SweepRow(uint16_t* sums, const unsigned char* in, const unsigned char* leav
     if constexpr (kAlpha) v = _mm_blendv_epi8(v, _mm_loadu_si128(o), AlphaBytes());
     _mm_storeu_si128(o, v);
   }
-  for (; j < bytes; ++j) {
-    uint32_t s = sums[j];
-    if constexpr (kAdd) s += in[j];
-    if constexpr (kSub) s -= leaving[j];
-    sums[j] = static_cast<uint16_t>(s);
-    if (!kAlpha || (j & 3) != 3) out[j] = static_cast<unsigned char>(Divide8(s, d.scalar));
-  }
+  boxblur_detail::SweepStep8(sums, kAdd ? in : nullptr, kSub ? leaving : nullptr, params.scalar, kAlpha, j, bytes,
+                             out);
 }
+
+// clang-format off
+const boxblur_detail::SweepSteps kSweepStepsSse = {
+    SweepRowAdd,
+    {{{SweepRow<false, false, false>, SweepRow<false, false, true>},
+      {SweepRow<false, true, false>, SweepRow<false, true, true>}},
+     {{SweepRow<true, false, false>, SweepRow<true, false, true>},
+      {SweepRow<true, true, false>, SweepRow<true, true, true>}}}};
+// clang-format on
 
 template <bool kAlpha>
 void SweepBand(const FusedShared& f, int32_t top, int32_t bottom, unsigned char* ring, uint16_t* sums) {
@@ -111,23 +117,16 @@ void SweepBand(const FusedShared& f, int32_t top, int32_t bottom, unsigned char*
   const int32_t lo = top - r + 1 < 0 ? 0 : top - r + 1;
   const int32_t hi = top + r - 1 > h - 1 ? h - 1 : top + r - 1;
   std::memset(sums, 0, f.row_bytes * sizeof(uint16_t));
-  for (int32_t q = lo; q < hi; ++q) SweepRowAdd(sums, blur_row(q), bytes);
+  const boxblur_detail::SweepSteps& steps = *f.steps;
+  for (int32_t q = lo; q < hi; ++q) steps.add(sums, blur_row(q), bytes);
   unsigned char* first = job.data + top * job.stride;
-  SweepRow<true, false, kAlpha>(sums, blur_row(hi), nullptr, f.vdiv[hi - lo + 1], bytes, first);
+  steps.step[1][0][kAlpha](sums, blur_row(hi), nullptr, f.vdiv[hi - lo + 1], bytes, first);
   for (int32_t p = top + 1; p < bottom; ++p) {
     const int32_t in = p + r - 1, leaving = p - r;
     const int32_t n = (in < h - 1 ? in : h - 1) - (p - r + 1 > 0 ? p - r + 1 : 0) + 1;
-    unsigned char* out = job.data + p * job.stride;
-    const Div16& d = f.vdiv[n];
-    if (in < h && leaving >= 0) {
-      SweepRow<true, true, kAlpha>(sums, blur_row(in), slot(leaving), d, bytes, out);
-    } else if (in < h) {
-      SweepRow<true, false, kAlpha>(sums, blur_row(in), nullptr, d, bytes, out);
-    } else if (leaving >= 0) {
-      SweepRow<false, true, kAlpha>(sums, nullptr, slot(leaving), d, bytes, out);
-    } else {
-      SweepRow<false, false, kAlpha>(sums, nullptr, nullptr, d, bytes, out);
-    }
+    const bool adds = in < h, subtracts = leaving >= 0;
+    steps.step[adds][subtracts][kAlpha](sums, adds ? blur_row(in) : nullptr, subtracts ? slot(leaving) : nullptr,
+                                        f.vdiv[n], bytes, job.data + p * job.stride);
   }
 }
 
@@ -162,7 +161,7 @@ namespace boxblur_detail {
 
 namespace {
 
-int32_t RunFused(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
+int32_t RunFused(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi, const SweepSteps& steps) {
   ThreadJob probe;
   probe.param = &param;
   probe.rect = Rect{0, 0, 1, 1};
@@ -174,7 +173,7 @@ int32_t RunFused(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
     return E_NOTIMPL;
   }
   const std::vector<Div16> hdiv = MakeDividers(job.width, job.radius);
-  const std::vector<Div16> vdiv = MakeDividers(job.height, job.radius);
+  const std::vector<Div16Params> vdiv = MakeDividerParams(job.height, job.radius);
   if (hdiv.empty() || vdiv.empty()) return E_NOTIMPL;
   const Rect rows{0, 0, job.width, job.height};
   if (adapter.SegmentBlock(rows, true) < 0) return E_NOTIMPL;
@@ -193,6 +192,7 @@ int32_t RunFused(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
   if (copies > job.height / 4) return E_NOTIMPL;
   f.hdiv = hdiv.data();
   f.vdiv = vdiv.data();
+  f.steps = &steps;
   f.row_bytes = static_cast<size_t>(job.width) * (job.variant == Variant::kGray ? 1 : 4);
   std::vector<unsigned char> halo(static_cast<size_t>(copies) * f.row_bytes + 1);
   f.halo = halo.data();
@@ -205,11 +205,21 @@ int32_t RunFused(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
 
 int32_t FusedBlur8(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
   try {
-    return RunFused(adapter, param, roi);
+    return RunFused(adapter, param, roi, kSweepStepsSse);
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
 }
+
+#if KORVANE_HAVE_AVX2
+int32_t FusedBlur8_AVX2(CThreadAdapter& adapter, BoxBlurParam& param, Rect roi) {
+  try {
+    return RunFused(adapter, param, roi, kSweepStepsAvx2);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+}
+#endif
 
 }  // namespace boxblur_detail
 

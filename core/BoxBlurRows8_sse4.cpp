@@ -4,6 +4,9 @@
 // divider fall back to the plain code, which gives the same bytes.
 #include "core/BoxBlurSse.h"
 
+#include <memory>
+#include <new>
+
 namespace Korvane {
 namespace boxblur_sse {
 
@@ -11,16 +14,15 @@ namespace {
 
 template <bool kMask>
 int32_t HorizontalBgra(const BlurJob& job, const std::vector<Div16>& div) {
-  std::vector<unsigned char> copy;
-  try {
-    copy.resize(static_cast<size_t>(job.width) * 4);
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
+  // A plain array: a vector grown here would be SSE4.1 code the linker may
+  // give the baseline callers too (see CheckSimdObjects).
+  const size_t bytes = static_cast<size_t>(job.width) * 4;
+  std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[bytes]);
+  if (!copy) return E_OUTOFMEMORY;
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
-    std::memcpy(copy.data(), row, copy.size());
-    BgraRowOps<kMask> ops{{}, copy.data(), row, y + 1 < job.end ? row + job.stride : row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
+    std::memcpy(copy.get(), row, bytes);
+    BgraRowOps<kMask> ops{{}, copy.get(), row, y + 1 < job.end ? row + job.stride : row, kMask ? job.mask + static_cast<ptrdiff_t>(y) * job.width : nullptr,
                           div.data(), {0, 0, 0, 0}};
     WalkWindow(ops, job.width, job.radius);
   }
@@ -28,16 +30,15 @@ int32_t HorizontalBgra(const BlurJob& job, const std::vector<Div16>& div) {
 }
 
 int32_t HorizontalGray(const BlurJob& job, const std::vector<Div16>& div) {
-  std::vector<unsigned char> copy;
-  try {
-    copy.resize(static_cast<size_t>(job.width));
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
+  // A plain array: a vector grown here would be SSE4.1 code the linker may
+  // give the baseline callers too (see CheckSimdObjects).
+  const size_t bytes = static_cast<size_t>(job.width);
+  std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[bytes]);
+  if (!copy) return E_OUTOFMEMORY;
   for (int32_t y = job.begin; y < job.end; ++y) {
     unsigned char* row = job.data + y * job.stride;
-    std::memcpy(copy.data(), row, copy.size());
-    GrayRowOps ops{{}, copy.data(), row, y + 1 < job.end ? row + job.stride : row, div.data(), 0};
+    std::memcpy(copy.get(), row, bytes);
+    GrayRowOps ops{{}, copy.get(), row, y + 1 < job.end ? row + job.stride : row, div.data(), 0};
     WalkWindow(ops, job.width, job.radius);
   }
   return S_OK;

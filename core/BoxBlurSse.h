@@ -1,5 +1,5 @@
 // What the SSE4.1 box blur files share: exact 16-bit dividers, the masked
-// mix, 4 x 4 transposes of rows, the row walkers of the 8-bit horizontal pass
+// mix, rows gathered four at a time, the row walkers of the 8-bit horizontal pass
 // (used by the separate pass and by the fused sweep) and the float window
 // step. Included only by *_sse4.cpp files, which are built with -msse4.1.
 #pragma once
@@ -12,6 +12,7 @@
 
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
+#include "core/Transpose4x4.h"
 
 namespace Korvane {
 namespace boxblur_sse {
@@ -32,9 +33,8 @@ struct alignas(16) Block {
 inline __m128i* Vecs(std::vector<Block>& v) { return reinterpret_cast<__m128i*>(v.data()); }
 
 // ---------------------------------------------------------------------------
-// Exact 16-bit division: floor((s + n / 2) / n) == mulhi(s + half, mul) >> shift
-// for every window sum s <= 255 n, chosen by the same error bound as the
-// 32-bit divider; `false` when no such pair exists for n.
+// Exact 16-bit division (boxblur_detail::Div16Params) in vectors:
+// floor((s + n / 2) / n) == mulhi(s + half, mul) >> shift.
 struct Div16 {
   __m128i half;
   __m128i mul;
@@ -42,22 +42,13 @@ struct Div16 {
   Recip8 scalar;  // for the scalar tails
 };
 
-inline bool MakeDiv16(uint32_t n, Div16* d) {
-  const uint64_t top = 255ull * n + n / 2;
-  if (n < 2 || top > 65535) return false;
-  for (uint32_t k = 16; k < 32; ++k) {
-    const uint64_t m = (uint64_t{1} << k) / n + 1;
-    if (m > 65535) return false;
-    const uint64_t e = m * n - (uint64_t{1} << k);
-    if (top * e < (uint64_t{1} << k)) {
-      d->half = _mm_set1_epi16(static_cast<int16_t>(n / 2));
-      d->mul = _mm_set1_epi16(static_cast<int16_t>(m));
-      d->shift = _mm_cvtsi32_si128(static_cast<int>(k - 16));
-      d->scalar = MakeRecip8(n);
-      return true;
-    }
-  }
-  return false;
+inline Div16 ToDiv16(const boxblur_detail::Div16Params& p) {
+  Div16 d;
+  d.half = _mm_set1_epi16(static_cast<int16_t>(p.half));
+  d.mul = _mm_set1_epi16(static_cast<int16_t>(p.mul));
+  d.shift = _mm_cvtsi32_si128(static_cast<int>(p.shift));
+  d.scalar = p.scalar;
+  return d;
 }
 
 inline __m128i Divide16(__m128i s, const Div16& d) {
@@ -67,17 +58,9 @@ inline __m128i Divide16(__m128i s, const Div16& d) {
 // Dividers for every sample count a pass over lines of `len` positions can
 // meet, or an empty table when some count has no 16-bit divider.
 inline std::vector<Div16> MakeDividers(int32_t len, int32_t r) {
-  const int64_t n_min = r < len ? r : len;
-  const int64_t n_max = 2 * static_cast<int64_t>(r) - 1 < len ? 2 * static_cast<int64_t>(r) - 1 : len;
-  std::vector<Div16> table;
-  if (n_max > 257) return table;
-  table.resize(static_cast<size_t>(n_max) + 1);
-  for (int64_t n = n_min; n <= n_max; ++n) {
-    if (!MakeDiv16(static_cast<uint32_t>(n), &table[n])) {
-      table.clear();
-      break;
-    }
-  }
+  const std::vector<boxblur_detail::Div16Params> params = boxblur_detail::MakeDividerParams(len, r);
+  std::vector<Div16> table(params.size());
+  for (size_t n = 0; n < params.size(); ++n) table[n] = ToDiv16(params[n]);
   return table;
 }
 
@@ -94,19 +77,7 @@ inline __m128i MixByMask16(__m128i o, __m128i b, __m128i m) {
 inline __m128i AlphaBytes() { return _mm_set1_epi32(static_cast<int32_t>(0xFF000000u)); }
 
 // ---------------------------------------------------------------------------
-// Transposes.
-
-// 4 x 4 32-bit elements; its own inverse.
-inline void Transpose4x4(__m128i v[4]) {
-  const __m128i t0 = _mm_unpacklo_epi32(v[0], v[1]);
-  const __m128i t1 = _mm_unpackhi_epi32(v[0], v[1]);
-  const __m128i t2 = _mm_unpacklo_epi32(v[2], v[3]);
-  const __m128i t3 = _mm_unpackhi_epi32(v[2], v[3]);
-  v[0] = _mm_unpacklo_epi64(t0, t2);
-  v[1] = _mm_unpackhi_epi64(t0, t2);
-  v[2] = _mm_unpacklo_epi64(t1, t3);
-  v[3] = _mm_unpackhi_epi64(t1, t3);
-}
+// Rows gathered four at a time (through 4 x 4 transposes).
 
 // Gathers four lines of `len` 4-byte elements into t: t[p] holds element p
 // of each line.
@@ -298,12 +269,6 @@ inline void Update(__m128d& s0, __m128d& s1, __m128 in, __m128 out) {
     s1 = _mm_add_pd(s1, _mm_cvtps_pd(_mm_movehl_ps(in, in)));
   }
 }
-
-// The passes, one file each; E_OUTOFMEMORY when a working row cannot be had.
-int32_t Horizontal8(const BlurJob& job);
-int32_t Vertical8(const BlurJob& job);
-int32_t HorizontalFloat(const BlurJob& job, int32_t passes);
-int32_t VerticalFloat(const BlurJob& job);
 
 }  // namespace boxblur_sse
 }  // namespace Korvane

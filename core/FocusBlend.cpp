@@ -23,8 +23,10 @@ namespace {
 // x / 255 for x in 0..65025, rounded as the SSE form does it.
 inline uint8_t Div255(uint32_t x) { return static_cast<uint8_t>((x + (x >> 8) + 1) >> 8); }
 
-void BlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide, int32_t guide_step,
-                   const int32_t* table, uint8_t* out, int32_t count) {
+}  // namespace
+
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide, int32_t guide_step,
+                        const int32_t* table, uint8_t* out, int32_t count) {
   for (int32_t x = 0; x < count; ++x, p += 4, s += 4, w += 4, out += 4, guide += guide_step) {
     const uint32_t t = static_cast<uint32_t>(table[*guide]);
     // Out of focus (t > 127): from the weak blur towards the strong one;
@@ -36,6 +38,8 @@ void BlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const u
     out[3] = p[3];
   }
 }
+
+namespace {
 
 int32_t CheckBlend(const FocusBlendParam& bp) {
   const bool weak_image = !bp.weak_in_scratch;
@@ -90,6 +94,6 @@ int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row) {
   return Done(result, hr);
 }
 
-int32_t FocusBlend(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, BlendRowPlain); }
+int32_t FocusBlend(ThreadJob* job, int32_t* result) { return RunFocusBlend(job, result, FocusBlendRowPlain); }
 
 }  // namespace Korvane

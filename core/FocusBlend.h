@@ -33,10 +33,14 @@ void MakeBlendTable(int32_t focus_value, int32_t* table);
 // (or, with weak_in_scratch, a job without scratch rows).
 int32_t FocusBlend(ThreadJob* job, int32_t* result);
 int32_t FocusBlend_SSE(ThreadJob* job, int32_t* result);
+int32_t FocusBlend_AVX2(ThreadJob* job, int32_t* result);
 
 // One row of `count` pixels; guide bytes are `guide_step` apart.
 using FocusBlendRow = void (*)(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide,
                                int32_t guide_step, const int32_t* table, uint8_t* out, int32_t count);
 int32_t RunFocusBlend(ThreadJob* job, int32_t* result, FocusBlendRow row);
+// The plain row; the SIMD forms finish their rows with it.
+void FocusBlendRowPlain(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uint8_t* guide, int32_t guide_step,
+                        const int32_t* table, uint8_t* out, int32_t count);
 
 }  // namespace Korvane

@@ -48,17 +48,7 @@ void BlendRowSse(const uint8_t* p, const uint8_t* s, const uint8_t* w, const uin
     const __m128i packed = _mm_packus_epi16(res[0], res[1]);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_blendv_epi8(packed, vp, alpha));
   }
-  for (; x < count; ++x, p += 4, s += 4, w += 4, out += 4, guide += guide_step) {
-    const uint32_t t = static_cast<uint32_t>(table[*guide]);
-    const uint8_t* a = t > 127 ? s : p;
-    const uint32_t wa = t > 127 ? 2 * t - 255 : 255 - 2 * t;
-    const uint32_t ww = 255 - wa;
-    for (int32_t c = 0; c < 3; ++c) {
-      const uint32_t m = a[c] * wa + w[c] * ww;
-      out[c] = static_cast<uint8_t>((m + (m >> 8) + 1) >> 8);
-    }
-    out[3] = p[3];
-  }
+  if (x < count) FocusBlendRowPlain(p, s, w, guide, guide_step, table, out, count - x);
 }
 
 }  // namespace

@@ -68,10 +68,11 @@ int32_t RunFocusPass(CThreadAdapter& adapter, const PickedTask& kernel, const ch
 
 int32_t RunGaussianPasses(CThreadAdapter& adapter, const SystemInfo& info, GaussianBlurParam& p,
                           const char* param_text, const Rect& region) {
-  const int32_t hr =
-      RunFocusPass(adapter, KORVANE_PICK(info, GaussianBlurH, GaussianBlurH_SSE), param_text, &p, region);
+  const auto rows = KORVANE_PICK_AVX2(info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2);
+  const auto columns = KORVANE_PICK_AVX2(info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2);
+  const int32_t hr = RunFocusPass(adapter, rows, param_text, &p, region);
   if (hr < 0) return hr;
-  return RunFocusPass(adapter, KORVANE_PICK(info, GaussianBlurV, GaussianBlurV_SSE), param_text, &p, region, false);
+  return RunFocusPass(adapter, columns, param_text, &p, region, false);
 }
 
 }  // namespace Korvane

@@ -48,9 +48,7 @@ int32_t MakeGaussianWeights(int32_t level, int32_t width, int32_t height, float*
   return n;
 }
 
-namespace {
-
-void ConvertRowPlain(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count) {
+void GaussianConvertPixelsPlain(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count) {
   for (int32_t x = 0; x < count; ++x, src += 4, colour += 3) {
     const bool m = mask[x];
     colour[0] = m ? src[0] : 0.0f;
@@ -60,9 +58,9 @@ void ConvertRowPlain(const uint8_t* src, const bool* mask, float* colour, float*
   }
 }
 
-void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
-                        int32_t count) {
-  for (int32_t x = 0; x < count; ++x) {
+void GaussianAccumulatePixelsPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst,
+                                   int32_t from, int32_t to) {
+  for (int32_t x = from; x < to; ++x) {
     const uint8_t* s = src + 4 * x;
     uint8_t* d = dst + 4 * x;
     if (!mask[x]) {
@@ -85,12 +83,20 @@ void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_
   }
 }
 
-const GaussianRowKernels kPlainKernels = {ConvertRowPlain, AccumulateRowPlain};
+namespace {
+
+void AccumulateRowPlain(const GaussianTapRows& t, const bool* mask, const uint8_t* src, uint8_t* dst, int32_t count) {
+  GaussianAccumulatePixelsPlain(t, mask, src, dst, 0, count);
+}
+
+const GaussianRowKernels kPlainKernels = {GaussianConvertPixelsPlain, AccumulateRowPlain};
 
 // Pixels in the ring of converted rows of the vertical pass (2n - 1 rows of a
-// chunk of columns): 128 KiB of floats, which stays in the second-level cache.
-// Short kernels get wide chunks, so the source is read in long runs.
-constexpr int32_t kRingPixels = 8192;
+// chunk of columns): 256 KiB of floats, which stays in the second-level cache
+// while the chunk is wide enough (224 columns for the longest kernel) that
+// each output row's tap list is set up for many pixels. Short kernels get
+// wide chunks, so the source is read in long runs.
+constexpr int32_t kRingPixels = 16384;
 constexpr int32_t kMaxTaps = 2 * kGaussianHalfTaps - 1;
 // Floats after the last converted pixel: colour rows may be read one float past a pixel.
 constexpr size_t kRowPad = 4;

@@ -48,6 +48,9 @@ int32_t GaussianBlurV(ThreadJob* job, int32_t* result);
 // SSE4.1 forms, bit-identical to the plain ones.
 int32_t GaussianBlurH_SSE(ThreadJob* job, int32_t* result);
 int32_t GaussianBlurV_SSE(ThreadJob* job, int32_t* result);
+// AVX2 forms, bit-identical too: eight lanes where the SSE4.1 forms have four.
+int32_t GaussianBlurH_AVX2(ThreadJob* job, int32_t* result);
+int32_t GaussianBlurV_AVX2(ThreadJob* job, int32_t* result);
 
 // Kernels up to this length may run both passes at once: GaussianBlurHV takes
 // a row band, blurs the rows of `source` it needs (the band and n - 1 rows
@@ -61,6 +64,7 @@ int32_t GaussianBlurV_SSE(ThreadJob* job, int32_t* result);
 constexpr int32_t kShortKernel = 3;
 int32_t GaussianBlurHV(ThreadJob* job, int32_t* result);
 int32_t GaussianBlurHV_SSE(ThreadJob* job, int32_t* result);
+int32_t GaussianBlurHV_AVX2(ThreadJob* job, int32_t* result);
 
 // The taps of one output row. Converted rows hold packed b, g, r floats
 // (zero where the mask is false) and, separately, one weight per pixel (1 or
@@ -89,6 +93,12 @@ struct GaussianRowKernels {
   void (*accumulate)(const GaussianTapRows& rows, const bool* mask, const uint8_t* src, uint8_t* dst,
                      int32_t count);
 };
+
+// The plain row primitives over pixels [0, count) and [from, to): the plain
+// form, and the tails the SIMD forms leave.
+void GaussianConvertPixelsPlain(const uint8_t* src, const bool* mask, float* colour, float* weight, int32_t count);
+void GaussianAccumulatePixelsPlain(const GaussianTapRows& rows, const bool* mask, const uint8_t* src, uint8_t* dst,
+                                   int32_t from, int32_t to);
 
 int32_t RunGaussianBlurH(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels);
 int32_t RunGaussianBlurV(ThreadJob* job, int32_t* result, const GaussianRowKernels& kernels);

@@ -38,11 +38,26 @@ void ClipSpan(int32_t origin, int32_t size, int32_t extent, int32_t& first, int3
   if (last < first) last = first;
 }
 
-int32_t CheckImages(const SmartBuffer& shape, const SmartBuffer& light) {
-  if (!shape.data || !light.data) return E_POINTER;
-  if (!IsBgra(shape) || !IsBgra(light)) return E_NOTIMPL;
-  if (!RowsFit(shape, 4) || !RowsFit(light, 4) || shape.width != shape.height) return E_INVALIDARG;
+int32_t CheckImages(const LightShape& shape, const SmartBuffer& light) {
+  if (!shape.shape.data || !light.data) return E_POINTER;
+  if (!IsBgra(shape.shape) || !IsBgra(light)) return E_NOTIMPL;
+  const Rect held = shape.Held();
+  if (!RowsFit(shape.shape, 4) || !RowsFit(light, 4) || !RectInside(held, shape.d, shape.d) ||
+      shape.shape.width != RectWidth(held) || shape.shape.height != RectHeight(held)) {
+    return E_INVALIDARG;
+  }
   return S_OK;
+}
+
+// Columns [lo, hi) and rows [top, bottom) of the shape lie in the held part.
+bool Holds(const Rect& held, int32_t lo, int32_t hi, int32_t top, int32_t bottom) {
+  return lo >= held.left && hi <= held.right && top >= held.top && bottom <= held.bottom;
+}
+
+// Pixel (x, y) of the shape (or of the footprint in tmp), in its held part.
+template <class Image>
+uint8_t* HeldAt(const Image& img, const Rect& held, int32_t x, int32_t y) {
+  return RowPtr(img, y - held.top) + static_cast<ptrdiff_t>(x - held.left) * 4;
 }
 
 // shape_roi lies within a size x size footprint at `origin` and inside the map.
@@ -82,36 +97,50 @@ void MixRowPlain(const uint8_t* a, const uint8_t* b, int32_t wa, int32_t wb, uin
   for (int32_t i = 0; i < count * 4; ++i) out[i] = static_cast<uint8_t>((wa * a[i] + wb * b[i] + 128) >> 8);
 }
 
-int32_t RunPasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t RunPasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                       const Rect& shape_roi, PasteRowFn paste) {
   int32_t hr = CheckImages(shape, light);
   if (hr < 0) return hr;
   if (IsEmpty(shape_roi)) return S_OK;
-  const PointI origin{pt_int.x - HalfSize(shape.width), pt_int.y - HalfSize(shape.width)};
-  if (!RoiFits(shape_roi, shape.width, origin, light)) return E_INVALIDARG;
+  const PointI origin{pt_int.x - HalfSize(shape.d), pt_int.y - HalfSize(shape.d)};
+  const Rect held = shape.Held();
+  if (!RoiFits(shape_roi, shape.d, origin, light) ||
+      !Holds(held, shape_roi.left, shape_roi.right, shape_roi.top, shape_roi.bottom)) {
+    return E_INVALIDARG;
+  }
   int32_t c[4];
   ChannelFactors(args, c);
   const int32_t count = shape_roi.right - shape_roi.left;
   for (int32_t y = shape_roi.top; y < shape_roi.bottom; ++y) {
-    paste(RowPtr(shape, y) + static_cast<ptrdiff_t>(shape_roi.left) * 4,
-          LightAt(light, origin.x + shape_roi.left, origin.y + y), count, c, args.mode);
+    paste(HeldAt(shape.shape, held, shape_roi.left, y), LightAt(light, origin.x + shape_roi.left, origin.y + y), count,
+          c, args.mode);
   }
   return S_OK;
 }
 
-int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
-                              const LightPasteArgs& args, const Rect& shape_roi, PasteRowFn paste, MixRowFn mix) {
-  int32_t hr = CheckImages(shape, light);
+int32_t RunBilinearPasteLight(LightShape& light_shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
+                              const Rect& shape_roi, PasteRowFn paste, MixRowFn mix) {
+  int32_t hr = CheckImages(light_shape, light);
   if (hr < 0) return hr;
+  const SmartBuffer& shape = light_shape.shape;
+  SmartBuffer& tmp = light_shape.tmp;
   if (!tmp.data) return E_POINTER;
   if (!IsBgra(tmp)) return E_NOTIMPL;
-  const int32_t d = shape.width;
-  if (!RowsFit(tmp, 4) || tmp.width < d + 1 || tmp.height < d + 1) return E_INVALIDARG;
+  const int32_t d = light_shape.d;
+  const Rect held = light_shape.Held();
+  if (!RowsFit(tmp, 4) || tmp.width < RectWidth(held) + 1 || tmp.height < RectHeight(held) + 1) return E_INVALIDARG;
   PointI origin;
   int32_t wx = 0, wy = 0;
   if (!SubPixelOrigin(pt.x, d, origin.x, wx) || !SubPixelOrigin(pt.y, d, origin.y, wy)) return E_INVALIDARG;
   if (IsEmpty(shape_roi)) return S_OK;
-  if (!RoiFits(shape_roi, d + 1, origin, light)) return E_INVALIDARG;
+  const int32_t x0 = shape_roi.left, x1 = shape_roi.right;
+  const int32_t first_row = std::max(shape_roi.top - 1, 0), last_row = std::min(shape_roi.bottom, d);
+  // The footprint pixels of shape_roi read shape columns x - 1 and x, rows
+  // y - 1 and y: those must be held (tmp holds the same part, one larger).
+  if (!RoiFits(shape_roi, d + 1, origin, light) ||
+      !Holds(held, std::max(x0 - 1, 0), std::min(x1, d), first_row, last_row)) {
+    return E_INVALIDARG;
+  }
 
   // Footprint pixel (x, y) takes shape pixel (x, y) with weight (1 - fx)(1 - fy),
   // (x - 1, y) with fx (1 - fy), and so on: the shape's light moves on by the
@@ -119,34 +148,32 @@ int32_t RunBilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartB
   // same row of tmp, then the vertical mix in place from the bottom up (row
   // y reads row y - 1, not yet mixed). Rounded to bytes after each stage,
   // as both forms do.
-  const int32_t x0 = shape_roi.left, x1 = shape_roi.right;
-  const int32_t first_row = std::max(shape_roi.top - 1, 0), last_row = std::min(shape_roi.bottom, d);
   const int32_t inner0 = std::max(x0, 1), inner1 = std::min(x1, d);
   for (int32_t y = first_row; y < last_row; ++y) {
-    const uint8_t* s = RowPtr(shape, y);
-    uint8_t* h = RowPtr(tmp, y);
     if (inner1 > inner0) {
-      mix(s + 4 * inner0, s + 4 * (inner0 - 1), 256 - wx, wx, h + 4 * inner0, inner1 - inner0);
+      mix(HeldAt(shape, held, inner0, y), HeldAt(shape, held, inner0 - 1, y), 256 - wx, wx,
+          HeldAt(tmp, held, inner0, y), inner1 - inner0);
     }
     for (int k = 0; k < 4; ++k) {
-      if (x0 == 0) h[k] = static_cast<uint8_t>(((256 - wx) * s[k] + 128) >> 8);
-      if (x1 == d + 1) h[4 * d + k] = static_cast<uint8_t>((wx * s[4 * (d - 1) + k] + 128) >> 8);
+      if (x0 == 0) HeldAt(tmp, held, 0, y)[k] = static_cast<uint8_t>(((256 - wx) * HeldAt(shape, held, 0, y)[k] + 128) >> 8);
+      if (x1 == d + 1) {
+        HeldAt(tmp, held, d, y)[k] = static_cast<uint8_t>((wx * HeldAt(shape, held, d - 1, y)[k] + 128) >> 8);
+      }
     }
   }
   const int32_t count = x1 - x0;
   for (int32_t y = shape_roi.bottom - 1; y >= shape_roi.top; --y) {
-    uint8_t* t = RowPtr(tmp, y) + static_cast<ptrdiff_t>(x0) * 4;
+    uint8_t* t = HeldAt(tmp, held, x0, y);
     // A missing row (above the shape or below it) takes weight 0 and any
     // valid pointer.
-    const uint8_t* cur = y < d ? t : RowPtr(tmp, y - 1) + static_cast<ptrdiff_t>(x0) * 4;
-    const uint8_t* above = y > 0 ? RowPtr(tmp, y - 1) + static_cast<ptrdiff_t>(x0) * 4 : t;
+    const uint8_t* cur = y < d ? t : HeldAt(tmp, held, x0, y - 1);
+    const uint8_t* above = y > 0 ? HeldAt(tmp, held, x0, y - 1) : t;
     mix(cur, above, y < d ? 256 - wy : 0, y > 0 ? wy : 0, t, count);
   }
   int32_t c[4];
   ChannelFactors(args, c);
   for (int32_t y = shape_roi.top; y < shape_roi.bottom; ++y) {
-    paste(RowPtr(tmp, y) + static_cast<ptrdiff_t>(x0) * 4, LightAt(light, origin.x + x0, origin.y + y), count, c,
-          args.mode);
+    paste(HeldAt(tmp, held, x0, y), LightAt(light, origin.x + x0, origin.y + y), count, c, args.mode);
   }
   return S_OK;
 }
@@ -168,7 +195,14 @@ int32_t CheckLightMapAdd(const LightMapAddParam& p, const Rect& band) {
 
 }  // namespace
 
-void AddRowPlain(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count) {
+void AddRowPlain(const uint8_t* b, const uint8_t* l, uint8_t* o, int32_t count, const uint8_t* table) {
+  if (table) {
+    for (int32_t x = 0; x < count; ++x, b += 4, l += 4, o += 4) {
+      for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + table[l[k]]));
+      o[3] = b[3];
+    }
+    return;
+  }
   for (int32_t x = 0; x < count; ++x, b += 4, l += 4, o += 4) {
     for (int k = 0; k < 3; ++k) o[k] = static_cast<uint8_t>(std::min(255, b[k] + l[k]));
     o[3] = b[3];
@@ -181,7 +215,8 @@ int32_t RunImageAddLightMap(const LightMapAddParam& p, const Rect& band, AddRowF
   for (int32_t y = band.top; y < band.bottom; ++y) {
     row(RowPtr(p.base, y) + static_cast<ptrdiff_t>(band.left) * 4,
         RowPtr(p.light, y) + static_cast<ptrdiff_t>(band.left) * 4,
-        RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left);
+        RowPtr(p.dst, y - p.roi.top) + static_cast<ptrdiff_t>(band.left - p.roi.left) * 4, band.right - band.left,
+        p.table);
   }
   return S_OK;
 }
@@ -198,6 +233,18 @@ int32_t CalPasteLightROI(Rect& shape_roi, PointI pt, int32_t d, int32_t h, int32
   return S_OK;
 }
 
+Rect LightShapeWindow(int32_t d, int32_t map_w, int32_t map_h) {
+  const int64_t half = HalfSize(d);
+  const auto span = [&](int64_t extent, int32_t& lo, int32_t& hi) {
+    lo = static_cast<int32_t>(std::max<int64_t>(0, half - extent - 2));
+    hi = static_cast<int32_t>(std::min<int64_t>(d, half + extent + 2));
+  };
+  Rect w;
+  span(map_w, w.left, w.right);
+  span(map_h, w.top, w.bottom);
+  return w;
+}
+
 int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int32_t d, int32_t h, int32_t w) {
   if (d < 1 || h < 1 || w < 1) return E_INVALIDARG;
   int32_t wx, wy;
@@ -207,36 +254,27 @@ int32_t CalBilinearPasteLightROI(Rect& shape_roi, PointI& origin, PointF pt, int
   return S_OK;
 }
 
-int32_t CalLightMapScaleRatio(int32_t long_side, float& ratio) {
-  if (long_side < 1) return E_INVALIDARG;
-  if (long_side <= 640) {
-    ratio = 1.0f;
-  } else if (long_side < 5120) {
-    const float t = static_cast<float>(long_side - 640) / 4480.0f;
-    ratio = 1.0f - t + 0.25f * t;
-  } else {
-    ratio = 0.25f;
-  }
-  return S_OK;
-}
-
-int32_t PasteLight(const SmartBuffer& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
+int32_t PasteLight(const LightShape& shape, SmartBuffer& light, PointI pt_int, const LightPasteArgs& args,
                    const Rect& shape_roi) {
   return RunPasteLight(shape, light, pt_int, args, shape_roi, PasteRowPlain);
 }
 
-int32_t BilinearPasteLight(const SmartBuffer& shape, SmartBuffer& tmp, SmartBuffer& light, PointF pt,
-                           const LightPasteArgs& args, const Rect& shape_roi) {
-  return RunBilinearPasteLight(shape, tmp, light, pt, args, shape_roi, PasteRowPlain, MixRowPlain);
+int32_t BilinearPasteLight(LightShape& shape, SmartBuffer& light, PointF pt, const LightPasteArgs& args,
+                           const Rect& shape_roi) {
+  return RunBilinearPasteLight(shape, light, pt, args, shape_roi, PasteRowPlain, MixRowPlain);
 }
 
 int32_t ImageAddLightMap(const LightMapAddParam& p, const Rect& band) {
   return RunImageAddLightMap(p, band, AddRowPlain);
 }
 
-int32_t RunLightMapAdd(ThreadJob* job, int32_t* result) {
-  const auto* t = static_cast<const LightMapAddTask*>(job->param);
-  return Done(result, t->fn(t->p, job->rect));
+void CalLightAddTable(float strength, uint8_t table[256]) {
+  strength = ClampStrength(strength);
+  for (int32_t i = 0; i < 256; ++i) {
+    // i x strength in float, the + 0.5 in double, as the SSE form does it.
+    const int32_t v = static_cast<int32_t>(static_cast<float>(i) * strength + 0.5);
+    table[i] = static_cast<uint8_t>(std::min(std::max(v, 0), 255));
+  }
 }
 
 }  // namespace Korvane

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "core/BandTask.h"
@@ -11,6 +12,7 @@
 #include "core/DebugLog.h"
 #include "core/ImageChecks.h"
 #include "core/LightPaste.h"
+#include "core/LightPointDetectDetail.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
 
@@ -20,7 +22,16 @@ namespace {
 
 bool IsFloat(const SmartBuffer& b) { return IsFormat(b, PIXEL_FLOAT32); }
 
-// Pixels present, format right, rows long enough: the checks every kernel makes.
+inline float Lightness(const uint8_t* p) {
+  const int32_t mx = std::max(p[0], std::max(p[1], p[2]));
+  const int32_t mn = std::min(p[0], std::min(p[1], p[2]));
+  return static_cast<float>(mx + mn) * 0.5f;
+}
+
+}  // namespace
+
+namespace lightpoint_detail {
+
 int32_t CheckMap(const SmartBuffer& b, bool is_float) {
   if (!b.data) return E_POINTER;
   if (is_float ? !IsFloat(b) : !IsBgra(b)) return E_NOTIMPL;
@@ -28,8 +39,7 @@ int32_t CheckMap(const SmartBuffer& b, bool is_float) {
   return S_OK;
 }
 
-// Inside the image; may be empty (the pool hands out empty bands when an
-// image has fewer rows than workers).
+// The pool hands out empty bands when an image has fewer rows than workers.
 int32_t CheckRoi(const Rect& roi, const SmartBuffer& a) {
   return roi.left >= 0 && roi.top >= 0 && roi.right <= a.width && roi.bottom <= a.height && roi.right >= roi.left &&
                  roi.bottom >= roi.top
@@ -37,7 +47,6 @@ int32_t CheckRoi(const Rect& roi, const SmartBuffer& a) {
              : E_INVALIDARG;
 }
 
-// Checks a list of FLOAT32 maps of one size with roi inside them.
 int32_t CheckFloatMaps(std::initializer_list<const SmartBuffer*> maps, const Rect& roi) {
   const SmartBuffer& first = **maps.begin();
   for (const SmartBuffer* m : maps) {
@@ -48,18 +57,65 @@ int32_t CheckFloatMaps(std::initializer_list<const SmartBuffer*> maps, const Rec
   return CheckRoi(roi, first);
 }
 
-inline float Lightness(const uint8_t* p) {
-  const int32_t mx = std::max(p[0], std::max(p[1], p[2]));
-  const int32_t mn = std::min(p[0], std::min(p[1], p[2]));
-  return static_cast<float>(mx + mn) * 0.5f;
+void LightnessRow(const uint8_t* s, float* out, int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) out[x] = Lightness(s + 4 * x);
 }
 
-// The lightness of src's row y over all columns (the gradients sample
-// outside roi's columns).
-void LightnessRow(const SmartBuffer& src, int32_t y, float* out) {
-  const uint8_t* s = RowPtr<const uint8_t>(src, y);
-  for (int32_t x = 0; x < src.width; ++x) out[x] = Lightness(s + 4 * x);
+void ProductsRow(const float* l, const float* above, const float* below, int32_t d, float* xx, float* yy, float* xy,
+                 int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) {
+    const float gx = (l[x - d] - l[x + d]) / 255.0f;
+    const float gy = (above[x] - below[x]) / 255.0f;
+    xx[x] = gx * gx;
+    yy[x] = gy * gy;
+    xy[x] = gx * gy;
+  }
 }
+
+void ResponseRow(const float* xx, const float* yy, const float* xy, float k, float* out, int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) {
+    const float trace = xx[x] + yy[x];
+    out[x] = xx[x] * yy[x] - xy[x] * xy[x] - k * trace * trace;
+  }
+}
+
+void MinMaxRow(const float* p, int32_t x0, int32_t x1, float& lo, float& hi) {
+  for (int32_t x = x0; x < x1; ++x) {
+    lo = std::min(lo, p[x]);
+    hi = std::max(hi, p[x]);
+  }
+}
+
+void NormalizeRow(float* p, float from_lo, float to_span, float from_span, float to_lo, float to_hi, int32_t x0,
+                  int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) {
+    const float v = (p[x] - from_lo) * to_span / from_span + to_lo;
+    p[x] = std::max(to_lo, std::min(to_hi, v));
+  }
+}
+
+void SuppressRow(const float* win, const float* s, float* out, int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) {
+    if (!(win[x] > s[x])) out[x] = s[x];
+  }
+}
+
+void ThreshRow(float* p, float t, int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) p[x] = p[x] >= t ? 1.0f : 0.0f;
+}
+
+void CvtRow(const float* s, uint8_t* out, int32_t x0, int32_t x1) {
+  for (int32_t x = x0; x < x1; ++x) {
+    const float v = s[x];
+    out[x] = v > 0.0f ? static_cast<uint8_t>(std::min(v, 255.0f)) : 0;
+  }
+}
+
+}  // namespace lightpoint_detail
+
+using namespace lightpoint_detail;
+
+namespace {
 
 int32_t CheckGradient(const SmartBuffer& src, const SmartBuffer& dst, int32_t d, const Rect& roi) {
   int32_t hr = CheckMap(src, false);
@@ -77,7 +133,7 @@ int32_t GradientH(const SmartBuffer& src, SmartBuffer& dst, int32_t d, const Rec
   std::vector<float> light(static_cast<size_t>(src.width));
   const int32_t last = src.width - 1;
   for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    LightnessRow(src, y, light.data());
+    LightnessRow(RowPtr<const uint8_t>(src, y), light.data(), 0, src.width);
     float* out = RowPtr<float>(dst, y);
     for (int32_t x = roi.left; x < roi.right; ++x) {
       const float a = light[static_cast<size_t>(std::max(x - d, 0))];
@@ -119,14 +175,8 @@ int32_t CalCornerResponse(const SmartBuffer& dxx, const SmartBuffer& dyy, const 
   int32_t hr = CheckFloatMaps({&dxx, &dyy, &dxy, &dst}, roi);
   if (hr < 0) return hr;
   for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    const float* xx = RowPtr<const float>(dxx, y);
-    const float* yy = RowPtr<const float>(dyy, y);
-    const float* xy = RowPtr<const float>(dxy, y);
-    float* out = RowPtr<float>(dst, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      const float trace = xx[x] + yy[x];
-      out[x] = xx[x] * yy[x] - xy[x] * xy[x] - k * trace * trace;
-    }
+    ResponseRow(RowPtr<const float>(dxx, y), RowPtr<const float>(dyy, y), RowPtr<const float>(dxy, y), k,
+                RowPtr<float>(dst, y), roi.left, roi.right);
   }
   return S_OK;
 }
@@ -135,13 +185,7 @@ int32_t GetBuffMinMax(const SmartBuffer& buf, float& min_value, float& max_value
   int32_t hr = CheckFloatMaps({&buf}, roi);
   if (hr < 0) return hr;
   float lo = FLT_MAX, hi = FLT_MIN;
-  for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    const float* p = RowPtr<const float>(buf, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      lo = std::min(lo, p[x]);
-      hi = std::max(hi, p[x]);
-    }
-  }
+  for (int32_t y = roi.top; y < roi.bottom; ++y) MinMaxRow(RowPtr<const float>(buf, y), roi.left, roi.right, lo, hi);
   min_value = lo;
   max_value = hi;
   return S_OK;
@@ -155,11 +199,7 @@ int32_t NormalizeMinMax(SmartBuffer& buf, float from_lo, float from_hi, float to
   // positive value) must still send 0 to 0 rather than 0 x infinity.
   const float to_span = to_hi - to_lo, from_span = from_hi - from_lo;
   for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    float* p = RowPtr<float>(buf, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      const float v = (p[x] - from_lo) * to_span / from_span + to_lo;
-      p[x] = std::max(to_lo, std::min(to_hi, v));
-    }
+    NormalizeRow(RowPtr<float>(buf, y), from_lo, to_span, from_span, to_lo, to_hi, roi.left, roi.right);
   }
   return S_OK;
 }
@@ -205,11 +245,7 @@ int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, 
       const float* m = row_max.data() + cols * static_cast<size_t>(yy - top);
       for (size_t i = 0; i < cols; ++i) win[i] = std::max(win[i], m[i]);
     }
-    const float* s = RowPtr<const float>(src, y);
-    float* out = RowPtr<float>(dst, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      if (!(win[static_cast<size_t>(x - roi.left)] > s[x])) out[x] = s[x];
-    }
+    SuppressRow(win.data() - roi.left, RowPtr<const float>(src, y), RowPtr<float>(dst, y), roi.left, roi.right);
   }
   return S_OK;
 }
@@ -217,10 +253,7 @@ int32_t NonMaximumSuppress(const SmartBuffer& src, SmartBuffer& dst, int32_t r, 
 int32_t ThreshCornerMap(SmartBuffer& map, float t, const Rect& roi) {
   int32_t hr = CheckFloatMaps({&map}, roi);
   if (hr < 0) return hr;
-  for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    float* p = RowPtr<float>(map, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) p[x] = p[x] >= t ? 1.0f : 0.0f;
-  }
+  for (int32_t y = roi.top; y < roi.bottom; ++y) ThreshRow(RowPtr<float>(map, y), t, roi.left, roi.right);
   return S_OK;
 }
 
@@ -231,12 +264,7 @@ int32_t CvtBuffFloatToChar(const SmartBuffer& src, SmartBuffer& dst, const Rect&
   if (!IsGray8(dst)) return E_NOTIMPL;
   if (!RowsFit(dst, 1) || !SameSize(src, dst)) return E_INVALIDARG;
   for (int32_t y = roi.top; y < roi.bottom; ++y) {
-    const float* s = RowPtr<const float>(src, y);
-    uint8_t* out = RowPtr<uint8_t>(dst, y);
-    for (int32_t x = roi.left; x < roi.right; ++x) {
-      const float v = s[x];
-      out[x] = v > 0.0f ? static_cast<uint8_t>(std::min(v, 255.0f)) : 0;
-    }
+    CvtRow(RowPtr<const float>(src, y), RowPtr<uint8_t>(dst, y), roi.left, roi.right);
   }
   return S_OK;
 }
@@ -247,23 +275,74 @@ int32_t LightPointRadius(int32_t long_side, float max_radius) {
 
 namespace {
 
+// The detector's kernels in the form `info` picks.
+struct DetectKernels {
+  Kernel<void (*)(const uint8_t*, float*, int32_t, int32_t)> lightness;
+  Kernel<void (*)(const float*, const float*, const float*, int32_t, float*, float*, float*, int32_t, int32_t)> products;
+  Kernel<int32_t (*)(const SmartBuffer&, const SmartBuffer&, const SmartBuffer&, SmartBuffer&, float, const Rect&)>
+      response;
+  Kernel<int32_t (*)(const SmartBuffer&, float&, float&, const Rect&)> min_max;
+  Kernel<int32_t (*)(SmartBuffer&, float, float, float, float, const Rect&)> normalize;
+  Kernel<int32_t (*)(const SmartBuffer&, SmartBuffer&, int32_t, const Rect&)> suppress;
+  Kernel<int32_t (*)(SmartBuffer&, float, const Rect&)> threshold;
+  Kernel<int32_t (*)(const SmartBuffer&, SmartBuffer&, const Rect&)> to_char;
 
-}  // namespace
+  // The plain forms serve processors without AVX2 (there are no SSE4.1 ones).
+  explicit DetectKernels(const SystemInfo& info)
+      : lightness(Pick(info, &LightnessRow, "LightnessRow", KORVANE_AVX2(LightnessRow_AVX2), "LightnessRow_AVX2")),
+        products(Pick(info, &ProductsRow, "ProductsRow", KORVANE_AVX2(ProductsRow_AVX2), "ProductsRow_AVX2")),
+        response(Pick(info, &CalCornerResponse, "CalCornerResponse", KORVANE_AVX2(CalCornerResponse_AVX2),
+                      "CalCornerResponse_AVX2")),
+        min_max(Pick(info, &GetBuffMinMax, "GetBuffMinMax", KORVANE_AVX2(GetBuffMinMax_AVX2), "GetBuffMinMax_AVX2")),
+        normalize(Pick(info, &NormalizeMinMax, "NormalizeMinMax", KORVANE_AVX2(NormalizeMinMax_AVX2),
+                       "NormalizeMinMax_AVX2")),
+        suppress(Pick(info, &NonMaximumSuppress, "NonMaximumSuppress", KORVANE_AVX2(NonMaximumSuppress_AVX2),
+                      "NonMaximumSuppress_AVX2")),
+        threshold(Pick(info, &ThreshCornerMap, "ThreshCornerMap", KORVANE_AVX2(ThreshCornerMap_AVX2),
+                       "ThreshCornerMap_AVX2")),
+        to_char(Pick(info, &CvtBuffFloatToChar, "CvtBuffFloatToChar", KORVANE_AVX2(CvtBuffFloatToChar_AVX2),
+                     "CvtBuffFloatToChar_AVX2")) {}
 
-int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
-                     int32_t d, const Rect& roi) {
-  int32_t hr = CheckMap(src, false);
-  if (hr < 0) return hr;
-  if (!dst.data) return E_POINTER;
-  if (!IsFloat(dst)) return E_NOTIMPL;
-  if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
-
-  SmartBuffer light, dxx, dyy, dxy;
-  for (SmartBuffer* b : {&light, &dxx, &dyy, &dxy}) {
-    if (KORVANE_FAILED(CreateSmartBufferData(*b, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  template <class F>
+  static Kernel<F> Pick(const SystemInfo& info, F plain, const char* plain_name, F avx2, const char* avx2_name) {
+    return ChooseKernel<F>(info, plain, plain_name, nullptr, "", avx2, avx2_name);
   }
-  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) FillMap(*b);
-  FillMap(dst);
+};
+
+// Float maps of one size carved out of one allocation: a block of several
+// megabytes goes on huge pages where the system allows it (see
+// AllocatePixels), where separate maps would each take a page fault every
+// 4 KB, a large part of a 640-pixel detection's time.
+struct MapBlock {
+  SmartBuffer block;
+  int32_t map_height = 0;
+
+  int32_t Create(int32_t w, int32_t h, int32_t count) {
+    map_height = h;
+    return CreateSmartBufferData(block, w, h * count, PIXEL_FLOAT32);
+  }
+  SmartBuffer Map(int32_t i) const {
+    SmartBuffer m = block;
+    m.height = map_height;
+    m.data = std::shared_ptr<unsigned char[]>(block.data, block.data.get() + static_cast<size_t>(block.stride) *
+                                                                                  static_cast<size_t>(map_height) *
+                                                                                  static_cast<size_t>(i));
+    return m;
+  }
+};
+
+// HarrisCorner with its four working maps (lightness and the three
+// products) taken from `scratch`, from map `first` on. Only their roi is
+// ever read, so they are not cleared.
+int32_t HarrisWith(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                   int32_t d, const Rect& roi, const MapBlock& scratch, int32_t first) {
+  int32_t hr;
+  const DetectKernels kernels(info);
+  SmartBuffer light = scratch.Map(first), dxx = scratch.Map(first + 1), dyy = scratch.Map(first + 2),
+              dxy = scratch.Map(first + 3);
+  // The response covers the roi; the rest of dst is cleared.
+  const bool whole = roi.left == 0 && roi.top == 0 && roi.right == src.width && roi.bottom == src.height;
+  if (!whole) FillMap(dst);
 
   // The lightness once, then the gradients (as GradientH and GradientV
   // compute them) straight into their products: no gradient maps. The
@@ -271,7 +350,9 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
   // covers whole rows.
   const int32_t last_x = src.width - 1, last_y = src.height - 1;
   hr = RunBands(adapter, FullRect(src), [&](const Rect& band) {
-    for (int32_t y = band.top; y < band.bottom; ++y) LightnessRow(src, y, RowPtr<float>(light, y));
+    for (int32_t y = band.top; y < band.bottom; ++y) {
+      kernels.lightness.fn(RowPtr<const uint8_t>(src, y), RowPtr<float>(light, y), 0, src.width);
+    }
     return S_OK;
   });
   if (hr >= 0) {
@@ -286,54 +367,59 @@ int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const Smar
         float* xx = RowPtr<float>(dxx, y);
         float* yy = RowPtr<float>(dyy, y);
         float* xy = RowPtr<float>(dxy, y);
-        auto products = [&](int32_t x, float gx) {
+        // Columns near the sides sample clamped columns.
+        auto clamped = [&](int32_t x) {
+          const float gx = (l[std::max(x - d, 0)] - l[std::min(x + d, last_x)]) / 255.0f;
           const float gy = (above[x] - below[x]) / 255.0f;
           xx[x] = gx * gx;
           yy[x] = gy * gy;
           xy[x] = gx * gy;
         };
-        auto clamped = [&](int32_t x) { products(x, (l[std::max(x - d, 0)] - l[std::min(x + d, last_x)]) / 255.0f); };
         for (int32_t x = band.left; x < inner0; ++x) clamped(x);
-        for (int32_t x = inner0; x < inner1; ++x) products(x, (l[x - d] - l[x + d]) / 255.0f);
+        kernels.products.fn(l, above, below, d, xx, yy, xy, inner0, inner1);
         for (int32_t x = inner1; x < band.right; ++x) clamped(x);
       }
       return S_OK;
     });
   }
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("GradientH", hr);
-    return hr;
-  }
+  if (LogStep("GradientH", hr) < 0) return hr;
   // Two box blurs each way over the products.
   for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
     BoxBlurParam blur;
     blur.src = MapView(*b, roi, PIXEL_FLOAT32);
     blur.radius = d;
     const Rect whole{0, 0, blur.src.width, blur.src.height};
-    if ((hr = RunBoxBlur(adapter, info, blur, whole, 2)) < 0) {
-      KORVANE_LOG_FAILED_STEP("BoxBlurH", hr);
-      return hr;
-    }
+    if ((hr = LogStep("BoxBlurH", RunBoxBlur(adapter, info, blur, whole, 2))) < 0) return hr;
   }
-  hr = RunBands(adapter, roi, [&](const Rect& band) { return CalCornerResponse(dxx, dyy, dxy, dst, k, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("CalCornerResponse", hr);
+  hr = RunBands(adapter, roi, [&](const Rect& band) { return kernels.response.fn(dxx, dyy, dxy, dst, k, band); });
+  if (LogStep(kernels.response.name, hr) < 0) return hr;
+  float lo = 0.0f, hi = 0.0f;
+  if ((hr = LogKernelCall("%s(dst, lo, hi, roi)", kernels.min_max.name, kernels.min_max.fn(dst, lo, hi, roi))) < 0) {
     return hr;
   }
-  float lo = 0.0f, hi = 0.0f;
-  if (KORVANE_FAILED(GetBuffMinMax(dst, lo, hi, roi))) return hr;
   if (lo == hi) {
     FillMap(dst);
     return S_OK;
   }
   // Over [0, maximum], not [minimum, maximum]: negative responses (edges)
   // end at 0, and the scale does not depend on how strong the edges are.
-  hr = RunBands(adapter, roi, [&](const Rect& band) { return NormalizeMinMax(dst, 0.0f, hi, 0.0f, 255.0f, band); });
-  if (hr < 0) {
-    KORVANE_LOG_FAILED_STEP("NormalizeMinMax", hr);
-    return hr;
-  }
-  return S_OK;
+  return LogStep(kernels.normalize.name, RunBands(adapter, roi, [&](const Rect& band) {
+                   return kernels.normalize.fn(dst, 0.0f, hi, 0.0f, 255.0f, band);
+                 }));
+}
+
+}  // namespace
+
+int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
+                     int32_t d, const Rect& roi) {
+  int32_t hr = CheckMap(src, false);
+  if (hr < 0) return hr;
+  if (!dst.data) return E_POINTER;
+  if (!IsFloat(dst)) return E_NOTIMPL;
+  if (!RowsFit(dst, 4) || !SameSize(src, dst) || d < 0 || CheckRoi(roi, src) < 0) return E_INVALIDARG;
+  MapBlock scratch;
+  if (KORVANE_FAILED(scratch.Create(src.width, src.height, 4))) return hr;
+  return HarrisWith(adapter, info, src, dst, k, d, roi, scratch, 0);
 }
 
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -343,27 +429,25 @@ int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const
   if (settings.nms_radius < 0) return E_INVALIDARG;
   const int32_t radius =
       settings.radius >= 0 ? settings.radius : LightPointRadius(std::max(src.width, src.height), 4.0f);
-  SmartBuffer densive_corner_map;
-  if (KORVANE_FAILED(CreateSmartBufferData(densive_corner_map, src.width, src.height, PIXEL_FLOAT32))) return hr;
+  // The dense response and Harris's working maps in one block.
+  MapBlock maps;
+  if (KORVANE_FAILED(maps.Create(src.width, src.height, 5))) return hr;
+  SmartBuffer densive_corner_map = maps.Map(0);
   if (KORVANE_FAILED(CreateSmartBufferData(map, src.width, src.height, PIXEL_FLOAT32))) return hr;
   FillMap(map);
   const Rect roi = FullRect(src);
-  if ((hr = HarrisCorner(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi)) < 0) {
-    KORVANE_LOG_FAILED_STEP("HarrisCorner", hr);
+  if ((hr = LogStep("HarrisCorner", HarrisWith(adapter, info, src, densive_corner_map, settings.harris_k, radius, roi,
+                                               maps, 1))) < 0) {
     return hr;
   }
   // Suppression and threshold in one band task: the threshold reads only
   // the pixels its band has just written.
-  hr = RunBands(adapter, roi, [&](const Rect& band) {
-    int32_t code = NonMaximumSuppress(densive_corner_map, map, settings.nms_radius, band);
-    if (code < 0) {
-      KORVANE_LOG_FAILED_STEP("NonMaximumSuppress", code);
-      return code;
-    }
-    if ((code = ThreshCornerMap(map, settings.threshold, band)) < 0) KORVANE_LOG_FAILED_STEP("ThreshCornerMap", code);
-    return code;
+  const DetectKernels kernels(info);
+  return RunBands(adapter, roi, [&](const Rect& band) {
+    const int32_t code = LogStep(kernels.suppress.name,
+                                 kernels.suppress.fn(densive_corner_map, map, settings.nms_radius, band));
+    return code < 0 ? code : LogStep(kernels.threshold.name, kernels.threshold.fn(map, settings.threshold, band));
   });
-  return hr;
 }
 
 int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
@@ -372,10 +456,76 @@ int32_t InitAutoBokehMap(CThreadAdapter& adapter, const SystemInfo& info, const 
   int32_t hr;
   SmartBuffer sparse_corner_map;
   if ((hr = DetectLightPoints(adapter, info, src, LightPointSettings(), sparse_corner_map)) < 0) return hr;
-  hr = RunBands(adapter, FullRect(src),
-                [&](const Rect& band) { return CvtBuffFloatToChar(sparse_corner_map, location_map, band); });
-  if (hr < 0) KORVANE_LOG_FAILED_STEP("CvtBuffFloatToChar", hr);
-  return hr;
+  const DetectKernels kernels(info);
+  return LogStep(kernels.to_char.name, RunBands(adapter, FullRect(src), [&](const Rect& band) {
+                   return kernels.to_char.fn(sparse_corner_map, location_map, band);
+                 }));
+}
+
+namespace {
+
+// The first words of MT19937 for up to kHeadBatch seeds at once. Word k
+// (k < 227) of the standard engine comes from the seeding's words k, k + 1
+// and k + 397 alone, so only the first kHeadWords + 398 words of each
+// seeding are made, and the seeds' recurrences run side by side so their
+// multiplications overlap. A point draws three words (now and then a
+// redrawn fourth); past kHeadWords the standard engine takes over.
+constexpr int32_t kHeadWords = 6;
+constexpr int32_t kHeadBatch = 8;
+using HeadWords = uint32_t[kHeadWords];
+
+void SeedHeads(const uint32_t* seeds, int32_t count, HeadWords* heads) {
+  constexpr int32_t kSeeding = kHeadWords + 398;
+  uint32_t x[kSeeding][kHeadBatch];
+  for (int32_t s = 0; s < count; ++s) x[0][s] = seeds[s];
+  for (uint32_t i = 1; i < static_cast<uint32_t>(kSeeding); ++i)
+    for (int32_t s = 0; s < count; ++s) x[i][s] = 1812433253u * (x[i - 1][s] ^ (x[i - 1][s] >> 30)) + i;
+  for (int32_t k = 0; k < kHeadWords; ++k)
+    for (int32_t s = 0; s < count; ++s) {
+      const uint32_t y = (x[k][s] & 0x80000000u) | (x[k + 1][s] & 0x7fffffffu);
+      uint32_t z = x[k + 397][s] ^ (y >> 1) ^ ((y & 1u) ? 0x9908b0dfu : 0u);
+      z ^= z >> 11;
+      z ^= (z << 7) & 0x9d2c5680u;
+      z ^= (z << 15) & 0xefc60000u;
+      heads[s][k] = z ^ (z >> 18);
+    }
+}
+
+// The words of MT19937 seeded with `seed`: its head, then the engine itself.
+class SeededWords {
+ public:
+  SeededWords(uint32_t seed, const HeadWords& head) : m_seed(seed), m_head(head) {}
+  uint32_t operator()() {
+    if (m_used < kHeadWords) return m_head[m_used++];
+    if (!m_rest) {
+      m_rest = std::make_unique<Mt19937>(m_seed);
+      m_rest->discard(kHeadWords);
+    }
+    return static_cast<uint32_t>((*m_rest)());
+  }
+
+ private:
+  uint32_t m_seed;
+  const HeadWords& m_head;
+  int32_t m_used = 0;
+  std::unique_ptr<Mt19937> m_rest;  // made only when a point draws past its head
+};
+
+LightPoint DrawFrom(SeededWords& gen, int32_t phase_count, int32_t color_count) {
+  LightPoint p;
+  p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
+  p.random = DrawUnit(gen);
+  p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
+  return p;
+}
+
+}  // namespace
+
+LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count) {
+  HeadWords head;
+  SeedHeads(&seed, 1, &head);
+  SeededWords gen(seed, head);
+  return DrawFrom(gen, phase_count, color_count);
 }
 
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list) {
@@ -384,44 +534,29 @@ int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t 
   const bool is_float = IsFloat(map);
   if (!is_float && !IsGray8(map)) return E_NOTIMPL;
   if (!RowsFit(map, is_float ? 4 : 1) || phase_count < 1 || color_count < 1) return E_INVALIDARG;
+  // The marked pixels in scan order, then their draws a batch at a time.
+  std::vector<uint32_t> marked;
   for (int32_t y = 0; y < map.height; ++y) {
     const uint8_t* row8 = RowPtr<const uint8_t>(map, y);
     const float* rowf = RowPtr<const float>(map, y);
     for (int32_t x = 0; x < map.width; ++x) {
-      if (is_float ? rowf[x] != 1.0f : row8[x] != 1) continue;
-      const int32_t index = y * map.width + x;
-      Mt19937 gen(static_cast<uint32_t>(index));
-      LightPoint p;
-      p.phase = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(phase_count)));
-      p.random = DrawUnit(gen);
-      p.color_index = static_cast<int32_t>(DrawIndex(gen, static_cast<uint32_t>(color_count)));
-      p.x = x;
-      p.y = y;
-      list.insert_or_assign(index, p);
+      if (is_float ? rowf[x] == 1.0f : row8[x] == 1) marked.push_back(static_cast<uint32_t>(y * map.width + x));
+    }
+  }
+  HeadWords heads[kHeadBatch];
+  for (size_t first = 0; first < marked.size(); first += kHeadBatch) {
+    const int32_t count = static_cast<int32_t>(std::min<size_t>(kHeadBatch, marked.size() - first));
+    SeedHeads(marked.data() + first, count, heads);
+    for (int32_t i = 0; i < count; ++i) {
+      const uint32_t index = marked[first + static_cast<size_t>(i)];
+      SeededWords gen(index, heads[i]);
+      LightPoint p = DrawFrom(gen, phase_count, color_count);
+      p.x = static_cast<int32_t>(index % static_cast<uint32_t>(map.width));
+      p.y = static_cast<int32_t>(index / static_cast<uint32_t>(map.width));
+      list.insert_or_assign(static_cast<int32_t>(index), p);
     }
   }
   return S_OK;
-}
-
-int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table) {
-  if (!curve) return E_POINTER;
-  if (count < 1 || samples < 2) return E_INVALIDARG;
-  table.resize(static_cast<size_t>(count));
-  const float step = static_cast<float>(samples) / static_cast<float>(count);
-  for (int32_t i = 0; i < count; ++i) {
-    const float x = static_cast<float>(i) * step;
-    const int32_t k = std::min(static_cast<int32_t>(x), samples - 2);
-    const float f = x - static_cast<float>(k);
-    table[static_cast<size_t>(i)] = (1.0f - f) * curve[k] + f * curve[k + 1];
-  }
-  return S_OK;
-}
-
-int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles) {
-  const int32_t frame = std::min(
-      static_cast<int32_t>(static_cast<float>(phase) * static_cast<float>(count) / static_cast<float>(samples) + 0.5f),
-      count - 1);
-  return static_cast<int32_t>((frame + static_cast<int64_t>(index % count) * cycles) % count);
 }
 
 int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,
@@ -443,6 +578,7 @@ int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm
     out.random = p.random;
     out.color_index = p.color_index;
     out.enabled = p.enabled;
+    out.highlight = p.highlight;
   }
   return S_OK;
 }

@@ -73,6 +73,17 @@ int32_t ThreshCornerMap(SmartBuffer& map, float t, const Rect& roi);
 // FLOAT32 to GRAY8: clamped to [0, 255] (NaN and values <= 0 give 0), truncated.
 int32_t CvtBuffFloatToChar(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi);
 
+// AVX2 forms of the kernels the detector runs, with the same results (and
+// codes). There are no SSE4.1 forms: the detector works on a 640-pixel copy,
+// where the plain forms serve older processors well enough.
+int32_t CalCornerResponse_AVX2(const SmartBuffer& dxx, const SmartBuffer& dyy, const SmartBuffer& dxy, SmartBuffer& dst,
+                               float k, const Rect& roi);
+int32_t GetBuffMinMax_AVX2(const SmartBuffer& buf, float& min_value, float& max_value, const Rect& roi);
+int32_t NormalizeMinMax_AVX2(SmartBuffer& buf, float from_lo, float from_hi, float to_lo, float to_hi, const Rect& roi);
+int32_t NonMaximumSuppress_AVX2(const SmartBuffer& src, SmartBuffer& dst, int32_t r, const Rect& roi);
+int32_t ThreshCornerMap_AVX2(SmartBuffer& map, float t, const Rect& roi);
+int32_t CvtBuffFloatToChar_AVX2(const SmartBuffer& src, SmartBuffer& dst, const Rect& roi);
+
 // ---------------------------------------------------------------------------
 // The detector.
 
@@ -82,8 +93,8 @@ int32_t LightPointRadius(int32_t long_side, float max_radius);
 
 // Harris response of src (BGRA32) into dst (FLOAT32, src's size), scaled to
 // [0, 255] over [0, maximum]; negative responses (edges) become 0 and a flat
-// image (minimum == maximum) gives all zeros. Runs on the adapter; the
-// kernels' plain forms serve every SIMD level. E_POINTER / E_NOTIMPL as the
+// image (minimum == maximum) gives all zeros. Runs on the adapter, with the
+// kernels' AVX2 forms where `info` allows them. E_POINTER / E_NOTIMPL as the
 // kernels; E_INVALIDARG for d < 0 or roi outside the images.
 int32_t HarrisCorner(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src, SmartBuffer& dst, float k,
                      int32_t d, const Rect& roi);
@@ -97,7 +108,8 @@ struct LightPointSettings {
 
 // The whole detector: `map` (created here as FLOAT32 at src's size) holds
 // 1.0 at a light point and 0.0 elsewhere. Logs a failing stage with its
-// name ("HarrisCorner", "NonMaximumSuppress", "ThreshCornerMap").
+// name ("HarrisCorner", then the form that ran: "NonMaximumSuppress" or
+// "NonMaximumSuppress_AVX2", "ThreshCornerMap" or "ThreshCornerMap_AVX2").
 int32_t DetectLightPoints(CThreadAdapter& adapter, const SystemInfo& info, const SmartBuffer& src,
                           const LightPointSettings& settings, SmartBuffer& map);
 
@@ -120,18 +132,23 @@ struct LightPoint {
   int32_t size_id = 0;      // shape variant, set per frame (negative: not pasted)
   uint8_t enabled = 1;      // 0: never pasted
   uint8_t flag = 0;         // free for the effect's own use
+  uint8_t highlight = 0;    // sits on real light (MarkHighlights of core/LightHighlights.h)
 };
 
 // Keyed by the pixel index y x width + x, so iteration is in scan order.
 using LightPointList = std::map<int32_t, LightPoint>;
 
+// One point's draws from its own MT19937 seeded with `seed`, in this
+// order: the phase (DrawIndex over phase_count), the random float
+// (DrawUnit), the colour index (DrawIndex over color_count). Every light
+// point of an effect, found or placed, is drawn this way, so the same photo
+// and the same edits animate the same way on every platform.
+LightPoint DrawLightPoint(uint32_t seed, int32_t phase_count, int32_t color_count);
+
 // Clears `list` and adds one entry per map pixel equal to 1 (GRAY8 value 1 or
-// FLOAT32 value 1.0), in scan order. Each entry draws from its own MT19937
-// seeded with its pixel index, in this order: the phase (DrawIndex over
-// phase_count), the random float (DrawUnit), the colour index (DrawIndex
-// over color_count); so the same photo always animates the same way on every
-// platform. E_POINTER without pixels, E_NOTIMPL for another map format,
-// E_INVALIDARG for counts below 1. An empty map gives an empty list.
+// FLOAT32 value 1.0), in scan order, each drawn by DrawLightPoint seeded
+// with its pixel index. E_POINTER without pixels, E_NOTIMPL for another map
+// format, E_INVALIDARG for counts below 1. An empty map gives an empty list.
 int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t color_count, LightPointList& list);
 
 // The public answer of an effect's GetLightPoints: the summary, and the
@@ -140,20 +157,5 @@ int32_t InitLightPointList(const SmartBuffer& map, int32_t phase_count, int32_t 
 // points NULL with a positive capacity.
 int32_t CopyLightPoints(const LightPointList& list, int32_t norm_w, int32_t norm_h, int32_t curve_samples,
                         LightPointSummary* summary, LightPointInfo* points, int32_t capacity);
-
-// ---------------------------------------------------------------------------
-// Twinkling: a point's brightness follows an effect's curve of `samples`
-// values over the loop, starting at its phase.
-
-// The per-frame table: `count` values of the curve stretched over the loop,
-// entry i the linear interpolation at i x samples / count. E_INVALIDARG for
-// count < 1 or fewer than 2 samples.
-int32_t StretchTwinkleCurve(const float* curve, int32_t samples, int32_t count, std::vector<float>& table);
-
-// The table entry of a point with this phase at frame `index` of a loop of
-// `count` frames, when it goes through the curve `cycles` times a loop:
-// its start frame min(trunc(phase x count / samples + 0.5), count - 1),
-// plus index x cycles, modulo count (so frame `count` is frame 0 again).
-int32_t TwinkleFrameOffset(int32_t phase, int32_t samples, int32_t count, int32_t index, int32_t cycles = 1);
 
 }  // namespace Korvane

@@ -17,7 +17,10 @@ struct LightPointInfo {
   float random = 0.0f;      // in [0, 1): the point is shown when it is at least 1 - amount
   int32_t color_index = 0;  // its hue in the effect's table of random hues
   uint8_t enabled = 1;      // 0: hidden (sparkle's SPARKLE_REMOVE)
-  uint8_t reserved[3] = {0, 0, 0};
+  // 1: it sits on real light, bright against the photo and against its
+  // surroundings; the records' highlights_only draws only these.
+  uint8_t highlight = 0;
+  uint8_t reserved[2] = {0, 0};
 };
 
 // What a query reports beside the points.

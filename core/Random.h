@@ -17,8 +17,10 @@ using Mt19937 = std::mt19937;
 
 // An integer in [0, n), n >= 1: the high 32 bits of word x n, redrawn while
 // the low 32 bits fall below (2^32 - n) mod n (tested only when they are
-// below n, which keeps the division off the common path). Unbiased.
-inline uint32_t DrawIndex(Mt19937& gen, uint32_t n) {
+// below n, which keeps the division off the common path). Unbiased. `gen`
+// is an Mt19937, or anything giving the same 32-bit words.
+template <class Gen>
+inline uint32_t DrawIndex(Gen& gen, uint32_t n) {
   uint64_t product = static_cast<uint64_t>(static_cast<uint32_t>(gen())) * n;
   uint32_t low = static_cast<uint32_t>(product);
   if (low < n) {
@@ -39,7 +41,8 @@ inline int32_t DrawInt(Mt19937& gen, int32_t lo, int32_t hi) {
 
 // A float in [0, 1): the word converted to float (round to nearest) over
 // 2^32; a word that rounds up to 1.0 gives the largest float below 1.
-inline float DrawUnit(Mt19937& gen) {
+template <class Gen>
+inline float DrawUnit(Gen& gen) {
   const float v = static_cast<float>(static_cast<uint32_t>(gen())) / 4294967296.0f;
   return v < 1.0f ? v : 0.99999994f;
 }

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include "core/BuiltinShapes.h"
+#include "core/ImageBuffer.h"
 #include "core/ResultCode.h"
 
 #if defined(_WIN32)
@@ -77,6 +79,13 @@ class KorvaneEngine {
   // process: the last call of any engine decides it. Call it while no
   // effect is rendering.
   virtual int32_t SetLogCallback(Korvane::LogCallback callback, void* user) = 0;
+
+  // Draws the built-in light shape `shape` (Korvane::BuiltinShape) over the
+  // whole of *image, which the caller owns: BGRA32 of any size (the effects
+  // use kBokehShapeSide for discs, kGlintShapeSide for glints). E_POINTER
+  // for NULL or no pixels, E_NOTIMPL for another format, E_INVALIDARG for
+  // an empty image, short rows or an unknown shape.
+  virtual int32_t DrawLightShape(int32_t shape, Korvane::ImageBuffer* image) const = 0;
 };
 
 extern "C" {

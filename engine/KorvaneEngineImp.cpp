@@ -5,6 +5,7 @@
 
 #include "core/DebugLog.h"
 #include "core/Platform.h"
+#include "core/ShapeDrawing.h"
 #include "core/Version.h"
 #include "engine/CpuProbe.h"
 
@@ -119,6 +120,11 @@ int32_t KorvaneEngineImp::GetInfo(Korvane::EngineInfo* info) const {
 int32_t KorvaneEngineImp::SetLogCallback(Korvane::LogCallback callback, void* user) {
   Korvane::SetLogSink(callback, user);
   return S_OK;
+}
+
+int32_t KorvaneEngineImp::DrawLightShape(int32_t shape, Korvane::ImageBuffer* image) const {
+  if (!image) return E_POINTER;
+  return Korvane::DrawBuiltinShape(shape, *image);
 }
 
 extern "C" KORVANE_API int32_t CreateKorvaneEngine(KorvaneEngine** p_inst) {

@@ -20,6 +20,7 @@ class KorvaneEngineImp final : public KorvaneEngine {
   int32_t DeleteEffect(void** p_effect_inst, int32_t type) override;
   int32_t GetInfo(Korvane::EngineInfo* info) const override;
   int32_t SetLogCallback(Korvane::LogCallback callback, void* user) override;
+  int32_t DrawLightShape(int32_t shape, Korvane::ImageBuffer* image) const override;
 
   const Korvane::SystemInfo& GetSystemInfo() const { return m_system_info; }
   int32_t GetWorkerCount() const { return m_thread_pool.GetThreadCount(); }

@@ -2,10 +2,14 @@
 // sizes, strides, formats, regions, frame counts and indices, and null
 // pointers where the record allows them. Each call must answer with a result
 // code and write nothing outside the caller's pixels (guard bytes around and
-// between the rows of every image). One table entry per effect; the first
-// input byte picks the entry.
+// between the rows of every image). Bokeh and sparkle also take hostile
+// manual positions and both region modes, and a region render of bokeh,
+// sparkle or light rays must be the crop of the whole render. One table
+// entry per effect; the first input byte picks the entry.
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -73,6 +77,44 @@ Rect SomeRect(FuzzedDataProvider& in, int32_t w, int32_t h) {
 }
 
 int32_t FrameCount(FuzzedDataProvider& in) { return in.ConsumeIntegralInRange<int32_t>(-2, 60); }
+
+// A coordinate of a w-pixel photo, often a hostile one: off the photo, huge,
+// not a number.
+float SomeCoordinate(FuzzedDataProvider& in, int32_t w) {
+  const float hostile[] = {-1.0f, -0.0001f, static_cast<float>(w), w - 0.0001f, 1e10f, -1e30f, NAN, INFINITY};
+  if (in.ConsumeProbability<float>() < 0.2f) return hostile[in.ConsumeIntegralInRange<size_t>(0, 7)];
+  return SomeFloat(in, -10.0f, static_cast<float>(w) + 10.0f);
+}
+
+// The pixels of an image, packed; empty when it has none to read.
+std::vector<uint8_t> Pixels(const ImageBuffer& img) {
+  std::vector<uint8_t> out;
+  if (!img.data || img.width < 1 || img.height < 1 || img.stride < img.width * 4) return out;
+  for (int32_t y = 0; y < img.height; ++y) {
+    const uint8_t* row = img.data + static_cast<ptrdiff_t>(y) * img.stride;
+    out.insert(out.end(), row, row + static_cast<size_t>(img.width) * 4);
+  }
+  return out;
+}
+
+// A render of the region `roi` in REGION_SHAPES_REACHING (and any light rays
+// roi) must be the crop of the render of the whole photo with the same
+// settings; `render(roi, out)` renders one, both images are w x h based.
+template <class Render>
+void CheckRegionIsCrop(const char* what, int32_t w, int32_t h, const Rect& roi, const std::vector<uint8_t>& part,
+                       Render&& render) {
+  if (part.empty() || roi.left < 0 || roi.top < 0 || roi.right > w || roi.bottom > h) return;
+  std::vector<uint8_t> whole(static_cast<size_t>(w) * h * 4);
+  ImageBuffer out = MakeImageBuffer(whole.data(), w, h);
+  if (render(Rect{0, 0, w, h}, out) != S_OK) return;
+  for (int32_t y = roi.top; y < roi.bottom; ++y) {
+    const size_t n = static_cast<size_t>(roi.right - roi.left) * 4;
+    if (std::memcmp(&whole[(static_cast<size_t>(y) * w + roi.left) * 4], &part[(y - roi.top) * n], n) != 0) {
+      std::fprintf(stderr, "%s: the region render is not the crop of the whole render\n", what);
+      std::abort();
+    }
+  }
+}
 
 template <class T>
 T* Create(int32_t type) {
@@ -198,6 +240,28 @@ void GlowRun(FuzzedDataProvider& in) { SmartRecordRun<Glow, GlowParam>(in, EFFEC
 
 void LightRaysRun(FuzzedDataProvider& in) {
   SmartRecordRun<LightRays, LightRaysParam>(in, EFFECT_LIGHT_RAYS, "light rays", FillLightRays);
+  // A valid record over an roi: the crop of the whole render.
+  auto* fx = Create<LightRays>(EFFECT_LIGHT_RAYS);
+  if (!fx) return;
+  const int32_t w = in.ConsumeIntegralInRange<int32_t>(1, 40), h = in.ConsumeIntegralInRange<int32_t>(1, 40);
+  std::vector<uint8_t> photo(static_cast<size_t>(w) * h * 4);
+  for (auto& b : photo) b = in.ConsumeIntegral<uint8_t>();
+  LightRaysParam p;
+  FillLightRays(in, p);
+  p.src = MakeSmartBufferView(photo.data(), w, h);
+  const Rect roi = SomeRect(in, w, h);
+  const auto render = [&](const Rect& r, ImageBuffer& out) {
+    p.roi = r;
+    p.dst = MakeSmartBufferView(out.data, out.width, out.height);
+    return fx->Process(p);
+  };
+  if (fx->Initialize(w, h) == S_OK && roi.right > roi.left && roi.bottom > roi.top) {
+    std::vector<uint8_t> part(static_cast<size_t>(roi.right - roi.left) * (roi.bottom - roi.top) * 4);
+    ImageBuffer out = MakeImageBuffer(part.data(), roi.right - roi.left, roi.bottom - roi.top);
+    if (render(roi, out) == S_OK) CheckRegionIsCrop("light rays", w, h, roi, part, render);
+  }
+  fx->ReleaseBuffer();
+  Delete(fx, EFFECT_LIGHT_RAYS);
 }
 
 void BokehRun(FuzzedDataProvider& in) {
@@ -210,6 +274,8 @@ void BokehRun(FuzzedDataProvider& in) {
   const int32_t s = in.ConsumeIntegralInRange<int32_t>(1, 24);
   GuardedImage& shape = img.Make(PIXEL_BGRA32, s, s);
   fx->SetSource(in.ConsumeProbability<float>() < 0.05f ? nullptr : &src.buf);
+  const int32_t region_mode = in.ConsumeIntegralInRange<int32_t>(-1, 2);
+  fx->SetRegionMode(region_mode);
   for (int k = in.ConsumeIntegralInRange(1, 2); k > 0; --k) {
     BokehParam p;
     p.quality_mode = in.ConsumeIntegralInRange<int32_t>(-1, 3);
@@ -236,10 +302,15 @@ void BokehRun(FuzzedDataProvider& in) {
     sp.color_mode = in.ConsumeIntegralInRange<int32_t>(-1, 3);
     const Rect roi = SomeRect(in, w, h);
     GuardedImage& dst = img.Make(PIXEL_BGRA32, roi.right - roi.left, roi.bottom - roi.top);
-    fx->Process(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p,
-                in.ConsumeProbability<float>() < 0.03f ? nullptr : &sp, &src.buf,
-                in.ConsumeProbability<float>() < 0.1f ? nullptr : &mask.buf, &dst.buf, roi);
+    const ImageBuffer* guide = in.ConsumeProbability<float>() < 0.1f ? nullptr : &mask.buf;
+    const int32_t hr = fx->Process(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p,
+                                   in.ConsumeProbability<float>() < 0.03f ? nullptr : &sp, &src.buf, guide, &dst.buf, roi);
     img.Check("bokeh");
+    if (hr == S_OK && region_mode == REGION_SHAPES_REACHING) {
+      CheckRegionIsCrop("bokeh", w, h, roi, Pixels(dst.buf), [&](const Rect& r, ImageBuffer& out) {
+        return fx->Process(&p, &sp, &src.buf, guide, &out, r);
+      });
+    }
   }
   fx->ReleaseBuffer();
   Delete(fx, EFFECT_BOKEH);
@@ -260,11 +331,15 @@ void SparkleRun(FuzzedDataProvider& in) {
   shape.type_id = in.ConsumeIntegral<uint16_t>();
   if (in.ConsumeBool()) fx->SetManualSparkleShape(&shape);
   if (in.ConsumeBool()) fx->SetMaxManualSparkleCount(in.ConsumeIntegralInRange<int32_t>(-2, 50));
+  const int32_t region_mode = in.ConsumeIntegralInRange<int32_t>(-1, 2);
+  fx->SetRegionMode(region_mode);
   std::vector<SparklePoint> points(in.ConsumeIntegralInRange<size_t>(0, 12));
-  for (auto& pt : points) pt = {SomeFloat(in, -10.0f, 60.0f), SomeFloat(in, -10.0f, 60.0f), SomeFloat(in, -1.0f, 8.0f)};
+  for (auto& pt : points) pt = {SomeCoordinate(in, w), SomeCoordinate(in, h), SomeFloat(in, -1.0f, 8.0f)};
   const int32_t count = in.ConsumeProbability<float>() < 0.9f ? int32_t(points.size()) : in.ConsumeIntegralInRange<int32_t>(-3, int32_t(points.size()));
   if (in.ConsumeBool()) fx->AddManualSparkles(points.empty() ? nullptr : points.data(), count, in.ConsumeBool() ? &shape : nullptr);
-  if (in.ConsumeBool()) fx->UpdateManualSparkles(points.empty() ? nullptr : points.data(), count, in.ConsumeIntegralInRange<int32_t>(-1, 2));
+  for (int k = in.ConsumeIntegralInRange(0, 2); k > 0; --k) {
+    fx->UpdateManualSparkles(points.empty() ? nullptr : points.data(), count, in.ConsumeIntegralInRange<int32_t>(-1, 3));
+  }
   if (in.ConsumeBool()) fx->ShowAllAutoSparkles();
   if (in.ConsumeBool()) fx->ResetSparkleTypes();
   for (int k = in.ConsumeIntegralInRange(1, 2); k > 0; --k) {
@@ -288,9 +363,15 @@ void SparkleRun(FuzzedDataProvider& in) {
     }
     const Rect roi = SomeRect(in, w, h);
     GuardedImage& dst = img.Make(PIXEL_BGRA32, roi.right - roi.left, roi.bottom - roi.top);
-    fx->Process(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p, in.ConsumeProbability<float>() < 0.05f ? nullptr : &rp[0],
-                in.ConsumeProbability<float>() < 0.05f ? nullptr : &rp[1], &src.buf, &dst.buf, roi);
+    const int32_t hr = fx->Process(in.ConsumeProbability<float>() < 0.03f ? nullptr : &p,
+                                   in.ConsumeProbability<float>() < 0.05f ? nullptr : &rp[0],
+                                   in.ConsumeProbability<float>() < 0.05f ? nullptr : &rp[1], &src.buf, &dst.buf, roi);
     img.Check("sparkle");
+    if (hr == S_OK && region_mode == REGION_SHAPES_REACHING) {
+      CheckRegionIsCrop("sparkle", w, h, roi, Pixels(dst.buf), [&](const Rect& r, ImageBuffer& out) {
+        return fx->Process(&p, &rp[0], &rp[1], &src.buf, &out, r);
+      });
+    }
   }
   fx->ReleaseBuffer();
   Delete(fx, EFFECT_SPARKLE);

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test three ways: an optimised build; an
-# AddressSanitizer + UndefinedBehaviorSanitizer build; and the worker pool and
-# thread adapter under ThreadSanitizer. Then runs each fuzz target briefly.
+# AddressSanitizer + UndefinedBehaviorSanitizer build (both with the Python
+# package's pytest suite, which ctest runs); and the worker pool and thread
+# adapter under ThreadSanitizer. Then runs each fuzz target briefly.
 # Any failure stops with non-zero status.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,7 +20,7 @@ cmake --build build/release -j"$jobs"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 cmake -S . -B build/asan "${san_flags[@]}" -DKORVANE_SANITIZE="address;undefined" \
-  -DKORVANE_BUILD_BENCH=OFF > /dev/null
+  -DKORVANE_BUILD_BENCH=OFF -DKORVANE_BUILD_PYTHON=ON > /dev/null
 cmake --build build/asan -j"$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest -j"$jobs" --output-on-failure)

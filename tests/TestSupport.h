@@ -17,6 +17,7 @@
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 #include "core/ThreadPool.h"
+#include "engine/CpuProbe.h"
 
 namespace KorvaneTest {
 
@@ -32,13 +33,37 @@ inline void FillNoise(uint8_t* p, size_t n, uint32_t seed) {
   for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(rng());
 }
 
-// 0 picks the plain forms, Korvane::SIMD_SSE41 the SSE4.1 ones.
+// A form code for Level beside the SIMD levels: the AVX2 forms (SSE4.2 with
+// AVX2 beside it).
+constexpr int kAvx2 = 100;
+
+// 0 picks the plain forms, Korvane::SIMD_SSE41 the SSE4.1 ones, kAvx2 the AVX2 ones.
 inline Korvane::SystemInfo Level(int simd, int processors = 2) {
   Korvane::SystemInfo info;
   info.processor_count = processors;
-  info.simd_level = simd;
+  info.simd_level = simd == kAvx2 ? Korvane::SIMD_SSE42 : simd;
+  info.avx_level = simd == kAvx2 ? Korvane::AVX_AVX2 : Korvane::AVX_NONE;
   return info;
 }
+
+// A kernel form a table-driven test compares: its code for Level (0, SIMD_SSE41
+// or kAvx2), its name and the SystemInfo that picks it. It converts to its
+// code, so `for (int form : Forms()) ... Level(form)` reads as well.
+struct Form {
+  int code = 0;
+  const char* name = "plain";
+  Korvane::SystemInfo info;
+  operator int() const { return code; }
+};
+
+// The forms this build has and this processor can run: plain, SSE4.1, AVX2.
+inline std::vector<Form> Forms() {
+  std::vector<Form> forms{{0, "plain", Level(0)}};
+  if (KORVANE_HAVE_SSE41) forms.push_back({Korvane::SIMD_SSE41, "SSE4.1", Level(Korvane::SIMD_SSE41)});
+  if (KORVANE_HAVE_AVX2 && Korvane::ProbeAvxLevel() >= Korvane::AVX_AVX2) forms.push_back({kAvx2, "AVX2", Level(kAvx2)});
+  return forms;
+}
+inline std::string FormName(int form) { return form == kAvx2 ? "AVX2" : form >= 5 ? "SSE4.1" : "plain"; }
 
 // A pool with its adapter, for running tasks directly.
 struct Runner {

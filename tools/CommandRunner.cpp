@@ -91,10 +91,6 @@ int Runner::CheckCommandLine() {
   const bool animated = m_spec.Animated();
   m_choice.frames = FrameCount(m_values);
   m_choice.frame = animated && m_values.Has("frame") ? static_cast<int>(m_values.Whole("frame")) : -1;
-  if (m_choice.frame >= m_choice.frames) {
-    return Usage("--frame " + std::to_string(m_choice.frame) + " is past the last frame of --frames " +
-                 std::to_string(m_choice.frames));
-  }
   if (int rc = Report(CheckCombination(m_values, m_choice.frames))) return rc;
   m_input_files = m_line.photos;
   for (const OptionSpec& o : m_spec.options) {

@@ -302,11 +302,7 @@ bool LoadImage(const std::string& path, Image& out, std::string& error) {
 bool LoadGray(const std::string& path, Image& out, std::string& error) {
   Image bgra;
   if (!LoadImage(path, bgra, error)) return false;
-  out = Image(bgra.width, bgra.height, 1);
-  for (size_t i = 0, n = out.pixels.size(); i < n; ++i) {
-    const uint8_t* p = &bgra.pixels[i * 4];
-    out.pixels[i] = static_cast<uint8_t>((p[0] * 29 + p[1] * 150 + p[2] * 77 + 128) >> 8);
-  }
+  out = Image(KorvaneFrontend::GrayOf(bgra.View()));
   return true;
 }
 

@@ -1,6 +1,6 @@
 // Pixel kernels of the photo animator: rasterising a mesh triangle into row
 // spans, and filling spans with bilinear samples of an affine-warped source,
-// alone or cross-faded with a second warp of it. The SSE4.1 forms give bit-identical results.
+// alone or cross-faded with a second warp of it. The SSE4.1 and AVX2 forms give bit-identical results.
 #pragma once
 
 #include <cmath>
@@ -35,6 +35,8 @@ void WarpSpan(const WarpSource& src, const float m[6], int32_t y, int32_t x_begi
               unsigned char* dst);
 void WarpSpan_SSE(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin,
                    int32_t x_end, unsigned char* dst);
+void WarpSpan_AVX2(const WarpSource& src, const float m[6], int32_t y, int32_t x_begin, int32_t x_end,
+                   unsigned char* dst);
 
 // The past and future samples of each pixel, cross-faded:
 // (future·(256 − alpha) + past·alpha) >> 8 for B, G, R, alpha byte 255.
@@ -46,6 +48,8 @@ using WarpBlendSpanFn = void (*)(const WarpSource& src, const float m_past[6], c
 void WarpBlendSpan(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
                    int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
 void WarpBlendSpan_SSE(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
+                        int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
+void WarpBlendSpan_AVX2(const WarpSource& src, const float m_past[6], const float m_future[6], int32_t alpha,
                         int32_t y, int32_t x_begin, int32_t x_end, unsigned char* dst);
 
 namespace animation_detail {

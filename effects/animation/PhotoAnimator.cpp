@@ -528,8 +528,8 @@ int32_t PhotoAnimator::RenderFrame(const AnimationParam& param, int32_t alpha) {
   frame_param.self = this;
   frame_param.param = &param;
   frame_param.alpha = alpha;
-  frame_param.warp = KORVANE_PICK(m_system_info, WarpSpan, WarpSpan_SSE).fn;
-  frame_param.warp_blend = KORVANE_PICK(m_system_info, WarpBlendSpan, WarpBlendSpan_SSE).fn;
+  frame_param.warp = KORVANE_PICK_AVX2(m_system_info, WarpSpan, WarpSpan_SSE, WarpSpan_AVX2).fn;
+  frame_param.warp_blend = KORVANE_PICK_AVX2(m_system_info, WarpBlendSpan, WarpBlendSpan_SSE, WarpBlendSpan_AVX2).fn;
   {
     std::lock_guard<std::mutex> lock(m_chunk_mutex);
     m_next_chunk = 0;

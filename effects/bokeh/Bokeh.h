@@ -8,7 +8,7 @@
 //
 //   bokeh->SetSource(&photo);
 //   Korvane::BokehParam p;          p.anime_frame_count = 48;  p.twinkle_switch = 1;
-//   Korvane::BokehShapeParam shape; shape.shape = disc;  shape.amount = 0.8f;
+//   Korvane::BokehShapeParam shape; shape.builtin_shape = Korvane::SHAPE_HEXAGON;
 //   for (int i = 0; i < 48; ++i) {
 //     p.anime_frame_index = i;
 //     bokeh->Process(&p, &shape, &photo, &depth, &frame, Korvane::Rect{0, 0, w, h});
@@ -17,6 +17,7 @@
 
 #include <cstdint>
 
+#include "core/BuiltinShapes.h"
 #include "core/ImageBuffer.h"
 #include "core/LightPoints.h"
 #include "core/ResultCode.h"
@@ -28,7 +29,7 @@ struct BokehParam {
   // 0: the light map is built at the photo's size. Any other value: at a
   // reduced size for photos longer than 640 pixels (down to a quarter from
   // 5120 on). 2 and 3 also place discs on whole pixels instead of sub-pixel.
-  int32_t quality_mode = 0;
+  int32_t quality_mode = 1;
   // 1 or 2: disc sizes follow the background blur (how far each point lies
   // from the focus); any other value: the caller's blur mask directly, which
   // mode 3 inverts around the focus value (larger discs further from it).
@@ -53,19 +54,28 @@ struct BokehParam {
   int32_t reserved_mode = 0;                 // not read
   float focus_value = 0.9f;                  // 0..1: the mask value in focus (x 255)
   float focus_range = 0.2f;                  // 0..1: mask distance still left sharp (x 255)
+  // Non-zero: discs only on points that sit on real light (LightPointInfo
+  // highlight): bright against the photo and against their surroundings,
+  // not on texture such as leaf edges or fabric. The tool sets it.
+  uint8_t highlights_only = 0;
+  uint8_t reserved_flags[3] = {0, 0, 0};     // not read
 };
 
 // Shape settings, copied whole on every Process.
 struct BokehShapeParam {
-  ImageBuffer shape;          // BGRA32 disc image, its brightness is the light (any size, square is best)
+  ImageBuffer shape;          // BGRA32 disc image, its brightness is the light (any size, square is best);
+                              // no pixels: the built-in shape below
   int32_t reserved = 0;       // not read
   float size_blend = 0.0f;    // 0..1: disc size factor from 1.0 to 1.5
-  float amount = 0.0f;        // 0..1: fraction of the light points shown
+  float amount = 0.8f;        // 0..1: fraction of the light points shown
   float rotation = 0.0f;      // degrees, about the shape's centre
   float hue_offset = 0.0f;    // -1..1: a half turn of hue per unit
   float saturation = 0.0f;    // -1..1
   int32_t shape_changed = 1;  // non-zero: rebuild the disc variants
   int32_t color_mode = 1;     // 0 the photo's dominant hue, 1 the photo's colour at the point, 2 random hues
+  // The disc drawn when `shape` has no pixels: a BuiltinShape, drawn by the
+  // library at kBokehShapeSide. SHAPE_NONE: a shape image is required.
+  int32_t builtin_shape = SHAPE_CIRCLE;
 };
 
 class Bokeh {
@@ -75,8 +85,8 @@ class Bokeh {
   // Takes the photo (BGRA32; its pixels must stay valid while frames are
   // rendered), finds its light points on a copy whose longer side is 640 and
   // takes its dominant hue. E_POINTER for a NULL image or pixels, E_NOTIMPL
-  // for another format, E_INVALIDARG for an empty image or short rows;
-  // releases whatever was set before.
+  // for another format, E_INVALIDARG for an empty image, short rows or a
+  // side over 65536; releases whatever was set before.
   virtual int32_t SetSource(const ImageBuffer* src) = 0;
 
   // Renders frame param->anime_frame_index of param->anime_frame_count into
@@ -84,10 +94,17 @@ class Bokeh {
   // src is the photo given to SetSource (same size); blur_mask a GRAY8 guide
   // of its size (a depth-like map: values near focus_value stay sharp), or
   // NULL to treat the whole photo as background.
-  // E_FAIL before SetSource or without a shape record; E_POINTER for missing
-  // records, images or pixels; E_INVALIDARG for dst not roi's size, roi
-  // outside the photo, images not BGRA32 (the mask not GRAY8), a frame count
-  // below 1 or a negative index, or an empty shape.
+  // Bokeh's own order of checks, which differs from the library's usual one
+  // (missing, format, size): E_FAIL before SetSource or without a shape
+  // record; E_POINTER for missing records, images or pixels; E_INVALIDARG
+  // for dst not roi's size, src or dst not BGRA32 (a wrong format is
+  // E_INVALIDARG here, not E_NOTIMPL), a frame count below 1 or a negative
+  // index, src not the photo's size, short rows, roi outside the photo, a
+  // mask that is not GRAY8 of the photo's size; then, for a shape without
+  // pixels, E_POINTER when builtin_shape is SHAPE_NONE and E_INVALIDARG
+  // when it is no built-in shape (else the built-in disc is drawn);
+  // E_INVALIDARG for a shape not BGRA32, empty, with short rows or a side
+  // over 65536.
   virtual int32_t Process(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
                           const ImageBuffer* blur_mask, ImageBuffer* dst, Rect roi) = 0;
 
@@ -104,6 +121,13 @@ class Bokeh {
   // Chooses which shapes a region render draws (RegionMode; kept until
   // changed, REGION_CENTRES_INSIDE at creation). E_INVALIDARG for another value.
   virtual int32_t SetRegionMode(int32_t mode) = 0;
+
+  // The light points the last Process call draws a disc at in at least one
+  // frame of its loop (its amount, highlight filter, region, disc sizes and
+  // twinkle), in the order of GetLightPoints; summary->count is their
+  // number. The same arguments and codes as GetLightPoints, and E_FAIL
+  // before a Process of this source.
+  virtual int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const = 0;
 };
 
 }  // namespace Korvane

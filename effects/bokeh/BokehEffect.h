@@ -9,25 +9,15 @@
 #include <vector>
 
 #include "core/EffectCore.h"
+#include "core/LightMap.h"
 #include "core/LightPointDetect.h"
 #include "effects/bokeh/Bokeh.h"
 #include "effects/bokeh/BokehFocus.h"
 
 namespace Korvane {
 
-struct BokehSize {
-  int32_t w = 0;
-  int32_t h = 0;
-};
-
-// One prepared disc variant.
-struct BokehType {
-  SmartBuffer shape;
-};
-
 class BokehEffect final : public Bokeh, public EffectCore {
  public:
-  static constexpr int32_t kTwinkleSamples = 132;
   static constexpr int32_t kSizeCount = 10;
 
   explicit BokehEffect(CThreadPool* pool);
@@ -39,34 +29,27 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t ReleaseBuffer() override;
   int32_t GetLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
   int32_t SetRegionMode(int32_t mode) override;
+  int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const override;
 
   // Inspection, for tests and the tool.
   const LightPointList& GetBokehList() const { return m_bokeh_list; }
-  BokehSize GetNormSize() const { return m_norm_img_size; }
+  LightSize GetNormSize() const { return m_norm_img_size; }
   float GetScaleRatio() const { return m_scale_ratio; }
   uint32_t GetGlobalColor() const { return m_bokeh_global_color; }
-  const std::vector<float>& GetTwinkleTable() const { return m_twinkle_table; }
-  const std::vector<uint32_t>& GetRandomColorTable() const { return m_bokeh_random_color_table; }
-  const std::array<BokehType, kSizeCount>& GetScaledTypes() const { return m_scaled_bokeh_type; }
   float GetHueOffset() const { return m_shape_param.hue_offset; }
 
   // The calculation steps, public so their rules can be checked directly.
-  // Normalised detection size for a source: long side 640.
-  static BokehSize CalNormSize(int32_t width, int32_t height);
-  // Working scale for the light map: 1.0 in quality mode 0 or up to 640,
-  // 0.25 from 5120, linear between. E_INVALIDARG for long_side < 1.
+  // Working scale for the light map: 1.0 in quality mode 0, else that of
+  // CalLightMapScaleRatio. E_INVALIDARG for long_side < 1.
   static int32_t CalScaleRatioFor(int32_t quality_mode, int32_t long_side, float& ratio);
-  // The region at the scaled size, with a one-pixel margin each side.
-  static int32_t ResizeROIFor(const Rect& roi, Rect& scaled_roi, float ratio, BokehSize scaled);
-  // The 132-sample twinkle curve.
-  static const std::array<float, kTwinkleSamples>& TwinkleCurve();
-  // Per-frame twinkle table and every point's frame offset.
+  // The 132-sample twinkle curve: dark, a slow rise and fall, dark.
+  static const TwinkleCurve& Twinkle();
+  // Every point's frame offset into the twinkle curve stretched over the loop.
   int32_t CalTwinkleAnimeParam(int32_t count, int32_t index);
   // Advances the hue offset when the hue-shift switch is set.
   int32_t CalHueShiftAnimeParam(int32_t count, int32_t index);
   // Most frequent hue (multiple of 1000) among saturated, lit pixels; 0 for none.
   static int32_t CalDominantColor(const SmartBuffer& img, uint32_t& color);
-  static int32_t CalRandomColor(int32_t count, std::vector<uint32_t>& table);
   // Disc sizes of the ten variants for size blend t and longer scaled side S.
   static std::array<int32_t, kSizeCount> CalBokehSizes(float size_blend, int32_t long_side);
   // Size identifier for a mask value (mode 3 inverts the mask around offset o).
@@ -74,6 +57,8 @@ class BokehEffect final : public Bokeh, public EffectCore {
 
  private:
   int32_t SetSourceSteps(const ImageBuffer& src);
+  int32_t CheckFrame(const BokehParam* param, const BokehShapeParam* shape_param, const ImageBuffer* src,
+                     const ImageBuffer* blur_mask, const ImageBuffer* dst, const Rect& roi) const;
   int32_t CalScaleRatio(int32_t long_side);
   int32_t ResizeROI(const Rect& roi, Rect& scaled_roi, float ratio);
   int32_t InitBokehList(const SmartBuffer& location_map);
@@ -87,6 +72,13 @@ class BokehEffect final : public Bokeh, public EffectCore {
   int32_t InitTempBokehType();
   int32_t InitBokehListSizeID();
   int32_t PasteBokehList();
+  // What the paste of a frame reads: the points' brightness, the amount's
+  // skip threshold, and where a point's disc lands (false: no disc).
+  LightLevels Levels() const;
+  float SkipThreshold() const { return 1.0f - m_shape_param.amount; }
+  bool LocateDisc(const LightPoint& p, LightSpot& spot) const;
+  // The colour of a point's disc (false: no colour, nothing to paste).
+  bool BokehColor(const LightPoint& p, int32_t hue_shift, float sat_weight, LightPasteArgs& args) const;
   void ResetParams();
 
   // Tuning constants.
@@ -94,36 +86,37 @@ class BokehEffect final : public Bokeh, public EffectCore {
   static constexpr float kMaxSizeRatio = 0.06f;  // largest disc (reached at 0.9 of the way, see CalBokehSizes)
   static constexpr float kMinSizeFactor = 1.0f;  // size factor at size blend 0
   static constexpr float kMaxSizeFactor = 1.5f;  // and at 1
-  static constexpr int32_t kNormLongSide = 640;  // detection image
   static constexpr int32_t kSizeSteps = 10;
-  static constexpr int32_t kRandomColorCount = 24;
   static constexpr float kShapeBlurBase = 400.0f;  // shape blur radius: shape width x 16 / this
 
   bool m_source_set = false;
   ImageBuffer m_src_buff;
-  BokehSize m_norm_img_size;
+  LightSize m_norm_img_size;
   SmartBuffer m_norm_src_buff;
   LightPointList m_bokeh_list;
   uint32_t m_bokeh_global_color = 0;
-  int32_t m_bokeh_random_color_count = kRandomColorCount;
+  int32_t m_bokeh_random_color_count = kLightRandomHueCount;
   std::vector<uint32_t> m_bokeh_random_color_table;
-  std::vector<float> m_twinkle_table;
 
   BokehParam m_param, m_prev_param;
   BokehShapeParam m_shape_param, m_prev_shape_param;
   bool m_has_prev = false;
-  BokehSize m_bok_size;
-  BokehSize m_img_size, m_scaled_img_size;
+  LightSize m_bok_size;
+  LightSize m_img_size, m_scaled_img_size;
   float m_scale_ratio = 1.0f;
   Rect m_roi, m_scaled_roi;
+  LightRegion m_region;
 
   SmartBuffer m_src, m_blur_mask, m_dst;
   SmartBuffer m_focus_src_buff, m_focus_src_mask, m_light_buff, m_scaled_light_buff;
   SmartBuffer m_shape_copy, m_rotated_shape;
-  std::array<BokehType, kSizeCount> m_scaled_bokeh_type;
-  std::array<BokehType, kSizeCount> m_tmp_bokeh_type;
+  SmartBuffer m_builtin_shape;           // the built-in disc of a record without a shape image
+  int32_t m_builtin_id = SHAPE_NONE;     // which one it is
+  bool m_builtin_redrawn = false;        // drawn anew this frame: the variants must follow
+  // The ten disc variants, each with the temporary image of its sub-pixel paste.
+  std::array<LightShape, kSizeCount> m_bokeh_types;
   bool m_types_ready = false;
-  int32_t m_types_long_side = 0;
+  LightSize m_types_map;  // the light map the variants were cut for
   BokehFocus m_focus_effect;
   int32_t m_region_mode = REGION_CENTRES_INSIDE;
 };

@@ -18,7 +18,7 @@ void CircleTable::Build(float max_radius) {
     rows += side * kSub * kSub;
   }
   entries.assign(static_cast<size_t>(radius_steps) * kSub * kSub, Entry{});
-  cover.assign(cells, 0);
+  cover.assign(cells + kCoverSpare, 0);
   spans.assign(rows * 2, 0);
 
   size_t c = 0, s = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <climits>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 
@@ -19,6 +20,8 @@ namespace Korvane {
 namespace {
 
 constexpr float kPi = 3.14159265f;
+// How many particles ahead Render fetches the record of the one it will draw.
+constexpr uint32_t kPrefetchAhead = 8;
 
 int32_t Refuse(int32_t code, const char* why) { return LogRefusal("Dispersion", why, code); }
 
@@ -383,24 +386,44 @@ void DispersionEffect::BinFrame(const Rect& roi) {
   start[0] = 0;
 }
 
+void DispersionEffect::FillBaseRow(FillBaseFn fill, const ImageBuffer& in, const ImageBuffer& out, const Rect& roi,
+                                   int32_t y, float progress) const {
+  uint8_t* o = RowPtr(out, y - roi.top);
+  const uint8_t* photo = RowPtr(in, y);
+  // Outside the subject's box every start time is "never": the photo itself.
+  const Rect& box = m_subject_box;
+  const int32_t a = y >= box.top && y < box.bottom ? std::min(std::max(box.left, roi.left), roi.right) : roi.right;
+  const int32_t b = y >= box.top && y < box.bottom ? std::min(std::max(box.right, a), roi.right) : roi.right;
+  auto copy = [&](int32_t from, int32_t to) {
+    std::memcpy(o + static_cast<ptrdiff_t>(from - roi.left) * 4, photo + static_cast<ptrdiff_t>(from) * 4,
+                static_cast<size_t>(to - from) * 4);
+  };
+  copy(roi.left, a);
+  if (a < b) {
+    fill(photo + static_cast<ptrdiff_t>(a) * 4, RowPtr(m_background, y) + static_cast<ptrdiff_t>(a) * 4,
+         &m_start[static_cast<size_t>(y) * m_width + a], progress, o + static_cast<ptrdiff_t>(a - roi.left) * 4, b - a);
+  }
+  copy(b, roi.right);
+}
+
 int32_t DispersionEffect::Render(const DispersionParam& p, float progress) {
-  const auto fill = KORVANE_PICK(m_system_info, DispersionFillBase, DispersionFillBase_SSE);
-  const auto draw = KORVANE_PICK(m_system_info, DispersionDrawParticle, DispersionDrawParticle_SSE);
+  const auto fill = KORVANE_PICK_AVX2(m_system_info, DispersionFillBase, DispersionFillBase_SSE, DispersionFillBase_AVX2);
+  const auto draw =
+      KORVANE_PICK_AVX2(m_system_info, DispersionDrawParticle, DispersionDrawParticle_SSE, DispersionDrawParticle_AVX2);
   const ImageBuffer& in = *p.input;
   const ImageBuffer& out = *p.output;
   const Rect roi = p.roi;
-  const int32_t w = RectWidth(roi);
   return RunBands(m_thread_adapter, roi, [&](const Rect& band) {
     for (int32_t s = (band.top - roi.top) / kStripRows;; ++s) {
       const int32_t y0 = std::max(band.top, roi.top + s * kStripRows);
       const int32_t y1 = std::min(band.bottom, roi.top + (s + 1) * kStripRows);
       if (y0 >= y1) break;
-      for (int32_t y = y0; y < y1; ++y) {
-        fill.fn(RowPtr(in, y) + static_cast<ptrdiff_t>(roi.left) * 4,
-                RowPtr(m_background, y) + static_cast<ptrdiff_t>(roi.left) * 4,
-                &m_start[static_cast<size_t>(y) * m_width + roi.left], progress, RowPtr(out, y - roi.top), w);
-      }
-      for (uint32_t k = m_strip_start[s]; k < m_strip_start[s + 1]; ++k) {
+      for (int32_t y = y0; y < y1; ++y) FillBaseRow(fill.fn, in, out, roi, y, progress);
+      // A strip's particles lie all over the list once they fly: their
+      // records are fetched a few draws ahead, or each draw waits on memory.
+      const uint32_t first = m_strip_start[s], last = m_strip_start[s + 1];
+      for (uint32_t k = first; k < last; ++k) {
+        if (k + kPrefetchAhead < last) __builtin_prefetch(&m_frame[m_strip_items[k + kPrefetchAhead]]);
         draw.fn(m_circles, m_frame[m_strip_items[k]], roi.left, roi.right, y0, y1, out.data, roi.left, roi.top,
                 out.stride);
       }

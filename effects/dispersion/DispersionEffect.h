@@ -76,6 +76,10 @@ class DispersionEffect final : public Dispersion, public EffectCore {
   int32_t ComputeFrame(float progress, float fade, const Rect& roi);
   void BinFrame(const Rect& roi);
   int32_t Render(const DispersionParam& p, float progress);
+  using FillBaseFn = void (*)(const uint8_t*, const uint8_t*, const float*, float, uint8_t*, int32_t);
+  // Row y of the frame's base into the output (whose row 0 is roi.top).
+  void FillBaseRow(FillBaseFn fill, const ImageBuffer& in, const ImageBuffer& out, const Rect& roi, int32_t y,
+                   float progress) const;
 
   bool m_prepared = false;
   PreparedKey m_key;

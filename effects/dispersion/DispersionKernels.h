@@ -19,11 +19,16 @@ void DispersionFillBase(const uint8_t* photo, const uint8_t* background, const f
                         uint8_t* out, int32_t count);
 void DispersionFillBase_SSE(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
                              uint8_t* out, int32_t count);
+void DispersionFillBase_AVX2(const uint8_t* photo, const uint8_t* background, const float* start, float progress,
+                             uint8_t* out, int32_t count);
 
 // Anti-aliased disc coverage for every radius in steps of 1/kSub pixel up to
 // the largest particle, at kSub x kSub sub-pixel offsets of the centre.
 struct CircleTable {
   static constexpr int32_t kSub = 4;
+  // Zero coverages kept after the last row, so a vector read of eight
+  // coverages from anywhere in a row stays inside `cover`.
+  static constexpr int32_t kCoverSpare = 8;
   struct Entry {
     uint32_t cover;  // first of side x side coverages (0..256) in `cover`
     uint32_t spans;  // first of side [x0, x1) pairs in `spans`: the covered columns of each row
@@ -75,6 +80,8 @@ inline void ForEachDiscRow(const CircleTable& table, const FrameParticle& p, int
 void DispersionDrawParticle(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
                             int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
 void DispersionDrawParticle_SSE(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
+                                 int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
+void DispersionDrawParticle_AVX2(const CircleTable& table, const FrameParticle& p, int32_t x0, int32_t x1, int32_t y0,
                                  int32_t y1, uint8_t* origin, int32_t ox, int32_t oy, int64_t stride);
 
 }  // namespace Korvane

@@ -119,7 +119,7 @@ int32_t FocusBlurEffect::WeakBlurAndBlend(const FocusBlurParam& param, const Fra
   blend_param.mask = f.guide;
   blend_param.table.reset(new int32_t[256]);
   MakeBlendTable(param.focus_value, blend_param.table.get());
-  const auto blend = KORVANE_PICK(m_system_info, FocusBlend, FocusBlend_SSE);
+  const auto blend = KORVANE_PICK_AVX2(m_system_info, FocusBlend, FocusBlend_SSE, FocusBlend_AVX2);
 
   // The weak kernel is usually short: its two passes then run as one, a few
   // rows at a time into the band's scratch rows, and the blend takes each
@@ -131,8 +131,9 @@ int32_t FocusBlurEffect::WeakBlurAndBlend(const FocusBlurParam& param, const Fra
     sub_blur_param.to_scratch = true;
     blend_param.weak_in_scratch = true;
     RowPipeline chain(kWeakChunkRows);
+    const auto both = KORVANE_PICK_AVX2(m_system_info, GaussianBlurHV, GaussianBlurHV_SSE, GaussianBlurHV_AVX2);
     chain.SetScratch(static_cast<int64_t>(f.in.width) * 4)
-        .Then(KORVANE_PICK(m_system_info, GaussianBlurHV, GaussianBlurHV_SSE), &sub_blur_param)
+        .Then(both, &sub_blur_param)
         .Then(blend, &blend_param);
     return chain.Run(m_thread_adapter, f.region);
   }

@@ -14,9 +14,12 @@
 
 namespace Korvane {
 
-// The eight-pixel kernels of the SSE4.1 file: `count` pixels, a multiple of 8.
+// The eight-pixel kernels of the SSE4.1 and AVX2 files: `count` pixels, a
+// multiple of 8.
 template <int Slot>
 void GlowBlend8_SSE(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t count, int32_t opacity);
+template <int Slot>
+void GlowBlend8_AVX2(const uint8_t* s, const uint8_t* d, uint8_t* out, int32_t count, int32_t opacity);
 
 namespace {
 
@@ -44,22 +47,25 @@ inline void BlendPixel(const uint8_t* sp, const uint8_t* dp, uint8_t* out, int32
   out[3] = static_cast<uint8_t>(c.alpha);
 }
 
-// kSse41: the SSE4.1 table's form, eight pixels at a time through the
-// SSE4.1 file's kernel, roi-relative addressing.
-template <int Slot, bool kSse41>
+// The forms of a row task: the plain table's, and the SSE4.1 and AVX2
+// tables', which take eight pixels at a time through their file's kernel and
+// address dst relative to the roi.
+enum RowsForm { kPlainRows, kSse41Rows, kAvx2Rows };
+
+template <int Slot, RowsForm kForm>
 int32_t BlendRows(ThreadJob* job, int32_t* result) {
   GlowBlendBand b;
-  int32_t hr = GlowBlendPrepareBand(job, false, kSse41, &b);
+  int32_t hr = GlowBlendPrepareBand(job, false, kForm != kPlainRows, &b);
   if (hr >= 0) {
     using Kernel8 = void (*)(const uint8_t*, const uint8_t*, uint8_t*, int32_t, int32_t);
-    // Instantiated with kSse41 only in builds that have the SSE4.1 kernels.
-    const Kernel8 k8 = KORVANE_SSE41(GlowBlend8_SSE<Slot>);
+    // Instantiated with a SIMD form only in builds that have its kernels.
+    const Kernel8 k8 = kForm == kAvx2Rows ? KORVANE_AVX2(GlowBlend8_AVX2<Slot>) : KORVANE_SSE41(GlowBlend8_SSE<Slot>);
     for (int32_t y = b.y0; y < b.y1; ++y) {
       const uint8_t* s = b.glow + static_cast<ptrdiff_t>(y) * b.glow_stride;
       const uint8_t* d = b.photo + static_cast<ptrdiff_t>(y) * b.photo_stride;
       uint8_t* o = b.dst + static_cast<ptrdiff_t>(y - b.oy) * b.dst_stride;
       int32_t x = b.x0;
-      if (kSse41 && b.x1 - x > 8) {
+      if (kForm != kPlainRows && b.x1 - x > 8) {
         // Eight at a time while x < x1 - 8; the rest one by one.
         const int32_t count = (b.x1 - x - 1) / 8 * 8;
         k8(s + x * 4, d + x * 4, o + (x - b.ox) * 4, count, b.opacity);
@@ -100,6 +106,7 @@ void FloatFunctionOf(int32_t slot, const uint8_t* sp, const uint8_t* dp, int32_t
 struct SlotEntry {
   ThreadTask rows;
   ThreadTask rows_sse41;
+  ThreadTask rows_avx2;
   void (*function)(const uint8_t*, const uint8_t*, int32_t*);
   void (*pixel)(const uint8_t*, const uint8_t*, uint8_t*, int32_t, bool, bool);
 };
@@ -107,15 +114,21 @@ struct SlotEntry {
 template <int Slot>
 constexpr SlotEntry EntryOf() {
   constexpr bool kSse = KORVANE_HAVE_SSE41 != 0;
-  if constexpr (Slot == 14)
-    return SlotEntry{&GlowBlendHueRows<false>, kSse ? &GlowBlendHueRows<true> : nullptr, nullptr, nullptr};
-  else if constexpr (Slot == 15)
-    return SlotEntry{&GlowBlendSaturationRows<false>, kSse ? &GlowBlendSaturationRows<true> : nullptr, nullptr,
-                     nullptr};
-  else if constexpr (kSse)
-    return SlotEntry{&BlendRows<Slot, false>, &BlendRows<Slot, true>, &FunctionOf<Slot>, &PixelOf<Slot>};
-  else
-    return SlotEntry{&BlendRows<Slot, false>, nullptr, &FunctionOf<Slot>, &PixelOf<Slot>};
+  constexpr bool kAvx2 = KORVANE_HAVE_AVX2 != 0;
+  // The float slots' SSE4.1 table takes their plain rows with roi-relative
+  // addressing; the AVX2 table has their eight-pixel forms.
+  if constexpr (Slot == 14) {
+    return SlotEntry{&GlowBlendHueRows<false>, kSse ? &GlowBlendHueRows<true> : nullptr,
+                     KORVANE_AVX2(GlowBlendHueRows_AVX2), nullptr, nullptr};
+  } else if constexpr (Slot == 15) {
+    return SlotEntry{&GlowBlendSaturationRows<false>, kSse ? &GlowBlendSaturationRows<true> : nullptr,
+                     KORVANE_AVX2(GlowBlendSaturationRows_AVX2), nullptr, nullptr};
+  } else {
+    ThreadTask sse = nullptr, avx2 = nullptr;
+    if constexpr (kSse) sse = &BlendRows<Slot, kSse41Rows>;
+    if constexpr (kAvx2) avx2 = &BlendRows<Slot, kAvx2Rows>;
+    return SlotEntry{&BlendRows<Slot, kPlainRows>, sse, avx2, &FunctionOf<Slot>, &PixelOf<Slot>};
+  }
 }
 
 template <int... Slots>
@@ -166,11 +179,12 @@ int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_rel
 int32_t GlowBlendSlot(int32_t mode) { return (mode >= 0 && mode < kGlowBlendModeCount) ? kModeToSlot[mode] : -1; }
 
 void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask plain[kGlowBlendSlotCount],
-                         ThreadTask sse41[kGlowBlendSlotCount]) {
+                         ThreadTask sse41[kGlowBlendSlotCount], ThreadTask avx2[kGlowBlendSlotCount]) {
   for (int32_t m = 0; m < kGlowBlendModeCount; ++m) mode_to_slot[m] = kModeToSlot[m];
   for (int32_t k = 0; k < kGlowBlendSlotCount; ++k) {
     plain[k] = kEntries[k].rows;
     sse41[k] = kEntries[k].rows_sse41;
+    avx2[k] = kEntries[k].rows_avx2;
   }
 }
 

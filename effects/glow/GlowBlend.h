@@ -38,8 +38,8 @@
 // float glow has no alpha and counts as opaque (As = 255). F is computed in
 // floats, rounded, and composited through the same integer frame.
 //
-// Addressing of dst: the SSE4.1 table's tasks write the result of image pixel
-// (x, y) to dst at (x - roi.left, y - roi.top); the plain table's, at (x, y),
+// Addressing of dst: the SSE4.1 and AVX2 tables' tasks write the result of
+// image pixel (x, y) to dst at (x - roi.left, y - roi.top); the plain table's, at (x, y),
 // which agrees only for a roi at the origin. Either way a write that would fall
 // outside dst is skipped, and the roi must lie inside the glow and the photo.
 #pragma once
@@ -65,13 +65,13 @@ struct GlowBlendParam {
   int32_t opacity = 255;
 };
 
-// Fills the mode -> slot map and the two 38-slot kernel tables (row tasks):
-// the plain forms, and the SSE4.1 forms with their eight-pixel path and
-// roi-relative addressing (all NULL in a build without SSE4.1 kernels).
+// Fills the mode -> slot map and the three 38-slot kernel tables (row tasks):
+// the plain forms, and the SSE4.1 and AVX2 forms with their eight-pixel path
+// and roi-relative addressing (all NULL in a build without those kernels).
 // A task answers E_POINTER for missing pixels, E_NOTIMPL for a wrong format
 // and E_INVALIDARG for a roi outside the glow or the photo.
 void FillGlowBlendTables(int32_t mode_to_slot[kGlowBlendModeCount], ThreadTask plain[kGlowBlendSlotCount],
-                         ThreadTask sse41[kGlowBlendSlotCount]);
+                         ThreadTask sse41[kGlowBlendSlotCount], ThreadTask avx2[kGlowBlendSlotCount]);
 
 // The slot of a mode, or -1 for a mode outside 0..28.
 int32_t GlowBlendSlot(int32_t mode);
@@ -96,9 +96,10 @@ void GlowBlendFloatFunction(int32_t mode, const float s[3], const uint8_t* d, fl
 // ---------------------------------------------------------------------------
 // Blend formulas, shared by the per-pixel and the eight-pixel kernels. Each is
 // written once over a lane type T: int32_t in the plain file, a four-lane
-// vector in the SSE4.1 file, which supplies the same operations for it. Only
-// the blend sources define KORVANE_GLOW_BLEND_FORMULAS. The unnamed namespace
-// keeps the two files' instantiations apart (one is built with -msse4.1).
+// vector in the SSE4.1 file and an eight-lane one in the AVX2 file, which
+// supply the same operations for it. Only the blend sources define
+// KORVANE_GLOW_BLEND_FORMULAS. The unnamed namespace keeps the files'
+// instantiations apart (each is built with its own instruction set).
 #ifdef KORVANE_GLOW_BLEND_FORMULAS
 #include <cmath>
 
@@ -117,11 +118,19 @@ struct GlowBlendBand {
 // Validates the task's parameter and clips its band; S_OK with an empty band
 // when nothing is to be written. roi_relative: the SSE4.1 tables' addressing.
 int32_t GlowBlendPrepareBand(const ThreadJob* job, bool float_glow, bool roi_relative, GlowBlendBand* band);
-// Row tasks of the float modes, in the plain and the SSE4.1 table's addressing.
+// Row tasks of the float modes, in the plain and the SSE4.1 table's
+// addressing, and the AVX2 forms (eight pixels a step, the SIMD tables'
+// addressing).
 template <bool kRoiRelative>
 int32_t GlowBlendHueRows(ThreadJob* job, int32_t* result);
 template <bool kRoiRelative>
 int32_t GlowBlendSaturationRows(ThreadJob* job, int32_t* result);
+int32_t GlowBlendHueRows_AVX2(ThreadJob* job, int32_t* result);
+int32_t GlowBlendSaturationRows_AVX2(ThreadJob* job, int32_t* result);
+// One pixel of float mode 11 (hue) or 12 (saturation): the glow's three
+// floats at sr (0..1) over the photo pixel dp, composited into o, which is
+// left untouched where the frame writes nothing.
+void GlowBlendFloatPixel(bool hue, const float* sr, const uint8_t* dp, uint8_t* o, int32_t opacity);
 
 namespace {
 

@@ -97,26 +97,7 @@ int32_t FloatRows(ThreadJob* job, int32_t* result) {
       const uint8_t* dr = b.photo + static_cast<ptrdiff_t>(y) * b.photo_stride;
       uint8_t* orow = b.dst + static_cast<ptrdiff_t>(y - b.oy) * b.dst_stride;
       for (int32_t x = b.x0; x < b.x1; ++x) {
-        // The float glow holds 0..1 (more where the tone curve overshoots).
-        const float sf[3] = {Clamp255F(sr[x * 3] * 255.0f), Clamp255F(sr[x * 3 + 1] * 255.0f),
-                             Clamp255F(sr[x * 3 + 2] * 255.0f)};
-        const uint8_t* dp = dr + x * 4;
-        const float df[3] = {float(dp[0]), float(dp[1]), float(dp[2])};
-        float ff[3];
-        if (kHue)
-          HueMode(sf, df, ff);
-        else
-          SaturationMode(sf, df, ff);
-        const int32_t s[3] = {int32_t(sf[0] + 0.5f), int32_t(sf[1] + 0.5f), int32_t(sf[2] + 0.5f)};
-        const int32_t d[3] = {dp[0], dp[1], dp[2]};
-        const int32_t f[3] = {int32_t(ff[0] + 0.5f), int32_t(ff[1] + 0.5f), int32_t(ff[2] + 0.5f)};
-        const Composited<int32_t> c = Composite<int32_t>(s, 255, d, dp[3], f, b.opacity);
-        if (!c.write) continue;
-        uint8_t* o = orow + (x - b.ox) * 4;
-        o[0] = static_cast<uint8_t>(c.out[0]);
-        o[1] = static_cast<uint8_t>(c.out[1]);
-        o[2] = static_cast<uint8_t>(c.out[2]);
-        o[3] = static_cast<uint8_t>(c.alpha);
+        GlowBlendFloatPixel(kHue, sr + x * 3, dr + x * 4, orow + (x - b.ox) * 4, b.opacity);
       }
     }
   }
@@ -137,6 +118,26 @@ template int32_t GlowBlendHueRows<false>(ThreadJob*, int32_t*);
 template int32_t GlowBlendHueRows<true>(ThreadJob*, int32_t*);
 template int32_t GlowBlendSaturationRows<false>(ThreadJob*, int32_t*);
 template int32_t GlowBlendSaturationRows<true>(ThreadJob*, int32_t*);
+
+void GlowBlendFloatPixel(bool hue, const float* sr, const uint8_t* dp, uint8_t* o, int32_t opacity) {
+  // The float glow holds 0..1 (more where the tone curve overshoots).
+  const float sf[3] = {Clamp255F(sr[0] * 255.0f), Clamp255F(sr[1] * 255.0f), Clamp255F(sr[2] * 255.0f)};
+  const float df[3] = {float(dp[0]), float(dp[1]), float(dp[2])};
+  float ff[3];
+  if (hue)
+    HueMode(sf, df, ff);
+  else
+    SaturationMode(sf, df, ff);
+  const int32_t s[3] = {int32_t(sf[0] + 0.5f), int32_t(sf[1] + 0.5f), int32_t(sf[2] + 0.5f)};
+  const int32_t d[3] = {dp[0], dp[1], dp[2]};
+  const int32_t f[3] = {int32_t(ff[0] + 0.5f), int32_t(ff[1] + 0.5f), int32_t(ff[2] + 0.5f)};
+  const Composited<int32_t> c = Composite<int32_t>(s, 255, d, dp[3], f, opacity);
+  if (!c.write) return;
+  o[0] = static_cast<uint8_t>(c.out[0]);
+  o[1] = static_cast<uint8_t>(c.out[1]);
+  o[2] = static_cast<uint8_t>(c.out[2]);
+  o[3] = static_cast<uint8_t>(c.alpha);
+}
 
 void GlowBlendFloatFunction(int32_t mode, const float s[3], const uint8_t* d, float f[3]) {
   const float df[3] = {float(d[0]), float(d[1]), float(d[2])};

@@ -29,7 +29,7 @@ struct ParamImagesGuard {
 }  // namespace
 
 GlowEffect::GlowEffect(CThreadPool* pool) : EffectCore(pool) {
-  FillGlowBlendTables(m_blend_mode_to_slot, m_blend_kernels, m_blend_kernels_sse41);
+  FillGlowBlendTables(m_blend_mode_to_slot, m_blend_kernels, m_blend_kernels_sse41, m_blend_kernels_avx2);
 }
 
 int32_t GlowEffect::CalBlurRadius(float glow_radius) const {
@@ -171,27 +171,29 @@ int32_t GlowEffect::Process(const GlowParam& param) {
 }
 
 int32_t GlowEffect::CopyAndDetectHighlight() {
-  // Over the whole allocation: the columns and rows past the photo hold zeros.
-  GlowCopyParam copy{&m_param.src, &m_aligned_src};
+  // The later stages read the caller's photo where it lies, unless the output
+  // shares memory with it and the blend could overwrite pixels before they
+  // are read; only then is it copied (over the whole allocation, whose
+  // columns and rows past the photo hold zeros).
+  const GlowParam& prm = m_param;
+  const bool copy = prm.dst.data && prm.dst.width > 0 && prm.dst.height > 0 && Overlaps(prm.dst, prm.src);
+  m_photo = copy ? &m_aligned_src : &m_param.src;
+  GlowCopyParam copy_param{&m_param.src, &m_aligned_src, !copy};
   GlowDetectParam p;
-  p.src = &m_aligned_src;
+  p.src = m_photo;
   p.dst = &m_aligned_hlr;
   p.mask = m_param.mask.data ? &m_param.mask : nullptr;
   p.threshold = m_param.hlr_threshold;
-  p.cols = m_aligned_img_w;
-  p.rows = m_aligned_img_h;
-  const auto detect = KORVANE_PICK(m_system_info, GlowDetectHighlight, GlowDetectHighlight_SSE);
+  // Past the photo the highlight is never read (the downsampling samples the
+  // photo's rectangle only), so without the copy it is left alone there.
+  p.cols = copy ? m_aligned_img_w : m_img_w;
+  p.rows = copy ? m_aligned_img_h : m_img_h;
+  const auto detect =
+      KORVANE_PICK_AVX2(m_system_info, GlowDetectHighlight, GlowDetectHighlight_SSE, GlowDetectHighlight_AVX2);
   // 16 rows of a 4000-pixel photo: 256 KB copied, then read back from cache.
   RowPipeline chain(16);
-  chain.Then("copy src", GlowCopySrc, &copy).Then("detect hlr", detect.fn, &p);
-  return chain.Run(m_thread_adapter, Rect{0, 0, m_aligned_img_w, m_aligned_img_h});
-}
-
-int32_t GlowEffect::Resize(ResizeParam& param, Rect region, const char* stage) {
-  const int32_t hr = RunBilinearResize(m_thread_adapter, m_system_info, param, region);
-  // Named after the form that ran (the dispatcher chooses it the same way).
-  LogStep(PickBilinearResize(m_system_info, param.src.pix_fmt).simd ? "resize buff SSE" : "resize buff", hr);
-  return LogStep(stage, hr);
+  chain.Then("copy src", GlowCopySrc, &copy_param).Then("detect hlr", detect.fn, &p);
+  return chain.Run(m_thread_adapter, Rect{0, 0, p.cols, p.rows});
 }
 
 int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
@@ -215,22 +217,23 @@ int32_t GlowEffect::ShrinkAndSoften(bool to_bytes) {
   // Half-size rows are made, converted and blurred along the row a few at a
   // time, while they are in cache: "downsampling hlr", "convert BYTE to
   // Float" and the two "BoxBlurH" passes of "soften hlr" in one sweep.
+  const auto to_float = KORVANE_PICK_AVX2(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE, GlowByteToFloat_AVX2);
   RowPipeline chain(8);
-  chain.Then("downsampling hlr", KORVANE_PICK(m_system_info, BilinearResize_8uc4, BilinearResize_8uc4_SSE4).fn, &down)
-      .Then("convert BYTE to Float", KORVANE_PICK(m_system_info, GlowByteToFloat, GlowByteToFloat_SSE).fn, &conv);
-  if (r > 0) chain.Then("soften hlr", KORVANE_PICK(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE).fn, &blur_rows);
+  chain.Then("downsampling hlr", PickBilinearResize(m_system_info, PIXEL_BGRA32).fn, &down)
+      .Then("convert BYTE to Float", to_float.fn, &conv);
+  if (r > 0) chain.Then("soften hlr", KORVANE_PICK_AVX2(m_system_info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2).fn, &blur_rows);
   int32_t hr;
   if ((hr = chain.Run(m_thread_adapter, region)) < 0) return hr;
 
   if (r > 0) {
-    const auto v = KORVANE_PICK(m_system_info, BoxBlurV, BoxBlurV_SSE);
+    const auto v = KORVANE_PICK_AVX2(m_system_info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
     for (int pass = 0; pass < 2; ++pass) {
       hr = LogStep("soften hlr", m_thread_adapter.RunTaskByMultiThread(v.fn, &blur, this, region, false));
       if (hr < 0) return hr;
     }
   }
   if (!to_bytes) return S_OK;
-  const auto to_byte = KORVANE_PICK(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE);
+  const auto to_byte = KORVANE_PICK_AVX2(m_system_info, GlowFloatToByte, GlowFloatToByte_SSE, GlowFloatToByte_AVX2);
   conv.tone = nullptr;
   return LogStep("convert Float to BYTE", m_thread_adapter.RunTaskByMultiThread(to_byte.fn, &conv, this, region));
 }
@@ -242,25 +245,40 @@ int32_t GlowEffect::AdjustColor(bool floats) {
   p.hue = m_param.color_hue;
   p.saturation = m_param.saturation;
   p.brightness = m_param.brightness;
+  // The byte stage has a plain and an AVX2 form.
+  const auto bytes = ChooseKernel<ThreadTask>(m_system_info, &GlowAdjustColor, "GlowAdjustColor", nullptr, "",
+                                              KORVANE_AVX2(GlowAdjustColor_AVX2), "GlowAdjustColor_AVX2");
   return LogStep("adjust color",
-                 m_thread_adapter.RunTaskByMultiThread(floats ? GlowAdjustColorFloat : GlowAdjustColor, &p, this,
+                 m_thread_adapter.RunTaskByMultiThread(floats ? GlowAdjustColorFloat : bytes.fn, &p, this,
                                                        Rect{0, 0, m_scaled_img_w, m_scaled_img_h}));
 }
 
-int32_t GlowEffect::Blend() {
+int32_t GlowEffect::UpsampleAndBlend(bool floats) {
   const Rect& roi = m_param.roi;
   if (roi.right <= roi.left || roi.bottom <= roi.top) return S_OK;  // nothing to write
+  // Only the rows and columns of the roi are enlarged, a few rows at a time,
+  // and blended while they are still in cache.
+  ResizeParam up;
+  up.src = floats ? m_scaled_img_f : m_scaled_hlr;
+  up.dst = floats ? m_img_f : m_aligned_hlr;
+  up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
+  const Kernel<ThreadTask> resize = PickBilinearResize(m_system_info, up.src.pix_fmt);
   GlowBlendParam p;
   p.glow = &m_aligned_hlr;
   p.glow_f = &m_img_f;
-  p.photo = &m_aligned_src;
+  p.photo = m_photo;
   p.dst = &m_param.dst;
   p.roi = roi;
   p.opacity = m_param.opacity;
   const int32_t slot = m_blend_mode_to_slot[m_param.blend_mode];
   const auto blend = ChooseKernel(m_system_info, m_blend_kernels[slot], "blend rows", m_blend_kernels_sse41[slot],
-                                  "blend rows SSE4.1");
-  return LogStep("blending hlr to result", m_thread_adapter.RunTaskByMultiThread(blend.fn, &p, this, roi));
+                                  "blend rows SSE4.1", m_blend_kernels_avx2[slot], "blend rows AVX2");
+  RowPipeline chain(16);
+  chain.Then("upsampling hlr", resize.fn, &up).Then("blending hlr to result", blend.fn, &p);
+  const int32_t hr = chain.Run(m_thread_adapter, roi);
+  // A failed enlargement is also named after the form that ran.
+  if (hr < 0 && chain.FailedStep() <= 0) LogStep(resize.simd ? "resize buff SSE" : "resize buff", hr);
+  return hr;
 }
 
 int32_t GlowEffect::RunPipeline(bool floats) {
@@ -271,13 +289,7 @@ int32_t GlowEffect::RunPipeline(bool floats) {
   // The float modes keep the highlight in floats from here to the blend.
   if ((hr = ShrinkAndSoften(!floats)) < 0 || (hr = AdjustColor(floats)) < 0) return hr;
 
-  ResizeParam up;
-  up.src = floats ? m_scaled_img_f : m_scaled_hlr;
-  up.dst = floats ? m_img_f : m_aligned_hlr;
-  up.src_roi = Rect{0, 0, m_scaled_img_w, m_scaled_img_h};
-  if ((hr = Resize(up, Rect{0, 0, m_img_w, m_img_h}, "upsampling hlr")) < 0) return hr;
-
-  return Blend();
+  return UpsampleAndBlend(floats);
 }
 
 }  // namespace Korvane

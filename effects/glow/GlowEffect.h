@@ -38,17 +38,17 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t RunPipeline(bool floats);
   // Stages shared by both pipelines.
   int32_t CopyAndDetectHighlight();
-  int32_t Resize(ResizeParam& param, Rect region, const char* stage);
   int32_t ShrinkAndSoften(bool to_bytes);
   int32_t AdjustColor(bool floats);
-  int32_t Blend();
+  int32_t UpsampleAndBlend(bool floats);
 
-  SmartBuffer m_aligned_src;    // copy of the photo, aligned allocation, image-size fields
+  SmartBuffer m_aligned_src;    // the photo's copy (made when the output shares its memory), image-size fields
   SmartBuffer m_aligned_hlr;    // full-size highlight, same layout
   SmartBuffer m_scaled_hlr;     // half-size highlight, BGRA
   SmartBuffer m_scaled_img_f;   // half-size highlight, FLOAT96
   SmartBuffer m_img_f;          // full-size float highlight (float blend modes)
   GlowParam m_param;            // settings of the current Process call
+  const SmartBuffer* m_photo = &m_aligned_src;  // the photo the stages read: m_param.src or its copy
   int32_t m_img_w = 0;
   int32_t m_img_h = 0;
   int32_t m_aligned_img_w = 0;
@@ -59,6 +59,7 @@ class GlowEffect final : public Glow, public EffectCore {
   int32_t m_blend_mode_to_slot[kGlowBlendModeCount];
   ThreadTask m_blend_kernels[kGlowBlendSlotCount];       // plain forms
   ThreadTask m_blend_kernels_sse41[kGlowBlendSlotCount];  // SSE4.1 forms (NULL without them)
+  ThreadTask m_blend_kernels_avx2[kGlowBlendSlotCount];   // AVX2 forms (NULL without them)
 };
 
 }  // namespace Korvane

@@ -37,7 +37,7 @@ int32_t GlowCopySrc(ThreadJob* job, int32_t* result) {
   const int32_t bpp = BytesPerPixel(p->src->pix_fmt);
   if (bpp == 0 || bpp != BytesPerPixel(p->dst->pix_fmt)) return Done(result, E_INVALIDARG);
   Rect r = Clip(job->rect, std::min(p->src->width, p->dst->width), std::min(p->src->height, p->dst->height));
-  if (IsEmpty(r)) return Done(result, S_OK);
+  if (IsEmpty(r) || p->in_place) return Done(result, S_OK);
   const size_t bytes = static_cast<size_t>(r.right - r.left) * bpp;
   for (int32_t y = r.top; y < r.bottom; ++y) {
     std::memcpy(RowPtr(*p->dst, y) + r.left * bpp, RowPtr(*p->src, y) + r.left * bpp, bytes);
@@ -116,22 +116,8 @@ int32_t GlowByteToFloat(ThreadJob* job, int32_t* result) {
   const GlowConvertParam* p = GlowConvertBand(job, result, r);
   if (!p) return *result;
   for (int32_t y = r.top; y < r.bottom; ++y) {
-    const unsigned char* s = RowPtr(*p->bytes, y) + r.left * 4;
-    float* d = RowPtr<float>(*p->floats, y) + r.left * 3;
-    const int32_t n = r.right - r.left;
-    if (p->tone) {
-      for (int32_t i = 0; i < n; ++i) {
-        d[3 * i + 0] = p->tone[s[4 * i + 0]];
-        d[3 * i + 1] = p->tone[s[4 * i + 1]];
-        d[3 * i + 2] = p->tone[s[4 * i + 2]];
-      }
-      continue;
-    }
-    for (int32_t i = 0; i < n; ++i) {
-      d[3 * i + 0] = s[4 * i + 0] * 0.003921569f + 0.0f;
-      d[3 * i + 1] = s[4 * i + 1] * 0.003921569f + 0.0f;
-      d[3 * i + 2] = s[4 * i + 2] * 0.003921569f + 0.0f;
-    }
+    glow_detail::ByteToFloatPixels(RowPtr(*p->bytes, y) + r.left * 4, RowPtr<float>(*p->floats, y) + r.left * 3,
+                                   r.right - r.left, p->tone);
   }
   return Done(result, S_OK);
 }
@@ -199,6 +185,12 @@ void GlowToneTable(const GlowLightParam& p, float table[256]) {
   ToneCurveSamples(table, 256, p);
 }
 
+void GlowTintTable(const GlowColorParam& p, int32_t tint[256][3]) {
+  const int32_t hue = ClampToInt(p.hue * kHueFull, 0, kHueFull);
+  const int32_t sat = ClampToInt(p.strength * kHsvMax, 0, kHsvMax);
+  for (int32_t v = 0; v < 256; ++v) HsvToRgb(hue, sat, v << 7, tint[v][0], tint[v][1], tint[v][2]);
+}
+
 namespace {
 
 // The byte colour adjustment of one band. kTint: color_strength is not 0.
@@ -210,13 +202,8 @@ void AdjustColorBand(const GlowColorParam& p, const Rect& r) {
   const float w = p.strength, keep = 1.0f - p.strength;
   const float sat_gain = p.saturation + 1.0f;
   const float beta = p.brightness;
-  // Tint colour for each value v (its hue and saturation are fixed per call).
   int32_t tint[256][3];
-  if (kTint) {
-    const int32_t hue = ClampToInt(p.hue * kHueFull, 0, kHueFull);
-    const int32_t sat = ClampToInt(w * kHsvMax, 0, kHsvMax);
-    for (int32_t v = 0; v < 256; ++v) HsvToRgb(hue, sat, v << 7, tint[v][0], tint[v][1], tint[v][2]);
-  }
+  if (kTint) GlowTintTable(p, tint);
   // B, G, R packed into the low three bytes, in and out.
   auto adjust = [&](uint32_t bgr) -> uint32_t {
     int32_t b = bgr & 255, g = (bgr >> 8) & 255, rr = (bgr >> 16) & 255;
@@ -278,20 +265,38 @@ ColorBandFn PickScale(bool scale) {
 
 }  // namespace
 
-int32_t GlowAdjustColor(ThreadJob* job, int32_t* result) {
+const GlowColorParam* GlowColorBand(ThreadJob* job, int32_t* result, Rect& r, GlowColorSteps& steps) {
   const auto* p = static_cast<const GlowColorParam*>(job->param);
-  if (!p->img || !p->img->data) return Done(result, E_POINTER);
-  if (p->img->pix_fmt != PIXEL_BGRA32) return Done(result, E_INVALIDARG);
-  const Rect r = Clip(job->rect, p->img->width, p->img->height);
-  if (IsEmpty(r)) return Done(result, S_OK);
-  // Choose the band kernel once: each skipped step is one whose effect on an
-  // 8-bit colour is exactly nothing.
-  const bool tint = p->strength != 0.0f;
-  const bool hsv = p->saturation != 0.0f || p->strength > 1.0f;
-  const bool scale = p->brightness != 1.0f;
-  if (!tint && !hsv && !scale) return Done(result, S_OK);  // every colour stays as it is
-  ColorBandFn fn = tint ? (hsv ? PickScale<true, true>(scale) : PickScale<true, false>(scale))
-                                        : (hsv ? PickScale<false, true>(scale) : &AdjustColorBand<false, false, true>);
+  if (!p->img || !p->img->data) {
+    Done(result, E_POINTER);
+    return nullptr;
+  }
+  if (p->img->pix_fmt != PIXEL_BGRA32) {
+    Done(result, E_INVALIDARG);
+    return nullptr;
+  }
+  r = Clip(job->rect, p->img->width, p->img->height);
+  // Each skipped step is one whose effect on an 8-bit colour is exactly
+  // nothing. Without the HSV round trip a tint has strength 0..1 and keeps
+  // channels in 0..255.
+  steps.tint = p->strength != 0.0f;
+  steps.hsv = p->saturation != 0.0f || p->strength > 1.0f;
+  steps.scale = p->brightness != 1.0f;
+  if (IsEmpty(r) || (!steps.tint && !steps.hsv && !steps.scale)) {  // every colour stays as it is
+    Done(result, S_OK);
+    return nullptr;
+  }
+  return p;
+}
+
+int32_t GlowAdjustColor(ThreadJob* job, int32_t* result) {
+  Rect r;
+  GlowColorSteps st;
+  const GlowColorParam* p = GlowColorBand(job, result, r, st);
+  if (!p) return *result;
+  // The band kernel is chosen once.
+  ColorBandFn fn = st.tint ? (st.hsv ? PickScale<true, true>(st.scale) : PickScale<true, false>(st.scale))
+                           : (st.hsv ? PickScale<false, true>(st.scale) : &AdjustColorBand<false, false, true>);
   fn(*p, r);
   return Done(result, S_OK);
 }

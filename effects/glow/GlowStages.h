@@ -3,6 +3,7 @@
 // images it touches, so no region can make it read or write outside them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -10,10 +11,12 @@
 
 namespace Korvane {
 
-// "copy src": rows of src into the (wider-strided) working copy.
+// "copy src": rows of src into the (wider-strided) working copy. With
+// in_place the later stages read src itself: only the checks run.
 struct GlowCopyParam {
   const SmartBuffer* src = nullptr;
   SmartBuffer* dst = nullptr;
+  bool in_place = false;
 };
 int32_t GlowCopySrc(ThreadJob* job, int32_t* result);
 
@@ -32,8 +35,10 @@ struct GlowDetectParam {
   int32_t rows = 0;                   // allocated height of src and dst
 };
 int32_t GlowDetectHighlight(ThreadJob* job, int32_t* result);
-// SSE4.1 form: the same bytes, sixteen at a time where there is no mask.
+// SSE4.1 and AVX2 forms: the same bytes, sixteen or thirty-two at a time
+// where there is no mask.
 int32_t GlowDetectHighlight_SSE(ThreadJob* job, int32_t* result);
+int32_t GlowDetectHighlight_AVX2(ThreadJob* job, int32_t* result);
 
 // "convert BYTE to Float": B, G, R bytes to floats x 1/255, or through `tone`
 // when given: the tone curve of "adjust light" depends on the byte alone, so
@@ -46,9 +51,12 @@ struct GlowConvertParam {
 };
 int32_t GlowByteToFloat(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte(ThreadJob* job, int32_t* result);
-// SSE4.1 forms: the same values, four pixels at a time.
+// SSE4.1 forms: the same values, four pixels at a time; AVX2 forms, eight
+// (the AVX2 byte-to-float form also gathers through `tone`).
 int32_t GlowByteToFloat_SSE(ThreadJob* job, int32_t* result);
 int32_t GlowFloatToByte_SSE(ThreadJob* job, int32_t* result);
+int32_t GlowByteToFloat_AVX2(ThreadJob* job, int32_t* result);
+int32_t GlowFloatToByte_AVX2(ThreadJob* job, int32_t* result);
 // The checks of both conversions, and their band clipped to both images. Null
 // when the task is already done (*result set: an error, or nothing to convert).
 const GlowConvertParam* GlowConvertBand(ThreadJob* job, int32_t* result, Rect& r);
@@ -84,5 +92,59 @@ struct GlowColorParam {
 };
 int32_t GlowAdjustColor(ThreadJob* job, int32_t* result);
 int32_t GlowAdjustColorFloat(ThreadJob* job, int32_t* result);
+// AVX2 form of the byte task: the same bytes, thirty-two pixels at a time.
+int32_t GlowAdjustColor_AVX2(ThreadJob* job, int32_t* result);
+// The checks of the byte task, its band clipped to the image, and which of
+// its steps can change an 8-bit colour. Null when the task is already done
+// (*result set: an error, or nothing to change).
+struct GlowColorSteps {
+  bool tint = false, hsv = false, scale = false;
+};
+const GlowColorParam* GlowColorBand(ThreadJob* job, int32_t* result, Rect& r, GlowColorSteps& steps);
+// The tint colour (R, G, B) of each value v = 0..255 (v = the pixel's largest
+// channel): HSV to RGB of the tint's hue, saturation `strength` and v.
+void GlowTintTable(const GlowColorParam& p, int32_t tint[256][3]);
+
+// Per-pixel forms of the stages, with which the SIMD forms finish their rows.
+// Static: each file, whatever instruction set it is built for, keeps its own
+// copy.
+namespace glow_detail {
+
+// "detect hlr" without a mask: n BGRA pixels, B, G, R minus t (-255..255)
+// clamped, alpha copied.
+static inline void DetectPixels(const unsigned char* s, unsigned char* d, int32_t n, int32_t t) {
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) {
+      d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
+    }
+    d[4 * x + 3] = s[4 * x + 3];
+  }
+}
+
+// "convert BYTE to Float" of n pixels, through `tone` when given.
+static inline void ByteToFloatPixels(const unsigned char* s, float* d, int32_t n, const float* tone) {
+  if (tone) {
+    for (int32_t x = 0; x < n; ++x) {
+      for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = tone[s[4 * x + c]];
+    }
+    return;
+  }
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
+  }
+}
+
+// "convert Float to BYTE" of n pixels: x * 255 in double (exact), clamped to
+// 0..255 (NaN to 0), truncated; alpha kept.
+static inline void FloatToBytePixels(const float* s, unsigned char* d, int32_t n) {
+  for (int32_t x = 0; x < n; ++x) {
+    for (int32_t c = 0; c < 3; ++c) {
+      const double v = std::min(std::max(0.0, s[3 * x + c] * 255.0 + 0.0), 255.0);
+      d[4 * x + c] = static_cast<unsigned char>(static_cast<int32_t>(v));
+    }
+  }
+}
+
+}  // namespace glow_detail
 
 }  // namespace Korvane

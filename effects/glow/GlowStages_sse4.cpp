@@ -35,12 +35,7 @@ int32_t GlowDetectHighlight_SSE(ThreadJob* job, int32_t* result) {
       const __m128i o = _mm_subs_epu8(_mm_adds_epu8(v, up), down);
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 4 * x), o);
     }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) {
-        d[4 * x + c] = static_cast<unsigned char>(std::min(std::max(s[4 * x + c] - t, 0), 255));
-      }
-      d[4 * x + 3] = s[4 * x + 3];
-    }
+    glow_detail::DetectPixels(s + 4 * x, d + 4 * x, n - x, t);
   }
   return Done(result, S_OK);
 }
@@ -71,9 +66,7 @@ int32_t GlowByteToFloat_SSE(ThreadJob* job, int32_t* result) {
       _mm_storeu_ps(d + 3 * x + 4, _mm_add_ps(_mm_mul_ps(f1, scale), zero));
       _mm_storeu_ps(d + 3 * x + 8, _mm_add_ps(_mm_mul_ps(f2, scale), zero));
     }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) d[3 * x + c] = s[4 * x + c] * 0.003921569f + 0.0f;
-    }
+    glow_detail::ByteToFloatPixels(s + 4 * x, d + 3 * x, n - x, nullptr);
   }
   return Done(result, S_OK);
 }
@@ -117,12 +110,7 @@ int32_t GlowFloatToByte_SSE(ThreadJob* job, int32_t* result) {
       const __m128i old = _mm_loadu_si128(out);
       _mm_storeu_si128(out, _mm_blendv_epi8(_mm_shuffle_epi8(packed, spread), old, alpha));
     }
-    for (; x < n; ++x) {
-      for (int32_t c = 0; c < 3; ++c) {
-        const double v = std::min(std::max(0.0, s[3 * x + c] * 255.0 + 0.0), 255.0);
-        d[4 * x + c] = static_cast<unsigned char>(static_cast<int32_t>(v));
-      }
-    }
+    glow_detail::FloatToBytePixels(s + 3 * x, d + 4 * x, n - x);
   }
   return Done(result, S_OK);
 }

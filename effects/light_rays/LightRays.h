@@ -15,6 +15,7 @@
 // pixels of the photo.
 #pragma once
 
+#include <climits>
 #include <cstdint>
 
 #include "core/ImageBuffer.h"
@@ -25,6 +26,20 @@ namespace Korvane {
 enum LightRaysMode : int32_t {
   LIGHT_RAYS_RADIAL = 0,       // any value other than 1 is radial too
   LIGHT_RAYS_DIRECTIONAL = 1,
+};
+
+// A centre coordinate that asks for the automatic centre: the photo's
+// brightest compact highlight (LightRays::FindCenter).
+constexpr int32_t kLightRaysAutoCenter = INT32_MIN;
+
+// The settings LightRays::SuggestSettings fills, as bits.
+enum LightRaysSuggestion : uint32_t {
+  SUGGEST_CENTER = 1,     // center_x, center_y: FindCenter
+  SUGGEST_THRESHOLD = 2,  // hlr_threshold: from the photo's lightness histogram
+  SUGGEST_LENGTH = 4,     // ray_length: a quarter of the longer side
+  SUGGEST_SOFTNESS = 8,   // ray_softness: 0.3 % of the longer side
+  SUGGEST_STRENGTH = 16,  // blend_strength: capped so the picture does not wash out
+  SUGGEST_ALL = 31,
 };
 
 // Settings of one Process call. The defaults below are what ReleaseBuffer
@@ -91,9 +106,10 @@ struct LightRaysParam {
   // photo emits.
   float ray_radius = 0.0f;
   // Centre of the radial rays, and the anchor of the directional shafts'
-  // pattern. Not checked: clamped to half an image beyond each edge.
-  int32_t center_x = 0;
-  int32_t center_y = 0;
+  // pattern. Not checked: clamped to half an image beyond each edge. Either
+  // at kLightRaysAutoCenter (the default): the automatic centre of the photo.
+  int32_t center_x = kLightRaysAutoCenter;
+  int32_t center_y = kLightRaysAutoCenter;
 
   // -1..1: turn of the rays' hue, a half turn each way.
   float hue_shift = 0.0f;
@@ -103,6 +119,14 @@ struct LightRaysParam {
 
   // Rectangle of the photo written to dst; inside the photo, with dst's size.
   Rect roi;
+
+  // Non-zero: the rays fade smoothly to nothing at their far ends, without
+  // the steps that faint light lifted by ray_level otherwise shows: the
+  // smeared light is kept (1 + 15 ray_level) / 2 times finer before the
+  // lift, which caps the brightest rays near nine tenths of full light
+  // instead of full. The tool sets it.
+  uint8_t smooth_fade = 0;
+  uint8_t reserved_flags[3] = {0, 0, 0};  // not read
 };
 
 class LightRays {
@@ -110,27 +134,52 @@ class LightRays {
   virtual ~LightRays() = default;
 
   // Allocates the working images for a width x height photo: E_INVALIDARG
-  // for a side below 1 (or too large to address), E_OUTOFMEMORY when a
+  // for a side below 1 or over 65536, E_OUTOFMEMORY when a
   // working image cannot be had (Process then answers E_FAIL until an
-  // Initialize succeeds); the same size again does nothing. Fixes the ray pattern (a Mersenne Twister seeded 0), so the same
-  // settings always render the same picture.
+  // Initialize succeeds); the same size again does nothing. Fixes the ray
+  // pattern (a Mersenne Twister seeded 0), so the same settings always
+  // render the same picture.
   virtual int32_t Initialize(int32_t width, int32_t height) = 0;
 
   // Renders roi of the photo with its rays into param.dst. Returns 0 or the
-  // first failure, checked in this order: E_INVALIDARG for a photo of
+  // first failure, checked in light rays' own order, which differs from the
+  // library's usual one (missing, format, size): E_INVALIDARG for a photo of
   // another size than Initialize was given (so also before Initialize and
   // after ReleaseBuffer) or without pixels, a mask of another size or
   // format, a dst that is not roi's size, color_param or hue_shift out of
   // range; E_NOTIMPL for src or dst not PIXEL_BGRA32; E_INVALIDARG for the
   // other settings out of range, an empty roi or one outside the photo, rows
-  // shorter than the width; E_POINTER for a dst without pixels. Writes
-  // nothing but dst's pixels, and nothing at all on a refusal.
+  // shorter than the width; E_POINTER for a dst without pixels; later
+  // E_OUTOFMEMORY when the ray space of this centre and angle cannot be had
+  // (it holds only what the rays cross, so it stays within a small multiple
+  // of the photo). Writes nothing but dst's pixels, and nothing at all on a
+  // refusal.
   virtual int32_t Process(const LightRaysParam& param) = 0;
 
   // Frees the working images and returns the stored settings (and the ray
   // pattern) to their constructed state; Initialize must run again before
   // Process.
   virtual int32_t ReleaseBuffer() = 0;
+
+  // The automatic centre of `photo` (BGRA32): the middle of its brightest
+  // compact highlight (a lamp, the sun, a window: bright and brighter than
+  // what surrounds it, found at several sizes), in photo pixels. A frame
+  // edge is chosen only when that highlight lies there. Needs no
+  // Initialize. E_POINTER, E_NOTIMPL, E_INVALIDARG as Process checks the
+  // photo.
+  virtual int32_t FindCenter(const ImageBuffer* photo, int32_t* x, int32_t* y) = 0;
+
+  // Fills the settings named by `fields` (LightRaysSuggestion bits) so the
+  // rays suit `photo` (BGRA32, the size of param->src need not be set):
+  // the centre (FindCenter), the threshold (so about the brightest 2 % of
+  // the photo shines, kept within 160..250), the length and softness by
+  // the photo's size, and last the strength: the largest at most
+  // param->blend_strength with which the share of near-white pixels (every
+  // channel 245 or more) grows by at most 3 points, measured by rendering a
+  // copy of at most 400 pixels with the record's other settings. Leaves
+  // the other fields alone. E_POINTER, E_NOTIMPL, E_INVALIDARG (photo; or
+  // settings Process would refuse for the copy).
+  virtual int32_t SuggestSettings(const ImageBuffer* photo, uint32_t fields, LightRaysParam* param) = 0;
 };
 
 }  // namespace Korvane

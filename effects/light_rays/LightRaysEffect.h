@@ -1,5 +1,9 @@
 // The light-rays effect's implementation: half-size working images, the
 // polar and rotated ray-space images, the ray patterns and the pipeline.
+//
+// Files: LightRaysEffect.cpp (set-up, checks, the pipeline),
+// LightRaysPattern.cpp (the ray pattern and the sine/cosine tables),
+// LightRaysTransforms.cpp (the polar and the rotated ray space).
 #pragma once
 
 #include <cstdint>
@@ -21,6 +25,8 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   int32_t Initialize(int32_t width, int32_t height) override;
   int32_t Process(const LightRaysParam& param) override;
   int32_t ReleaseBuffer() override;
+  int32_t FindCenter(const ImageBuffer* photo, int32_t* x, int32_t* y) override;
+  int32_t SuggestSettings(const ImageBuffer* photo, uint32_t fields, LightRaysParam* param) override;
 
   // Sizes chosen by Initialize, for checks and tools.
   int32_t GetResizedWidth() const { return m_resized_img_w; }
@@ -47,11 +53,13 @@ class LightRaysEffect final : public LightRays, public EffectCore {
 
  private:
   int32_t Validate(const LightRaysParam& p) const;
+  // The largest strength up to param.blend_strength that washes out at most
+  // a few more points of a small copy of `photo` (SuggestSettings).
+  int32_t LimitStrength(const ImageBuffer& photo, LightRaysParam& param);
   bool BuffersReady() const;
   void ReleaseAll();
   int32_t RunPipeline();
   int32_t MemCopyROI();
-  int32_t RunStage(const char* stage, ThreadTask task, void* param, const Rect& region);
 
   // Pipeline stages.
   int32_t DownSampleInput();
@@ -62,9 +70,13 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // Both transforms: the highlights sampled along m_lines into `lines` (one
   // row a line, over `area`), then smeared along those rows into `smeared`;
   // a failure is logged under the step that failed.
-  int32_t SampleAndSmear(SmartBuffer& lines, SmartBuffer& smeared, const Rect& area, const char* sample_step,
+  int32_t SampleAndSmear(const RayRows& lines, const RayRows& smeared, const Rect& area, const char* sample_step,
                          const char* smear_step);
-  int32_t SoftneessProcess();
+  // Lays the first `rows` lines of m_lines (of `cols` columns at most) out
+  // in the two ray-space images; E_OUTOFMEMORY (logged as the image's
+  // creation) when they cannot be had.
+  int32_t PrepareRaySpace(int32_t rows, int32_t cols, bool polar, RayRows& lines, RayRows& smeared);
+  int32_t SoftnessProcess();
   int32_t PostProcessRays();
   // UpSampleHLR and Blend, chained row chunk by row chunk.
   int32_t UpSampleAndBlend();
@@ -79,13 +91,32 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   // the lampshade cone), or the shafts across a directional beam.
   void CalThetaWiseGains(int32_t rows);
   void CalDirectionalGains(int32_t rows, float v_centre, float period);
+  // smooth_fade: how much brighter the smear keeps the light, and the row
+  // gains scaled by it.
+  float FadeGain() const;
+  void ScaleGainsForFade(int32_t rows);
 
+  // The random angles' 2 pi, truncated as the ray pattern has always drawn it.
+  static constexpr double kAnglesTwoPi = 6.283184;
+  // Degrees to radians in the sine/cosine tables, truncated likewise.
+  static constexpr float kDegToRad = 0.017453f;
+  // A full turn in radians.
+  static constexpr double kFullTurn = 6.283185307179586;
+
+  CThreadPool* m_pool;  // the engine's, for the small renders of SuggestSettings
   SmartBuffer m_hlr_buff;
   SmartBuffer m_resized_src_buff;
   SmartBuffer m_resized_msk_buff;
   SmartBuffer m_resized_hlr_buff;
-  SmartBuffer m_polar_buff, m_temp_polar_buff;
-  SmartBuffer m_rotate_buff, m_temp_rotate_buff;
+  // The ray-space images of a call, the sampled highlights and the smeared
+  // rays, kept row by row (RayRows) for the lines of the call's transform;
+  // kept between calls and grown when a call needs more.
+  struct RayStore {
+    std::unique_ptr<uint32_t[]> pixels;
+    int64_t capacity = 0;
+  };
+  RayStore m_ray_buff, m_temp_ray_buff;
+  std::vector<RaySpan> m_ray_spans;
 
   int32_t m_img_w = 0;
   int32_t m_img_h = 0;
@@ -102,7 +133,6 @@ class LightRaysEffect final : public LightRays, public EffectCore {
   std::vector<float> m_spoke_shape, m_shaft_shape;
   int32_t m_max_polar_w = 0, m_max_polar_h = 0;
   int32_t m_max_rotate_w = 0, m_max_rotate_h = 0;
-  int64_t m_polar_buff_size = 0, m_rotate_buff_size = 0;
   LightRaysParam m_param;
 
   // Per-call state.

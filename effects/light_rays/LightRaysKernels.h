@@ -6,7 +6,9 @@
 // of a degree around the centre (a column per pixel of radius), for
 // directional rays the rows of the image turned so the rays run along them.
 // A RayLine says where a row lies in the highlight image and which of its
-// columns are used; everything outside [lo, hi) of a row is never read.
+// columns are used. Only those columns are stored (RayRows), so a ray space
+// costs what the lines crossing the image need: a thin photo's ray space is
+// as thin as the photo, whatever the angle.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +34,32 @@ struct RayLine {
   int32_t src_end = 0;
 };
 
+// Where row j of a packed ray space lies: column c (lo <= c < hi, the
+// columns of its line) is pixel col0 + c of the image.
+struct RaySpan {
+  int64_t col0 = 0;
+  int32_t lo = 0;
+  int32_t hi = 0;
+};
+
+// A ray-space image kept row by row: row j holds its columns [lo, hi) of
+// lines[j], the rows packed one after another. Columns outside a row's
+// range read as black.
+struct RayRows {
+  uint32_t* pixels = nullptr;      // BGRA pixels of all rows
+  const RaySpan* spans = nullptr;  // one per row
+  const RayLine* lines = nullptr;  // one per row
+
+  // Row j, from its column lo.
+  uint32_t* Row(int32_t j) const { return pixels + (spans[j].col0 + spans[j].lo); }
+  // Pixel (u, v): its four bytes, or black when the row does not hold u.
+  const uint8_t* At(int32_t u, int32_t v) const {
+    static const uint32_t kBlack = 0;
+    const RaySpan& s = spans[v];
+    return reinterpret_cast<const uint8_t*>(u >= s.lo && u < s.hi ? pixels + (s.col0 + u) : &kBlack);
+  }
+};
+
 // Columns of the line that fall inside the rectangle (-margin, w - 1 +
 // margin) x (-margin, h - 1 + margin), as [lo, hi) within [0, cols); an empty
 // range is lo = hi = 0.
@@ -54,8 +82,7 @@ int32_t HighLightDetect_SSE(const HighLightParam& p, const Rect& band);
 // ray-space rows. "CarteToPolarTransform" and "ImageRotateTransform".
 struct SampleRowsParam {
   const SmartBuffer* src = nullptr;  // BGRA highlight image
-  SmartBuffer* dst = nullptr;        // BGRA ray-space image
-  const RayLine* lines = nullptr;    // one per ray-space row
+  const RayRows* dst = nullptr;      // the ray-space image, its lines one per row
 };
 int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
 
@@ -68,9 +95,8 @@ int32_t SampleRows(const SampleRowsParam& p, const Rect& band);
 // forms. L is at most kMaxRayLength, which keeps t below 2^31.
 constexpr int32_t kMaxRayLength = 4096;
 struct SmearRowsParam {
-  const SmartBuffer* src = nullptr;
-  SmartBuffer* dst = nullptr;
-  const RayLine* lines = nullptr;
+  const RayRows* src = nullptr;
+  const RayRows* dst = nullptr;        // the same lines as src
   const uint16_t* row_gain = nullptr;  // one per row, 0..256
   int32_t length = 1;                  // L, 1..kMaxRayLength
 };
@@ -81,7 +107,7 @@ int32_t SmearRows(const SmearRowsParam& p, const Rect& band);
 // table (radius in pixels and angle in tenths of a degree, a float pair a
 // pixel). Alpha becomes 255.
 struct PolarToCarteParam {
-  const SmartBuffer* polar = nullptr;
+  const RayRows* polar = nullptr;
   int32_t polar_w = 0;        // columns in use (>= 2)
   int32_t polar_h = 0;        // rows in use (>= 2)
   SmartBuffer* dst = nullptr;
@@ -94,7 +120,7 @@ int32_t PolarToCarte(const PolarToCarteParam& p, const Rect& band);
 // The inverse rotation: pixel (x, y) of `area` takes the bilinear sample of
 // the rotated image at (u0 + x ux + y uy, v0 + x vx + y vy). Alpha becomes 255.
 struct RotateBackParam {
-  const SmartBuffer* rotated = nullptr;
+  const RayRows* rotated = nullptr;
   int32_t rotated_w = 0;  // columns in use (>= 2)
   int32_t rotated_h = 0;  // rows in use (>= 2)
   SmartBuffer* dst = nullptr;
@@ -106,8 +132,9 @@ int32_t RotateBack(const RotateBackParam& p, const Rect& band);
 
 // "PostProcess": each pixel to HSV; saturation and value through the tables
 // (indexed by the 8-bit level, giving 0..32640), the hue turned by
-// hue_shift hundredths of a degree with a single wrap by 35999 and a clamp to
-// 0..35999; back to RGB. Alpha untouched. Black stays black.
+// hue_shift hundredths of a degree and wrapped once by kLightRaysHueTurn
+// (WrapHue of core/LightMap.h); back to RGB. Alpha untouched. Black stays
+// black.
 struct PostProcessParam {
   SmartBuffer* img = nullptr;
   const int32_t* value_lut = nullptr;  // 256 entries
@@ -115,32 +142,23 @@ struct PostProcessParam {
   int32_t hue_shift = 0;               // -18000..18000
 };
 int32_t PostProcess(const PostProcessParam& p, const Rect& band);
-// The shifted hue with the wrap and clamp above.
-int32_t ShiftHue(int32_t h, int32_t shift);
 
-// "Blend": T[i] = min((int)(i * strength + 0.5), 255); for each pixel of
-// roi (photo coordinates), dst(x - left, y - top) = min(src + T[ray], 255)
-// on B, G, R, alpha from src.
-void BuildBlendTable(float strength, uint8_t table[256]);
-struct BlendParam {
-  const SmartBuffer* src = nullptr;  // photo
-  const SmartBuffer* rays = nullptr; // full-size rays
-  SmartBuffer* dst = nullptr;        // roi-sized
-  const uint8_t* table = nullptr;
-  Rect roi;
-};
-int32_t BlendRays(const BlendParam& p, const Rect& band);
-// The same as a task for the adapter (job->param is a BlendParam).
-int32_t BlendRaysTask(ThreadJob* job, int32_t* result);
+// The colour stage keeps hues in 0..35999, so a shifted hue wraps by 35999,
+// one less than a full turn.
+constexpr int32_t kLightRaysHueTurn = 35999;
 
-// SSE4.1 forms with the same results.
-void BuildBlendTable_SSE(float strength, uint8_t table[256]);
-int32_t BlendRays_SSE(const BlendParam& p, const Rect& band);
-int32_t BlendRaysTask_SSE(ThreadJob* job, int32_t* result);
+// SSE4.1 and AVX2 forms with the same results (the colour stage has an
+// AVX2 form only).
 int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band);
 int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band);
 int32_t RotateBack_SSE(const RotateBackParam& p, const Rect& band);
 int32_t SmearRows_SSE(const SmearRowsParam& p, const Rect& band);
+int32_t HighLightDetect_AVX2(const HighLightParam& p, const Rect& band);
+int32_t SampleRows_AVX2(const SampleRowsParam& p, const Rect& band);
+int32_t PolarToCarte_AVX2(const PolarToCarteParam& p, const Rect& band);
+int32_t RotateBack_AVX2(const RotateBackParam& p, const Rect& band);
+int32_t SmearRows_AVX2(const SmearRowsParam& p, const Rect& band);
+int32_t PostProcess_AVX2(const PostProcessParam& p, const Rect& band);
 
 namespace light_rays_detail {
 
@@ -196,27 +214,6 @@ inline Rect BandInArea(const Rect& band, const Rect& area, const SmartBuffer& ds
   r.top = std::max(r.top, band.top);
   r.bottom = std::min(r.bottom, band.bottom);
   return r;
-}
-
-// One pixel of the blend: B, G, R plus the table's value of the ray,
-// saturated at 255; alpha from the photo.
-inline void BlendPixel(const uint8_t* s, const uint8_t* ray, uint8_t* d, const uint8_t* t) {
-  for (int32_t c = 0; c < 3; ++c) d[c] = static_cast<uint8_t>(std::min(s[c] + t[ray[c]], 255));
-  d[3] = s[3];
-}
-
-// The row walk of both blend forms: row(s, ray, d, x0, x1) for each row of
-// `band` inside the roi, with columns x0..x1 to blend; the three pointers are
-// at pixel 0 of the row in photo coordinates (d shifted by the roi's corner).
-template <class Row>
-int32_t WalkBlendRows(const BlendParam& p, const Rect& band, Row row) {
-  if (!p.src || !p.rays || !p.dst || !p.table || !p.src->data || !p.rays->data || !p.dst->data) return E_POINTER;
-  const Rect r = BandInArea(band, p.roi, *p.src);
-  for (int32_t y = r.top; y < r.bottom; ++y) {
-    row(RowPtr(*p.src, y), RowPtr(*p.rays, y), RowPtr(*p.dst, y - p.roi.top) - static_cast<ptrdiff_t>(p.roi.left) * 4,
-        r.left, r.right);
-  }
-  return S_OK;
 }
 
 }  // namespace light_rays_detail

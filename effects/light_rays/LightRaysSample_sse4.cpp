@@ -38,15 +38,14 @@ inline uint32_t Mix4Sse(const uint8_t* p00, const uint8_t* p01, const uint8_t* p
 }  // namespace
 
 int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band) {
-  if (!p.src || !p.dst || !p.lines || !p.src->data || !p.dst->data) return E_POINTER;
+  if (!p.src || !p.src->data || !light_rays_detail::RowsThere(p.dst)) return E_POINTER;
   const SmartBuffer& src = *p.src;
   const auto mix = [](auto... a) { return Mix4Sse(a...); };
   const __m128i last_x = _mm_set1_epi32(src.width - 1), last_y = _mm_set1_epi32(src.height - 1);
   const __m128 zero = _mm_setzero_ps(), scale = _mm_set1_ps(256.0f), four = _mm_set1_ps(4.0f);
-  const int32_t top = std::max(band.top, 0), bottom = std::min(band.bottom, p.dst->height);
-  for (int32_t j = top; j < bottom; ++j) {
-    const RayLine& l = p.lines[j];
-    uint32_t* out = RowPtr<uint32_t>(*p.dst, j);
+  for (int32_t j = std::max(band.top, 0); j < band.bottom; ++j) {
+    const RayLine& l = p.dst->lines[j];
+    uint32_t* out = p.dst->Row(j);  // out[c - lo] is column c
     const int32_t end = std::min(std::max(l.src_end, l.lo), l.hi);
     const __m128 x0 = _mm_set1_ps(l.x0), y0 = _mm_set1_ps(l.y0), dx = _mm_set1_ps(l.dx), dy = _mm_set1_ps(l.dy);
     __m128 cs = _mm_add_ps(_mm_set1_ps(static_cast<float>(l.lo)), _mm_setr_ps(0.0f, 1.0f, 2.0f, 3.0f));
@@ -63,7 +62,7 @@ int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band) {
       if (_mm_movemask_ps(_mm_or_ps(outside, _mm_castsi128_ps(beyond))) != 0) {
         for (int32_t k = 0; k < 4; ++k) {
           const float fc = static_cast<float>(c + k);
-          out[c + k] = light_rays_detail::SampleOrZero(src, l.x0 + fc * l.dx, l.y0 + fc * l.dy);
+          out[c + k - l.lo] = light_rays_detail::SampleOrZero(src, l.x0 + fc * l.dx, l.y0 + fc * l.dy);
         }
         continue;
       }
@@ -75,25 +74,24 @@ int32_t SampleRows_SSE(const SampleRowsParam& p, const Rect& band) {
       for (int32_t k = 0; k < 4; ++k) {
         const uint8_t* r0 = RowPtr(src, iy[k]) + static_cast<ptrdiff_t>(ix[k]) * 4;
         const uint8_t* r1 = r0 + src.stride;
-        out[c + k] = mix(r0, r0 + 4, r1, r1 + 4, fx[k], fy[k]);
+        out[c + k - l.lo] = mix(r0, r0 + 4, r1, r1 + 4, fx[k], fy[k]);
       }
     }
     for (; c < end; ++c) {
       const float fc = static_cast<float>(c);
-      out[c] = light_rays_detail::SampleOrZero(src, l.x0 + fc * l.dx, l.y0 + fc * l.dy);
+      out[c - l.lo] = light_rays_detail::SampleOrZero(src, l.x0 + fc * l.dx, l.y0 + fc * l.dy);
     }
-    if (end < l.hi) std::memset(out + end, 0, static_cast<size_t>(l.hi - end) * 4);
+    if (end < l.hi) std::memset(out + (end - l.lo), 0, static_cast<size_t>(l.hi - end) * 4);
   }
   return S_OK;
 }
 
 int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band) {
-  if (!p.polar || !p.dst || !p.map || !p.polar->data || !p.dst->data) return E_POINTER;
+  if (!light_rays_detail::RowsThere(p.polar) || !p.dst || !p.map || !p.dst->data) return E_POINTER;
   if (p.polar_w < 2 || p.polar_h < 2) return E_INVALIDARG;
   const Rect r = light_rays_detail::BandInArea(band, p.area, *p.dst);
   const size_t map_stride = static_cast<size_t>(p.dst->width) * 2;
-  const int32_t stride = p.polar->stride;
-  const uint8_t* polar = p.polar->data.get();
+  const auto mix = [](auto... a) { return Mix4Sse(a...); };
   const __m128 base = _mm_set1_ps(p.r_base), zero = _mm_setzero_ps(), scale = _mm_set1_ps(256.0f);
   const __m128 last_u = _mm_set1_ps(static_cast<float>(p.polar_w - 1));
   const __m128 last_v = _mm_set1_ps(static_cast<float>(p.polar_h - 1));
@@ -120,14 +118,12 @@ int32_t PolarToCarte_SSE(const PolarToCarteParam& p, const Rect& band) {
       _mm_store_si128(reinterpret_cast<__m128i*>(wu), fu);
       _mm_store_si128(reinterpret_cast<__m128i*>(wv), fv);
       for (int32_t k = 0; k < 4; ++k) {
-        const uint8_t* r0 = polar + static_cast<ptrdiff_t>(iv[k]) * stride + static_cast<ptrdiff_t>(iu[k]) * 4;
-        out[x + k] = Mix4Sse(r0, r0 + 4, r0 + stride, r0 + stride + 4, wu[k], wv[k]);
+        out[x + k] = light_rays_detail::MixCell(*p.polar, light_rays_detail::Cell{iu[k], iv[k], wu[k], wv[k]}, mix);
       }
     }
     for (; x < r.right; ++x) {
       const light_rays_detail::Cell cell = light_rays_detail::ClampedCell(p.polar_w, p.polar_h, m[2 * x] - p.r_base, m[2 * x + 1]);
-      const uint8_t* r0 = polar + static_cast<ptrdiff_t>(cell.vi) * stride + static_cast<ptrdiff_t>(cell.ui) * 4;
-      out[x] = Mix4Sse(r0, r0 + 4, r0 + stride, r0 + stride + 4, cell.fu, cell.fv);
+      out[x] = light_rays_detail::MixCell(*p.polar, cell, mix);
     }
   }
   return S_OK;

@@ -10,18 +10,18 @@ int32_t SmearRows(const SmearRowsParam& p, const Rect& band) {
   const int32_t hr = light_rays_detail::CheckSmear(p);
   if (hr < 0) return hr;
   const int32_t len = p.length;
-  const int32_t top = std::max(band.top, 0), bottom = std::min(band.bottom, p.dst->height);
-  for (int32_t j = top; j < bottom; ++j) {
-    const RayLine& l = p.lines[j];
-    const uint8_t* in = RowPtr(*p.src, j);
-    uint8_t* out = RowPtr(*p.dst, j);
+  for (int32_t j = std::max(band.top, 0); j < band.bottom; ++j) {
+    const RayLine& l = p.dst->lines[j];
+    // Both rows hold columns [lo, hi): byte 4 (c - lo) is column c.
+    const uint8_t* in = reinterpret_cast<const uint8_t*>(p.src->Row(j));
+    uint8_t* out = reinterpret_cast<uint8_t*>(p.dst->Row(j));
     const float k = light_rays_detail::SmearScale(p.row_gain[j], len);
     int32_t t[3] = {0, 0, 0};  // sum of (L - i) in[c - i]
     int32_t s[3] = {0, 0, 0};  // sum of in[c - i], i < L
     // Every earlier sample loses one step of weight, the new one enters with L.
     const auto step = [&](int32_t c, const uint8_t* gone) {
-      const uint8_t* now = in + 4 * c;
-      uint8_t* o = out + 4 * c;
+      const uint8_t* now = in + 4 * (c - l.lo);
+      uint8_t* o = out + 4 * (c - l.lo);
       for (int32_t ch = 0; ch < 3; ++ch) {
         t[ch] = t[ch] - s[ch] + len * now[ch];
         s[ch] = s[ch] + now[ch] - gone[ch];
@@ -34,7 +34,7 @@ int32_t SmearRows(const SmearRowsParam& p, const Rect& band) {
     const int32_t full = std::min(l.hi, l.lo + len);
     int32_t c = l.lo;
     for (; c < full; ++c) step(c, kNothing);
-    for (; c < l.hi; ++c) step(c, in + 4 * (c - len));
+    for (; c < l.hi; ++c) step(c, in + 4 * (c - len - l.lo));
   }
   return S_OK;
 }

@@ -3,16 +3,10 @@
 
 #include "core/ColorSpace.h"
 #include "core/ImageChecks.h"
+#include "core/LightMap.h"
 #include "effects/light_rays/LightRaysKernels.h"
 
 namespace Korvane {
-
-int32_t ShiftHue(int32_t h, int32_t shift) {
-  h += shift;
-  if (h > 35999) h -= 35999;
-  if (h < 0) h += 35999;
-  return std::min(std::max(h, 0), 35999);
-}
 
 int32_t PostProcess(const PostProcessParam& p, const Rect& band) {
   if (!p.img || !p.img->data || !p.value_lut || !p.sat_lut) return E_POINTER;
@@ -26,7 +20,7 @@ int32_t PostProcess(const PostProcessParam& p, const Rect& band) {
       RgbToHsv(px[2], px[1], px[0], h, s, v);
       s = std::min(p.sat_lut[std::min(s >> 7, 255)], kHsvMax);
       v = std::min(p.value_lut[v >> 7], kHsvMax);
-      h = ShiftHue(h, p.hue_shift);
+      h = WrapHue(h + p.hue_shift, kLightRaysHueTurn);
       int32_t rr, gg, bb;
       HsvToRgb(h, s, v, rr, gg, bb);
       px[0] = static_cast<uint8_t>(bb);

@@ -13,7 +13,8 @@
 // Use: CreateEffect(&p, EFFECT_SPARKLE) gives a Sparkle*.
 //
 //   sparkle->SetSource(&photo);                 // finds the light points
-//   sparkle->SetAutoSparkleShape(&star);        // any size, BGRA32
+//   sparkle->SetAutoSparkleShape(&glint);       // optional (any size, BGRA32): else
+//                                               // param.default_shape is drawn
 //   sparkle->AddManualSparkles(points, 3, &shape);  // optional, shape 200 x 200
 //   for (i = 0; i < frames; ++i) {
 //     param.anime_frame_count = frames; param.anime_frame_index = i;
@@ -26,6 +27,7 @@
 
 #include <cstdint>
 
+#include "core/BuiltinShapes.h"
 #include "core/ImageBuffer.h"
 #include "core/LightPoints.h"
 #include "core/ResultCode.h"
@@ -47,8 +49,9 @@ struct SparkleParam {
   // 2: full size, whole-pixel pastes, fixed brightness per glint (fast preview);
   // 3: reduced as 1, whole-pixel pastes, fixed brightness per glint.
   // In 2 and 3 detection also uses a finer radius and a higher threshold
-  // (fewer, crisper points), and `amount` is taken in 11 steps. Other values
-  // behave as 1 (scaling) with sub-pixel pastes.
+  // (fewer, crisper points), and `amount` is taken in 11 steps (neither
+  // with steady_content). Other values behave as 1 (scaling) with sub-pixel
+  // pastes.
   int32_t quality_mode = 1;
   uint8_t rotate = 0;          // non-zero: the glints turn once per loop (on top of `rotation`)
   uint8_t twinkle = 0;         // non-zero: each glint flashes once per loop
@@ -56,6 +59,22 @@ struct SparkleParam {
   uint8_t manual_sparkle = 1;  // non-zero: draw the manual sparkles
   int32_t anime_frame_count = 1;  // >= 1: frames of the loop
   int32_t anime_frame_index = 0;  // >= 0: frame to render (index and index + count look the same)
+  // The automatic shape while none was given with SetAutoSparkleShape (or
+  // since ResetSparkleTypes): a BuiltinShape drawn by the library.
+  // SHAPE_NONE: Process answers E_FAIL until a shape is given.
+  int32_t default_shape = SHAPE_STAR4;
+  // Non-zero: automatic glints only on points that sit on real light
+  // (LightPointInfo highlight): bright against the photo and against their
+  // surroundings, not on texture or edges. The tool sets it.
+  uint8_t highlights_only = 0;
+  // Non-zero: the quality mode changes only the light map's size and the
+  // pasting precision, never which glints show or how bright: the points
+  // SetSource found serve every mode (so glints removed stay removed), the
+  // amount is taken as it is, and without twinkling each glint keeps the
+  // fixed brightness of its phase (that of modes 2 and 3) in every mode. A
+  // still and a loop then show the same glints. The tool sets it.
+  uint8_t steady_content = 0;
+  uint8_t reserved_flags[2] = {0, 0};  // not read
 };
 
 // Colour of the glints of one set.
@@ -112,11 +131,13 @@ class Sparkle {
   // when a frame's quality mode needs the other settings (2 and 3), which
   // also shows hidden automatic sparkles again. Shapes and manual sparkles
   // are kept (a new photo of the same size keeps its placed glints).
-  // E_POINTER, E_NOTIMPL (format), E_INVALIDARG (empty size or short rows).
+  // E_POINTER, E_NOTIMPL (format), E_INVALIDARG (empty size, short rows or a
+  // side over 65536).
   virtual int32_t SetSource(const ImageBuffer* src) = 0;
 
   // Copies the automatic shape (BGRA32, any size) into a SPK_SIZE x SPK_SIZE
-  // working copy (resized when needed). E_POINTER, E_NOTIMPL, E_INVALIDARG.
+  // working copy (resized when needed). E_POINTER, E_NOTIMPL, E_INVALIDARG
+  // (empty, short rows or a side over 65536).
   virtual int32_t SetAutoSparkleShape(const ImageBuffer* shape) = 0;
 
   // Registers or replaces the shape of a manual sparkle type. E_POINTER for no
@@ -129,8 +150,9 @@ class Sparkle {
   // random sequence seeded with its insertion number, so the same edits
   // always animate the same way. Returns 0, or 1 when the sparkles would
   // exceed the maximum (nothing is added); E_POINTER for no points or shape
-  // pixels, E_INVALIDARG for a negative count, a bad shape, a non-finite
-  // position or a scale outside (0, 6].
+  // pixels, E_INVALIDARG for a negative count, a bad shape, a position off
+  // the photo given to SetSource (0 <= x < width, 0 <= y < height; any
+  // position before SetSource) or a scale outside (0, 6].
   virtual int32_t AddManualSparkles(const SparklePoint* points, int32_t count, const SparkleShape* shape) = 0;
 
   // Edits what is placed: `value` is a SparkleUpdate or a type identifier.
@@ -140,17 +162,20 @@ class Sparkle {
   // brings them back). Move takes pairs (count even) and moves the nearest
   // manual sparkle at each `from`; a `to.scale` above 0 also sets its scale.
   // Returns how many sparkles changed, or E_POINTER, or E_INVALIDARG for a
-  // negative value, an odd count when moving, an unknown type identifier or
-  // a bad point.
+  // negative value, an odd count when moving, an unknown type identifier, a
+  // point off the photo or a scale that is not finite or above 6.
   virtual int32_t UpdateManualSparkles(const SparklePoint* points, int32_t count, int32_t value) = 0;
 
   // Renders one frame: the rectangle `roi` of the photo with the glints
-  // added, into dst (the size of roi). E_POINTER for a missing record, image
-  // or pixels; E_FAIL before SetSource or SetAutoSparkleShape; E_INVALIDARG
-  // for dst not the size of roi or not BGRA32, src not BGRA32,
-  // anime_frame_count < 1, anime_frame_index < 0, then for src not the size
-  // given to SetSource, roi not inside it, short rows, or a render setting out
-  // of range. dst may not overlap src.
+  // added, into dst (the size of roi). Sparkle's own order of checks, which
+  // differs from the library's usual one (missing, format, size): E_POINTER
+  // for a missing record, image or pixels; E_FAIL before SetSource, or
+  // without an automatic shape when param->default_shape is SHAPE_NONE;
+  // E_INVALIDARG for dst not the size of roi or not BGRA32, src not BGRA32
+  // (a wrong format is E_INVALIDARG here, not E_NOTIMPL), anime_frame_count
+  // < 1, anime_frame_index < 0, then for src not the size given to
+  // SetSource, roi not inside it, short rows, a render setting out of range
+  // or a default_shape that is no built-in shape. dst may not overlap src.
   virtual int32_t Process(const SparkleParam* param, const SparkleRenderParam* auto_render_param,
                           const SparkleRenderParam* manual_render_param, const ImageBuffer* src, ImageBuffer* dst,
                           Rect roi) = 0;
@@ -164,7 +189,8 @@ class Sparkle {
 
   // Releases the automatic shape and the shapes of all manual types. The
   // manual sparkles stay; those of a type without a shape are not drawn
-  // until it is registered again. Process needs a new automatic shape.
+  // until it is registered again. Process draws the default shape again
+  // (or needs a new automatic shape).
   virtual int32_t ResetSparkleTypes() = 0;
 
   // Releases the shapes, both sparkle lists and the working images and
@@ -180,6 +206,13 @@ class Sparkle {
   // Chooses which shapes a region render draws (RegionMode; kept until
   // changed, REGION_CENTRES_INSIDE at creation). E_INVALIDARG for another value.
   virtual int32_t SetRegionMode(int32_t mode) = 0;
+
+  // The automatic light points the last Process call draws a glint at in
+  // at least one frame of its loop (its amount, highlight filter, region,
+  // removed glints, brightness and twinkle), in the order of
+  // GetLightPoints; summary->count is their number. The same arguments and
+  // codes as GetLightPoints, and E_FAIL before a Process of this source.
+  virtual int32_t GetDrawnLightPoints(LightPointSummary* summary, LightPointInfo* points, int32_t capacity) const = 0;
 };
 
 }  // namespace Korvane

@@ -15,7 +15,8 @@ namespace Korvane {
 // clearly tinted.
 LightColor SparklePhotoColor(const uint8_t* bgr);
 
-// Colour mode 2: hue index in 0..23, 70% saturation, full value.
+// Colour mode 2: the hue of RandomHueTable at color_index (0..23), 70%
+// saturation, full value.
 LightColor SparkleRandomColor(int32_t color_index);
 
 // AdjustColor: for every lit pixel of the band (rows) within the columns of
@@ -35,5 +36,18 @@ struct SparkleAdjustParam {
 bool SparkleAdjustIsIdentity(const SparkleAdjustParam& p);
 
 int32_t AdjustSparkleColor(const SparkleAdjustParam& p, const Rect& band);
+// The AVX2 form, with the same bytes (there is no SSE4.1 form).
+int32_t AdjustSparkleColor_AVX2(const SparkleAdjustParam& p, const Rect& band);
+
+namespace sparkle_detail {
+
+// One row of `count` pixels adjusted with the saturation factor and the
+// gain, both in 1/256; the plain row also finishes the AVX2 rows.
+void AdjustRow(uint8_t* px, int32_t count, int32_t sat, int32_t gain);
+using AdjustRowFn = void (*)(uint8_t* px, int32_t count, int32_t sat, int32_t gain);
+// The checks, then `row` over the band's rows within the region's columns.
+int32_t RunAdjust(const SparkleAdjustParam& p, const Rect& band, AdjustRowFn row);
+
+}  // namespace sparkle_detail
 
 }  // namespace Korvane

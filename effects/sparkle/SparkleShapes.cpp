@@ -68,19 +68,10 @@ bool TurnOf(float degrees, float& cos_a, float& sin_a) {
 
 using namespace sparkle_detail;
 
-void SampleVariantRow(const VariantJob& j, int32_t y) {
-  WalkVariantRow(j, y, [](const uint8_t* a, const uint8_t* b, uint32_t wx, uint32_t wy, uint8_t* out) {
-    // The row pairs first, then the two rows: the same integers as the four
-    // weights (256 - wx)(256 - wy), ... applied at once.
-    for (int32_t c = 0; c < 4; ++c) {
-      const uint32_t top = a[c] * (256 - wx) + a[c + 4] * wx, bottom = b[c] * (256 - wx) + b[c + 4] * wx;
-      out[c] = static_cast<uint8_t>((top * (256 - wy) + bottom * wy + 32768u) >> 16);
-    }
-  });
-}
+void SampleVariantRow(const VariantJob& j, int32_t y) { WalkVariantRow(j, y, MixTaps); }
 
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs) {
-  const auto row = KORVANE_PICK(info, SampleVariantRow, SampleVariantRow_SSE);
+  const auto row = KORVANE_PICK_AVX2(info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
   int32_t hr;
   // Row r of the run is row r - first[j] of job j.
   std::vector<int32_t> first(jobs.size() + 1, 0);
@@ -89,18 +80,20 @@ int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, s
     if (!job.level || !job.variant || !job.level->data) return E_POINTER;
     if (!IsBgra(*job.level)) return E_NOTIMPL;
     if (job.level->width != job.level->height || job.variant->d < 1 || !RowsFit(*job.level, 4)) return E_INVALIDARG;
-    SparkleVariant& v = *job.variant;
-    if (!v.shape.data || v.shape.width != v.d || v.shape.height != v.d) {
-      if ((hr = CreateSmartBufferData(v.shape, v.d, v.d, PIXEL_BGRA32)) < 0) return hr;
+    LightShape& v = *job.variant;
+    const Rect held = v.Held();
+    if (!RectInside(held, v.d, v.d)) return E_INVALIDARG;
+    if (!v.shape.data || v.shape.width != RectWidth(held) || v.shape.height != RectHeight(held)) {
+      if ((hr = CreateSmartBufferData(v.shape, RectWidth(held), RectHeight(held), PIXEL_BGRA32)) < 0) return hr;
     }
-    first[j + 1] = first[j] + v.d;
+    first[j + 1] = first[j] + RectHeight(held);
   }
   if (jobs.empty()) return S_OK;
   return RunBands(adapter, Rect{0, 0, 1, first.back()}, [&](const Rect& band) {
     size_t j = static_cast<size_t>(std::upper_bound(first.begin(), first.end(), band.top) - first.begin()) - 1;
     for (int32_t r = band.top; r < band.bottom; ++r) {
       while (r >= first[j + 1]) ++j;
-      row.fn(jobs[j], r - first[j]);
+      row.fn(jobs[j], r - first[j] + jobs[j].variant->Held().top);
     }
     return S_OK;
   });

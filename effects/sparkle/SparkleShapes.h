@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/ImageBuffer.h"
+#include "core/LightPaste.h"
 #include "core/SystemInfo.h"
 #include "core/ThreadAdapter.h"
 
@@ -29,21 +30,13 @@ struct ShapePyramid {
   const SmartBuffer& LevelFor(int32_t d) const;
 };
 
-// A shape at one pasting size: the d x d image and the temporary image of
-// the sub-pixel paste ((d + 1) x (d + 1)).
-struct SparkleVariant {
-  int32_t d = 0;
-  SmartBuffer shape;
-  SmartBuffer tmp;
-};
-
 // One variant to make: `level` (a pyramid level, square) turned by the
 // angle whose cosine and sine are given, clockwise on screen about its
 // centre, and scaled onto the variant's d x d pixels centre to centre;
 // bilinear with 8-bit weights, transparent black outside the level.
 struct VariantJob {
   const SmartBuffer* level = nullptr;
-  SparkleVariant* variant = nullptr;
+  LightShape* variant = nullptr;  // a shape of the light map at its pasting size d
   float cos_a = 1.0f;
   float sin_a = 0.0f;
 };
@@ -52,17 +45,19 @@ struct VariantJob {
 // for whole quarter turns. False for an angle that is not finite.
 bool TurnOf(float degrees, float& cos_a, float& sin_a);
 
-// Makes every job's variant shape (created here at the variant's d when it
-// has another size; the temporary image is left to the caller). All variants
-// are sampled in one run on the adapter, their rows shared out between the
-// workers, with the SSE4.1 row form when `info` allows it. A variant whose
-// level has d's size and no turn is an exact copy.
+// Makes every job's variant shape, its held part only (created here at that
+// part's size when it has another size; the temporary image is left to the
+// caller). All variants are sampled in one run on the adapter, their rows
+// shared out between the workers, with the row form `info` picks (SSE4.1 or
+// AVX2 where allowed). A variant whose level has d's size and no turn is an
+// exact copy.
 int32_t SampleSparkleVariants(CThreadAdapter& adapter, const SystemInfo& info, std::vector<VariantJob>& jobs);
 
-// Row y of one job's variant (its shape already made), plain and SSE4.1
-// forms with identical bytes.
+// Row y of one job's variant (a row of its held part, the shape already
+// made), plain, SSE4.1 and AVX2 forms with identical bytes.
 void SampleVariantRow(const VariantJob& job, int32_t y);
 void SampleVariantRow_SSE(const VariantJob& job, int32_t y);
+void SampleVariantRow_AVX2(const VariantJob& job, int32_t y);
 
 // An odd pasting size (at least 3) from a length in light-map pixels.
 int32_t OddShapeSize(float length);

@@ -1,6 +1,7 @@
 // Internal to the variant samplers: the start and step of a row in 16.16
-// fixed point and the pixels that need the careful path, shared by the plain
-// and SSE4.1 forms so both sample exactly the same positions and weights.
+// fixed point and the pixels that need the careful path, shared by the
+// plain, SSE4.1 and AVX2 forms so all sample exactly the same positions and
+// weights.
 #pragma once
 
 #include <cmath>
@@ -63,31 +64,52 @@ inline bool BlackTaps(const uint8_t* a, const uint8_t* b, uint8_t* out) {
   return true;
 }
 
-// Row y of a variant, the walk and the careful paths of both forms: pixels
-// whose taps lie outside the level are black, those straddling its edge go
-// through EdgePixel, those with four black taps are black; the rest are
-// mixed by mix(a, b, wx, wy, out), a and b the top and bottom taps' rows.
+// One variant pixel from taps at (x0, y0) with weights wx, wy: black when
+// its taps lie outside the level, through EdgePixel when they straddle its
+// edge, black when all four are black (most of a star), otherwise mixed by
+// mix(a, b, wx, wy, out), a and b the top and bottom taps' rows.
 template <class Mix>
-inline void WalkVariantRow(const VariantJob& j, int32_t y, Mix&& mix) {
-  const SmartBuffer& src = *j.level;
-  const int32_t n = src.width, d = j.variant->d;
+inline void SamplePixel(const SmartBuffer& src, int32_t x0, int32_t y0, uint32_t wx, uint32_t wy, uint8_t* out,
+                        Mix&& mix) {
+  const int32_t n = src.width;
+  if (Outside(x0, y0, n)) {
+    std::memset(out, 0, 4);
+    return;
+  }
+  if (!Inside(x0, y0, n)) {
+    EdgePixel(src, x0, y0, wx, wy, out);
+    return;
+  }
+  const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
+  const uint8_t* b = a + src.stride;
+  if (BlackTaps(a, b, out)) return;
+  mix(a, b, wx, wy, out);
+}
+
+// The plain mix: the row pairs first, then the two rows: the same integers
+// as the four weights (256 - wx)(256 - wy), ... applied at once.
+inline void MixTaps(const uint8_t* a, const uint8_t* b, uint32_t wx, uint32_t wy, uint8_t* out) {
+  for (int32_t c = 0; c < 4; ++c) {
+    const uint32_t top = a[c] * (256 - wx) + a[c + 4] * wx, bottom = b[c] * (256 - wx) + b[c + 4] * wx;
+    out[c] = static_cast<uint8_t>((top * (256 - wy) + bottom * wy + 32768u) >> 16);
+  }
+}
+
+// Row y of a variant (in its held part) from column `from` of that part
+// on, pixel by pixel through SamplePixel.
+template <class Mix>
+inline void WalkVariantRow(const VariantJob& j, int32_t y, Mix&& mix, int32_t from = 0) {
+  const Rect held = j.variant->Held();
   RowWalk walk(j, y);
-  uint8_t* out = RowPtr(j.variant->shape, y);
-  for (int32_t x = 0; x < d; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
+  // The walk from column 0 to the first column, in one step of the same
+  // fixed-point sums.
+  walk.su += (held.left + from) * walk.du;
+  walk.sv += (held.left + from) * walk.dv;
+  uint8_t* out = RowPtr(j.variant->shape, y - held.top) + static_cast<ptrdiff_t>(from) * 4;
+  for (int32_t x = held.left + from; x < held.right; ++x, out += 4, walk.su += walk.du, walk.sv += walk.dv) {
     const int32_t x0 = static_cast<int32_t>(walk.su >> 16), y0 = static_cast<int32_t>(walk.sv >> 16);
-    if (Outside(x0, y0, n)) {
-      std::memset(out, 0, 4);
-      continue;
-    }
     const uint32_t wx = static_cast<uint32_t>(walk.su >> 8) & 255u, wy = static_cast<uint32_t>(walk.sv >> 8) & 255u;
-    if (!Inside(x0, y0, n)) {
-      EdgePixel(src, x0, y0, wx, wy, out);
-      continue;
-    }
-    const uint8_t* a = RowPtr(src, y0) + static_cast<ptrdiff_t>(x0) * 4;
-    const uint8_t* b = a + src.stride;
-    if (BlackTaps(a, b, out)) continue;
-    mix(a, b, wx, wy, out);
+    SamplePixel(*j.level, x0, y0, wx, wy, out, mix);
   }
 }
 

@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "TestSupport.h"
+#include "TestSupport.h"
 #include "core/BilinearResize.h"
+#include "core/SmartBuffer.h"
 
 using namespace Korvane;
 using namespace KorvaneTest;
@@ -25,9 +27,9 @@ ResizeParam Param(const Image& src, const Image& dst) {
   return ResizeParam{src.buf, dst.buf, Rect{0, 0, src.buf.width, src.buf.height}};
 }
 
-// The whole destination with the plain (simd 0) or SSE4.1 form.
-int32_t Resize(Runner& run, ResizeParam& p, int simd = 0) {
-  return RunBilinearResize(run.adapter, Level(simd), p, Rect{0, 0, p.dst.width, p.dst.height});
+// The whole destination with the form `info` picks (plain by default).
+int32_t Resize(Runner& run, ResizeParam& p, const SystemInfo& info = Level(0)) {
+  return RunBilinearResize(run.adapter, info, p, Rect{0, 0, p.dst.width, p.dst.height});
 }
 
 // The mapping written out directly: index, clamped neighbour and the 8-bit
@@ -140,11 +142,12 @@ TEST(BilinearResize, WritesOnlyTheBandAndRefusesBadInput) {
       {[](ResizeParam& q) { q.src.pix_fmt = q.dst.pix_fmt = PIXEL_GRAY16; }, E_NOTIMPL},
       {[](ResizeParam& q) { q.dst.pix_fmt = PIXEL_GRAY8; }, E_NOTIMPL},
   };
-  for (int simd : {0, int{SIMD_SSE41}})
+  for (const Form& form : Forms())
     for (const auto& b : bad) {
       ResizeParam q = p;
       b.edit(q);
-      EXPECT_EQ(RunBilinearResize(run.adapter, Level(simd), q, Rect{0, 0, 24, 18}), b.want) << &b - bad;
+      EXPECT_EQ(RunBilinearResize(run.adapter, form.info, q, Rect{0, 0, 24, 18}), b.want)
+          << form.name << " " << &b - bad;
     }
   testing::internal::CaptureStderr();
   p.dst.data.reset();
@@ -155,42 +158,65 @@ TEST(BilinearResize, WritesOnlyTheBandAndRefusesBadInput) {
             std::string::npos);
 }
 
-TEST(BilinearResize, Sse4MatchesPlainOnAwkwardSizes) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
+// Every SIMD form against the plain one: widths on either side of the
+// vector blocks (1 to 40 and a few long rows), reductions (which take the
+// halving paths where pairs are consecutive) and enlargements, narrowed
+// source rectangles, padded rows whose padding and guard bytes stay
+// untouched, and an enlargement whose bands go out through non-temporal
+// stores from unaligned row starts.
+TEST(BilinearResize, SimdFormsMatchPlainOnAwkwardSizes) {
   Runner run;
   std::mt19937 rng(42);
-  // Exact halvings take the consecutive-neighbour paths.
-  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5}, {251, 3, 1023, 9}, {4, 4, 1, 1},
-                                           {80, 6, 40, 3},    {86, 9, 43, 4},    {77, 3, 38, 1}};
+  std::vector<std::array<int, 4>> sizes = {{1001, 7, 333, 5},
+                                           {251, 3, 1023, 9},
+                                           {4, 4, 1, 1},
+                                           {80, 6, 40, 3},
+                                           {86, 9, 43, 4},
+                                           {77, 3, 38, 1},
+                                           {130, 5, 65, 2},
+                                           {98, 4, 49, 2},
+                                           // bands large enough to be written with non-temporal stores
+                                           {1203, 500, 2405, 1001}};
   for (int w = 1; w <= 40; ++w) {
     sizes.push_back({w, 1 + w % 5, 1 + static_cast<int>(rng() % 40), 1 + w % 7});
     sizes.push_back({1 + static_cast<int>(rng() % 40), 3, w, 2});
+    sizes.push_back({2 * w, 4, w, 2});  // exact halvings
   }
+  const std::vector<Form> forms = Forms();
   for (int fmt : {PIXEL_BGRA32, PIXEL_GRAY8})
     for (const auto& s : sizes) {
-      Image src(s[0], s[1], fmt), plain(s[2], s[3], fmt, 0x11), sse(s[2], s[3], fmt, 0xEE);
-      FillPattern(src, 2, static_cast<uint32_t>(s[0] * 131 + s[2]));
-      ResizeParam pp = Param(src, plain), ps = Param(src, sse);
+      const int pad = (s[0] + s[2]) % 4 == 0 ? 0 : 7;
+      TestImage src(s[0], s[1], fmt, pad);
+      src.FillNoise(static_cast<uint32_t>(s[0] * 131 + s[2]));
       // Alternate whole-image and narrowed source rectangles.
-      if ((s[0] + s[2]) % 3 == 0 && s[0] > 2) pp.src_roi = ps.src_roi = Rect{1, 0, s[0] - 1, s[1]};
-      ASSERT_EQ(Resize(run, pp), S_OK);
-      ASSERT_EQ(Resize(run, ps, SIMD_SSE41), S_OK);
-      ASSERT_EQ(plain.pixels, sse.pixels) << "fmt " << fmt << " " << s[0] << "x" << s[1] << " -> " << s[2] << "x" << s[3];
+      Rect roi{0, 0, s[0], s[1]};
+      if ((s[0] + s[2]) % 3 == 0 && s[0] > 2) roi = Rect{1, 0, s[0] - 1, s[1]};
+      std::vector<uint8_t> want;
+      for (const Form& form : forms) {
+        TestImage dst(s[2], s[3], fmt, pad + 5);
+        ResizeParam p{SmartBufferView(src.buf), SmartBufferView(dst.buf), roi};
+        ASSERT_EQ(Resize(run, p, form.info), S_OK);
+        ASSERT_TRUE(dst.GuardsIntact()) << form.name;
+        if (want.empty()) want = dst.Packed();
+        ASSERT_EQ(dst.Packed(), want) << form.name << " fmt " << fmt << " " << s[0] << "x" << s[1] << " -> " << s[2]
+                                      << "x" << s[3] << ": "
+                                      << FirstDifference(dst.Packed(), want, s[2], ChannelCount(fmt));
+      }
     }
 }
 
 TEST(BilinearResize, SameResultForOneTwoAndEightWorkers) {
   for (int fmt : {PIXEL_BGRA32, PIXEL_GRAY8, PIXEL_FLOAT96})
-    for (int simd : {0, int{SIMD_SSE41}})
+    for (const Form& form : Forms())
       ExpectSameForWorkerCounts(
           [&](Runner& run) {
             Image src(57, 31, fmt), dst(101, 45, fmt);
             FillPattern(src, 2, 7);  // any bit patterns, for the floats too
             ResizeParam p = Param(src, dst);
-            EXPECT_EQ(Resize(run, p, simd), S_OK);
+            EXPECT_EQ(Resize(run, p, form.info), S_OK);
             return dst.pixels;
           },
-          "fmt " + std::to_string(fmt) + " simd " + std::to_string(simd));
+          "fmt " + std::to_string(fmt) + " " + form.name);
 }
 
 TEST(BilinearResizeFloat, InterpolatesInFloatAndClampsAtTheEdges) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "TestSupport.h"
+#include "TestSupport.h"
 #include "core/BoxBlur.h"
 #include "core/BoxBlurDetail.h"
 
@@ -97,9 +98,10 @@ Image Reference(const Image& in, int r, bool rows, const uint8_t* mask = nullptr
   return out;
 }
 
-int32_t RunPass(Runner& run, int simd, BoxBlurParam& p, bool rows, Rect band) {
-  const auto task = rows ? KORVANE_PICK(Level(simd), BoxBlurH, BoxBlurH_SSE)
-                         : KORVANE_PICK(Level(simd), BoxBlurV, BoxBlurV_SSE);
+// One pass in the form `info` picks (plain by default).
+int32_t RunPass(Runner& run, BoxBlurParam& p, bool rows, Rect band, const SystemInfo& info = Level(0)) {
+  const auto task = rows ? KORVANE_PICK_AVX2(info, BoxBlurH, BoxBlurH_SSE, BoxBlurH_AVX2)
+                         : KORVANE_PICK_AVX2(info, BoxBlurV, BoxBlurV_SSE, BoxBlurV_AVX2);
   return run.adapter.RunTaskByMultiThread(task.fn, &p, nullptr, band, rows);
 }
 
@@ -146,7 +148,7 @@ TEST(BoxBlur, PlainMatchesTheReferenceForEveryVariantAndRadius) {
           Image img = Random(s.w, s.h, FormatOf(v), static_cast<uint32_t>(s.w * 7 + r));
           const Image want = Reference(img, r, rows, m);
           BoxBlurParam p = img.Param(r, m);
-          ASSERT_EQ(RunPass(run, 0, p, rows, img.Whole()), S_OK);
+          ASSERT_EQ(RunPass(run, p, rows, img.Whole()), S_OK);
           ASSERT_EQ(img.pixels, want.pixels) << "variant " << v << " " << s.w << "x" << s.h << " r " << r
                                              << (rows ? " H" : " V");
         }
@@ -163,12 +165,12 @@ TEST(BoxBlur, BadRecordsAreRefusedAndLogged) {
       {[](BoxBlurParam& p) { p.src.stride = 20; }, E_INVALIDARG},  // shorter than the row
   };
   Image img = Random(9, 6, PIXEL_BGRA32, 3);
-  for (int simd : {0, int{SIMD_SSE41}})
+  for (const Form& form : Forms())
     for (bool rows : {true, false})
       for (const auto& b : bad) {
         BoxBlurParam p = img.Param(3);
         b.edit(p);
-        EXPECT_EQ(RunPass(run, simd, p, rows, img.Whole()), b.want) << &b - bad;
+        EXPECT_EQ(RunPass(run, p, rows, img.Whole(), form.info), b.want) << form.name << " " << &b - bad;
       }
   testing::internal::CaptureStderr();
   BoxBlurParam p = img.Param(-2);
@@ -187,7 +189,7 @@ TEST(BoxBlur, PartialBandStillBlursWholeLinesAndOnlyItsOwn) {
     const Image full = Reference(img, 4, rows);
     BoxBlurParam p = img.Param(4);
     // The band covers a few columns and rows; the pass still treats whole lines.
-    ASSERT_EQ(RunPass(run, 0, p, rows, rows ? Rect{10, 5, 12, 20} : Rect{6, 13, 22, 14}), S_OK);
+    ASSERT_EQ(RunPass(run, p, rows, rows ? Rect{10, 5, 12, 20} : Rect{6, 13, 22, 14}), S_OK);
     for (int y = 0; y < 27; ++y)
       for (int x = 0; x < 31; ++x) {
         const bool in = rows ? (y >= 5 && y < 20) : (x >= 6 && x < 22);
@@ -199,7 +201,7 @@ TEST(BoxBlur, PartialBandStillBlursWholeLinesAndOnlyItsOwn) {
 
 TEST(BoxBlur, ConstantImagesStayConstantAndHugeWindowsAverageTheWholeLine) {
   Runner run;
-  for (int simd : {0, int{SIMD_SSE41}}) {
+  for (const Form& form : Forms()) {
     for (int fmt : kFormats) {
       Image flat(26, 17, fmt);
       for (size_t i = 0; i < flat.pixels.size() / (BytesPerPixel(fmt) / ChannelCount(fmt)); ++i) {
@@ -210,8 +212,8 @@ TEST(BoxBlur, ConstantImagesStayConstantAndHugeWindowsAverageTheWholeLine) {
       const auto before = flat.pixels;
       for (int r : {2, 9, 13, 60}) {
         BoxBlurParam p = flat.Param(r);
-        ASSERT_EQ(RunBoxBlur(run.adapter, Level(simd), p, flat.Whole(), 2), S_OK);
-        ASSERT_EQ(flat.pixels, before) << "fmt " << fmt << " r " << r;
+        ASSERT_EQ(RunBoxBlur(run.adapter, form.info, p, flat.Whole(), 2), S_OK);
+        ASSERT_EQ(flat.pixels, before) << form.name << " fmt " << fmt << " r " << r;
       }
     }
     // Any window wider than the lines gives the same as one just as wide.
@@ -219,51 +221,61 @@ TEST(BoxBlur, ConstantImagesStayConstantAndHugeWindowsAverageTheWholeLine) {
       Image img = Random(5, 3, PIXEL_GRAY8, 2);
       const Image want = Reference(Reference(img, 6, true), 6, false);
       BoxBlurParam p = img.Param(r);
-      ASSERT_EQ(RunBoxBlur(run.adapter, Level(simd), p, img.Whole()), S_OK);
-      EXPECT_EQ(img.pixels, want.pixels) << r;
+      ASSERT_EQ(RunBoxBlur(run.adapter, form.info, p, img.Whole()), S_OK);
+      EXPECT_EQ(img.pixels, want.pixels) << form.name << " " << r;
     }
   }
 }
 
-TEST(BoxBlur, SseMatchesPlainBitExactOnAwkwardSizes) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
+// Every SIMD form against the plain one on awkward sizes (1 to 40 columns,
+// long rows, tall strips, windows wider than the image), each pass alone on
+// padded rows whose padding and guard bytes stay untouched, and RunBoxBlur,
+// which may blur an 8-bit image in one sweep per row band.
+TEST(BoxBlur, SimdFormsMatchPlainBitExactOnAwkwardSizes) {
   Runner run(3);
   std::vector<std::pair<int, int>> sizes = {{333, 5}, {6, 301}, {257, 129}, {200, 37}, {33, 300}, {7, 120}};
   for (int w = 1; w <= 40; ++w) sizes.push_back({w, 1 + (w * 7) % 23});
+  const std::vector<Form> forms = Forms();
   for (int v : kVariants)
     for (const auto& s : sizes) {
       const std::vector<uint8_t> mask = TestMask(s.first, s.second);
       const uint8_t* m = v == kMasked ? mask.data() : nullptr;
       for (int r : {1, 2, 3, 8, 17, 31, 64}) {
-        // Arbitrary floats here: the two forms must agree whatever the rounding.
+        // Arbitrary floats here: the forms must agree whatever the rounding.
         const Image orig = Random(s.first, s.second, FormatOf(v), static_cast<uint32_t>(s.first * 31 + r + v), true);
-        Image plain = orig, sse = orig, swept = orig;
+        Image plain = orig;
         for (bool rows : {true, false}) {
-          BoxBlurParam pp = plain.Param(r, m), ps = sse.Param(r, m);
-          ASSERT_EQ(RunPass(run, 0, pp, rows, plain.Whole()), S_OK);
-          ASSERT_EQ(RunPass(run, SIMD_SSE41, ps, rows, sse.Whole()), S_OK);
-          ASSERT_EQ(plain.pixels, sse.pixels)
-              << "variant " << v << " " << s.first << "x" << s.second << " r " << r << (rows ? " H" : " V");
+          BoxBlurParam pp = plain.Param(r, m);
+          ASSERT_EQ(RunPass(run, pp, rows, plain.Whole()), S_OK);
         }
-        // RunBoxBlur may blur an 8-bit image in one sweep per row band: the
-        // bytes of the two passes all the same.
-        BoxBlurParam pw = swept.Param(r, m);
-        ASSERT_EQ(RunBoxBlur(run.adapter, Level(SIMD_SSE41), pw, swept.Whole()), S_OK);
-        ASSERT_EQ(swept.pixels, plain.pixels) << "variant " << v << " " << s.first << "x" << s.second << " r " << r;
+        for (size_t f = 1; f < forms.size(); ++f) {
+          const std::string what = std::string(forms[f].name) + " variant " + std::to_string(v) + " " +
+                                   std::to_string(s.first) + "x" + std::to_string(s.second) + " r " + std::to_string(r);
+          TestImage padded(s.first, s.second, FormatOf(v), 8);
+          padded.Fill(orig.pixels);
+          BoxBlurParam pf{padded.buf, r, m};
+          for (bool rows : {true, false}) ASSERT_EQ(RunPass(run, pf, rows, orig.Whole(), forms[f].info), S_OK);
+          ASSERT_EQ(padded.Packed(), plain.pixels) << what;
+          ASSERT_TRUE(padded.GuardsIntact()) << what;
+          Image swept = orig;
+          BoxBlurParam pw = swept.Param(r, m);
+          ASSERT_EQ(RunBoxBlur(run.adapter, forms[f].info, pw, swept.Whole()), S_OK);
+          ASSERT_EQ(swept.pixels, plain.pixels) << what << " one sweep";
+        }
       }
     }
 }
 
 TEST(BoxBlur, SameResultForOneTwoAndEightWorkers) {
   for (int fmt : kFormats)
-    for (int simd : {0, int{SIMD_SSE41}})
+    for (const Form& form : Forms())
       ExpectSameForWorkerCounts(
           [&](Runner& run) {
             Image img = Random(61, 43, fmt, 21);
             BoxBlurParam p = img.Param(7);
             const int passes = fmt == PIXEL_BGRA32 || fmt == PIXEL_GRAY8 ? 1 : 2;  // 1: the sweep
-            EXPECT_EQ(RunBoxBlur(run.adapter, Level(simd), p, img.Whole(), passes), S_OK);
+            EXPECT_EQ(RunBoxBlur(run.adapter, form.info, p, img.Whole(), passes), S_OK);
             return img.pixels;
           },
-          "fmt " + std::to_string(fmt) + " simd " + std::to_string(simd));
+          "fmt " + std::to_string(fmt) + " " + form.name);
 }

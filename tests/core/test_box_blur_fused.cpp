@@ -1,9 +1,10 @@
 // Several horizontal passes run band by band as one task (RunBoxBlur with
-// passes > 1, plain and SSE4.1): the same bytes as the plain passes run over
+// passes > 1, every form): the same bytes as the plain passes run over
 // the whole image one after another, for every format and awkward geometry.
 #include <cmath>
 #include <cstring>
 
+#include "TestSupport.h"
 #include "TestSupport.h"
 #include "core/BoxBlur.h"
 
@@ -28,14 +29,15 @@ std::vector<uint8_t> RandomPixels(int w, int h, int fmt, uint32_t seed) {
   return px;
 }
 
-// RunBoxBlur with `simd`, or (simd < 0) the reference: the plain single
-// passes run over the whole image one after another.
-std::vector<uint8_t> Blur(std::vector<uint8_t> px, int w, int h, int fmt, int r, int passes, int simd, int workers) {
+// RunBoxBlur in the form `info` picks, or (info null) the reference: the
+// plain single passes run over the whole image one after another.
+std::vector<uint8_t> Blur(std::vector<uint8_t> px, int w, int h, int fmt, int r, int passes, const SystemInfo* info,
+                          int workers) {
   Runner run(workers);
   BoxBlurParam p{MakeImageBuffer(px.data(), w, h, fmt), r, nullptr};
   const Rect whole{0, 0, w, h};
-  if (simd >= 0) {
-    EXPECT_EQ(RunBoxBlur(run.adapter, Level(simd), p, whole, passes), S_OK);
+  if (info) {
+    EXPECT_EQ(RunBoxBlur(run.adapter, *info, p, whole, passes), S_OK);
     return px;
   }
   for (int i = 0; i < passes; ++i) EXPECT_EQ(run.adapter.RunTaskByMultiThread(BoxBlurH, &p, nullptr, whole), S_OK);
@@ -47,18 +49,17 @@ std::vector<uint8_t> Blur(std::vector<uint8_t> px, int w, int h, int fmt, int r,
 
 TEST(BoxBlurRepeated, BandByBandPassesMatchWholeImagePassesBitForBit) {
   struct Size { int w, h; };
-  // Heights not a multiple of 4 leave rows to the plain tail; radius 9 is
-  // wider than the narrow images.
-  for (const Size& s : {Size{1, 1}, Size{3, 7}, Size{13, 9}, Size{37, 6}, Size{64, 11}})
+  // Heights not a multiple of 8 or 4 leave rows to the SSE4.1 and plain
+  // tails; radius 9 is wider than the narrow images.
+  for (const Size& s : {Size{1, 1}, Size{3, 7}, Size{13, 9}, Size{37, 6}, Size{64, 11}, Size{29, 20}})
     for (int fmt : {PIXEL_FLOAT96, PIXEL_FLOAT32, PIXEL_BGRA32, PIXEL_GRAY8})
       for (int r : {1, 2, 9})
         for (int passes : {2, 3}) {
           const std::vector<uint8_t> src = RandomPixels(s.w, s.h, fmt, 7 * s.w + s.h + r);
-          const std::vector<uint8_t> want = Blur(src, s.w, s.h, fmt, r, passes, -1, 2);
-          for (int simd : {0, int(SIMD_SSE41)}) {
-            if (simd && !KORVANE_HAVE_SSE41) continue;
-            ASSERT_EQ(Blur(src, s.w, s.h, fmt, r, passes, simd, 3), want)
-                << s.w << "x" << s.h << " format " << fmt << " r " << r << " passes " << passes << " simd " << simd;
+          const std::vector<uint8_t> want = Blur(src, s.w, s.h, fmt, r, passes, nullptr, 2);
+          for (const Form& form : Forms()) {
+            ASSERT_EQ(Blur(src, s.w, s.h, fmt, r, passes, &form.info, 3), want)
+                << s.w << "x" << s.h << " format " << fmt << " r " << r << " passes " << passes << " " << form.name;
           }
         }
 }
@@ -67,8 +68,8 @@ TEST(BoxBlurRepeated, MissingParameterIsRefused) {
   ThreadJob job;
   job.rect = Rect{0, 0, 4, 4};
   BoxBlurRepeatParam empty;
-  for (ThreadTask task : {&BoxBlurHRepeat, KORVANE_SSE41(BoxBlurHRepeat_SSE)}) {
-    if (!task) continue;
+  for (const Form& form : Forms()) {
+    const ThreadTask task = KORVANE_PICK_AVX2(form.info, BoxBlurHRepeat, BoxBlurHRepeat_SSE, BoxBlurHRepeat_AVX2).fn;
     int32_t result = 1;
     job.param = &empty;
     EXPECT_EQ(task(&job, &result), E_POINTER);

@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "FocusBlurReference.h"
+#include "TestSupport.h"
 #include "core/RowPipeline.h"
 #include "core/SmartBuffer.h"
 #include "core/ThreadAdapter.h"
@@ -77,11 +78,15 @@ std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uin
 
 }  // namespace
 
-// Both forms against the literal reference, on awkward sizes, with kernels
-// longer than the image, and with every worker count giving the same bytes.
+// Every form against the literal reference, on awkward sizes (widths on
+// either side of the vector blocks, and 300 columns: two column chunks of
+// the vertical pass for the longest kernel), with kernels longer than the
+// image, and with every worker count giving the same bytes.
 TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
-  const int sizes[][2] = {{1, 1}, {1, 9}, {7, 1}, {3, 5}, {13, 11}, {37, 13}, {70, 45}, {130, 3}, {19, 90}};
+  const int sizes[][2] = {{1, 1},   {1, 9},   {7, 1},   {3, 5},  {13, 11}, {37, 13},
+                          {70, 45}, {130, 3}, {19, 90}, {17, 6}, {31, 20}, {47, 2}, {300, 9}};
   const int levels[] = {1, 6, 23, 60};
+  const std::vector<KorvaneTest::Form> forms = KorvaneTest::Forms();
   uint32_t seed = 1;
   for (const auto& sz : sizes) {
     const int w = sz[0], h = sz[1];
@@ -98,15 +103,15 @@ TEST(GaussianBlurTasks, MatchTheReferenceBitForBit) {
       for (bool vertical : {false, true}) {
         std::vector<uint8_t> ref = img;
         ReferenceBlur(ref, w, h, wt, n, mask, vertical);
-        const ThreadTask plain = vertical ? GaussianBlurV : GaussianBlurH;
-        for (int workers : {1, 3, 8}) {
-          EXPECT_EQ(RunBlurTask(plain, vertical, img, w, h, wt, n, mask, workers), ref)
-              << w << "x" << h << " level " << level << (vertical ? " V" : " H") << " workers " << workers;
-#if KORVANE_HAVE_SSE41
-          const ThreadTask sse = vertical ? GaussianBlurV_SSE : GaussianBlurH_SSE;
-          EXPECT_EQ(RunBlurTask(sse, vertical, img, w, h, wt, n, mask, workers), ref)
-              << "SSE " << w << "x" << h << " level " << level << (vertical ? " V" : " H");
-#endif
+        for (const KorvaneTest::Form& form : forms) {
+          const ThreadTask task =
+              vertical ? KORVANE_PICK_AVX2(form.info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2).fn
+                       : KORVANE_PICK_AVX2(form.info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2).fn;
+          for (int workers : {1, 3, 8}) {
+            EXPECT_EQ(RunBlurTask(task, vertical, img, w, h, wt, n, mask, workers), ref)
+                << form.name << " " << w << "x" << h << " level " << level << (vertical ? " V" : " H") << " workers "
+                << workers;
+          }
         }
       }
     }
@@ -130,10 +135,11 @@ TEST(GaussianBlurTasks, RefuseUnusableRecordsWithoutTouchingTheImage) {
          p.source.channel = 3;
        }},
   };
-  std::vector<std::pair<ThreadTask, bool>> tasks = {{GaussianBlurH, true}, {GaussianBlurV, false}};
-#if KORVANE_HAVE_SSE41
-  tasks.insert(tasks.end(), {{GaussianBlurH_SSE, true}, {GaussianBlurV_SSE, false}});
-#endif
+  std::vector<std::pair<ThreadTask, bool>> tasks;
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    tasks.push_back({KORVANE_PICK_AVX2(form.info, GaussianBlurH, GaussianBlurH_SSE, GaussianBlurH_AVX2).fn, true});
+    tasks.push_back({KORVANE_PICK_AVX2(form.info, GaussianBlurV, GaussianBlurV_SSE, GaussianBlurV_AVX2).fn, false});
+  }
   for (const auto& task : tasks) {
     EXPECT_EQ(task.first(nullptr, nullptr), E_POINTER);
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -177,11 +183,10 @@ std::vector<uint8_t> RunBothPasses(ThreadTask task, const std::vector<uint8_t>& 
 // column pass, for every short kernel, with holes in the mask (many or few),
 // on sizes where bands are a row or two and rows are shorter than the kernel.
 TEST(GaussianBlurTasks, BothPassesAtOnceMatchTheTwoPasses) {
-  const int sizes[][2] = {{1, 1}, {1, 7}, {9, 1}, {2, 3}, {13, 11}, {37, 5}, {70, 45}, {19, 90}};
-  std::vector<ThreadTask> forms = {GaussianBlurHV};
-#if KORVANE_HAVE_SSE41
-  forms.push_back(GaussianBlurHV_SSE);
-#endif
+  const int sizes[][2] = {{1, 1}, {1, 7}, {9, 1}, {2, 3}, {13, 11}, {37, 5}, {70, 45}, {19, 90}, {23, 17}};
+  std::vector<ThreadTask> forms;
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms())
+    forms.push_back(KORVANE_PICK_AVX2(form.info, GaussianBlurHV, GaussianBlurHV_SSE, GaussianBlurHV_AVX2).fn);
   uint32_t seed = 100;
   for (const auto& sz : sizes) {
     const int w = sz[0], h = sz[1];
@@ -214,8 +219,8 @@ TEST(GaussianBlurTasks, BothPassesAtOnceMatchTheTwoPasses) {
           for (int workers : {1, 3, 8}) {
             for (uint8_t fill : {0x00, 0xA5}) {
               EXPECT_EQ(RunBothPasses(forms[f], img, w, h, model, workers, fill), two)
-                  << (f ? "SSE " : "plain ") << w << "x" << h << " n " << model.kernel_length << " holes " << holes
-                  << " workers " << workers;
+                  << KorvaneTest::Forms()[f].name << " " << w << "x" << h << " n " << model.kernel_length << " holes "
+                  << holes << " workers " << workers;
             }
           }
         }
@@ -227,10 +232,9 @@ TEST(GaussianBlurTasks, BothPassesAtOnceMatchTheTwoPasses) {
 // The combined task needs a separate source and a short kernel, and scratch
 // rows of the band's width when it writes to them.
 TEST(GaussianBlurTasks, BothPassesAtOnceRefuseLongKernelsAndNoSource) {
-  std::vector<ThreadTask> forms = {GaussianBlurHV};
-#if KORVANE_HAVE_SSE41
-  forms.push_back(GaussianBlurHV_SSE);
-#endif
+  std::vector<ThreadTask> forms;
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms())
+    forms.push_back(KORVANE_PICK_AVX2(form.info, GaussianBlurHV, GaussianBlurHV_SSE, GaussianBlurHV_AVX2).fn);
   std::vector<uint8_t> img(6 * 4 * 4, 7), src(6 * 4 * 4, 9);
   for (ThreadTask task : forms) {
     EXPECT_EQ(task(nullptr, nullptr), E_POINTER);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <set>
@@ -13,6 +14,7 @@
 #include "core/BoxBlur.h"
 #include "core/ImageChecks.h"
 #include "core/LightPointDetect.h"
+#include "core/Random.h"
 #include "core/SmartBuffer.h"
 
 namespace Korvane {
@@ -90,31 +92,87 @@ TEST(LightPointDetect, GradientsClampAtTheEdgesAndUseHslLightness) {
 // turn: the response of a noisy picture computed both ways.
 TEST(LightPointDetect, HarrisMatchesTheSeparateKernels) {
   KorvaneTest::Runner run;
-  SmartBuffer src;
-  CreateSmartBufferData(src, 67, 41, PIXEL_BGRA32);
-  KorvaneTest::FillNoise(src.data.get(), static_cast<size_t>(src.stride) * src.height, 12);
-  const Rect all = FullRect(src);
-  const int32_t d = 3;
-  SmartBuffer got, dx, dy, dxx, dyy, dxy, want;
-  for (SmartBuffer* b : {&got, &dx, &dy, &dxx, &dyy, &dxy, &want}) CreateSmartBufferData(*b, 67, 41, PIXEL_FLOAT32);
-  ASSERT_EQ(HarrisCorner(run.adapter, Level(0), src, got, 0.006f, d, all), S_OK);
-  ASSERT_EQ(GradientH(src, dx, d, all), S_OK);
-  ASSERT_EQ(GradientV(src, dy, d, all), S_OK);
-  ASSERT_EQ(MultiplyBuffer(dx, dx, dxx, all), S_OK);
-  ASSERT_EQ(MultiplyBuffer(dy, dy, dyy, all), S_OK);
-  ASSERT_EQ(MultiplyBuffer(dx, dy, dxy, all), S_OK);
-  for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
-    BoxBlurParam blur;
-    blur.src = ImageBuffer{b->data.get(), b->width, b->height, b->stride, 1, PIXEL_FLOAT32};
-    blur.radius = d;
-    ASSERT_EQ(RunBoxBlur(run.adapter, Level(0), blur, all, 2), S_OK);
+  for (auto [w, h] : {std::pair<int32_t, int32_t>{67, 41}, {9, 5}}) {
+    SmartBuffer src;
+    CreateSmartBufferData(src, w, h, PIXEL_BGRA32);
+    KorvaneTest::FillNoise(src.data.get(), static_cast<size_t>(src.stride) * src.height, 12);
+    const Rect all = FullRect(src);
+    const int32_t d = 3;
+    SmartBuffer dx, dy, dxx, dyy, dxy, want;
+    for (SmartBuffer* b : {&dx, &dy, &dxx, &dyy, &dxy, &want}) CreateSmartBufferData(*b, w, h, PIXEL_FLOAT32);
+    ASSERT_EQ(GradientH(src, dx, d, all), S_OK);
+    ASSERT_EQ(GradientV(src, dy, d, all), S_OK);
+    ASSERT_EQ(MultiplyBuffer(dx, dx, dxx, all), S_OK);
+    ASSERT_EQ(MultiplyBuffer(dy, dy, dyy, all), S_OK);
+    ASSERT_EQ(MultiplyBuffer(dx, dy, dxy, all), S_OK);
+    for (SmartBuffer* b : {&dxx, &dyy, &dxy}) {
+      BoxBlurParam blur;
+      blur.src = ImageBuffer{b->data.get(), b->width, b->height, b->stride, 1, PIXEL_FLOAT32};
+      blur.radius = d;
+      ASSERT_EQ(RunBoxBlur(run.adapter, Level(0), blur, all, 2), S_OK);
+    }
+    ASSERT_EQ(CalCornerResponse(dxx, dyy, dxy, want, 0.006f, all), S_OK);
+    float lo, hi;
+    ASSERT_EQ(GetBuffMinMax(want, lo, hi, all), S_OK);
+    ASSERT_EQ(NormalizeMinMax(want, 0.0f, hi, 0.0f, 255.0f, all), S_OK);
+    // Every form of the whole detector step gives the separate plain kernels' map.
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      SmartBuffer got;
+      CreateSmartBufferData(got, w, h, PIXEL_FLOAT32);
+      ASSERT_EQ(HarrisCorner(run.adapter, form.info, src, got, 0.006f, d, all), S_OK);
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) ASSERT_EQ(At(got, x, y), At(want, x, y)) << form.name << " " << x << "," << y;
+    }
   }
-  ASSERT_EQ(CalCornerResponse(dxx, dyy, dxy, want, 0.006f, all), S_OK);
-  float lo, hi;
-  ASSERT_EQ(GetBuffMinMax(want, lo, hi, all), S_OK);
-  ASSERT_EQ(NormalizeMinMax(want, 0.0f, hi, 0.0f, 255.0f, all), S_OK);
-  for (int32_t y = 0; y < 41; ++y)
-    for (int32_t x = 0; x < 67; ++x) ASSERT_EQ(At(got, x, y), At(want, x, y)) << x << "," << y;
+}
+
+// The AVX2 forms of the map kernels against the plain ones on random maps
+// (negative values, plateaus, NaN, values past 255) of awkward widths, over
+// rois that do not start at column 0.
+TEST(LightPointDetect, MapKernelsOfEveryFormAgree) {
+  std::mt19937 rng(8);
+  for (int32_t w : {1, 7, 8, 9, 17, 30}) {
+    const int32_t h = 5;
+    std::vector<float> v(static_cast<size_t>(w) * h);
+    for (float& x : v) x = static_cast<float>(static_cast<int32_t>(rng() % 700) - 200) * 0.75f;
+    v[static_cast<size_t>(rng() % v.size())] = NAN;
+    const Rect roi{w / 3, 1, w, h};
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      const SystemInfo& info = form.info;
+      const auto pick = [&](auto plain, const char* plain_name, auto avx2, const char* avx2_name) {
+        return ChooseKernel<decltype(plain)>(info, plain, plain_name, nullptr, "", avx2, avx2_name).fn;
+      };
+      SmartBuffer a = FloatMap(w, h, v), b = FloatMap(w, h, v), c = FloatMap(w, h, v);
+      SmartBuffer ra = FloatMap(w, h, std::vector<float>(v.size(), 3.0f));
+      SmartBuffer rb = FloatMap(w, h, std::vector<float>(v.size(), 3.0f));
+      ASSERT_EQ(CalCornerResponse(a, b, c, ra, 0.006f, roi), S_OK);
+      ASSERT_EQ(pick(&CalCornerResponse, "", KORVANE_AVX2(CalCornerResponse_AVX2), "")(a, b, c, rb, 0.006f, roi), S_OK);
+      float lo_a, hi_a, lo_b, hi_b;
+      ASSERT_EQ(GetBuffMinMax(a, lo_a, hi_a, roi), S_OK);
+      ASSERT_EQ(pick(&GetBuffMinMax, "", KORVANE_AVX2(GetBuffMinMax_AVX2), "")(a, lo_b, hi_b, roi), S_OK);
+      EXPECT_EQ(lo_a, lo_b) << form.name << " w " << w;
+      EXPECT_EQ(hi_a, hi_b) << form.name << " w " << w;
+      ASSERT_EQ(NormalizeMinMax(a, -10.0f, 400.0f, 0.0f, 255.0f, roi), S_OK);
+      ASSERT_EQ(pick(&NormalizeMinMax, "", KORVANE_AVX2(NormalizeMinMax_AVX2), "")(b, -10.0f, 400.0f, 0.0f, 255.0f, roi),
+                S_OK);
+      SmartBuffer ga, gb;
+      CreateSmartBufferData(ga, w, h, PIXEL_GRAY8);
+      CreateSmartBufferData(gb, w, h, PIXEL_GRAY8);
+      ASSERT_EQ(CvtBuffFloatToChar(c, ga, roi), S_OK);
+      ASSERT_EQ(pick(&CvtBuffFloatToChar, "", KORVANE_AVX2(CvtBuffFloatToChar_AVX2), "")(c, gb, roi), S_OK);
+      ASSERT_EQ(ThreshCornerMap(c, 25.0f, roi), S_OK);
+      SmartBuffer d = FloatMap(w, h, v);
+      ASSERT_EQ(pick(&ThreshCornerMap, "", KORVANE_AVX2(ThreshCornerMap_AVX2), "")(d, 25.0f, roi), S_OK);
+      for (int32_t y = roi.top; y < roi.bottom; ++y)
+        for (int32_t x = roi.left; x < roi.right; ++x) {
+          const auto same = [](float p, float q) { return std::memcmp(&p, &q, 4) == 0; };
+          ASSERT_TRUE(same(At(ra, x, y), At(rb, x, y))) << form.name << " response " << x << "," << y;
+          ASSERT_TRUE(same(At(a, x, y), At(b, x, y))) << form.name << " normalised " << x << "," << y;
+          ASSERT_TRUE(same(At(c, x, y), At(d, x, y))) << form.name << " threshold " << x << "," << y;
+          ASSERT_EQ(RowPtr<uint8_t>(ga, y)[x], RowPtr<uint8_t>(gb, y)[x]) << form.name << " bytes " << x << "," << y;
+        }
+    }
+  }
 }
 
 TEST(LightPointDetect, MinMaxNormaliseSuppressThreshold) {
@@ -163,21 +221,26 @@ TEST(LightPointDetect, SuppressionMatchesTheWindowRule) {
     std::vector<float> v(static_cast<size_t>(w) * h);
     for (float& x : v) x = static_cast<float>(rng() % 5);  // plateaus
     const SmartBuffer src = FloatMap(w, h, v);
-    SmartBuffer out = FloatMap(w, h, std::vector<float>(v.size(), -1.0f));
     Rect roi{static_cast<int32_t>(rng() % w), static_cast<int32_t>(rng() % h), 0, 0};
     roi.right = roi.left + 1 + static_cast<int32_t>(rng() % (w - roi.left));
     roi.bottom = roi.top + 1 + static_cast<int32_t>(rng() % (h - roi.top));
-    ASSERT_EQ(NonMaximumSuppress(src, out, r, roi), S_OK);
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        const bool inside = x >= roi.left && x < roi.right && y >= roi.top && y < roi.bottom;
-        bool greater = false;
-        for (int32_t yy = std::max(0, y - r); yy <= std::min(h - 1, y + r); ++yy)
-          for (int32_t xx = std::max(0, x - r); xx <= std::min(w - 1, x + r); ++xx)
-            greater |= At(src, xx, yy) > At(src, x, y);
-        const float want = inside && !greater ? At(src, x, y) : -1.0f;
-        ASSERT_EQ(At(out, x, y), want) << "round " << round << " at " << x << "," << y << " r " << r;
-      }
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      const auto suppress = ChooseKernel<decltype(&NonMaximumSuppress)>(
+          form.info, &NonMaximumSuppress, "NonMaximumSuppress", nullptr, "", KORVANE_AVX2(NonMaximumSuppress_AVX2),
+          "NonMaximumSuppress_AVX2");
+      SmartBuffer out = FloatMap(w, h, std::vector<float>(v.size(), -1.0f));
+      ASSERT_EQ(suppress.fn(src, out, r, roi), S_OK);
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const bool inside = x >= roi.left && x < roi.right && y >= roi.top && y < roi.bottom;
+          bool greater = false;
+          for (int32_t yy = std::max(0, y - r); yy <= std::min(h - 1, y + r); ++yy)
+            for (int32_t xx = std::max(0, x - r); xx <= std::min(w - 1, x + r); ++xx)
+              greater |= At(src, xx, yy) > At(src, x, y);
+          const float want = inside && !greater ? At(src, x, y) : -1.0f;
+          ASSERT_EQ(At(out, x, y), want) << suppress.name << " round " << round << " at " << x << "," << y << " r " << r;
+        }
+    }
   }
 }
 
@@ -246,6 +309,43 @@ TEST(LightPointDetect, SettingsReachTheDetector) {
   EXPECT_EQ(LightPointRadius(640, 4.0f), 3);
   EXPECT_EQ(LightPointRadius(5000, 4.0f), 4);
   EXPECT_EQ(LightPointRadius(640, 2.0f), 2);
+}
+
+// A point's draws come from the first words of its own generator, made
+// without the engine's whole state; they must be the engine's words, also
+// when rejections draw past the first few (huge counts redraw often) and
+// for points batched together in a list.
+TEST(LightPointDetect, PointDrawsAreTheEnginesDraws) {
+  const auto reference = [](uint32_t seed, uint32_t phases, uint32_t colours) {
+    Mt19937 gen(seed);
+    LightPoint p;
+    p.phase = static_cast<int32_t>(DrawIndex(gen, phases));
+    p.random = DrawUnit(gen);
+    p.color_index = static_cast<int32_t>(DrawIndex(gen, colours));
+    return p;
+  };
+  for (auto [phases, colours] : {std::pair<uint32_t, uint32_t>{132, 24}, {0x80000001u, 0x7fffffffu}, {1, 1}}) {
+    for (uint32_t seed = 0; seed < 3000; seed += 7) {
+      const LightPoint got = DrawLightPoint(seed, static_cast<int32_t>(phases), static_cast<int32_t>(colours));
+      const LightPoint want = reference(seed, phases, colours);
+      ASSERT_EQ(got.phase, want.phase) << seed;
+      ASSERT_EQ(got.random, want.random) << seed;
+      ASSERT_EQ(got.color_index, want.color_index) << seed;
+    }
+  }
+  SmartBuffer map;
+  CreateSmartBufferData(map, 61, 7, PIXEL_GRAY8);
+  for (int32_t y = 0; y < 7; ++y)
+    for (int32_t x = 0; x < 61; ++x) RowPtr(map, y)[x] = static_cast<uint8_t>((x * 7 + y * 3) % 5 == 0);
+  LightPointList list;
+  ASSERT_EQ(InitLightPointList(map, 132, 24, list), S_OK);
+  ASSERT_GT(list.size(), 60u);
+  for (const auto& [k, p] : list) {
+    const LightPoint want = reference(static_cast<uint32_t>(k), 132, 24);
+    ASSERT_EQ(p.phase, want.phase) << k;
+    ASSERT_EQ(p.random, want.random) << k;
+    ASSERT_EQ(p.color_index, want.color_index) << k;
+  }
 }
 
 TEST(LightPointDetect, ListDrawsArePerPointAndRepeatable) {

@@ -38,7 +38,10 @@ void WriteLights(const std::string& dir) {
 TEST(CliBokeh, PointsJsonListsTheDetectedPoints) {
   const std::string dir = Scratch();
   WriteLights(dir);
-  const CliResult r = RunCli("bokeh " + dir + "/photo.png --points-json " + dir + "/points.json");
+  // Every point lights up at some frame of a twinkling loop.
+  const CliResult r =
+      RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/depth.png --amount 1 --twinkle --frames 24 --points-json " +
+             dir + "/points.json");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   std::vector<uint8_t> bytes;
   std::string error;

@@ -41,6 +41,10 @@ const std::vector<Rule>& Rules() {
 
 Status CheckCombination(const OptionValues& values, int32_t frames) {
   const CommandSpec& spec = values.spec();
+  if (spec.Find("frame") && values.Has("frame") && values.Whole("frame") >= frames) {
+    return Status::Usage("--frame " + std::to_string(values.Whole("frame")) + " is past the last frame of --frames " +
+                         std::to_string(frames));
+  }
   for (const OptionSpec& o : spec.options) {
     if (o.needs_loop && frames < 2 && values.Flag(o.name)) {
       return Status::Usage("--" + o.name + " needs --frames 2 or more");

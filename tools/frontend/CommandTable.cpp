@@ -277,7 +277,7 @@ CommandSpec LightRays() {
   t.push_back(Opt("center", K::kPoint)
                   .Parts({{"X", -1e6, 1e6}, {"Y", -1e6, 1e6}})
                   .Unit("pixels")
-                  .Absent("the brightest region")
+                  .Absent("the photo's brightest compact highlight")
                   .Help("Where radial rays start (may lie up to half the photo outside it)"));
   t.push_back(Number("direction", -360, 360, "degrees", "270",
                      "Where directional rays run: 0 right, 90 up, 270 down"));
@@ -289,7 +289,7 @@ CommandSpec LightRays() {
                      "Radial: only highlights this close to the centre shine (0: all)"));
   t.push_back(Opt("threshold", K::kNumber)
                   .Range(0, 255)
-                  .Absent("the lightness of the photo's brightest 1.5 %, within 160..250")
+                  .Absent("from the photo: about its brightest 2 % shines, within 160..250")
                   .Help("Lightness a pixel needs to shine (255: only white)"));
   t.push_back(Opt("softness", K::kNumber)
                   .Range(0, 1e6, "pixels")
@@ -297,7 +297,7 @@ CommandSpec LightRays() {
                   .Help("Softening of the rays, at most a 32nd of the longer side"));
   t.push_back(Opt("strength", K::kNumber)
                   .Range(0, 1)
-                  .Absent("the most, up to 1, that washes out at most 2.5 % more of the photo")
+                  .Absent("the most, up to 1, that turns at most 3 % more of the photo near-white")
                   .Help("How much of the rays is added to the photo"));
   t.push_back(Number("brightness", 0, 1, "", "0.5",
                      "Brightness of the rays: 0 as averaged, 1 up to 16 times brighter"));

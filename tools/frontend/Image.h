@@ -49,4 +49,8 @@ struct Image {
 // A packed copy of a view.
 Image CopyOf(const ImageView& view);
 
+// One gray channel of a BGRA view: the luma (R, G, B weighted 77, 150, 29
+// out of 256) every front end reduces a colour guide or mask to.
+Image GrayOf(const ImageView& bgra);
+
 }  // namespace KorvaneFrontend

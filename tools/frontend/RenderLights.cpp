@@ -11,19 +11,22 @@ namespace KorvaneFrontend {
 
 namespace {
 
-// The shape option `name`: a built-in shape drawn by `draw`, or the image
+// The shape option `name`: a built-in shape the library draws, or the image
 // given as the input of the same name. Drawn again only when the name changes.
 class ShapeOption {
  public:
-  ShapeOption(std::string name, bool (*draw)(const std::string&, Image&)) : m_name(std::move(name)), m_draw(draw) {}
+  ShapeOption(std::string name, int32_t (*named)(const std::string&)) : m_name(std::move(name)), m_named(named) {}
 
   // Sets *changed when the shape differs from the last call's.
-  Status Get(const OptionValues& v, const Inputs& inputs, ImageView& shape, bool* changed = nullptr) {
+  Status Get(const Engine& engine, const OptionValues& v, const Inputs& inputs, ImageView& shape,
+             bool* changed = nullptr) {
     const std::string& text = v.Text(m_name);
     if (changed) *changed = text != m_drawn_for;
     if (text != m_drawn_for) {
       m_drawn = Image();
-      if (v.ChoiceIndex(m_name) >= 0 && !m_draw(text, m_drawn)) return Status::Usage("--" + m_name + ": no shape " + text);
+      if (v.ChoiceIndex(m_name) >= 0 && (!engine.get() || !DrawShape(*engine.get(), m_named(text), m_drawn))) {
+        return Status::Usage("--" + m_name + ": no shape " + text);
+      }
       m_drawn_for = text;
     }
     if (!m_drawn.pixels.empty()) {
@@ -40,7 +43,7 @@ class ShapeOption {
 
  private:
   std::string m_name;
-  bool (*m_draw)(const std::string&, Image&);
+  int32_t (*m_named)(const std::string&);
   std::string m_drawn_for;
   Image m_drawn;
 };
@@ -50,10 +53,18 @@ class ShapeOption {
 template <class Fx>
 class LightSession : public PhotoSession {
  public:
+  // The points the last render drew in some frame of its loop: exactly
+  // those that render. Before any render, those of the first frame of the
+  // loop the values the session was opened with ask for.
   bool LightPoints(Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) const override {
-    if (!m_fx || m_fx->GetLightPoints(&summary, nullptr, 0) < 0) return false;
-    points.resize(static_cast<size_t>(summary.count));
-    return m_fx->GetLightPoints(&summary, points.data(), summary.count) >= 0;
+    if (!m_fx) return false;
+    if (!m_rendered && m_values) {
+      Image frame(m_width, m_height, 4);
+      const OptionValues values = *m_values;
+      const int32_t count = values.spec().Find("frames") ? static_cast<int32_t>(values.Whole("frames")) : 1;
+      if (!const_cast<LightSession*>(this)->Render(values, 0, count, frame.View()).ok()) return false;
+    }
+    return Query(&Fx::GetDrawnLightPoints, summary, points);
   }
 
  protected:
@@ -62,14 +73,29 @@ class LightSession : public PhotoSession {
   Status Start(Engine& engine, int32_t type, const OptionValues& v, const ImageView& photo, const Inputs& inputs,
                const char* gray_name, ImageView* gray) {
     m_inputs = inputs;
+    m_engine = &engine;
+    m_values = std::make_unique<OptionValues>(v);
     Status s = Begin(v, photo, inputs, gray_name, gray);
     if (s.ok()) s = engine.Create(type, m_fx);
     const Korvane::ImageBuffer in = photo.Buffer();
     if (s.ok()) s = Status::Call(m_name + " SetSource", m_fx->SetSource(&in));
     Korvane::LightPointSummary summary;
     std::vector<Korvane::LightPointInfo> points;
-    if (s.ok() && LightPoints(summary, points)) m_summary = std::to_string(summary.count) + " light points";
+    if (s.ok() && Query(&Fx::GetLightPoints, summary, points)) m_found = summary.count;
+    m_summary = std::to_string(m_found) + " light points";
     return s;
+  }
+
+  // After a frame: what it drew, of what was found.
+  void Drawn(const OptionValues& v, int32_t hr) {
+    if (hr < 0) return;
+    *m_values = v;
+    m_rendered = true;
+    Korvane::LightPointSummary summary;
+    std::vector<Korvane::LightPointInfo> points;
+    if (Query(&Fx::GetDrawnLightPoints, summary, points)) {
+      m_summary = std::to_string(summary.count) + " of " + std::to_string(m_found) + " light points drawn";
+    }
   }
 
   // The region of a render. A region draws every shape that reaches into
@@ -83,8 +109,21 @@ class LightSession : public PhotoSession {
   explicit LightSession(std::string name) : m_name(std::move(name)) {}
 
   std::string m_name;  // for messages
+  const Engine* m_engine = nullptr;
   Engine::Handle<Fx> m_fx;
   Inputs m_inputs;
+
+ private:
+  using PointQuery = int32_t (Fx::*)(Korvane::LightPointSummary*, Korvane::LightPointInfo*, int32_t) const;
+  bool Query(PointQuery query, Korvane::LightPointSummary& summary, std::vector<Korvane::LightPointInfo>& points) const {
+    if (((*m_fx).*query)(&summary, nullptr, 0) < 0) return false;
+    points.resize(static_cast<size_t>(summary.count));
+    return ((*m_fx).*query)(&summary, points.data(), summary.count) >= 0;
+  }
+
+  std::unique_ptr<OptionValues> m_values;  // those of the last render, or of the opening
+  bool m_rendered = false;
+  int32_t m_found = 0;
 };
 
 // ---- Bokeh ------------------------------------------------------------------------
@@ -94,7 +133,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
   BokehSession() : LightSession("bokeh") {}
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
     ImageView shape;
-    Status s = m_shape.Get(v, inputs, shape);
+    Status s = m_shape.Get(engine, v, inputs, shape);
     if (s.ok()) s = Start(engine, Korvane::EFFECT_BOKEH, v, photo, inputs, "guide", &m_guide);
     if (s.ok() && m_guide.empty()) {
       // Without a guide the centre stays sharp, as in focus blur.
@@ -109,7 +148,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     Korvane::Rect roi;
     ImageView shape;
     Status s = DrawnRegion(v, roi);
-    if (s.ok()) s = m_shape.Get(v, m_inputs, shape);
+    if (s.ok()) s = m_shape.Get(*m_engine, v, m_inputs, shape);
     if (!s.ok()) return s;
     Korvane::BokehParam param;
     param.quality_mode = static_cast<int32_t>(v.Whole("quality-mode"));
@@ -120,6 +159,7 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     param.blur_strength = static_cast<float>(v.Whole("level")) / 100.0f;
     param.focus_value = static_cast<float>(v.Whole("focus")) / 255.0f;
     param.focus_range = static_cast<float>(v.Whole("range")) / 255.0f;
+    param.highlights_only = 1;  // discs on lights, not on texture
     Korvane::BokehShapeParam shape_param;
     shape_param.shape = shape.Buffer();
     shape_param.amount = static_cast<float>(v.Number("amount"));
@@ -130,13 +170,14 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     shape_param.color_mode = v.ChoiceIndex("color");  // dominant, photo, random as the library numbers them
     Korvane::ImageBuffer in = m_photo.Buffer(), dst = out.Buffer(), guide = StretchedGuide(v, m_guide).Buffer();
     const int32_t hr = m_fx->Process(&param, &shape_param, &in, &guide, &dst, roi);
+    Drawn(v, hr);
     return Status::Call("bokeh frame " + std::to_string(index), hr);
   }
 
  private:
   ImageView m_guide;
   Image m_radial;
-  ShapeOption m_shape{"shape", DrawBokehShape};
+  ShapeOption m_shape{"shape", BokehShapeNamed};
 };
 
 // ---- Sparkle ----------------------------------------------------------------------
@@ -147,6 +188,7 @@ constexpr uint16_t kPlacedType = 2;
 class SparkleSession final : public LightSession<Korvane::Sparkle> {
  public:
   SparkleSession() : LightSession("sparkle") {}
+  std::string Summary() const override { return m_summary + m_placed; }
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
     Status s = CheckPlaced(inputs.sparkles, photo);
     if (s.ok()) s = Start(engine, Korvane::EFFECT_SPARKLE, v, photo, inputs, nullptr, nullptr);
@@ -163,7 +205,7 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
       s = Status::Call("sparkle AddManualSparkles",
                        m_fx->AddManualSparkles(points.data(), static_cast<int32_t>(points.size()), &shape));
     }
-    m_summary += ", " + std::to_string(inputs.sparkles.size()) + " placed";
+    m_placed = ", " + std::to_string(inputs.sparkles.size()) + " placed";
     return s;
   }
 
@@ -174,8 +216,12 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
     if (s.ok()) s = Shapes(v);
     if (!s.ok()) return s;
     Korvane::SparkleParam param;
-    // A still shows every glint at a fixed brightness of its own.
-    param.quality_mode = v.Has("quality-mode") ? static_cast<int32_t>(v.Whole("quality-mode")) : count == 1 ? 2 : 1;
+    // A still and a loop show the same glints, each at a fixed brightness
+    // of its own unless it twinkles, in any quality mode; glints only on
+    // lights, not on texture.
+    param.quality_mode = v.Has("quality-mode") ? static_cast<int32_t>(v.Whole("quality-mode")) : 1;
+    param.steady_content = 1;
+    param.highlights_only = 1;
     param.rotate = v.Flag("spin");
     param.twinkle = v.Flag("twinkle");
     param.anime_frame_count = count;
@@ -192,6 +238,7 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
     manual_render.amount = 1.0f;  // placed glints always show
     Korvane::ImageBuffer in = m_photo.Buffer(), dst = out.Buffer();
     const int32_t hr = m_fx->Process(&param, &auto_render, &manual_render, &in, &dst, roi);
+    Drawn(v, hr);
     return Status::Call("sparkle frame " + std::to_string(index), hr);
   }
 
@@ -218,13 +265,13 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
   Status Shapes(const OptionValues& v) {
     ImageView shape;
     bool changed = false;
-    Status s = m_auto_shape.Get(v, m_inputs, shape, &changed);
+    Status s = m_auto_shape.Get(*m_engine, v, m_inputs, shape, &changed);
     if (s.ok() && changed) {
       const Korvane::ImageBuffer b = shape.Buffer();
       s = Status::Call("sparkle SetAutoSparkleShape", m_fx->SetAutoSparkleShape(&b));
     }
     if (!s.ok() || m_inputs.sparkles.empty()) return s;
-    s = m_manual_shape.Get(v, m_inputs, m_manual_view, &changed);
+    s = m_manual_shape.Get(*m_engine, v, m_inputs, m_manual_view, &changed);
     if (!s.ok() || !changed) return s;
     if (m_manual_view.width != Korvane::SPK_SIZE || m_manual_view.height != Korvane::SPK_SIZE) {
       return Status::Failed("{input} is " + std::to_string(m_manual_view.width) + "x" +
@@ -241,8 +288,9 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
     return s;
   }
 
+  std::string m_placed;  // the summary's note of the placed glints
   ImageView m_manual_view;
-  ShapeOption m_auto_shape{"shape", DrawGlintShape}, m_manual_shape{"manual-shape", DrawGlintShape};
+  ShapeOption m_auto_shape{"shape", GlintShapeNamed}, m_manual_shape{"manual-shape", GlintShapeNamed};
   bool m_manual_registered = false;
 };
 

@@ -77,12 +77,4 @@ Image Resized(const ImageView& src, int32_t width, int32_t height) {
   return out;
 }
 
-Image ShrunkTo(const ImageView& src, int32_t max_side) {
-  const int32_t longer = std::max(src.width, src.height);
-  if (longer <= max_side) return CopyOf(src);
-  const double f = static_cast<double>(max_side) / longer;
-  return Resized(src, std::max(1, static_cast<int32_t>(std::lround(src.width * f))),
-                 std::max(1, static_cast<int32_t>(std::lround(src.height * f))));
-}
-
 }  // namespace KorvaneFrontend

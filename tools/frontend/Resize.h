@@ -1,6 +1,5 @@
 // Resampling images in the front-end core: guides and masks of another size
-// than the photo (a phone's depth map is smaller than its photo), and the
-// reduced copies the automatic settings are measured on.
+// than the photo (a phone's depth map is smaller than its photo).
 #pragma once
 
 #include "Image.h"
@@ -11,9 +10,5 @@ namespace KorvaneFrontend {
 // averages the source pixels it covers when shrinking, and interpolates
 // linearly between the nearest ones when enlarging.
 Image Resized(const ImageView& src, int32_t width, int32_t height);
-
-// `src` shrunk so that its longer side is at most `max_side` (its own size
-// when it already is), keeping its proportions.
-Image ShrunkTo(const ImageView& src, int32_t max_side);
 
 }  // namespace KorvaneFrontend

@@ -30,6 +30,17 @@ Image CopyOf(const ImageView& view) {
   return img;
 }
 
+Image GrayOf(const ImageView& bgra) {
+  Image gray(bgra.width, bgra.height, 1);
+  for (int32_t y = 0; y < bgra.height; ++y) {
+    const uint8_t* p = bgra.Row(y);
+    for (int32_t x = 0; x < bgra.width; ++x, p += 4) {
+      *gray.at(x, y) = static_cast<uint8_t>((p[0] * 29 + p[1] * 150 + p[2] * 77 + 128) >> 8);
+    }
+  }
+  return gray;
+}
+
 std::string CodeText(int32_t code) {
   char hex[16];
   std::snprintf(hex, sizeof(hex), "0x%08X", static_cast<unsigned>(code));
@@ -188,7 +199,7 @@ Status CheckFrame(const Session& session, const ImageView& out) {
 }
 
 Status Session::Render(const OptionValues& values, int32_t index, int32_t count, const ImageView& out) {
-  if (count < 1 || index < 0) return Status::Usage("frame " + std::to_string(index) + " of " + std::to_string(count) + " does not exist");
+  if (count < 1 || index < 0 || index >= count) return Status::Usage("frame " + std::to_string(index) + " of " + std::to_string(count) + " does not exist");
   Status s = CheckCombination(values, count);
   if (s.ok()) s = CheckFrame(*this, out);
   if (!s.ok()) return s;

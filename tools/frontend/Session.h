@@ -148,7 +148,8 @@ Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& 
 // that wants to refuse a command line before reading any file: a loop switch
 // in a render of fewer than two frames, and an option set away from its
 // default where it takes no effect (--direction with radial rays, --hue of
-// glow without --tint) are usage errors.
+// glow without --tint) and a --frame past the last of `frames` are usage
+// errors. Render makes them too.
 Status CheckCombination(const OptionValues& values, int32_t frames);
 
 // The same for options that take effect only with an input beside the photo

@@ -1,19 +1,27 @@
-// The built-in light shapes of bokeh and sparkle, drawn as a lens draws
-// them. Bright pixels are light; the images are BGRA and opaque.
+// The built-in light shapes of bokeh and sparkle by the names the options
+// use. The library draws them (KorvaneEngine::DrawLightShape), so every
+// front end and every application gets the same pixels.
 #pragma once
 
 #include <string>
+
+#include <korvane/engine/KorvaneEngine.h>
 
 #include "Image.h"
 
 namespace KorvaneFrontend {
 
-// A bokeh disc, 128 x 128: "circle", "hexagon", "octagon", "heart" or
-// "star". False for another name.
-bool DrawBokehShape(const std::string& name, Image& shape);
+// The bokeh disc of a name: "circle", "hexagon", "octagon", "heart" or
+// "star"; SHAPE_NONE for another name.
+int32_t BokehShapeNamed(const std::string& name);
 
-// A sparkle glint, the library's working size (200 x 200): "star4",
-// "star6", "star8" or "cross". False for another name.
-bool DrawGlintShape(const std::string& name, Image& shape);
+// The sparkle glint of a name: "star4", "star6", "star8" or "cross";
+// SHAPE_NONE for another name.
+int32_t GlintShapeNamed(const std::string& name);
+
+// Draws a built-in shape at the side the effects use for it (128 x 128 for
+// discs, 200 x 200 for glints). False for SHAPE_NONE or when the library
+// refuses.
+bool DrawShape(const KorvaneEngine& engine, int32_t shape, Image& image);
 
 }  // namespace KorvaneFrontend

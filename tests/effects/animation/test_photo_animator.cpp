@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "TestSupport.h"
@@ -110,7 +111,7 @@ TEST(PhotoAnimator, NoFlowsCopiesTheRegionUnchanged) {
 TEST(PhotoAnimator, FirstFrameIsThePhotoAndTheStillRegionNeverMoves) {
   Scene s(96, 64);
   s.AddDefaultFlows();
-  for (int simd : {0, 5}) {
+  for (int simd : KorvaneTest::Forms()) {
     const auto frames = RenderLoop(s, 2, simd, 6, 0x33);
     for (size_t f = 0; f < frames.size(); ++f) {
       size_t moved = 0;
@@ -163,14 +164,15 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormAndRegion) {
   const auto reference = RenderLoop(s, 1, 0, 5, 0x11);
   EXPECT_EQ(RenderLoop(s, 2, 0, 5, 0xEE), reference);
   EXPECT_EQ(RenderLoop(s, 8, 0, 5, 0x00), reference);
-  if (KORVANE_HAVE_SSE41) {
-    EXPECT_EQ(RenderLoop(s, 3, 5, 5, 0x77), reference);
-    EXPECT_EQ(RenderLoop(s, 8, 5, 5, 0xFF), reference);
+  for (int simd : KorvaneTest::Forms()) {
+    if (simd == 0) continue;
+    EXPECT_EQ(RenderLoop(s, 3, simd, 5, 0x77), reference) << KorvaneTest::FormName(simd);
+    EXPECT_EQ(RenderLoop(s, 8, simd, 5, 0xFF), reference) << KorvaneTest::FormName(simd);
   }
   // A region's frame is the same cut of the full frame, and nothing of the
   // region-sized output is left unwritten.
   const Rect roi{41, 30, 64, 47};
-  for (int simd : {0, 5}) {
+  for (int simd : KorvaneTest::Forms()) {
     const auto part = RenderLoop(s, 3, simd, 5, uint8_t(0x3C + simd), &roi);
     for (size_t f = 0; f < part.size(); ++f)
       for (int y = 0; y < 17; ++y)
@@ -184,7 +186,7 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormAndRegion) {
 TEST(PhotoAnimator, PaddedRowsRenderAsPacked) {
   Scene s(67, 45);
   s.AddDefaultFlows();
-  for (int simd : {0, 5}) {
+  for (int simd : KorvaneTest::Forms()) {
     const auto packed = RenderLoop(s, 2, simd, 4, 0x11);
     KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, 24), still(s.w, s.h, PIXEL_GRAY8, 7);
     KorvaneTest::TestImage out(s.w, s.h, PIXEL_BGRA32, 4);
@@ -340,10 +342,11 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
 
 }
 
-TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "SSE4.1 kernels not built";
-  WarpSpanFn sse_warp = KORVANE_SSE41(WarpSpan_SSE);
-  WarpBlendSpanFn sse_warp_blend = KORVANE_SSE41(WarpBlendSpan_SSE);
+namespace {
+
+// A SIMD form of both kernels against the plain forms on awkward sizes and
+// maps: same bytes inside the span, nothing written outside it.
+void ExpectWarpFormMatchesPlain(WarpSpanFn simd_warp, WarpBlendSpanFn simd_warp_blend, const std::string& name) {
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> u(-1.0f, 1.0f);
   auto random_matrix = [&](int trial, int w, int h, float* m) {
@@ -356,7 +359,7 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
     if (trial == 38) m[2] = NAN;
     if (trial == 39) m[0] = INFINITY;
   };
-  for (int w : {1, 2, 3, 5, 7, 13, 33})
+  for (int w : {1, 2, 3, 5, 7, 9, 13, 17, 33})
     for (int h : {1, 2, 4, 9}) {
       std::vector<uint8_t> img = RandomBytes(size_t(w) * h * 4, w * 100 + h);
       const WarpSource src{img.data(), w, h, size_t(w) * 4};
@@ -371,14 +374,15 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
           std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
           if (fused) {
             WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data() + x0 * 4);
-            sse_warp_blend(src, m, m2, alpha, y, x0, x1, b.data() + x0 * 4);
+            simd_warp_blend(src, m, m2, alpha, y, x0, x1, b.data() + x0 * 4);
           } else {
             WarpSpan(src, m, y, x0, x1, a.data() + x0 * 4);
-            sse_warp(src, m, y, x0, x1, b.data() + x0 * 4);
+            simd_warp(src, m, y, x0, x1, b.data() + x0 * 4);
           }
           for (int x = 0; x < w; ++x) {
             if (x >= x0 && x < x1) {
-              ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4)) << w << "x" << h << " x " << x << " fused " << fused;
+              ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4))
+                  << name << " " << w << "x" << h << " x " << x << " fused " << fused;
             } else {
               ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
             }
@@ -386,6 +390,18 @@ TEST(AnimationKernels, Sse41FormsMatchThePlainFormsBitForBit) {
         }
       }
     }
+}
+
+}  // namespace
+
+TEST(AnimationKernels, SimdFormsMatchThePlainFormsBitForBit) {
+  for (int form : KorvaneTest::Forms()) {
+    if (form == 0) continue;
+    const SystemInfo info = KorvaneTest::Level(form);
+    const auto warp = KORVANE_PICK_AVX2(info, WarpSpan, WarpSpan_SSE, WarpSpan_AVX2);
+    const auto warp_blend = KORVANE_PICK_AVX2(info, WarpBlendSpan, WarpBlendSpan_SSE, WarpBlendSpan_AVX2);
+    ExpectWarpFormMatchesPlain(warp.fn, warp_blend.fn, warp.name);
+  }
 }
 
 TEST(AnimationKernels, RasterisedTrianglesCoverTheirInteriorWithinTheImage) {

@@ -1,8 +1,9 @@
-// Bokeh: the calculation rules (sizes, ratios, twinkle, colours, size
-// identifiers), the record checks in their order, and whole frames: discs
-// where the light points are, nothing written outside the output, the same
-// frame for any worker count and either kernel form, and a background that
-// looks like the focus blur of the full photo.
+// Bokeh: its own rules (full size in mode 0, disc sizes, the dominant hue,
+// size identifiers), the record checks in their order, and whole frames:
+// discs where the light points are, nothing written outside the output, the
+// same frame for any worker count and kernel form, regions that are crops of
+// the whole, loops that repeat, thin photos that stay small, and a
+// background that looks like the focus blur of the full photo.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,37 +17,35 @@
 #include "core/HslColor.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
+#include "effects/LightTestSupport.h"
 #include "effects/bokeh/BokehEffect.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
 namespace Korvane {
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 using KorvaneTest::EffectRig;
 using KorvaneTest::TestImage;
 
 constexpr int32_t kW = 320, kH = 200;
 const std::vector<std::pair<int32_t, int32_t>> kDots = {{40, 30}, {250, 50}, {160, 120}, {290, 170}, {70, 160}};
 
-// A dark photo with a soft gradient, a few small bright dots (the light
-// points) and a brighter block on the left (the sharp subject).
+// A dark photo with a soft gradient and a few small bright dots (the light
+// points).
 TestImage Photo(int32_t pad = 0) {
   TestImage img(kW, kH, PIXEL_BGRA32, pad);
   std::mt19937 rng(9);
   for (int32_t y = 0; y < kH; ++y)
     for (int32_t x = 0; x < kW; ++x) {
       uint8_t* p = img.Row(y) + 4 * x;
-      p[0] = static_cast<uint8_t>(30 + x / 8 + rng() % 3);
-      p[1] = static_cast<uint8_t>(20 + y / 8 + rng() % 3);
-      p[2] = static_cast<uint8_t>(25 + rng() % 3);
-      p[3] = 255;
+      const uint8_t px[4] = {static_cast<uint8_t>(30 + x / 8 + rng() % 3), static_cast<uint8_t>(20 + y / 8 + rng() % 3),
+                             static_cast<uint8_t>(25 + rng() % 3), 255};
+      std::memcpy(p, px, 4);
     }
   for (auto [cx, cy] : kDots)
     for (int32_t y = cy - 1; y <= cy + 1; ++y)
-      for (int32_t x = cx - 1; x <= cx + 1; ++x) {
-        uint8_t* p = img.Row(y) + 4 * x;
-        p[0] = 120, p[1] = 230, p[2] = 255;
-      }
+      for (int32_t x = cx - 1; x <= cx + 1; ++x) std::memcpy(img.Row(y) + 4 * x, "\x78\xe6\xff", 3);
   return img;
 }
 
@@ -65,10 +64,9 @@ TestImage Disc(int32_t d = 64) {
   for (int32_t y = 0; y < d; ++y)
     for (int32_t x = 0; x < d; ++x) {
       const float dist = std::hypot(x - c, y - c);
-      const float v = dist > r ? 0.0f : (dist > r - 2.0f ? 255.0f : 200.0f);
-      uint8_t* p = s.Row(y) + 4 * x;
-      p[0] = p[1] = p[2] = static_cast<uint8_t>(v);
-      p[3] = 255;
+      const uint8_t v = dist > r ? 0 : (dist > r - 2.0f ? 255 : 200);
+      const uint8_t px[4] = {v, v, v, 255};
+      std::memcpy(s.Row(y) + 4 * x, px, 4);
     }
   return s;
 }
@@ -80,103 +78,47 @@ struct Frame {
     param.anime_frame_count = 8;
     param.anime_frame_index = 0;
     param.quality_mode = 1;
-    param.bokeh_source_mode = 0;  // sizes from the guide: all dots lie in its dark part
+    param.bokeh_source_mode = 0;  // sizes from the guide directly
     shape.shape = disc.buf;
     shape.amount = 1.0f;
     shape.color_mode = 1;
   }
 };
 
-std::vector<uint8_t> Render(EffectRig<BokehEffect>& rig, const Frame& f, const TestImage& photo, const TestImage* guide,
-                            Rect roi = Rect{0, 0, kW, kH}) {
+Bytes Render(EffectRig<BokehEffect>& rig, const Frame& f, const TestImage& photo, const TestImage* guide,
+             Rect roi = Rect{0, 0, kW, kH}) {
   TestImage out(roi.right - roi.left, roi.bottom - roi.top, PIXEL_BGRA32, 8);
   EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, guide ? &guide->buf : nullptr, &out.buf, roi), S_OK);
   EXPECT_TRUE(out.GuardsIntact());
   return out.Packed();
 }
 
-TEST(BokehRules, SizesRatiosAndRegions) {
-  EXPECT_EQ(BokehEffect::CalNormSize(640, 480).w, 640);
-  EXPECT_EQ(BokehEffect::CalNormSize(640, 480).h, 480);
-  EXPECT_EQ(BokehEffect::CalNormSize(300, 600).w, 320);
-  EXPECT_EQ(BokehEffect::CalNormSize(300, 600).h, 640);
-  EXPECT_EQ(BokehEffect::CalNormSize(50, 40).w, 640);  // small photos are scaled up
-  EXPECT_EQ(BokehEffect::CalNormSize(50, 40).h, 512);
+// Bokeh's own rules: quality mode 0 keeps the full size; disc sizes run from
+// trunc(0.03 x 640) = 19 to trunc(0.057 x 640) = 36 made odd; the dominant
+// hue votes exactly as RgbToHsl rounds; size identifiers from mask values.
+TEST(BokehRules, SizesHuesAndSizeIdentifiers) {
   float r = 0;
-  struct Case {
-    int32_t mode, side;
-    float want;
-  };
-  for (const Case c : {Case{1, 640, 1.0f}, Case{1, 2880, 0.625f}, Case{1, 5120, 0.25f}, Case{3, 9000, 0.25f},
-                       Case{1, 300, 1.0f}, Case{0, 9000, 1.0f}, Case{0, 0, 1.0f}}) {
-    ASSERT_EQ(BokehEffect::CalScaleRatioFor(c.mode, c.side, r), S_OK) << c.side;
-    EXPECT_FLOAT_EQ(r, c.want) << "mode " << c.mode << " side " << c.side;
+  for (int32_t side : {0, 640, 9000}) {
+    ASSERT_EQ(BokehEffect::CalScaleRatioFor(0, side, r), S_OK);
+    EXPECT_EQ(r, 1.0f);
   }
-  EXPECT_EQ(BokehEffect::CalScaleRatioFor(1, 0, r), E_INVALIDARG);
-  Rect s;
-  ASSERT_EQ(BokehEffect::ResizeROIFor(Rect{100, 40, 400, 300}, s, 0.5f, BokehSize{200, 151}), S_OK);
-  EXPECT_EQ(s.left, 49);
-  EXPECT_EQ(s.top, 19);
-  EXPECT_EQ(s.right, 200);  // 201 cut to the scaled width
-  EXPECT_EQ(s.bottom, 151);
-  ASSERT_EQ(BokehEffect::ResizeROIFor(Rect{0, 0, 10, 10}, s, 0.5f, BokehSize{50, 50}), S_OK);
-  EXPECT_EQ(s.left, 0);  // -1 held at 0
-  EXPECT_EQ(BokehEffect::ResizeROIFor(Rect{0, 0, 10, 10}, s, 0.0f, BokehSize{50, 50}), E_INVALIDARG);
-
+  ASSERT_EQ(BokehEffect::CalScaleRatioFor(3, 9000, r), S_OK);
+  EXPECT_EQ(r, 0.25f);
   const auto sizes = BokehEffect::CalBokehSizes(0.0f, 640);
   EXPECT_EQ(sizes.front(), 19);
-  EXPECT_EQ(sizes.back(), 37);  // trunc(0.057 x 640) = 36, made odd
-  for (size_t i = 0; i < sizes.size(); ++i) {
-    EXPECT_EQ(sizes[i] % 2, 1);
-    if (i) {
-      EXPECT_GE(sizes[i], sizes[i - 1]);
-    }
-  }
+  EXPECT_EQ(sizes.back(), 37);
+  for (size_t i = 0; i < sizes.size(); ++i) EXPECT_TRUE(sizes[i] % 2 == 1 && (!i || sizes[i] >= sizes[i - 1])) << i;
   EXPECT_GT(BokehEffect::CalBokehSizes(1.0f, 640).back(), 50);  // the 1.5 factor
-}
 
-TEST(BokehRules, TwinkleCurveAndTable) {
-  const auto& c = BokehEffect::TwinkleCurve();
-  for (int i = 0; i < 23; ++i) EXPECT_EQ(c[i], 0.0f);
-  EXPECT_FLOAT_EQ(c[23], 0.025f);
-  EXPECT_FLOAT_EQ(c[60], 0.95f);
-  EXPECT_FLOAT_EQ(c[61], 0.975f);
-  EXPECT_FLOAT_EQ(c[62], 0.975f);
-  EXPECT_FLOAT_EQ(c[63], 0.95f);
-  EXPECT_FLOAT_EQ(c[100], 0.025f);
-  for (int i = 101; i < 132; ++i) EXPECT_EQ(c[i], 0.0f);
-
-  EffectRig<BokehEffect> rig;
-  ASSERT_EQ(rig->CalTwinkleAnimeParam(132, 0), S_OK);
-  ASSERT_EQ(rig->GetTwinkleTable().size(), 132u);
-  for (int i = 0; i < 132; ++i) EXPECT_FLOAT_EQ(rig->GetTwinkleTable()[i], c[i]) << i;
-  ASSERT_EQ(rig->CalTwinkleAnimeParam(1, 0), S_OK);
-  EXPECT_EQ(rig->GetTwinkleTable(), std::vector<float>{0.0f});
-  ASSERT_EQ(rig->CalTwinkleAnimeParam(264, 0), S_OK);
-  EXPECT_FLOAT_EQ(rig->GetTwinkleTable()[47], 0.5f * (c[23] + c[24]));  // halfway between samples
-  EXPECT_EQ(rig->CalTwinkleAnimeParam(0, 0), E_INVALIDARG);
-}
-
-TEST(BokehRules, ColoursAndSizeIdentifiers) {
-  std::vector<uint32_t> table;
-  ASSERT_EQ(BokehEffect::CalRandomColor(24, table), S_OK);
-  ASSERT_EQ(table.size(), 24u);
-  for (uint32_t i = 0; i < 24; ++i) EXPECT_EQ(table[i], i * 1500);
-  EXPECT_EQ(BokehEffect::CalRandomColor(0, table), E_INVALIDARG);
-
-  // Mostly saturated blue (240 degrees) with some red: the blue bin wins.
+  // Mostly saturated blue (240 degrees) with some red: the blue bin wins;
+  // grey lets nothing vote (0).
   SmartBuffer img;
   CreateSmartBufferData(img, 10, 10, PIXEL_BGRA32);
-  for (int32_t i = 0; i < 100; ++i) {
-    uint8_t* p = img.data.get() + 4 * i;
-    const bool blue = i < 70;
-    p[0] = blue ? 220 : 30, p[1] = 30, p[2] = blue ? 30 : 220, p[3] = 255;
-  }
+  for (int32_t i = 0; i < 100; ++i)
+    std::memcpy(img.data.get() + 4 * i, i < 70 ? "\xdc\x1e\x1e\xff" : "\x1e\x1e\xdc\xff", 4);
   uint32_t colour = 1;
   ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
   EXPECT_EQ(colour, 24000u);
-  // The vote follows the HSL rounding exactly: every colour either way of
-  // the 0.3 limits counts as RgbToHsl says.
   std::mt19937 rng(8);
   for (int round = 0; round < 200; ++round) {
     int64_t bins[36] = {};
@@ -187,186 +129,158 @@ TEST(BokehRules, ColoursAndSizeIdentifiers) {
       RgbToHsl(p[2], p[1], p[0], h, s, l);
       if (s > 9792 && l > 9792) ++bins[h / 1000];
     }
-    int32_t best = 0;
-    for (int32_t i = 1; i < 36; ++i)
-      if (bins[i] > bins[best]) best = i;
     ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
-    ASSERT_EQ(colour, static_cast<uint32_t>(best * 1000));
+    ASSERT_EQ(colour, static_cast<uint32_t>((std::max_element(bins, bins + 36) - bins) * 1000));
   }
-  std::memset(img.data.get(), 90, static_cast<size_t>(img.stride) * img.height);  // grey: nothing qualifies
+  std::memset(img.data.get(), 90, static_cast<size_t>(img.stride) * img.height);
   ASSERT_EQ(BokehEffect::CalDominantColor(img, colour), S_OK);
   EXPECT_EQ(colour, 0u);
 
-  EXPECT_EQ(BokehEffect::CalSizeID(113, 1, 0.9f), -1);
-  EXPECT_EQ(BokehEffect::CalSizeID(114, 1, 0.9f), 0);
-  EXPECT_EQ(BokehEffect::CalSizeID(140, 0, 0.9f), 0);
-  EXPECT_EQ(BokehEffect::CalSizeID(141, 0, 0.9f), 1);
-  EXPECT_EQ(BokehEffect::CalSizeID(255, 2, 0.9f), 9);
   // Mode 3 inverts around the offset trunc((1 - 0.9) x 255) = 25.
-  EXPECT_EQ(BokehEffect::CalSizeID(0, 3, 0.9f), (255 - 25 - 127) / 14);
-  EXPECT_EQ(BokehEffect::CalSizeID(255, 3, 0.9f), (25 - 127) / 14);
-  EXPECT_EQ(BokehEffect::CalSizeID(255, 3, 1.0f), -9);
+  struct Id {
+    int32_t value, mode;
+    float focus;
+    int32_t want;
+  };
+  for (const Id c :
+       {Id{113, 1, 0.9f, -1}, Id{114, 1, 0.9f, 0}, Id{140, 0, 0.9f, 0}, Id{141, 0, 0.9f, 1}, Id{255, 2, 0.9f, 9},
+        Id{0, 3, 0.9f, (255 - 25 - 127) / 14}, Id{255, 3, 0.9f, (25 - 127) / 14}, Id{255, 3, 1.0f, -9}}) {
+    EXPECT_EQ(BokehEffect::CalSizeID(c.value, c.mode, c.focus), c.want) << c.value << " mode " << c.mode;
+  }
 }
 
 TEST(BokehEffect, RecordChecksInOrder) {
   EffectRig<BokehEffect> rig;
-  TestImage photo = Photo(), guide = Guide(), disc = Disc();
-  Frame f(disc);
-  TestImage out(kW, kH);
+  TestImage photo = Photo(), guide = Guide(), disc = Disc(), out(kW, kH), gray(8, 8, PIXEL_GRAY8), small(kW / 2, kH);
+  const Frame f(disc);
   const Rect full{0, 0, kW, kH};
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);  // no source
+  const auto process = [&](const Frame& g, const TestImage* src, const TestImage* mask, TestImage* dst, Rect roi) {
+    return rig->Process(&g.param, &g.shape, &src->buf, mask ? &mask->buf : nullptr, dst ? &dst->buf : nullptr, roi);
+  };
+  EXPECT_EQ(process(f, &photo, &guide, &out, full), E_FAIL);  // no source
   EXPECT_EQ(rig->SetSource(nullptr), E_POINTER);
-  TestImage gray(8, 8, PIXEL_GRAY8);
   EXPECT_EQ(rig->SetSource(&gray.buf), E_NOTIMPL);
+  ImageBuffer long_photo = photo.buf;  // a side over the largest is refused before anything is made
+  long_photo.width = kMaxImageSide + 1;
+  long_photo.height = 1;
+  EXPECT_EQ(rig->SetSource(&long_photo), E_INVALIDARG);
   ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
   EXPECT_EQ(rig->Process(&f.param, nullptr, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, nullptr, full), E_POINTER);
-
-  Frame bad = f;
-  bad.param.anime_frame_count = 0;
-  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
-  bad = f;
-  bad.param.anime_frame_index = -1;
-  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, Rect{0, 0, kW, kH - 1}),
-            E_INVALIDARG);  // dst is not the region's size
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &guide.buf, &guide.buf, &out.buf, full), E_INVALIDARG);  // src GRAY8
-  TestImage small(kW / 2, kH);
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &small.buf, Rect{kW / 2, 0, kW + kW / 2, kH}),
-            E_INVALIDARG);  // region outside the photo
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &photo.buf, &out.buf, full), E_INVALIDARG);  // mask BGRA
-
-  // The shape is checked last: a missing pointer, then an empty size.
-  bad = f;
-  bad.shape.shape.data = nullptr;
-  bad.param.anime_frame_count = 0;  // the frame check comes first
-  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
-  bad.param.anime_frame_count = 8;
-  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_POINTER);
-  bad = f;
-  bad.shape.shape.width = 0;
-  EXPECT_EQ(rig->Process(&bad.param, &bad.shape, &photo.buf, &guide.buf, &out.buf, full), E_INVALIDARG);
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), S_OK);
-
+  EXPECT_EQ(process(f, &photo, &guide, nullptr, full), E_POINTER);
+  // In order, each with a fault a later check would also see.
+  const std::function<void(Frame&)> frame_faults[] = {
+      [](Frame& g) {
+        g.param.anime_frame_count = 0;
+        g.shape.shape.data = nullptr;
+      },
+      [](Frame& g) { g.param.anime_frame_index = -1; },
+  };
+  for (const auto& fault : frame_faults) {
+    Frame g = f;
+    fault(g);
+    EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
+  }
+  EXPECT_EQ(process(f, &photo, &guide, &out, Rect{0, 0, kW, kH - 1}), E_INVALIDARG);  // dst not the region's size
+  EXPECT_EQ(process(f, &photo, &guide, &out, Rect{INT32_MIN, 0, INT32_MAX, kH}), E_INVALIDARG);  // width overflows
+  EXPECT_EQ(process(f, &guide, &guide, &out, full), E_INVALIDARG);                    // src GRAY8
+  EXPECT_EQ(process(f, &photo, &guide, &small, Rect{kW / 2, 0, kW + kW / 2, kH}), E_INVALIDARG);  // region outside
+  EXPECT_EQ(process(f, &photo, &photo, &out, full), E_INVALIDARG);                                // mask BGRA
+  // The shape last: missing pixels (with no built-in disc, or an unknown
+  // one), then an empty size or a side so wide its blur radius overflowed.
+  Frame g = f;
+  g.shape.shape.data = nullptr;
+  g.shape.builtin_shape = SHAPE_NONE;
+  EXPECT_EQ(process(g, &photo, &guide, &out, full), E_POINTER);
+  g.shape.builtin_shape = SHAPE_CROSS + 1;
+  EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
+  g = f;
+  g.shape.shape.width = 0;
+  EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
+  g = f;
+  g.shape.shape.width = (1 << 27) + 1;
+  g.shape.shape.height = 1;
+  g.shape.shape.stride = g.shape.shape.width * 4;
+  EXPECT_EQ(process(g, &photo, &guide, &out, full), E_INVALIDARG);
+  EXPECT_EQ(process(f, &photo, &guide, &out, full), S_OK);
   EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
-  EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, full), E_FAIL);
+  EXPECT_EQ(process(f, &photo, &guide, &out, full), E_FAIL);
 }
 
+// Light only adds, where the dots are; amount 0 shows none. White lights on
+// grey: no hue wins the vote, so the global colour mode pastes neutral light.
 TEST(BokehEffect, DiscsLightUpTheLightPoints) {
-  EffectRig<BokehEffect> rig;
   TestImage photo = Photo(), guide = Guide(), disc = Disc();
-  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
-  const BokehSize norm = rig->GetNormSize();
-  EXPECT_EQ(norm.w, 640);
-  EXPECT_EQ(norm.h, 400);
-  ASSERT_FALSE(rig->GetBokehList().empty());
-  // Every point lies on one of the dots (at twice the size in the normalised copy).
-  for (const auto& [key, p] : rig->GetBokehList()) {
-    bool near = false;
-    for (auto [cx, cy] : kDots) near |= std::abs(p.x / 2 - cx) <= 3 && std::abs(p.y / 2 - cy) <= 3;
-    EXPECT_TRUE(near) << p.x << "," << p.y;
-  }
-
-  Frame f(disc);
-  f.shape.color_mode = 0;  // neutral light: the photo's hues are too weak to count
-  f.param.paste_switch = 0;
-  const std::vector<uint8_t> background = Render(rig, f, photo, &guide);
-  f.param.paste_switch = 1;
-  const std::vector<uint8_t> lit = Render(rig, f, photo, &guide);
-  // Light only adds; it is added where the dots of the background are.
-  int64_t added = 0, near_dots = 0;
-  for (int32_t y = 0; y < kH; ++y)
-    for (int32_t x = 0; x < kW; ++x)
-      for (int k = 0; k < 3; ++k) {
-        const size_t i = (static_cast<size_t>(y) * kW + x) * 4 + k;
-        ASSERT_GE(lit[i], background[i]);
-        const int32_t gain = lit[i] - background[i];
-        added += gain;
-        for (auto [cx, cy] : kDots)
-          if (std::abs(x - cx) <= 12 && std::abs(y - cy) <= 12) {
-            near_dots += gain;
-            break;
-          }
-      }
-  EXPECT_GT(added, 0);
-  EXPECT_GT(near_dots, added * 9 / 10);
-  // Alpha is the photo's.
-  for (size_t i = 3; i < lit.size(); i += 4) ASSERT_EQ(lit[i], 255);
-
-  // Amount 0 shows no point.
-  f.shape.amount = 0.0f;
-  EXPECT_EQ(Render(rig, f, photo, &guide), background);
-}
-
-// White lights on grey: no hue wins the vote, so the global colour mode pastes
-// neutral light (equal gains in the three channels); a tinted photo's vote
-// colours it.
-TEST(BokehEffect, GlobalColourWithoutADominantHueIsNeutral) {
-  TestImage photo = Photo(), guide = Guide(), disc = Disc();
-  for (int32_t y = 0; y < kH; ++y)
-    for (int32_t x = 0; x < kW; ++x) {
-      uint8_t* p = photo.Row(y) + 4 * x;
-      const bool dot = p[2] == 255;
-      p[0] = p[1] = p[2] = dot ? 255 : 40;
+  for (bool grey : {false, true}) {
+    for (int32_t y = 0; grey && y < kH; ++y)
+      for (int32_t x = 0; x < kW; ++x) std::memset(photo.Row(y) + 4 * x, photo.Row(y)[4 * x + 2] == 255 ? 255 : 40, 3);
+    EffectRig<BokehEffect> rig;
+    ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+    ASSERT_FALSE(rig->GetBokehList().empty());
+    for (const auto& [key, p] : rig->GetBokehList()) {  // on a dot, at twice the size in the detection copy
+      bool near = false;
+      for (auto [cx, cy] : kDots) near |= std::abs(p.x / 2 - cx) <= 3 && std::abs(p.y / 2 - cy) <= 3;
+      EXPECT_TRUE(near) << p.x << "," << p.y;
     }
-  EffectRig<BokehEffect> rig;
-  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
-  EXPECT_EQ(rig->GetGlobalColor(), 0u);
-  Frame f(disc);
-  f.shape.color_mode = 0;
-  f.shape.saturation = 1.0f;
-  f.param.paste_switch = 0;
-  const std::vector<uint8_t> background = Render(rig, f, photo, &guide);
-  f.param.paste_switch = 1;
-  const std::vector<uint8_t> lit = Render(rig, f, photo, &guide);
-  int64_t gain = 0;
-  for (size_t i = 0; i < lit.size(); i += 4) {
-    const int32_t b = lit[i] - background[i], g = lit[i + 1] - background[i + 1], r = lit[i + 2] - background[i + 2];
-    ASSERT_EQ(b, g) << i / 4;
-    ASSERT_EQ(g, r) << i / 4;
-    gain += b;
+    Frame f(disc);
+    f.shape.color_mode = 0;  // the photo's hues are too weak to count: neutral light
+    f.shape.saturation = 1.0f;
+    f.param.paste_switch = 0;
+    const Bytes background = Render(rig, f, photo, &guide);
+    f.param.paste_switch = 1;
+    const Bytes lit = Render(rig, f, photo, &guide);
+    int64_t added = 0, near_dots = 0;
+    for (size_t i = 0; i < lit.size(); ++i) {
+      const int32_t x = static_cast<int32_t>(i / 4 % kW), y = static_cast<int32_t>(i / 4 / kW),
+                    gain = lit[i] - background[i];
+      ASSERT_EQ(i % 4 == 3 ? lit[i] : 0, i % 4 == 3 ? 255 : 0);  // alpha is the photo's
+      ASSERT_GE(gain, 0);
+      if (i % 4 == 3) continue;
+      ASSERT_TRUE(!grey || i % 4 == 0 || gain == lit[i - 1] - background[i - 1])
+          << "neutral light at " << x << "," << y;
+      added += gain;
+      bool near = false;
+      for (auto [cx, cy] : kDots) near |= std::abs(x - cx) <= 12 && std::abs(y - cy) <= 12;
+      near_dots += near ? gain : 0;
+    }
+    EXPECT_GT(added, 0);
+    EXPECT_GT(near_dots, added * 9 / 10);
+    EXPECT_TRUE(!grey || rig->GetGlobalColor() == 0u);
+    f.shape.amount = 0.0f;
+    EXPECT_EQ(Render(rig, f, photo, &guide), background);
   }
-  EXPECT_GT(gain, 0);
 }
 
-// Slivers and single pixels still render, and write only the output.
-TEST(BokehEffect, TinyAndThinPhotos) {
-  TestImage disc = Disc(9);
+// Slivers and single pixels render and write only the output; photo, guide
+// and output each with their own row padding give the pixels of packed ones.
+TEST(BokehEffect, TinyThinAndPaddedImages) {
+  TestImage small_disc = Disc(9), disc = Disc(41);
   struct Case {
     int32_t w, h;
     Rect roi;
   };
   for (const Case c : {Case{1, 1, {0, 0, 1, 1}}, Case{3, 700, {1, 10, 3, 690}}, Case{900, 2, {0, 0, 900, 2}},
                        Case{7000, 5, {6000, 1, 6999, 4}}}) {
-    TestImage photo(c.w, c.h, PIXEL_BGRA32, 4);
+    TestImage photo(c.w, c.h, PIXEL_BGRA32, 4), guide(c.w, c.h, PIXEL_GRAY8, 3);
     photo.FillNoise(c.w);
-    TestImage guide(c.w, c.h, PIXEL_GRAY8, 3);
     guide.FillNoise(c.h);
     EffectRig<BokehEffect> rig;
     ASSERT_EQ(rig->SetSource(&photo.buf), S_OK) << c.w << "x" << c.h;
     for (int32_t quality : {0, 1, 3}) {
-      Frame f(disc);
+      Frame f(small_disc);
       f.param.quality_mode = quality;
       f.param.twinkle_switch = 1;
       f.param.bokeh_source_mode = 3;
       TestImage out(RectWidth(c.roi), RectHeight(c.roi), PIXEL_BGRA32, 5);
       EXPECT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, c.roi), S_OK)
           << c.w << "x" << c.h << " quality " << quality;
-      EXPECT_TRUE(out.GuardsIntact());
-      EXPECT_TRUE(photo.GuardsIntact());
+      EXPECT_TRUE(out.GuardsIntact() && photo.GuardsIntact());
     }
   }
-}
-
-// Photo, guide and output each with their own row padding give the pixels
-// of packed ones.
-TEST(BokehEffect, PaddedRowsOfUnequalStridesRenderAsPacked) {
-  TestImage disc = Disc(41);
   const Rect roi{13, 7, kW - 5, kH - 20};
-  std::vector<uint8_t> want;
+  Bytes want;
   for (int32_t pad : {0, 12}) {
-    TestImage photo = Photo(pad), guide = Guide(pad / 4 + 1);
-    TestImage out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, pad * 2);
+    TestImage photo = Photo(pad), guide = Guide(pad / 4 + 1),
+              out(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, pad * 2);
     EffectRig<BokehEffect> rig;
     ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
     Frame f(disc);
@@ -375,7 +289,7 @@ TEST(BokehEffect, PaddedRowsOfUnequalStridesRenderAsPacked) {
     ASSERT_EQ(rig->Process(&f.param, &f.shape, &photo.buf, &guide.buf, &out.buf, roi), S_OK);
     EXPECT_TRUE(photo.GuardsIntact() && guide.GuardsIntact() && out.GuardsIntact()) << "pad " << pad;
     if (want.empty()) want = out.Packed();
-    else EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
+    EXPECT_EQ(KorvaneTest::FirstDifference(out.Packed(), want, out.buf.width), "");
   }
 }
 
@@ -388,10 +302,10 @@ TEST(BokehEffect, FloatSettingsFarOutOfRangeStillRender) {
   ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
   const float wild[] = {-1.29711e21f, 3e38f, -3e38f, INFINITY, -INFINITY, NAN};
   const std::function<void(Frame&, float)> fields[] = {
-      [](Frame& f, float v) { f.shape.hue_offset = v; },     [](Frame& f, float v) { f.shape.saturation = v; },
-      [](Frame& f, float v) { f.shape.size_blend = v; },     [](Frame& f, float v) { f.shape.rotation = v; },
-      [](Frame& f, float v) { f.param.focus_value = v; },    [](Frame& f, float v) { f.param.focus_range = v; },
-      [](Frame& f, float v) { f.param.blur_strength = v; },  [](Frame& f, float v) { f.param.blur_buff_ratio = v; },
+      [](Frame& f, float v) { f.shape.hue_offset = v; },    [](Frame& f, float v) { f.shape.saturation = v; },
+      [](Frame& f, float v) { f.shape.size_blend = v; },    [](Frame& f, float v) { f.shape.rotation = v; },
+      [](Frame& f, float v) { f.param.focus_value = v; },   [](Frame& f, float v) { f.param.focus_range = v; },
+      [](Frame& f, float v) { f.param.blur_strength = v; }, [](Frame& f, float v) { f.param.blur_buff_ratio = v; },
   };
   for (size_t field = 0; field < std::size(fields); ++field)
     for (float v : wild)
@@ -411,10 +325,11 @@ TEST(BokehEffect, FloatSettingsFarOutOfRangeStillRender) {
 TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
   TestImage photo = Photo(4), guide = Guide(), disc = Disc(41);
   std::vector<uint8_t> first;
-  for (int simd : {int{SIMD_SSE41}, 0}) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
     for (int workers : {1, 2, 8}) {
       for (int32_t quality : {1, 2}) {
-        EffectRig<BokehEffect> rig(workers, simd);
+        EffectRig<BokehEffect> rig(workers);
+        rig->SetSystemInfo(form.info);
         ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
         Frame f(disc);
         f.param.twinkle_switch = 1;
@@ -427,46 +342,161 @@ TEST(BokehEffect, SameFrameForAnyWorkersAndKernelForm) {
         if (first.empty()) {
           first = got;
         } else {
-          EXPECT_EQ(got, first) << "workers " << workers << " simd " << simd;
+          EXPECT_EQ(got, first) << "workers " << workers << " " << form.name;
         }
       }
     }
   }
 }
 
-TEST(BokehEffect, AnimationAndKeptBackground) {
+// Nothing animates without twinkle or hue shift and a kept background is
+// reused; twinkling points change over the loop; the hue offset turns once
+// per loop within (-1, 1] (0.9 at frame 1 of 4 becomes -0.6); frames past
+// the loop are the frames in it, byte for byte.
+TEST(BokehEffect, AnimationLoopsAndKeptBackground) {
   EffectRig<BokehEffect> rig;
-  TestImage photo = Photo(), guide = Guide(), disc = Disc();
+  TestImage photo = Photo(), guide = Guide(), disc = Disc(), big(kW, kH, PIXEL_GRAY8);
   ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
   Frame f(disc);
   f.param.keep_background = 0;
-  const std::vector<uint8_t> a = Render(rig, f, photo, &guide);
+  const Bytes a = Render(rig, f, photo, &guide);
   f.param.anime_frame_index = 5;
-  EXPECT_EQ(Render(rig, f, photo, &guide), a);  // nothing animates without twinkle or hue shift
+  EXPECT_EQ(Render(rig, f, photo, &guide), a);
   f.param.keep_background = 1;
-  const std::vector<uint8_t> kept1 = Render(rig, f, photo, &guide);
-  EXPECT_EQ(Render(rig, f, photo, &guide), kept1);  // second call reuses the blur
-  EXPECT_EQ(kept1, a);
-
-  // Twinkling points change brightness over the loop.
+  EXPECT_EQ(Render(rig, f, photo, &guide), a);
+  EXPECT_EQ(Render(rig, f, photo, &guide), a);  // the second call reuses the blur
   f.param.twinkle_switch = 1;
-  std::vector<std::vector<uint8_t>> frames;
-  for (int32_t i = 0; i < 8; i += 2) {
-    f.param.anime_frame_index = i;
-    frames.push_back(Render(rig, f, photo, &guide));
-  }
+  f.param.anime_frame_index = 0;
+  const Bytes first = Render(rig, f, photo, &guide);
   bool changes = false;
-  for (size_t i = 1; i < frames.size(); ++i) changes |= frames[i] != frames[0];
+  for (int32_t i = 2; i < 8; i += 2) {
+    f.param.anime_frame_index = i;
+    changes |= Render(rig, f, photo, &guide) != first;
+  }
   EXPECT_TRUE(changes);
-
-  // The hue offset turns once over the loop and stays in (-1, 1].
-  f.param.twinkle_switch = 0;
+  f = Frame(disc);
   f.param.hue_shift_switch = 1;
   f.param.anime_frame_count = 4;
   f.param.anime_frame_index = 1;
   f.shape.hue_offset = 0.9f;
   Render(rig, f, photo, &guide);
   EXPECT_NEAR(rig->GetHueOffset(), -0.6f, 1e-6f);
+
+  big.FillConstant(255);  // every light point gets the largest disc
+  for (int32_t count : {7, 24})
+    for (int32_t setting : {0, 1}) {
+      Frame g(disc);
+      g.param.anime_frame_count = count;
+      g.param.hue_shift_switch = setting == 0;
+      g.param.twinkle_switch = setting == 1;
+      g.shape.color_mode = 2;
+      for (int32_t k = 0; k < count; ++k) {
+        g.param.anime_frame_index = k;
+        const Bytes in_loop = Render(rig, g, photo, &big);
+        g.param.anime_frame_index = k + count * (k + 1);
+        EXPECT_EQ(Render(rig, g, photo, &big), in_loop) << "setting " << setting << " frame " << k << " of " << count;
+      }
+    }
+}
+
+// The light points in scan order of the detection copy, with the twinkle
+// curve's length; the first `capacity` of them copied out.
+TEST(BokehEffect, LightPointsCanBeReadBack) {
+  EffectRig<BokehEffect> rig;
+  LightPointSummary sum;
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, 0), E_FAIL);
+  TestImage photo = Photo();
+  ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+  EXPECT_EQ(rig->GetLightPoints(nullptr, nullptr, 0), E_POINTER);
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, -1), E_INVALIDARG);
+  EXPECT_EQ(rig->GetLightPoints(&sum, nullptr, 2), E_INVALIDARG);
+  ASSERT_EQ(rig->GetLightPoints(&sum, nullptr, 0), S_OK);
+  EXPECT_EQ(sum.norm_width, 640);
+  EXPECT_EQ(sum.norm_height, 400);
+  EXPECT_EQ(sum.curve_samples, 132);
+  ASSERT_EQ(sum.count, static_cast<int32_t>(rig->GetBokehList().size()));
+  std::vector<LightPointInfo> points(static_cast<size_t>(sum.count) + 1);
+  ASSERT_EQ(rig->GetLightPoints(&sum, points.data(), sum.count - 1), S_OK);
+  auto it = rig->GetBokehList().begin();
+  for (int32_t i = 0; i < sum.count - 1; ++i, ++it) {
+    EXPECT_EQ(points[i].x, it->second.x);
+    EXPECT_EQ(points[i].y, it->second.y);
+    EXPECT_EQ(points[i].phase, it->second.phase);
+    EXPECT_EQ(points[i].random, it->second.random);
+  }
+  EXPECT_EQ(points[sum.count - 1].x, 0);  // beyond the capacity: untouched
+}
+
+// A render of a region with REGION_SHAPES_REACHING is the crop of the render
+// of the whole photo, at the photo's size and on a reduced light map,
+// sub-pixel and whole-pixel: every disc reaching into the region is drawn,
+// and the enlargement reads the same light map pixels.
+TEST(BokehEffect, RegionRendersAreCropsOfTheWholeRender) {
+  for (auto [w, h] : {std::pair<int32_t, int32_t>{1500, 260}, {5200, 64}}) {  // map ratios 0.86 and 0.25
+    TestImage photo(w, h), guide(w, h, PIXEL_GRAY8), disc = Disc(41);
+    std::mt19937 rng(3);
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        uint8_t* p = photo.Row(y) + 4 * x;
+        for (int k = 0; k < 3; ++k) p[k] = static_cast<uint8_t>(30 + rng() % 20);
+        p[3] = 255;
+        guide.Row(y)[x] = static_cast<uint8_t>(200 + (x + y) % 56);  // background: large discs
+      }
+    for (int32_t i = 0; i < 400; ++i) {  // small lights all over, many near the regions' edges
+      const int32_t cx = 1 + static_cast<int32_t>(rng() % (w - 2)), cy = 1 + static_cast<int32_t>(rng() % (h - 2));
+      for (int32_t y = cy - 1; y <= cy + 1; ++y)
+        for (int32_t x = cx - 1; x <= cx + 1; ++x) std::memset(photo.Row(y) + 4 * x, 250, 3);
+    }
+    for (int32_t quality : {0, 1, 2}) {
+      EffectRig<BokehEffect> rig;
+      ASSERT_EQ(rig->SetSource(&photo.buf), S_OK);
+      Frame f(disc);
+      f.param.quality_mode = quality;
+      f.shape.rotation = 20.0f;
+      const std::vector<uint8_t> whole = Render(rig, f, photo, &guide, Rect{0, 0, w, h});
+      ASSERT_EQ(rig->SetRegionMode(REGION_SHAPES_REACHING), S_OK);
+      for (const Rect& r : LightTest::TileRegions(w, h)) {
+        const std::vector<uint8_t> part = Render(rig, f, photo, &guide, r);
+        ASSERT_EQ(KorvaneTest::FirstDifference(part, LightTest::Crop(whole, w, r), RectWidth(r)), "")
+            << w << "x" << h << " quality " << quality << " region " << r.left << "," << r.top << "," << r.right << ","
+            << r.bottom;
+      }
+    }
+  }
+  EffectRig<BokehEffect> rig;
+  EXPECT_EQ(rig->SetRegionMode(2), E_INVALIDARG);
+}
+
+// A photo one pixel across and as long as a photo may be renders in every
+// quality mode within a small multiple of its own size, and a loop of
+// INT_MAX frames costs nothing more; longer sides and shapes are refused.
+TEST(BokehEffectDeathTest, ThinPhotosAndLongLoopsStaySmall) {
+  const auto run = [] {
+    TestImage disc = Disc(64);
+    std::vector<std::pair<TestImage, TestImage>> photos;
+    for (auto [w, h] : {std::pair<int32_t, int32_t>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
+      photos.emplace_back(TestImage(w, h), TestImage(w, h));
+      photos.back().first.FillNoise(7);
+    }
+    EffectRig<BokehEffect> rig(1);
+    LightTest::ExitWithAddressRoom(150u << 20, [&] {
+      for (auto& [photo, out] : photos) {
+        if (rig->SetSource(&photo.buf) != S_OK) return false;
+        for (int32_t quality : {0, 1, 2, 3}) {
+          Frame f(disc);
+          f.param.quality_mode = quality;
+          f.param.twinkle_switch = 1;
+          f.param.anime_frame_count = INT32_MAX;
+          f.param.anime_frame_index = INT32_MAX - 1;
+          f.shape.size_blend = 1.0f;
+          const Rect all{0, 0, photo.buf.width, photo.buf.height};
+          if (rig->Process(&f.param, &f.shape, &photo.buf, nullptr, &out.buf, all) != S_OK) return false;
+        }
+      }
+      return true;
+    });
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {

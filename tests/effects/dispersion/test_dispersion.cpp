@@ -35,6 +35,15 @@ void* operator new(size_t n) {
   throw std::bad_alloc();
 }
 void* operator new[](size_t n) { return operator new(n); }
+// The nothrow forms too, so every allocation pairs with the free below.
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(n);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+void* operator new[](size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete[](void* p, size_t) noexcept { std::free(p); }
@@ -88,7 +97,7 @@ double MeanAbsDiff(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 }
 
 TEST(Dispersion, FrameZeroIsThePhotoAndAnEmptyMaskChangesNothing) {
-  for (int simd : {0, static_cast<int>(SIMD_SSE41)}) {
+  for (int simd : KorvaneTest::Forms()) {
     for (bool subject : {true, false}) {
       for (int32_t loop : {0, 1}) {
         Scene s(97, 61, subject);
@@ -276,7 +285,7 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
     for (int32_t f : {2, 4, 7}) ref.push_back(Render(fx, ref_scene, f));
   }
   for (int workers : {2, 8}) {
-    for (int simd : {0, static_cast<int>(SIMD_SSE41)}) {
+    for (int simd : KorvaneTest::Forms()) {
       Scene s(131, 77);
       s.p = ref_scene.p;
       s.p.input = &s.photo.buf;
@@ -422,21 +431,24 @@ TEST(Dispersion, EveryAllocationFailureIsCaughtLoggedAndReturned) {
 }
 
 TEST(DispersionKernels, FillBaseFormsAgreeOnAwkwardWidths) {
-  for (int32_t n : {1, 3, 4, 5, 7, 13, 33}) {
+  for (int32_t n : {1, 3, 4, 5, 7, 8, 9, 13, 17, 33}) {
     const std::vector<uint8_t> a = KorvaneTest::RandomBytes(n * 4, n), b = KorvaneTest::RandomBytes(n * 4, n + 100);
     std::vector<float> start(n);
     for (int32_t i = 0; i < n; ++i) start[i] = (i % 3 == 0) ? kDispersionNever : 0.1f * (i % 7);
     for (float progress : {0.0f, 0.3f, 1.0f}) {
-      std::vector<uint8_t> plain(n * 4 + 4, 0xEE), sse(n * 4 + 4, 0xEE);
+      std::vector<uint8_t> plain(n * 4 + 4, 0xEE);
       DispersionFillBase(a.data(), b.data(), start.data(), progress, plain.data(), n);
-#if KORVANE_HAVE_SSE41
-      DispersionFillBase_SSE(a.data(), b.data(), start.data(), progress, sse.data(), n);
-      EXPECT_EQ(plain, sse) << n << " pixels at " << progress;
-#endif
       for (int32_t i = 0; i < n; ++i) {
         EXPECT_EQ(plain[i * 4 + 1], (start[i] < progress ? b : a)[i * 4 + 1]) << i;
       }
       EXPECT_EQ(plain[n * 4], 0xEE);
+      for (int form : KorvaneTest::Forms()) {
+        const auto fill = KORVANE_PICK_AVX2(KorvaneTest::Level(form), DispersionFillBase, DispersionFillBase_SSE,
+                                            DispersionFillBase_AVX2);
+        std::vector<uint8_t> got(n * 4 + 4, 0xEE);
+        fill.fn(a.data(), b.data(), start.data(), progress, got.data(), n);
+        EXPECT_EQ(got, plain) << n << " pixels at " << progress << ", " << fill.name;
+      }
     }
   }
 }
@@ -444,35 +456,35 @@ TEST(DispersionKernels, FillBaseFormsAgreeOnAwkwardWidths) {
 TEST(DispersionKernels, DrawFormsAgreeOnAwkwardSizes) {
   CircleTable t;
   t.Build(7.0f);
-  std::mt19937 rng(5);
-  for (int32_t w : {1, 2, 3, 5, 7, 13, 31}) {
-    const int32_t h = 9, stride = w * 4 + 8;
-    const std::vector<uint8_t> start = KorvaneTest::RandomBytes(static_cast<size_t>(stride) * h, w);
-    std::vector<uint8_t> plain = start, sse = start;
-    for (int i = 0; i < 40; ++i) {
-      FrameParticle f;
-      f.x = static_cast<int32_t>(rng() % (w + 12)) - 6;
-      f.y = static_cast<int32_t>(rng() % (h + 12)) - 6;
-      f.entry = static_cast<int32_t>(rng() % t.entries.size());
-      f.alpha = i % 5 == 0 ? 256 : static_cast<int32_t>(rng() % 257);
-      for (uint8_t& c : f.bgra) c = static_cast<uint8_t>(rng());
-      // Clip columns [1, w) when there is room, rows [1, h - 1): an origin inside the image.
-      const int32_t x0 = w > 2 ? 1 : 0;
-      DispersionDrawParticle(t, f, x0, w, 1, h - 1, plain.data(), 0, 0, stride);
-#if KORVANE_HAVE_SSE41
-      DispersionDrawParticle_SSE(t, f, x0, w, 1, h - 1, sse.data(), 0, 0, stride);
-#endif
-    }
-#if KORVANE_HAVE_SSE41
-    EXPECT_EQ(plain, sse) << w << " wide";
-#endif
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t b = 0; b < stride; ++b) {
-        const bool inside = y >= 1 && y < h - 1 && b >= (w > 2 ? 4 : 0) && b < w * 4;
-        if (!inside) {
-          ASSERT_EQ(plain[y * stride + b], start[y * stride + b]) << w << ": row " << y << " byte " << b;
-        }
+  for (int form : KorvaneTest::Forms()) {
+    const auto draw = KORVANE_PICK_AVX2(KorvaneTest::Level(form), DispersionDrawParticle, DispersionDrawParticle_SSE,
+                                        DispersionDrawParticle_AVX2);
+    std::mt19937 rng(5);
+    for (int32_t w : {1, 2, 3, 5, 7, 9, 13, 17, 31}) {
+      const int32_t h = 9, stride = w * 4 + 8;
+      const std::vector<uint8_t> start = KorvaneTest::RandomBytes(static_cast<size_t>(stride) * h, w);
+      std::vector<uint8_t> plain = start, got = start;
+      for (int i = 0; i < 40; ++i) {
+        FrameParticle f;
+        f.x = static_cast<int32_t>(rng() % (w + 12)) - 6;
+        f.y = static_cast<int32_t>(rng() % (h + 12)) - 6;
+        f.entry = static_cast<int32_t>(rng() % t.entries.size());
+        f.alpha = i % 5 == 0 ? 256 : static_cast<int32_t>(rng() % 257);
+        for (uint8_t& c : f.bgra) c = static_cast<uint8_t>(rng());
+        // Clip columns [1, w) when there is room, rows [1, h - 1): an origin inside the image.
+        const int32_t x0 = w > 2 ? 1 : 0;
+        DispersionDrawParticle(t, f, x0, w, 1, h - 1, plain.data(), 0, 0, stride);
+        draw.fn(t, f, x0, w, 1, h - 1, got.data(), 0, 0, stride);
       }
+      EXPECT_EQ(got, plain) << w << " wide, " << draw.name;
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t b = 0; b < stride; ++b) {
+          const bool inside = y >= 1 && y < h - 1 && b >= (w > 2 ? 4 : 0) && b < w * 4;
+          if (!inside) {
+            ASSERT_EQ(plain[y * stride + b], start[y * stride + b]) << w << ": row " << y << " byte " << b;
+          }
+        }
+    }
   }
   // A fully covering, fully opaque particle leaves exactly its colour.
   FrameParticle f;

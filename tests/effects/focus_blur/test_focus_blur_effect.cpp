@@ -4,6 +4,7 @@
 #include <string>
 
 #include "FocusBlurReference.h"
+#include "TestSupport.h"
 #include "effects/focus_blur/FocusBlurEffect.h"
 
 using namespace Korvane;
@@ -26,10 +27,13 @@ struct Scene {
   }
 };
 
-std::vector<uint8_t> Render(Scene& s, int workers, int simd_level) {
+using KorvaneTest::Form;
+using KorvaneTest::Forms;
+
+std::vector<uint8_t> Render(Scene& s, int workers, const Form& form) {
   KorvaneTest::Runner run(workers);
   FocusBlurEffect fx(&run.pool);
-  fx.SetSystemInfo(Level(simd_level));
+  fx.SetSystemInfo(form.info);
   EXPECT_EQ(fx.Init(&s.param), S_OK);
   EXPECT_EQ(fx.Process(&s.param), S_OK);
   EXPECT_EQ(fx.Uninit(), S_OK);
@@ -44,7 +48,7 @@ std::string Logged(const std::function<void()>& f) {
 
 }  // namespace
 
-// The whole effect against the literal reference: both kernel forms, several
+// The whole effect against the literal reference: every kernel form, several
 // worker counts (bands of different cuts must not change a byte).
 TEST(FocusBlurEffect, MatchesTheReferenceForEveryFormAndWorkerCount) {
   struct Case {
@@ -61,10 +65,9 @@ TEST(FocusBlurEffect, MatchesTheReferenceForEveryFormAndWorkerCount) {
     s.param.focus_range = c.range;
     const std::vector<uint8_t> ref = ReferenceFocusBlur(s.photo, s.guide, c.w, c.h, c.level, c.focus, c.range);
     for (int workers : {1, 2, 8}) {
-      for (int simd : {0, 5}) {
-        if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
-        std::fill(s.out.begin(), s.out.end(), static_cast<uint8_t>(workers * 31 + simd));
-        EXPECT_EQ(Render(s, workers, simd), ref) << c.w << "x" << c.h << " workers " << workers << " simd " << simd;
+      for (const Form& form : Forms()) {
+        std::fill(s.out.begin(), s.out.end(), static_cast<uint8_t>(workers * 31 + form.info.simd_level));
+        EXPECT_EQ(Render(s, workers, form), ref) << c.w << "x" << c.h << " workers " << workers << " " << form.name;
       }
     }
   }
@@ -73,22 +76,22 @@ TEST(FocusBlurEffect, MatchesTheReferenceForEveryFormAndWorkerCount) {
 // No blur level, a range covering the whole guide, or a guide value equal to
 // the focus: the photo's bytes come through exactly.
 TEST(FocusBlurEffect, UnblurredPixelsKeepThePhotoExactly) {
-  for (int simd : {0, 5}) {
+  for (const Form& form : Forms()) {
     Scene a(41, 23, 5);
     a.param.blur_level = 0;
     a.param.focus_value = 0;
     a.param.focus_range = 0;
-    EXPECT_EQ(Render(a, 2, simd), a.photo) << "blur_level 0";
+    EXPECT_EQ(Render(a, 2, form), a.photo) << "blur_level 0";
     Scene b(41, 23, 6);
     b.param.blur_level = 100;
     b.param.focus_range = 255;  // nothing blurred; the blend still mixes copies of the photo
-    EXPECT_EQ(Render(b, 2, simd), b.photo) << "focus_range 255";
+    EXPECT_EQ(Render(b, 2, form), b.photo) << "focus_range 255";
     Scene c(80, 60, 3);
     for (size_t i = 0; i < c.guide.size(); i += 3) c.guide[i] = 140;
     c.param.blur_level = 100;
     c.param.focus_value = 140;
     c.param.focus_range = 0;
-    const std::vector<uint8_t> out = Render(c, 2, simd);
+    const std::vector<uint8_t> out = Render(c, 2, form);
     for (size_t i = 0; i < c.guide.size(); i += 3)
       for (int k = 0; k < 4; ++k) ASSERT_EQ(out[i * 4 + k], c.photo[i * 4 + k]) << "pixel " << i;
   }
@@ -138,16 +141,17 @@ TEST(FocusBlurEffect, UnusableRecordsAreLoggedAndLeaveTheOutputAlone) {
 // A failing pass is logged with the call's text and the processing still
 // answers 0. An effect without a pool fails its first pass.
 TEST(FocusBlurEffect, FailingPassLogsItsCallAndReturnsZero) {
-  for (int simd : {0, 5}) {
-    if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+  for (const Form& form : Forms()) {
     FocusBlurEffect fx(nullptr);
-    fx.SetSystemInfo(Level(simd));
+    fx.SetSystemInfo(form.info);
     Scene s(8, 8, 2);
     int32_t hr = -1;
     const std::string log = Logged([&] { hr = fx.Process(&s.param); });
     EXPECT_EQ(hr, S_OK);
-    const std::string call = simd ? "RunTaskByMultiThread(GaussianBlurH_SSE, &blur_param, this, process_region)"
-                                  : "RunTaskByMultiThread(GaussianBlurH, &blur_param, this, process_region)";
+    const std::string kernel = form.info.avx_level    ? "GaussianBlurH_AVX2"
+                               : form.info.simd_level ? "GaussianBlurH_SSE"
+                                                      : "GaussianBlurH";
+    const std::string call = "RunTaskByMultiThread(" + kernel + ", &blur_param, this, process_region)";
     EXPECT_NE(log.find("[Korvane] [Korvane] m_thread_adapter." + call + " Error! - Return Code: 80070057"),
               std::string::npos)
         << log;
@@ -183,14 +187,13 @@ TEST(FocusBlurEffect, ShortWeakBlurGivesTheSameBytesWithOrWithoutAStoredWeakImag
       s.param.mask = MakeImageBuffer(guide4.data(), c.w, c.h);
       const std::vector<uint8_t> photo = s.photo;
       for (int workers : {1, 3, 8}) {
-        for (int simd : {0, 5}) {
-          if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+        for (const Form& form : Forms()) {
           s.photo = photo;
-          std::vector<uint8_t> out(photo.size(), static_cast<uint8_t>(workers + simd));
+          std::vector<uint8_t> out(photo.size(), static_cast<uint8_t>(workers + form.info.simd_level));
           s.param.output = in_place ? s.param.input : MakeImageBuffer(out.data(), c.w, c.h);
-          Render(s, workers, simd);
+          Render(s, workers, form);
           EXPECT_EQ(in_place ? s.photo : out, ref)
-              << c.w << "x" << c.h << " in place " << in_place << " workers " << workers << " simd " << simd;
+              << c.w << "x" << c.h << " in place " << in_place << " workers " << workers << " " << form.name;
         }
       }
     }
@@ -211,8 +214,7 @@ TEST(FocusBlurEffect, PaddedRowsRenderAsPacked) {
     const std::vector<uint8_t> guide = RandomBytes(static_cast<size_t>(c.w) * c.h, 6);
     const std::vector<uint8_t> ref = ReferenceFocusBlur(photo, guide, c.w, c.h, c.level, 128, 20);
     for (bool in_place : {false, true}) {
-      for (int simd : {0, 5}) {
-        if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+      for (const Form& form : Forms()) {
         KorvaneTest::TestImage in(c.w, c.h, PIXEL_BGRA32, 12), g(c.w, c.h, PIXEL_GRAY8, 3);
         KorvaneTest::TestImage out(c.w, c.h, PIXEL_BGRA32, 36);
         in.Fill(photo);
@@ -226,12 +228,12 @@ TEST(FocusBlurEffect, PaddedRowsRenderAsPacked) {
         param.focus_range = 20;
         KorvaneTest::Runner run(3);
         FocusBlurEffect fx(&run.pool);
-        fx.SetSystemInfo(Level(simd));
+        fx.SetSystemInfo(form.info);
         const std::string log = Logged([&] { EXPECT_EQ(fx.Process(&param), S_OK); });
         EXPECT_EQ(log, "");
         const KorvaneTest::TestImage& result = in_place ? in : out;
-        EXPECT_EQ(result.Packed(), ref) << c.w << "x" << c.h << (in_place ? " in place" : " own output") << " simd "
-                                        << simd << ": " << KorvaneTest::FirstDifference(result.Packed(), ref, c.w);
+        EXPECT_EQ(result.Packed(), ref) << c.w << "x" << c.h << (in_place ? " in place" : " own output") << " "
+                                        << form.name << ": " << KorvaneTest::FirstDifference(result.Packed(), ref, c.w);
         EXPECT_TRUE(in.GuardsIntact() && g.GuardsIntact() && out.GuardsIntact());
         if (!in_place) {
           EXPECT_EQ(in.Packed(), photo);

@@ -272,54 +272,57 @@ Image Random(int32_t w, int32_t h, std::mt19937& rng, int min_alpha = 0) {
   return im;
 }
 
-// A pool with the blend tables.
+// A pool with the blend tables; a form is 0 (plain), SIMD_SSE41 or KorvaneTest::kAvx2.
 struct Runner : KorvaneTest::Runner {
   int32_t map[kGlowBlendModeCount];
   ThreadTask kernels[kGlowBlendSlotCount];
   ThreadTask kernels_sse41[kGlowBlendSlotCount];
-  explicit Runner(int workers) : KorvaneTest::Runner(workers) { FillGlowBlendTables(map, kernels, kernels_sse41); }
-  int32_t Run(int32_t slot, GlowBlendParam& p, bool sse = false) {
-    return adapter.RunTaskByMultiThread(sse ? kernels_sse41[slot] : kernels[slot], &p, nullptr, p.roi);
+  ThreadTask kernels_avx2[kGlowBlendSlotCount];
+  explicit Runner(int workers) : KorvaneTest::Runner(workers) {
+    FillGlowBlendTables(map, kernels, kernels_sse41, kernels_avx2);
+  }
+  int32_t Run(int32_t slot, GlowBlendParam& p, int form = 0) {
+    const ThreadTask task = form == KorvaneTest::kAvx2 ? kernels_avx2[slot] : form ? kernels_sse41[slot] : kernels[slot];
+    return adapter.RunTaskByMultiThread(task, &p, nullptr, p.roi);
   }
 };
 
-bool HaveSse41() { return KORVANE_HAVE_SSE41 != 0; }
-
-// Every byte slot through both row paths over the whole of glow and photo (roi
-// at the origin): equal to each other and to the per-pixel function. With
-// all_written the two outputs start from different bytes, so a pixel either
-// path leaves unwritten shows.
+// Every byte slot through the row paths of every form over the whole of glow
+// and photo (roi at the origin): each equal to the per-pixel function. With
+// all_written the SIMD outputs start from different bytes than the plain one,
+// so a pixel a path leaves unwritten shows.
 void ExpectRowPathsAgree(Image& glow, Image& photo, int32_t opacity, bool all_written) {
   SmartBuffer gv = glow.View(), pv = photo.View();
   Runner r(2);
   for (int32_t slot = 0; slot < kGlowBlendSlotCount; ++slot) {
     if (IsGlowFloatSlot(slot)) continue;
-    Image plain(glow.w, glow.h), sse(glow.w, glow.h), want(glow.w, glow.h);
-    std::fill(plain.px.begin(), plain.px.end(), 0x5A);
+    Image want(glow.w, glow.h);
     std::fill(want.px.begin(), want.px.end(), 0x5A);
-    std::fill(sse.px.begin(), sse.px.end(), all_written ? 0xA5 : 0x5A);
     for (int32_t i = 0; i < glow.w * glow.h; ++i)
       GlowBlendPixel(slot, &glow.px[i * 4], &photo.px[i * 4], &want.px[i * 4], opacity);
-    SmartBuffer ov = plain.View(), sv = sse.View();
-    GlowBlendParam p;
-    p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, glow.w, glow.h}, p.opacity = opacity;
-    ASSERT_EQ(r.Run(slot, p), S_OK);
-    p.dst = &sv;
-    ASSERT_EQ(r.Run(slot, p, HaveSse41()), S_OK);
-    ASSERT_EQ(plain.px, want.px) << "slot " << slot << " width " << glow.w << " opacity " << opacity;
-    ASSERT_EQ(sse.px, want.px) << "slot " << slot << " width " << glow.w << " opacity " << opacity;
+    for (int form : KorvaneTest::Forms()) {
+      Image out(glow.w, glow.h);
+      std::fill(out.px.begin(), out.px.end(), all_written && form ? 0xA5 : 0x5A);
+      SmartBuffer ov = out.View();
+      GlowBlendParam p;
+      p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, glow.w, glow.h}, p.opacity = opacity;
+      ASSERT_EQ(r.Run(slot, p, form), S_OK);
+      ASSERT_EQ(out.px, want.px) << "slot " << slot << " width " << glow.w << " opacity " << opacity << ", "
+                                 << KorvaneTest::FormName(form) << ": "
+                                 << KorvaneTest::FirstDifference(out.px, want.px, glow.w);
+    }
   }
 }
 
 // Awkward widths with random pixels (alphas from 0, or from 2 so that every
-// pixel is written); then all 256 x 256 (glow, photo) values in the blue
-// channel, other channels varied, alphas varied or all opaque (the common
-// case, with its own fast forms), 264 columns wide so that all 256 real ones
-// go through the eight-pixel loop.
+// pixel is written; 25 and 41 end on an eight-pixel step after sixteen-pixel
+// ones); then all 256 x 256 (glow, photo) values in the blue channel, other
+// channels varied, alphas varied or all opaque (the common case, with its own
+// fast forms), 264 columns wide so that all 256 real ones go through the
+// eight-pixel loop.
 TEST(GlowBlendRows, EightPixelPathMatchesPerPixelPath) {
-  if (!HaveSse41()) GTEST_SKIP() << "built without SSE4.1 kernels";
   std::mt19937 rng(11);
-  for (int32_t w : {1, 3, 7, 8, 9, 15, 16, 17, 33})
+  for (int32_t w : {1, 3, 7, 8, 9, 15, 16, 17, 25, 33, 41})
     for (int min_alpha : {0, 2}) {
       Image glow = Random(w, 5, rng, min_alpha), photo = Random(w, 5, rng);
       ExpectRowPathsAgree(glow, photo, 200, min_alpha > 0);
@@ -367,17 +370,55 @@ TEST(GlowBlendRows, FloatModesKeepThePhotoWhenTheGlowIsThePhoto) {
   }
 }
 
+// The float modes' rows of every form against the plain rows: glow values
+// in and out of 0..1 (NaN too), greys, pure hues on the sector edges, photo
+// alphas from 0, awkward widths.
+TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRows) {
+  std::mt19937 rng(13);
+  std::uniform_real_distribution<float> wide(-0.2f, 1.3f);
+  Runner r(2);
+  for (int32_t w : {1, 7, 8, 9, 17, 33, 70}) {
+    const int32_t h = 6;
+    Image photo = Random(w, h, rng), glow_f(w, h, PIXEL_FLOAT96);
+    float* gf = reinterpret_cast<float*>(glow_f.px.data());
+    const float edges[][3] = {{0, 0, 1}, {0, 1, 1}, {0, 1, 0}, {1, 1, 0}, {1, 0, 0}, {1, 0, 1}, {0.5f, 0.5f, 0.5f}};
+    for (int32_t i = 0; i < w * h; ++i) {
+      for (int k = 0; k < 3; ++k) gf[i * 3 + k] = i % 5 == 0 ? edges[(i / 5) % 7][k] : wide(rng);
+      if (i % 23 == 4) gf[i * 3 + 1] = std::nanf("");
+      if (i % 11 == 3) photo.px[i * 4 + 1] = photo.px[i * 4 + 2] = photo.px[i * 4];  // a grey photo pixel
+    }
+    SmartBuffer pv = photo.View(), fv = glow_f.View();
+    for (int32_t slot : {14, 15}) {
+      Image want(w, h);
+      std::fill(want.px.begin(), want.px.end(), 0x5A);
+      SmartBuffer wv = want.View();
+      GlowBlendParam p;
+      p.glow_f = &fv, p.photo = &pv, p.dst = &wv, p.roi = {0, 0, w, h}, p.opacity = 230;
+      ASSERT_EQ(r.Run(slot, p), S_OK);
+      for (int form : KorvaneTest::Forms()) {
+        Image out(w, h);
+        std::fill(out.px.begin(), out.px.end(), 0x5A);
+        SmartBuffer ov = out.View();
+        p.dst = &ov;
+        ASSERT_EQ(r.Run(slot, p, form), S_OK);
+        ASSERT_EQ(out.px, want.px) << "slot " << slot << " width " << w << ", " << KorvaneTest::FormName(form) << ": "
+                                   << KorvaneTest::FirstDifference(out.px, want.px, w);
+      }
+    }
+  }
+}
+
 TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   std::mt19937 rng(1);
   Image glow = Random(8, 8, rng), photo = Random(8, 8, rng), out(8, 8), small(4, 4), gray(8, 8, PIXEL_GRAY8);
   SmartBuffer gv = glow.View(), pv = photo.View(), ov = out.View(), sv = small.View(), grv = gray.View();
   SmartBuffer empty;
   Runner r(2);
-  auto run = [&](int32_t slot, auto tweak, bool sse = false) {
+  auto run = [&](int32_t slot, auto tweak, int form = 0) {
     GlowBlendParam p;
     p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, 8, 8};
     tweak(p);
-    return r.Run(slot, p, sse);
+    return r.Run(slot, p, form);
   };
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = nullptr; }), E_POINTER);
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.photo = &empty; }), E_POINTER);
@@ -390,10 +431,9 @@ TEST(GlowBlendRows, BadInputGetsDefinedCodes) {
   EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.glow = &sv; }), E_INVALIDARG);
   // A dst smaller than the roi is written only where it exists.
   std::fill(small.px.begin(), small.px.end(), 0);
-  if (HaveSse41()) {
-    EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }, true), S_OK);
+  for (int form : KorvaneTest::Forms()) {
+    EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }, form), S_OK) << KorvaneTest::FormName(form);
   }
-  EXPECT_EQ(run(30, [&](GlowBlendParam& p) { p.dst = &sv; }), S_OK);
   // Modes outside 0..28 have no slot, so the effect can refuse them.
   EXPECT_EQ(GlowBlendSlot(29), -1);
   EXPECT_EQ(GlowBlendSlot(-1), -1);

@@ -277,12 +277,12 @@ TEST(GlowEffect, HaloSpreadsFromTheHighlightAndAZeroMaskRemovesIt) {
   EXPECT_NE(lit, dst);
 }
 
-// A record of the exact renderings, every mode, plain and SSE4.1, under
+// A record of the exact renderings, every mode, every kernel form, under
 // settings that reach each stage's special cases (no blur, strongest curves,
 // a mask). Any speed work on a stage must leave these bytes alone. Each case
 // pins one FNV-1a digest over all 29 modes' outputs; when it breaks, the
 // per-mode digests of the plain form name the modes that changed, and the
-// SSE4.1 form is compared pixel by pixel with the plain one, its reference.
+// SIMD forms are compared pixel by pixel with the plain one, their reference.
 namespace {
 
 struct DigestCase {
@@ -346,16 +346,19 @@ TEST(GlowEffect, RenderingsMatchTheirRecordedDigests) {
       EXPECT_EQ(d, c.modes[mode]) << std::hex << "contrast " << c.contrast << ", mode " << std::dec << mode
                                   << " changed in the plain form";
     }
-    if (!KORVANE_HAVE_SSE41) continue;
-    const std::vector<Bytes> sse = RenderModes(c, 5);
-    for (int32_t mode = 0; mode < 29; ++mode) {
-      EXPECT_EQ(sse[mode], plain[mode]) << "contrast " << c.contrast << ", mode " << mode << ", SSE4.1 vs plain: "
-                                        << KorvaneTest::FirstDifference(sse[mode], plain[mode], 67);
+    for (int form : KorvaneTest::Forms()) {
+      if (form == 0) continue;
+      const std::vector<Bytes> simd = RenderModes(c, form);
+      for (int32_t mode = 0; mode < 29; ++mode) {
+        EXPECT_EQ(simd[mode], plain[mode]) << "contrast " << c.contrast << ", mode " << mode << ", "
+                                           << KorvaneTest::FormName(form) << " vs plain: "
+                                           << KorvaneTest::FirstDifference(simd[mode], plain[mode], 67);
+      }
     }
   }
 }
 
-// A region render is the crop of the full render: with the SSE4.1 form for
+// A region render is the crop of the full render: with the SIMD forms for
 // any region, with the plain form for regions from the origin. Elsewhere the
 // plain form keeps its own addressing, image pixel (x, y) to dst (x, y) where
 // that exists. Either way nothing outside dst's pixels is written.
@@ -363,8 +366,7 @@ TEST(GlowEffect, RegionRendersAreCropsOfTheFullRender) {
   const int w = 61, h = 35;
   const Rect regions[] = {{0, 0, 20, 12},  {41, 0, 61, 9},  {0, 23, 17, 35}, {44, 26, 61, 35},
                           {0, 0, 61, 1},   {60, 0, 61, 35}, {0, 34, 61, 35}, {9, 5, 52, 30}};
-  for (int32_t simd : {0, 5}) {
-    if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+  for (int32_t simd : KorvaneTest::Forms()) {
     for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE}) {
       const Bytes whole = Render(w, h, 2, simd, [mode](GlowParam& p, Bytes&) { p.blend_mode = mode; });
       for (const Rect& r : regions) {
@@ -378,7 +380,7 @@ TEST(GlowEffect, RegionRendersAreCropsOfTheFullRender) {
         ASSERT_EQ(rig.fx->Process(p), S_OK);
         EXPECT_TRUE(part.GuardsIntact());
         const Bytes got = part.Packed();
-        const bool crop = simd == 5 || (r.left == 0 && r.top == 0);
+        const bool crop = simd != 0 || (r.left == 0 && r.top == 0);
         const uint8_t untouched[4] = {0xA5, 0xA5, 0xA5, 0xA5};
         for (int y = 0; y < RectHeight(r); ++y)
           for (int x = 0; x < RectWidth(r); ++x) {
@@ -397,7 +399,7 @@ TEST(GlowEffect, RegionRendersAreCropsOfTheFullRender) {
 // workers, padding and surroundings untouched.
 TEST(GlowEffect, PaddedRowsRenderAsPacked) {
   const int w = 53, h = 37;
-  for (int32_t simd : {0, 5}) {
+  for (int32_t simd : KorvaneTest::Forms()) {
     for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE}) {
       auto with_mask = [mode](GlowParam& p, Bytes& mask) {
         p.blend_mode = mode;
@@ -429,7 +431,7 @@ TEST(GlowEffect, PaddedRowsRenderAsPacked) {
 
 TEST(GlowStages, DetectHighlightReadsThreeMaskBytesAndTreatsBytesBeyondTheMaskAsZero) {
   std::mt19937 rng(11);
-  for (int w : {1, 2, 3, 5, 7, 13, 33}) {
+  for (int w : {1, 2, 3, 5, 7, 13, 33, 45}) {
     const int h = 3 + w % 4, cols = w + w % 4, rows = h + h % 4;  // the aligned allocation
     for (int32_t t : {0, 100, 255, -40, -1000})
       for (bool with_mask : {false, true}) {
@@ -447,20 +449,42 @@ TEST(GlowStages, DetectHighlightReadsThreeMaskBytesAndTreatsBytesBeyondTheMaskAs
               const int mv = (x + c < w && y < h) ? mask[static_cast<size_t>(y) * w + x + c] : 0;
               want[i] = static_cast<uint8_t>(c == 3 ? src[i] : with_mask ? (mv * v) >> 8 : v);
             }
-        for (int32_t simd : {0, 5}) {
-          if (simd == 5 && !KORVANE_HAVE_SSE41) continue;
+        for (int32_t simd : KorvaneTest::Forms()) {
           // A spare row on each side shows any stray write.
-          Bytes out(src.size() + 2 * cols * 4, static_cast<uint8_t>(0x11 + simd));
+          const uint8_t spare = static_cast<uint8_t>(0x11 + simd);
+          Bytes out(src.size() + 2 * cols * 4, spare);
           SmartBuffer d = MakeSmartBufferView(out.data() + cols * 4, cols, rows);
           GlowDetectParam p{&s, &d, with_mask ? &m : nullptr, t, cols, rows};
-          const ThreadTask task = simd ? KORVANE_SSE41(GlowDetectHighlight_SSE) : &GlowDetectHighlight;
-          ASSERT_EQ(RunTask(task, &p, Rect{-3, -2, cols + 5, rows + 4}), S_OK);  // clipped to the allocation
+          const auto task = KORVANE_PICK_AVX2(KorvaneTest::Level(simd), GlowDetectHighlight, GlowDetectHighlight_SSE,
+                                              GlowDetectHighlight_AVX2);
+          ASSERT_EQ(RunTask(task.fn, &p, Rect{-3, -2, cols + 5, rows + 4}), S_OK);  // clipped to the allocation
           ASSERT_TRUE(std::equal(want.begin(), want.end(), out.begin() + cols * 4))
-              << "w " << w << " t " << t << " mask " << with_mask << " simd " << simd;
-          ASSERT_TRUE(std::all_of(out.begin(), out.begin() + cols * 4, [&](uint8_t b) { return b == 0x11 + simd; }));
-          ASSERT_TRUE(std::all_of(out.end() - cols * 4, out.end(), [&](uint8_t b) { return b == 0x11 + simd; }));
+              << "w " << w << " t " << t << " mask " << with_mask << " " << task.name;
+          ASSERT_TRUE(std::all_of(out.begin(), out.begin() + cols * 4, [&](uint8_t b) { return b == spare; }));
+          ASSERT_TRUE(std::all_of(out.end() - cols * 4, out.end(), [&](uint8_t b) { return b == spare; }));
         }
       }
+  }
+}
+
+// A highlight of 16 MB and more is written past the caches by the forms that
+// can: the same bytes as the plain form, on aligned rows and on rows a pixel
+// off alignment (a stride of an odd number of pixels).
+TEST(GlowStages, LargeHighlightsGetTheSameBytes) {
+  for (int cols : {2048, 2049}) {
+    const int rows = 2050;
+    const Bytes src = RandomBytes(static_cast<size_t>(cols) * rows * 4, 8);
+    Bytes want;
+    for (int32_t simd : KorvaneTest::Forms()) {
+      Bytes out(src.size(), 0x11), in = src;
+      SmartBuffer s = MakeSmartBufferView(in.data(), cols, rows), d = MakeSmartBufferView(out.data(), cols, rows);
+      GlowDetectParam p{&s, &d, nullptr, 70, cols, rows};
+      const auto task = KORVANE_PICK_AVX2(KorvaneTest::Level(simd), GlowDetectHighlight, GlowDetectHighlight_SSE,
+                                          GlowDetectHighlight_AVX2);
+      ASSERT_EQ(RunTask(task.fn, &p, Rect{0, 0, cols, rows}), S_OK);
+      if (want.empty()) want = out;
+      ASSERT_TRUE(out == want) << cols << " " << task.name << ": " << KorvaneTest::FirstDifference(out, want, cols);
+    }
   }
 }
 
@@ -484,11 +508,12 @@ TEST(GlowStages, ToneCurveKeepsEndsAndMiddleBendsWithContrastAndTheTableAppliesI
   }
 }
 
-TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
+TEST(GlowStages, ConversionsScaleAndClampAndTheirSimdFormsMatchBitForBit) {
   std::mt19937 rng(21);
   std::uniform_real_distribution<float> wide(-0.5f, 1.5f);
   float tone[256];
   GlowToneTable(GlowLightParam{3.0f, 0.25f}, tone);
+  const std::vector<KorvaneTest::Form> forms = KorvaneTest::Forms();
   for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 17, 31, 67}) {
     const int h = 3;
     std::vector<float> floats(static_cast<size_t>(w) * h * 3);
@@ -498,19 +523,21 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
                 : i % 4 == 2 ? wide(rng) * 30.0f : (rng() % 5 ? wide(rng) : std::nanf(""));
     }
     const Bytes bytes = RandomBytes(static_cast<size_t>(w) * h * 4, rng());
-    Bytes out[2] = {bytes, bytes};
+    std::vector<Bytes> out(forms.size(), bytes);
     // Back to floats plainly and through the tone table, into differently filled buffers.
-    std::vector<float> in[2] = {floats, floats}, back[2][2];
-    for (int sse = 0; sse < 2; ++sse) {
-      if (sse && !KORVANE_HAVE_SSE41) continue;
-      SmartBuffer b = MakeSmartBufferView(out[sse].data(), w, h), f = FloatView(in[sse], w, h);
+    std::vector<std::vector<float>> in(forms.size(), floats), back[2];
+    for (size_t k = 0; k < forms.size(); ++k) {
+      const SystemInfo info = KorvaneTest::Level(forms[k]);
+      SmartBuffer b = MakeSmartBufferView(out[k].data(), w, h), f = FloatView(in[k], w, h);
       GlowConvertParam to_bytes{&b, &f};
-      ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowFloatToByte_SSE) : &GlowFloatToByte, &to_bytes, {0, 0, w, h}), S_OK);
+      const auto to_byte = KORVANE_PICK_AVX2(info, GlowFloatToByte, GlowFloatToByte_SSE, GlowFloatToByte_AVX2);
+      const auto to_float = KORVANE_PICK_AVX2(info, GlowByteToFloat, GlowByteToFloat_SSE, GlowByteToFloat_AVX2);
+      ASSERT_EQ(RunTask(to_byte.fn, &to_bytes, {0, 0, w, h}), S_OK);
       for (int t = 0; t < 2; ++t) {
-        back[sse][t].assign(floats.size(), sse ? 9.0f : -7.0f);
-        SmartBuffer f2 = FloatView(back[sse][t], w, h);
+        back[t].emplace_back(floats.size(), -7.0f + 8.0f * static_cast<float>(k));
+        SmartBuffer f2 = FloatView(back[t][k], w, h);
         GlowConvertParam to_floats{&b, &f2, t ? tone : nullptr};
-        ASSERT_EQ(RunTask(sse ? KORVANE_SSE41(GlowByteToFloat_SSE) : &GlowByteToFloat, &to_floats, {0, 0, w, h}), S_OK);
+        ASSERT_EQ(RunTask(to_float.fn, &to_floats, {0, 0, w, h}), S_OK);
       }
     }
     for (size_t i = 0, j = 0; i < bytes.size(); i += 4, j += 3) {
@@ -520,13 +547,14 @@ TEST(GlowStages, ConversionsScaleAndClampAndTheirSse41FormsMatchBitForBit) {
         const int want = std::isnan(x) ? 0 : static_cast<int>(std::min(std::max(0.0, x * 255.0), 255.0));
         ASSERT_EQ(out[0][i + c], want) << x;
         ASSERT_EQ(back[0][0][j + c], out[0][i + c] * 0.003921569f);
-        ASSERT_EQ(back[0][1][j + c], tone[out[0][i + c]]);
+        ASSERT_EQ(back[1][0][j + c], tone[out[0][i + c]]);
       }
     }
-    if (KORVANE_HAVE_SSE41) {
-      ASSERT_EQ(out[0], out[1]) << "float to byte, width " << w;
+    for (size_t k = 1; k < forms.size(); ++k) {
+      ASSERT_EQ(out[k], out[0]) << "float to byte, width " << w << ", " << KorvaneTest::FormName(forms[k]);
       for (int t = 0; t < 2; ++t)
-        ASSERT_EQ(0, std::memcmp(back[0][t].data(), back[1][t].data(), floats.size() * sizeof(float))) << w;
+        ASSERT_EQ(0, std::memcmp(back[t][k].data(), back[t][0].data(), floats.size() * sizeof(float)))
+            << "byte to float, width " << w << ", tone " << t << ", " << KorvaneTest::FormName(forms[k]);
     }
   }
   Bytes px(4);
@@ -557,7 +585,8 @@ void RefAdjustColor(uint8_t* px, float w, float hue, float sat, float beta) {
 
 TEST(GlowStages, AdjustColorMatchesTheStepByStepRecipeForEverySettingShape) {
   // Covers each shortcut of the stage (no tint, no saturation change,
-  // brightness 1) and the full path, including tints stronger than 1.
+  // brightness 1) and the full path, including tints stronger than 1, in
+  // every form (97 pixels a row: eight-pixel steps and a tail).
   const int w = 97, h = 5;
   Bytes base = RandomBytes(static_cast<size_t>(w) * h * 4, 5);
   const uint8_t pure[][3] = {{0, 0, 0}, {255, 255, 255}, {255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {10, 200, 90}};
@@ -566,12 +595,18 @@ TEST(GlowStages, AdjustColorMatchesTheStepByStepRecipeForEverySettingShape) {
   for (float strength : {0.0f, 0.35f, 1.0f, 1.8f})
     for (float sat : {0.0f, -1.0f, 0.6f, 1.0f})
       for (float beta : {1.0f, 0.55f}) {
-        Bytes want = base, got = base;
+        Bytes want = base;
         for (size_t i = 0; i < want.size(); i += 4) RefAdjustColor(&want[i], strength, 0.37f, sat, beta);
-        SmartBuffer img = MakeSmartBufferView(got.data(), w, h);
-        GlowColorParam p{&img, strength, 0.37f, sat, beta};
-        ASSERT_EQ(RunTask(GlowAdjustColor, &p, Rect{0, 0, w, h}), S_OK);
-        ASSERT_EQ(got, want) << "strength " << strength << " sat " << sat << " beta " << beta;
+        for (int form : KorvaneTest::Forms()) {
+          const auto task = ChooseKernel<ThreadTask>(KorvaneTest::Level(form), &GlowAdjustColor, "plain", nullptr, "",
+                                                     KORVANE_AVX2(GlowAdjustColor_AVX2), "AVX2");
+          Bytes got = base;
+          SmartBuffer img = MakeSmartBufferView(got.data(), w, h);
+          GlowColorParam p{&img, strength, 0.37f, sat, beta};
+          ASSERT_EQ(RunTask(task.fn, &p, Rect{0, 0, w, h}), S_OK);
+          ASSERT_EQ(got, want) << "strength " << strength << " sat " << sat << " beta " << beta << ", " << task.name
+                               << ": " << KorvaneTest::FirstDifference(got, want, w);
+        }
       }
 }
 

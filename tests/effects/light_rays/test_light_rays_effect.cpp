@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -7,12 +9,10 @@
 #include <limits>
 #include <vector>
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include "TestSupport.h"
 #include "core/Random.h"
 #include "core/SmartBuffer.h"
+#include "effects/LightTestSupport.h"
 #include "effects/light_rays/LightRaysEffect.h"
 
 using namespace Korvane;
@@ -73,9 +73,10 @@ LightRaysParam Base(Bytes& src, int w, int h) {
 }
 
 // Renders `src` (w x h) with Base settings and the tweak; dst is roi-sized.
-Bytes Render(Bytes src, int w, int h, const Tweak& tweak, int workers = 2, int simd = SIMD_SSE41,
-             int32_t* code = nullptr) {
-  EffectRig<LightRaysEffect> rig(workers, simd);
+Bytes Render(Bytes src, int w, int h, const Tweak& tweak, int workers = 2,
+             const SystemInfo& info = KorvaneTest::Level(SIMD_SSE41), int32_t* code = nullptr) {
+  EffectRig<LightRaysEffect> rig(workers);
+  rig->SetSystemInfo(info);
   EXPECT_EQ(rig->Initialize(w, h), S_OK);
   // The output is sized by the tweaked roi, then the tweak runs again on the
   // record that carries it, so it can spoil dst too.
@@ -115,70 +116,45 @@ double MeanAbsDiff(const Bytes& a, const Bytes& b) {
 
 // ---------------------------------------------------------------- sizes, tables, lifecycle
 
-TEST(LightRaysEffect, SizesTablesAndRandomAngles) {
+// Half size rounded half up (2.5 -> 3, 3.5 -> 4), the diagonal of 3 x 4 is
+// 5, plus one; Process needs an effect prepared for the photo's size, the
+// same size again changes nothing, and a release forgets it.
+TEST(LightRaysEffect, SizesLifecycleAndRelease) {
   EffectRig<LightRaysEffect> rig;
   EXPECT_EQ(rig->Initialize(0, 5), E_INVALIDARG);
   EXPECT_EQ(rig->Initialize(5, -1), E_INVALIDARG);
   ASSERT_EQ(rig->Initialize(5, 7), S_OK);
-  // Half size rounded half up: 2.5 -> 3, 3.5 -> 4; diagonal of 3 x 4 is 5, plus one.
-  EXPECT_EQ(rig->GetResizedWidth(), 3);
-  EXPECT_EQ(rig->GetResizedHeight(), 4);
-  EXPECT_EQ(rig->GetMaxPolarWidth(), 6);
-  EXPECT_EQ(rig->GetMaxPolarHeight(), 3601);
-  EXPECT_EQ(rig->GetMaxRotateWidth(), 6);
-  EXPECT_EQ(rig->GetMaxRotateHeight(), 6);
+  EXPECT_EQ(std::vector<int32_t>({rig->GetResizedWidth(), rig->GetResizedHeight(), rig->GetMaxPolarWidth(),
+                                  rig->GetMaxPolarHeight(), rig->GetMaxRotateWidth(), rig->GetMaxRotateHeight()}),
+            std::vector<int32_t>({3, 4, 6, 3601, 6, 6}));
   ASSERT_EQ(rig->Initialize(4000, 3000), S_OK);
   EXPECT_EQ(rig->GetResizedWidth(), 2000);
   EXPECT_EQ(rig->GetMaxPolarWidth(), 2501);
-
-  // The tables start at -360 degrees and use the degree factor 0.017453.
-  const std::vector<float>& cs = rig->GetCosTable();
-  const std::vector<float>& sn = rig->GetSinTable();
-  ASSERT_EQ(cs.size(), 7201u);
-  for (int i : {0, 900, 3600, 4500, 5399, 7200}) {
-    const float theta = (i - 3600) * 0.1f * 0.017453f;
-    EXPECT_FLOAT_EQ(cs[i], std::cos(theta)) << i;
-    EXPECT_FLOAT_EQ(sn[i], std::sin(theta)) << i;
-  }
-  EXPECT_NE(sn[7200], std::sin(360.0f * 0.0174532925f));  // the truncated factor, not the exact one
-
-  // 100 then 50 angles 6.283184 u from one generator seeded 0.
-  Mt19937 gen(0);
-  const std::vector<double>& radial = rig->GetRadialAngles();
-  const std::vector<double>& directional = rig->GetDirectionalAngles();
-  ASSERT_EQ(radial.size(), 100u);
-  ASSERT_EQ(directional.size(), 50u);
-  for (double a : radial) EXPECT_DOUBLE_EQ(a, 6.283184 * DrawUnit(gen));
-  for (double a : directional) EXPECT_DOUBLE_EQ(a, 6.283184 * DrawUnit(gen));
   std::vector<double> none;
+  Mt19937 gen(0);
   EXPECT_EQ(LightRaysEffect::GenerateRandomAngles(none, 0, gen), E_INVALIDARG);
   EXPECT_EQ(LightRaysEffect::CalAnimatedAngles(none, 0, 0, 1, 4), E_INVALIDARG);
-
   EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
   EXPECT_EQ(rig->GetResizedWidth(), 0);
   EXPECT_TRUE(rig->GetRadialAngles().empty());
-}
 
-TEST(LightRaysEffect, ProcessNeedsAPreparedEffectOfThePhotosSize) {
   const int w = 24, h = 16;
   Bytes src = Photo(w, h), dst(static_cast<size_t>(w) * h * 4);
-  EffectRig<LightRaysEffect> rig;
-  LightRaysParam p = Base(src, w, h);
+  LightRaysParam p = Base(src, w, h), empty = p;
   p.dst = MakeSmartBufferView(dst.data(), w, h);
-  LightRaysParam empty = p;
   empty.src = MakeSmartBufferView(src.data(), 0, 0);
   empty.roi = Rect{0, 0, 0, 0};
   empty.dst = MakeSmartBufferView(dst.data(), 0, 0);
-  EXPECT_EQ(rig->Process(p), E_INVALIDARG);  // not the prepared size
+  EXPECT_EQ(rig->Process(p), E_INVALIDARG);      // not the prepared size
   EXPECT_EQ(rig->Process(empty), E_INVALIDARG);  // an empty roi
-  ASSERT_EQ(rig->Initialize(w, h), S_OK);
-  EXPECT_EQ(rig->Process(p), S_OK);
-  EXPECT_EQ(rig->Initialize(w, h), S_OK);  // the same size: nothing changes
-  EXPECT_EQ(rig->Process(p), S_OK);
-  EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
-  EXPECT_EQ(rig->Process(p), E_INVALIDARG);
-  ASSERT_EQ(rig->Initialize(w, h), S_OK);
-  EXPECT_EQ(rig->Process(p), S_OK);
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(rig->Initialize(w, h), S_OK);
+    EXPECT_EQ(rig->Process(p), S_OK);
+    EXPECT_EQ(rig->Initialize(w, h), S_OK);
+    EXPECT_EQ(rig->Process(p), S_OK);
+    EXPECT_EQ(rig->ReleaseBuffer(), S_OK);
+    EXPECT_EQ(rig->Process(p), E_INVALIDARG);
+  }
 }
 
 TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
@@ -191,16 +167,50 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
   };
   // Many cases carry a second fault that a later step would report.
   const Case cases[] = {
-      {"src width", E_INVALIDARG, [](LightRaysParam& p) { p.src.width = 63; p.dst.pix_fmt = PIXEL_GRAY8; }},
+      {"src width", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.src.width = 63;
+         p.dst.pix_fmt = PIXEL_GRAY8;
+       }},
       {"src height", E_INVALIDARG, [](LightRaysParam& p) { p.src.height = 41; }},
-      {"src data", E_INVALIDARG, [](LightRaysParam& p) { p.src.data.reset(); p.color_param = 2; }},
-      {"mask format", E_INVALIDARG, [](LightRaysParam& p) { p.mask = MakeSmartBufferView(gray.data(), 16, 10); p.mask.width = 64; p.mask.height = 40; }},
-      {"mask size", E_INVALIDARG, [](LightRaysParam& p) { p.mask = MakeSmartBufferView(gray.data(), 63, 40, PIXEL_GRAY8); }},
-      {"dst size", E_INVALIDARG, [](LightRaysParam& p) { p.dst.width = 20; p.hue_shift = 3; }},
-      {"color_param", E_INVALIDARG, [](LightRaysParam& p) { p.color_param = -1.01f; p.src.pix_fmt = PIXEL_BGR24; }},
-      {"hue_shift", E_INVALIDARG, [](LightRaysParam& p) { p.hue_shift = std::nanf(""); p.dst.pix_fmt = PIXEL_GRAY8; }},
-      {"src format", E_NOTIMPL, [](LightRaysParam& p) { p.src.pix_fmt = PIXEL_BGR24; p.ray_level = 2; }},
-      {"dst format", E_NOTIMPL, [](LightRaysParam& p) { p.dst.pix_fmt = PIXEL_GRAY8; p.ray_level = 2; }},
+      {"src data", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.src.data.reset();
+         p.color_param = 2;
+       }},
+      {"mask format", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.mask = MakeSmartBufferView(gray.data(), 16, 10);
+         p.mask.width = 64;
+         p.mask.height = 40;
+       }},
+      {"mask size", E_INVALIDARG,
+       [](LightRaysParam& p) { p.mask = MakeSmartBufferView(gray.data(), 63, 40, PIXEL_GRAY8); }},
+      {"dst size", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.dst.width = 20;
+         p.hue_shift = 3;
+       }},
+      {"color_param", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.color_param = -1.01f;
+         p.src.pix_fmt = PIXEL_BGR24;
+       }},
+      {"hue_shift", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.hue_shift = std::nanf("");
+         p.dst.pix_fmt = PIXEL_GRAY8;
+       }},
+      {"src format", E_NOTIMPL,
+       [](LightRaysParam& p) {
+         p.src.pix_fmt = PIXEL_BGR24;
+         p.ray_level = 2;
+       }},
+      {"dst format", E_NOTIMPL,
+       [](LightRaysParam& p) {
+         p.dst.pix_fmt = PIXEL_GRAY8;
+         p.ray_level = 2;
+       }},
       {"ray_level", E_INVALIDARG, [](LightRaysParam& p) { p.ray_level = 1.01f; }},
       {"ray_softness", E_INVALIDARG, [](LightRaysParam& p) { p.ray_softness = 2.01f; }},
       {"hlr_threshold", E_INVALIDARG, [](LightRaysParam& p) { p.hlr_threshold = 255.5f; }},
@@ -210,27 +220,56 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
       {"lampshade_spread", E_INVALIDARG, [](LightRaysParam& p) { p.lampshade_spread = 181; }},
       {"ray_radius", E_INVALIDARG, [](LightRaysParam& p) { p.ray_radius = -1; }},
       {"ray_angle", E_INVALIDARG, [](LightRaysParam& p) { p.ray_angle = 360.5f; }},
-      {"roi outside", E_INVALIDARG, [](LightRaysParam& p) { p.roi = Rect{1, 0, 65, 40}; }},
-      {"negative roi", E_INVALIDARG, [](LightRaysParam& p) { p.roi = Rect{-2, 0, 62, 40}; }},
-      {"short src rows", E_INVALIDARG, [](LightRaysParam& p) { p.src.stride = 4 * 63; p.dst.data.reset(); }},
+      {"roi outside", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.roi = Rect{1, 0, 65, 40};
+       }},
+      {"negative roi", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.roi = Rect{-2, 0, 62, 40};
+       }},
+      {"short src rows", E_INVALIDARG,
+       [](LightRaysParam& p) {
+         p.src.stride = 4 * 63;
+         p.dst.data.reset();
+       }},
       {"dst data", E_POINTER, [](LightRaysParam& p) { p.dst.data.reset(); }},
   };
   Bytes src = Photo(w, h);
   for (const Case& c : cases) {
     int32_t code = 0;
-    Bytes dst = Render(src, w, h, [&](LightRaysParam& p) { c.tweak(p); }, 2, SIMD_SSE41, &code);
+    Bytes dst = Render(
+        src, w, h, [&](LightRaysParam& p) { c.tweak(p); }, 2, KorvaneTest::Level(SIMD_SSE41), &code);
     EXPECT_EQ(code, c.code) << c.what;
     EXPECT_EQ(dst, Bytes(dst.size(), 0x5A)) << c.what << ": dst written on a refusal";
   }
   // Unchecked fields: the centre is clamped, lampshade_param may be anything.
-  for (const Tweak& ok : std::vector<Tweak>{
-           [](LightRaysParam& p) { p.center_x = std::numeric_limits<int32_t>::min(); p.center_y = 1 << 30; },
-           [](LightRaysParam& p) { p.lampshade_spread = 40; p.lampshade_param = std::nanf(""); },
-           [](LightRaysParam& p) { p.lampshade_spread = 0; p.lampshade_param = -5; },
-           [](LightRaysParam& p) { p.anime_frame_count = 0; p.anime_frame_index = -3; p.animate_rays = 1; p.animate_hue = 1; },
-           [](LightRaysParam& p) { p.ray_length = 64; p.ray_radius = 64; p.ray_softness = 2; p.ray_angle = 360; }}) {
+  for (const Tweak& ok : std::vector<Tweak>{[](LightRaysParam& p) {
+                                              p.center_x = std::numeric_limits<int32_t>::min() + 1;
+                                              p.center_y = 1 << 30;
+                                            },
+                                            [](LightRaysParam& p) {
+                                              p.lampshade_spread = 40;
+                                              p.lampshade_param = std::nanf("");
+                                            },
+                                            [](LightRaysParam& p) {
+                                              p.lampshade_spread = 0;
+                                              p.lampshade_param = -5;
+                                            },
+                                            [](LightRaysParam& p) {
+                                              p.anime_frame_count = 0;
+                                              p.anime_frame_index = -3;
+                                              p.animate_rays = 1;
+                                              p.animate_hue = 1;
+                                            },
+                                            [](LightRaysParam& p) {
+                                              p.ray_length = 64;
+                                              p.ray_radius = 64;
+                                              p.ray_softness = 2;
+                                              p.ray_angle = 360;
+                                            }}) {
     int32_t code = 1;
-    Render(src, w, h, ok, 2, SIMD_SSE41, &code);
+    Render(src, w, h, ok, 2, KorvaneTest::Level(SIMD_SSE41), &code);
     EXPECT_EQ(code, S_OK);
   }
 }
@@ -256,8 +295,7 @@ TEST(LightRaysEffect, NoLengthCopiesAndNoStrengthKeepsTheRoiExactly) {
     for (int y = roi.top; y < roi.bottom; ++y)
       want.insert(want.end(), src.begin() + (static_cast<size_t>(y) * w + roi.left) * 4,
                   src.begin() + (static_cast<size_t>(y) * w + roi.right) * 4);
-    EXPECT_EQ(dst.Packed(), want) << "length " << length << ": "
-                                  << FirstDifference(dst.Packed(), want, RectWidth(roi));
+    EXPECT_EQ(dst.Packed(), want) << "length " << length << ": " << FirstDifference(dst.Packed(), want, RectWidth(roi));
   }
 }
 
@@ -302,7 +340,10 @@ TEST(LightRaysEffect, RadialRaysLightTheFarSideOfASpotAlongTheLineFromTheCentre)
 TEST(LightRaysEffect, DirectionalRaysLightTheDownstreamSideOnly) {
   const int w = 240, h = 240;
   Bytes src = Spots(w, h, {{120, 120}}, 8);
-  struct Dir { float angle; int dx, dy; };  // 90 is up: -y
+  struct Dir {
+    float angle;
+    int dx, dy;
+  };  // 90 is up: -y
   for (const Dir& d : {Dir{0, 1, 0}, Dir{90, 0, -1}, Dir{180, -1, 0}, Dir{270, 0, 1}}) {
     const Bytes dst = Render(src, w, h, [&](LightRaysParam& p) {
       p.ray_mode = LIGHT_RAYS_DIRECTIONAL;
@@ -372,7 +413,7 @@ TEST(LightRaysEffect, CentreIsClampedAndEveryModeButOneIsRadial) {
   };
   EXPECT_EQ(at(100000, -100000, 0), at(72, -16, 0));  // 1.5 x 48, -0.5 x 32
   EXPECT_EQ(at(-100000, 100000, 0), at(-24, 48, 0));
-  EXPECT_NE(at(72, -16, 0), at(60, -10, 0));          // inside the limits the centre matters
+  EXPECT_NE(at(72, -16, 0), at(60, -10, 0));  // inside the limits the centre matters
   const Bytes radial = at(20, 12, 0);
   EXPECT_EQ(at(20, 12, 2), radial);
   EXPECT_EQ(at(20, 12, -1), radial);
@@ -401,6 +442,16 @@ TEST(LightRaysEffect, LoopsJoinSmoothlyAndModeTwoKeepsItsSpokes) {
       }));
     }
     EXPECT_EQ(frames[n], frames[0]) << mode;
+    for (int k : {1, 4}) {  // frames past the loop are the frames in it
+      EXPECT_EQ(Render(src, w, h,
+                       [&](LightRaysParam& p) {
+                         p.ray_mode = mode, p.center_x = 80, p.center_y = 60, p.anime_frame_count = n;
+                         p.anime_frame_index = k + n * 1000, p.animate_rays = p.animate_hue = 1;
+                         p.hue_shift = 0, p.color_param = 0.5f, p.ray_length = 80;
+                       }),
+                frames[k])
+          << mode << " " << k;
+    }
     std::vector<double> steps;
     for (int i = 0; i < n; ++i) steps.push_back(MeanAbsDiff(frames[i], frames[i + 1]));
     const double smallest = *std::min_element(steps.begin(), steps.end() - 1);
@@ -422,9 +473,11 @@ TEST(LightRaysEffect, LoopsJoinSmoothlyAndModeTwoKeepsItsSpokes) {
 
 // ---------------------------------------------------------------- forms and workers
 
-TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
-  struct Size { int w, h; };
-  for (const Size s : {Size{1, 1}, Size{3, 5}, Size{17, 9}, Size{33, 21}, Size{70, 45}}) {
+TEST(LightRaysEffect, KernelFormsAndWorkerCountsGiveTheSameImage) {
+  struct Size {
+    int w, h;
+  };
+  for (const Size s : {Size{1, 1}, Size{3, 5}, Size{17, 9}, Size{33, 21}, Size{70, 45}, Size{166, 94}}) {
     Bytes src = Photo(s.w, s.h, 11 + s.w);
     Bytes mask = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 3);
     for (int mode : {0, 1}) {
@@ -435,9 +488,11 @@ TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
         p.lampshade_spread = 100;
         p.ray_radius = static_cast<float>(std::max(s.w, s.h)) / 2;
       };
-      const Bytes plain = Render(src, s.w, s.h, tweak, 1, SIMD_NONE);
-      EXPECT_EQ(Render(src, s.w, s.h, tweak, 2, SIMD_SSE41), plain) << s.w << "x" << s.h << " mode " << mode;
-      EXPECT_EQ(Render(src, s.w, s.h, tweak, 8, SIMD_SSE41), plain) << s.w << "x" << s.h << " mode " << mode;
+      const Bytes plain = Render(src, s.w, s.h, tweak, 1, KorvaneTest::Level(SIMD_NONE));
+      for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+        EXPECT_EQ(Render(src, s.w, s.h, tweak, 2, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
+        EXPECT_EQ(Render(src, s.w, s.h, tweak, 8, form.info), plain) << form.name << " " << s.w << "x" << s.h << " mode " << mode;
+      }
     }
   }
 }
@@ -446,7 +501,9 @@ TEST(LightRaysEffect, PlainAndSse41FormsAndWorkerCountsGiveTheSameImage) {
 // share a stride: the pixels must match the packed render and no padding or
 // guard byte may change.
 TEST(LightRaysEffect, PaddedRowsOfUnequalStridesRenderAsPackedOnes) {
-  struct Size { int w, h; };
+  struct Size {
+    int w, h;
+  };
   for (const Size s : {Size{1, 1}, Size{17, 9}, Size{70, 45}}) {
     const Bytes src = Photo(s.w, s.h, 21 + s.w);
     Bytes mask_bytes = KorvaneTest::RandomBytes(static_cast<size_t>(s.w) * s.h, 9);
@@ -510,14 +567,53 @@ TEST(LightRaysEffect, AFailingStageIsLoggedWhereItFailsAndAsTotalCost) {
   EXPECT_EQ(dst, Bytes(dst.size(), 0x5A));
 }
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define KORVANE_TEST_SANITIZED 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KORVANE_TEST_SANITIZED 1
-#endif
+// A render of a region is the crop of the render of the whole photo, for
+// both kinds of rays, softened and in a lampshade.
+TEST(LightRaysEffect, RegionRendersAreCropsOfTheWholeRender) {
+  const int w = 300, h = 180;
+  Bytes src = Photo(w, h);
+  for (int mode : {0, 1}) {
+    const auto tweak = [mode](LightRaysParam& p) {
+      p.ray_mode = mode;
+      p.ray_softness = 5;
+      p.lampshade_spread = mode == 0 ? 70.0f : 180.0f;
+      p.center_x = 40;
+    };
+    const Bytes whole = Render(src, w, h, tweak);
+    for (const Rect& r : LightTest::TileRegions(w, h)) {
+      const Bytes part = Render(src, w, h, [&](LightRaysParam& p) {
+        tweak(p);
+        p.roi = r;
+      });
+      ASSERT_EQ(FirstDifference(part, LightTest::Crop(whole, w, r), RectWidth(r)), "")
+          << "mode " << mode << " region " << r.left << "," << r.top << "," << r.right << "," << r.bottom;
+    }
+  }
+}
+
+// A photo one pixel across and as long as a photo may be keeps its ray space
+// as thin as itself, whatever the centre and the angle.
+TEST(LightRaysEffectDeathTest, ThinPhotosStaySmall) {
+  const auto run = [] {
+    Bytes tall = Photo(1, kMaxImageSide), wide = Photo(kMaxImageSide, 1), out(tall.size());
+    EffectRig<LightRaysEffect> rig(1);
+    LightTest::ExitWithAddressRoom(150u << 20, [&] {
+      for (auto [w, h] : {std::pair<int, int>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
+        if (rig->Initialize(w, h) != S_OK) return false;
+        for (int mode : {0, 1}) {
+          LightRaysParam p = Base(w == 1 ? tall : wide, w, h);
+          p.dst = MakeSmartBufferView(out.data(), w, h);
+          p.ray_mode = mode;
+          p.ray_angle = 45.0f;
+          p.ray_length = static_cast<float>(kMaxImageSide);
+          if (rig->Process(p) != S_OK) return false;
+        }
+      }
+      return true;
+    });
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
 
 TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
 #if defined(KORVANE_TEST_SANITIZED)
@@ -526,26 +622,22 @@ TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
   // In a child process whose address space has no room for a 48 MB image:
   // the first working image is refused, logged as the call that made it and
   // returned as E_OUTOFMEMORY, leaving an effect that Process refuses
-  // (E_FAIL: nothing to work with).
+  // (E_FAIL: nothing to work with). The largest photo is refused the same
+  // way, with no size wrapping round.
   const auto run = [] {
     EffectRig<LightRaysEffect> rig(1);
-    long pages = 0;
-    FILE* f = std::fopen("/proc/self/statm", "r");
-    if (!f || std::fscanf(f, "%ld", &pages) != 1) std::_Exit(3);
-    std::fclose(f);
-    const rlim_t room = static_cast<rlim_t>(pages) * sysconf(_SC_PAGESIZE) + (rlim_t{24} << 20);
-    const rlimit limit{room, room};
-    if (setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(4);
-    if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY) std::_Exit(5);
-    // The largest photo is refused the same way, with no size wrapping round.
-    if (rig->Initialize(65536, 65536) != E_OUTOFMEMORY || rig->Initialize(65537, 8) != E_INVALIDARG) std::_Exit(7);
-    if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY) std::_Exit(8);
     std::vector<uint8_t> px(16 * 4);
-    LightRaysParam p;
-    p.src = MakeSmartBufferView(px.data(), 4000, 3000);
-    p.dst = MakeSmartBufferView(px.data(), 4, 4);
-    p.roi = Rect{0, 0, 4, 4};
-    std::_Exit(rig->Process(p) == E_FAIL ? 0 : 6);
+    LightTest::ExitWithAddressRoom(24u << 20, [&] {
+      if (rig->Initialize(4000, 3000) != E_OUTOFMEMORY || rig->Initialize(65536, 65536) != E_OUTOFMEMORY ||
+          rig->Initialize(65537, 8) != E_INVALIDARG || rig->Initialize(4000, 3000) != E_OUTOFMEMORY) {
+        return false;
+      }
+      LightRaysParam p;
+      p.src = MakeSmartBufferView(px.data(), 4000, 3000);
+      p.dst = MakeSmartBufferView(px.data(), 4, 4);
+      p.roi = Rect{0, 0, 4, 4};
+      return rig->Process(p) == E_FAIL;
+    });
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0),
               "CreateSmartBufferData\\( m_hlr_buff, m_img_w, m_img_h, PIXEL_BGRA32\\) Error! - Return Code: 8007000e");

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "core/SmartBuffer.h"
 #include "effects/light_rays/LightRaysKernels.h"
 
 using namespace Korvane;
@@ -15,121 +16,181 @@ using Bytes = std::vector<uint8_t>;
 
 SmartBuffer View(Bytes& b, int w, int h, int fmt = PIXEL_BGRA32) { return MakeSmartBufferView(b.data(), w, h, fmt); }
 
-constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 17, 33};
+constexpr int kWidths[] = {1, 2, 3, 5, 7, 9, 15, 17, 33};
+
+// A ray-space image of the given lines, each row holding its [lo, hi), filled
+// with `fill` bytes.
+struct Space {
+  std::vector<RayLine> lines;
+  std::vector<RaySpan> spans;
+  std::vector<uint32_t> pixels;
+  RayRows rows;
+  Space(const std::vector<RayLine>& of, uint8_t fill) : lines(of) {
+    int64_t total = 0;
+    for (const RayLine& l : lines) {
+      spans.push_back(RaySpan{total - l.lo, l.lo, l.hi});
+      total += l.hi - l.lo;
+    }
+    pixels.assign(static_cast<size_t>(total) + 1, 0x01010101u * fill);
+    rows = RayRows{pixels.data(), spans.data(), lines.data()};
+  }
+};
 
 }  // namespace
 
-TEST(LightRaysKernels, BlendTableAndBlendPlainAndSseAgree) {
-  std::mt19937 rng(4);
-  std::vector<float> strengths = {0.0f, 1.0f, 0.5f, 0.25f, 0.999f, 0.0039f};
-  for (int i = 0; i < 200; ++i) strengths.push_back(std::uniform_real_distribution<float>(0, 1)(rng));
-  for (float s : strengths) {
-    uint8_t plain[256], sse[256];
-    BuildBlendTable(s, plain);
-    BuildBlendTable_SSE(s, sse);
-    ASSERT_EQ(0, std::memcmp(plain, sse, 256)) << s;
-    for (int i : {0, 1, 128, 255}) ASSERT_EQ(plain[i], std::min(static_cast<int>(i * s + 0.5), 255)) << s;
-  }
-  uint8_t table[256];
-  BuildBlendTable(0.7f, table);
-  for (int w : kWidths) {
-    const int h = 3;
-    Bytes src = KorvaneTest::RandomBytes(w * h * 4, w), rays = KorvaneTest::RandomBytes(w * h * 4, w + 1);
-    const Rect roi{w / 3, 1, w, h};
-    const int dw = RectWidth(roi), dh = RectHeight(roi);
-    Bytes a(dw * dh * 4, 7), b(dw * dh * 4, 7);
-    SmartBuffer s = View(src, w, h), r = View(rays, w, h), da = View(a, dw, dh), db = View(b, dw, dh);
-    BlendParam p{&s, &r, &da, table, roi};
-    ASSERT_EQ(BlendRays(p, roi), S_OK);
-    p.dst = &db;
-    ASSERT_EQ(BlendRays_SSE(p, roi), S_OK);
-    EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, dw);
-    const size_t si = (static_cast<size_t>(1) * w + roi.left) * 4;
-    for (int c = 0; c < 3; ++c) EXPECT_EQ(a[c], std::min(src[si + c] + table[rays[si + c]], 255)) << w;
-    EXPECT_EQ(a[3], src[si + 3]);
-  }
-}
+// The forms of the ray-space kernels a SystemInfo picks, by name.
+struct RayForms {
+  Kernel<int32_t (*)(const SampleRowsParam&, const Rect&)> sample;
+  Kernel<int32_t (*)(const SmearRowsParam&, const Rect&)> smear;
+  Kernel<int32_t (*)(const PolarToCarteParam&, const Rect&)> to_carte;
+  Kernel<int32_t (*)(const RotateBackParam&, const Rect&)> rotate_back;
+  explicit RayForms(const SystemInfo& info)
+      : sample(KORVANE_PICK_AVX2(info, SampleRows, SampleRows_SSE, SampleRows_AVX2)),
+        smear(KORVANE_PICK_AVX2(info, SmearRows, SmearRows_SSE, SmearRows_AVX2)),
+        to_carte(KORVANE_PICK_AVX2(info, PolarToCarte, PolarToCarte_SSE, PolarToCarte_AVX2)),
+        rotate_back(KORVANE_PICK_AVX2(info, RotateBack, RotateBack_SSE, RotateBack_AVX2)) {}
+};
 
-TEST(LightRaysKernels, TransformsPlainAndSseAgree) {
-  std::mt19937 rng(9);
-  std::uniform_real_distribution<float> unit(0.0f, 1.0f);
-  for (int w : kWidths) {
-    const int h = w % 5 + 2;
-    Bytes img = KorvaneTest::RandomBytes(w * h * 4, 30 + w);
-    SmartBuffer src = View(img, w, h);
-    // Lines in every direction, some starting outside the image.
-    const int rows = 24, cols = 2 * (w + h) + 3;
-    std::vector<RayLine> lines(rows);
-    for (RayLine& l : lines) {
-      const float a = unit(rng) * 6.2831853f;
-      l.dx = std::cos(a);
-      l.dy = std::sin(a);
-      l.x0 = unit(rng) * (w + 4) - 2;
-      l.y0 = unit(rng) * (h + 4) - 2;
-      CalLineRange(l, w, h, 2.0f, cols);
-      l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
+// Every SIMD form against the plain one: lines in every direction through
+// images of awkward widths, smears of every length, and the way back
+// through arbitrary positions (most of them off the held columns) and
+// through a smooth field over a fully held space (the common case, where
+// whole groups of cells are read at once).
+TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const RayForms f(form.info);
+    if (!f.sample.simd) continue;  // the plain form is the reference
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+    for (int w : {1, 2, 3, 5, 7, 9, 15, 17, 33, 40, 67}) {
+      const int h = w < 40 ? w % 5 + 2 : w / 2 + 3;
+      Bytes img = KorvaneTest::RandomBytes(w * h * 4, 30 + w);
+      SmartBuffer src = View(img, w, h);
+      // Lines in every direction, some starting outside the image, every
+      // other one across it from its left edge (long runs of columns that
+      // neighbouring rows share).
+      const int rows = 24, cols = 2 * (w + h) + 3;
+      std::vector<RayLine> lines(rows);
+      for (size_t j = 0; j < lines.size(); ++j) {
+        RayLine& l = lines[j];
+        const float a = j % 2 ? (unit(rng) - 0.5f) * 0.4f : unit(rng) * 6.2831853f;
+        l.dx = std::cos(a);
+        l.dy = std::sin(a);
+        l.x0 = j % 2 ? unit(rng) * 3 - 2 : unit(rng) * (w + 4) - 2;
+        l.y0 = unit(rng) * (h + 4) - 2;
+        CalLineRange(l, w, h, 2.0f, cols);
+        l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
+      }
+      Space a(lines, 1), b(lines, 1);
+      SampleRowsParam sp{&src, &a.rows};
+      ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
+      sp.dst = &b.rows;
+      ASSERT_EQ(f.sample.fn(sp, Rect{0, 0, cols, rows}), S_OK);
+      EXPECT_EQ(a.pixels, b.pixels) << f.sample.name << " " << w;
+
+      // The smear of random rows (lengths short and long, every gain).
+      Space noise(lines, 0);
+      KorvaneTest::FillNoise(reinterpret_cast<uint8_t*>(noise.pixels.data()), noise.pixels.size() * 4, 60 + w);
+      std::vector<uint16_t> gains(rows);
+      for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
+      for (int length : {1, 2, 5, 21, cols, kMaxRayLength}) {
+        Space sa(lines, 3), sb(lines, 3);
+        SmearRowsParam smear{&noise.rows, &sa.rows, gains.data(), length};
+        ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
+        smear.dst = &sb.rows;
+        ASSERT_EQ(f.smear.fn(smear, Rect{0, 0, cols, rows}), S_OK);
+        EXPECT_EQ(sa.pixels, sb.pixels) << f.smear.name << " " << w << ", length " << length;
+      }
+
+      // Back from a ray-space image through a table of arbitrary positions.
+      std::vector<float> map(static_cast<size_t>(w) * h * 2);
+      for (size_t i = 0; i < map.size(); i += 2) {
+        map[i] = unit(rng) * (cols + 6) - 3;
+        map[i + 1] = unit(rng) * (rows + 6) - 3;
+      }
+      Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
+      SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
+      PolarToCarteParam pp;
+      pp.polar = &a.rows;
+      pp.polar_w = cols;
+      pp.polar_h = rows;
+      pp.dst = &qa;
+      pp.map = map.data();
+      pp.r_base = 1.0f;
+      pp.area = Rect{0, 0, w, h};
+      ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
+      pp.dst = &qb;
+      ASSERT_EQ(f.to_carte.fn(pp, pp.area), S_OK);
+      EXPECT_EQ(pa, pb) << f.to_carte.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+
+      // The inverse rotation at an arbitrary angle, reading past every edge.
+      RotateBackParam rp;
+      rp.rotated = &a.rows;
+      rp.rotated_w = cols;
+      rp.rotated_h = rows;
+      rp.dst = &qa;
+      rp.u0 = -2.5f;
+      rp.ux = 0.8f;
+      rp.uy = 0.6f;
+      rp.v0 = rows * 0.5f;
+      rp.vx = -0.6f;
+      rp.vy = 0.8f;
+      rp.area = Rect{0, h / 2, w, h};
+      ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
+      rp.dst = &qb;
+      ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
+      EXPECT_EQ(pa, pb) << f.rotate_back.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
     }
-    Bytes a(rows * cols * 4, 1), b(rows * cols * 4, 1);
-    SmartBuffer da = View(a, cols, rows), db = View(b, cols, rows);
-    SampleRowsParam sp{&src, &da, lines.data()};
-    ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
-    sp.dst = &db;
-    ASSERT_EQ(SampleRows_SSE(sp, Rect{0, 0, cols, rows}), S_OK);
-    EXPECT_EQ(a, b) << w << ": " << KorvaneTest::FirstDifference(a, b, cols);
 
-    // The smear of random rows (lengths short and long, every gain).
-    Bytes noise = KorvaneTest::RandomBytes(rows * cols * 4, 60 + w);
-    SmartBuffer dn = View(noise, cols, rows);
-    std::vector<uint16_t> gains(rows);
-    for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
-    for (int length : {1, 2, 5, cols, kMaxRayLength}) {
-      Bytes sa(rows * cols * 4, 3), sb(rows * cols * 4, 3);
-      SmartBuffer qa = View(sa, cols, rows), qb = View(sb, cols, rows);
-      SmearRowsParam smear{&dn, &qa, lines.data(), gains.data(), length};
-      ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
-      smear.dst = &qb;
-      ASSERT_EQ(SmearRows_SSE(smear, Rect{0, 0, cols, rows}), S_OK);
-      EXPECT_EQ(sa, sb) << w << ", length " << length << ": " << KorvaneTest::FirstDifference(sa, sb, cols);
+    // A space whose rows hold every column but a few at the ends of some
+    // rows, read through a smooth field and a turn (and a padded image).
+    const int cols = 53, rows = 41, w = 37, h = 29;
+    std::vector<RayLine> full(rows);
+    for (int j = 0; j < rows; ++j) {
+      full[static_cast<size_t>(j)].lo = j % 7 == 3 ? 2 : 0;
+      full[static_cast<size_t>(j)].hi = j % 5 == 1 ? cols - 3 : cols;
     }
-
-    // Back from a ray-space image through a table of arbitrary positions.
+    Space space(full, 0);
+    KorvaneTest::FillNoise(reinterpret_cast<uint8_t*>(space.pixels.data()), space.pixels.size() * 4, 5);
     std::vector<float> map(static_cast<size_t>(w) * h * 2);
-    for (size_t i = 0; i < map.size(); i += 2) {
-      map[i] = unit(rng) * (cols + 6) - 3;
-      map[i + 1] = unit(rng) * (rows + 6) - 3;
-    }
-    Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
-    SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        map[(static_cast<size_t>(y) * w + x) * 2] = 1.3f * x + 0.21f * y + 0.37f;
+        map[(static_cast<size_t>(y) * w + x) * 2 + 1] = 1.1f * y - 0.05f * x + 0.5f;
+      }
+    KorvaneTest::TestImage ta(w, h, PIXEL_BGRA32, 12), tb(w, h, PIXEL_BGRA32, 12);
+    SmartBuffer da = SmartBufferView(ta.buf), db = SmartBufferView(tb.buf);
     PolarToCarteParam pp;
-    pp.polar = &da;
+    pp.polar = &space.rows;
     pp.polar_w = cols;
     pp.polar_h = rows;
-    pp.dst = &qa;
+    pp.dst = &da;
     pp.map = map.data();
-    pp.r_base = 1.0f;
-    pp.area = Rect{0, 0, w, h};
-    ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
-    pp.dst = &qb;
-    ASSERT_EQ(PolarToCarte_SSE(pp, pp.area), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-
-    // The inverse rotation at an arbitrary angle, reading past every edge.
+    pp.r_base = 0.25f;
+    pp.area = Rect{1, 2, w, h - 1};
+    ASSERT_EQ(PolarToCarte(pp, Rect{0, 0, w, h}), S_OK);
+    pp.dst = &db;
+    ASSERT_EQ(f.to_carte.fn(pp, Rect{0, 0, w, h}), S_OK);
+    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.to_carte.name << ": " << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    EXPECT_TRUE(tb.GuardsIntact());
     RotateBackParam rp;
-    rp.rotated = &da;
+    rp.rotated = &space.rows;
     rp.rotated_w = cols;
     rp.rotated_h = rows;
-    rp.dst = &qa;
-    rp.u0 = -2.5f;
-    rp.ux = 0.8f;
-    rp.uy = 0.6f;
-    rp.v0 = rows * 0.5f;
-    rp.vx = -0.6f;
-    rp.vy = 0.8f;
-    rp.area = Rect{0, h / 2, w, h};
+    rp.dst = &da;
+    rp.u0 = 3.1f;
+    rp.ux = 0.96f;
+    rp.uy = 0.28f;
+    rp.v0 = 1.7f;
+    rp.vx = -0.28f;
+    rp.vy = 0.96f;
+    rp.area = Rect{0, 0, w, h};
     ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
-    rp.dst = &qb;
-    ASSERT_EQ(RotateBack_SSE(rp, rp.area), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+    rp.dst = &db;
+    ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
+    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.rotate_back.name << ": "
+                                        << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    EXPECT_TRUE(tb.GuardsIntact());
   }
 }
 
@@ -153,25 +214,25 @@ TEST(LightRaysKernels, LineRangesSamplingAndSmear) {
   SmartBuffer src = View(img, 6, 4);
   l.x0 = -3.5f;
   l.src_end = 20;
-  Bytes row(20 * 4, 99);
-  SmartBuffer out = View(row, 20, 1);
-  SampleRowsParam sp{&src, &out, &l};
+  Space out({l}, 99);
+  SampleRowsParam sp{&src, &out.rows};
   ASSERT_EQ(SampleRows(sp, Rect{0, 0, 20, 1}), S_OK);
-  EXPECT_EQ(row[2 * 4 + 1], 0);   // x = -1.5: outside, black
-  EXPECT_EQ(row[3 * 4 + 1], 5);   // x = -0.5: half of pixel 0 (10), half black
-  EXPECT_EQ(row[4 * 4 + 1], 30);  // x = 0.5: between 10 and 50
-  EXPECT_EQ(row[9 * 4 + 1], 105); // x = 5.5: half of the last pixel (210)
-  EXPECT_EQ(row[0 * 4 + 1], 99);  // outside [lo, hi): untouched
+  const auto green = [&](int c) { return out.rows.At(c, 0)[1]; };
+  EXPECT_EQ(green(2), 0);    // x = -1.5: outside, black
+  EXPECT_EQ(green(3), 5);    // x = -0.5: half of pixel 0 (10), half black
+  EXPECT_EQ(green(4), 30);   // x = 0.5: between 10 and 50
+  EXPECT_EQ(green(9), 105);  // x = 5.5: half of the last pixel (210)
+  EXPECT_EQ(green(0), 0);    // outside [lo, hi): black
 
   // Smear: one sample of 200 at column 5 fades over L = 4 columns, gain 1.
-  Bytes in(12 * 4, 0), smeared(12 * 4, 0);
-  in[5 * 4 + 2] = 200;
-  SmartBuffer si = View(in, 12, 1), so = View(smeared, 12, 1);
   RayLine whole;
   whole.lo = 0;
   whole.hi = 12;
+  Space in({whole}, 0), out_smear({whole}, 0);
+  reinterpret_cast<uint8_t*>(in.pixels.data())[5 * 4 + 2] = 200;
+  const uint8_t* smeared = reinterpret_cast<const uint8_t*>(out_smear.pixels.data());
   const uint16_t gain = 256;
-  SmearRowsParam smear{&si, &so, &whole, &gain, 4};
+  SmearRowsParam smear{&in.rows, &out_smear.rows, &gain, 4};
   ASSERT_EQ(SmearRows(smear, Rect{0, 0, 12, 1}), S_OK);
   // Weights 4, 3, 2, 1 over 4 x 5 / 4 + 1 = 6.
   const int want[12] = {0, 0, 0, 0, 0, 133, 100, 67, 33, 0, 0, 0};
@@ -185,7 +246,7 @@ TEST(LightRaysKernels, LineRangesSamplingAndSmear) {
   EXPECT_EQ(SmearRows(smear, Rect{0, 0, 12, 1}), E_INVALIDARG);
 }
 
-TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
+TEST(LightRaysKernels, HighLightDetect) {
   // Lightness (max + min) >> 1 against the threshold; the mask scales.
   Bytes src = {255, 255, 253, 9,   200, 100, 0, 9,   10, 20, 30, 9};
   Bytes mask = {128, 255, 255};
@@ -202,7 +263,7 @@ TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
   ASSERT_EQ(HighLightDetect(p, Rect{0, 0, 3, 1}), S_OK);
   EXPECT_EQ(dst[0], 0);
 
-  // The SSE4.1 form: every (value, mask) pair, and random pixels of odd widths.
+  // The SIMD forms: every (value, mask) pair, and random pixels of odd widths.
   Bytes every(256 * 256 * 4), every_mask(256 * 256), a(every.size(), 9), b(every.size(), 9);
   for (int v = 0; v < 256; ++v)
     for (int k = 0; k < 256; ++k) {
@@ -213,28 +274,65 @@ TEST(LightRaysKernels, HighLightDetectAndHueWrap) {
     }
   SmartBuffer es = View(every, 256, 256), em = View(every_mask, 256, 256, PIXEL_GRAY8);
   SmartBuffer ea = View(a, 256, 256), eb = View(b, 256, 256);
-  for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
-    HighLightParam all{&es, &em, &ea, threshold};
-    ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
-    all.dst = &eb;
-    ASSERT_EQ(HighLightDetect_SSE(all, Rect{0, 0, 256, 256}), S_OK);
-    ASSERT_EQ(a, b) << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const auto detect = KORVANE_PICK_AVX2(form.info, HighLightDetect, HighLightDetect_SSE, HighLightDetect_AVX2);
+    for (float threshold : {0.0f, 99.5f, 128.0f, 255.0f}) {
+      HighLightParam all{&es, &em, &ea, threshold};
+      ASSERT_EQ(HighLightDetect(all, Rect{0, 0, 256, 256}), S_OK);
+      all.dst = &eb;
+      ASSERT_EQ(detect.fn(all, Rect{0, 0, 256, 256}), S_OK);
+      ASSERT_EQ(a, b) << detect.name << " " << threshold << ": " << KorvaneTest::FirstDifference(a, b, 256);
+    }
+    for (int w : kWidths) {
+      Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
+      Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
+      SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
+      HighLightParam hp{&ps, &pm, &qa, 100.25f};
+      ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
+      hp.dst = &qb;
+      ASSERT_EQ(detect.fn(hp, Rect{0, 0, w, 3}), S_OK);
+      EXPECT_EQ(pa, pb) << detect.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
+    }
   }
-  for (int w : kWidths) {
-    Bytes px = KorvaneTest::RandomBytes(w * 3 * 4, w), mk = KorvaneTest::RandomBytes(w * 3, w + 7);
-    Bytes pa = KorvaneTest::RandomBytes(w * 3 * 4, 1), pb = pa;
-    SmartBuffer ps = View(px, w, 3), pm = View(mk, w, 3, PIXEL_GRAY8), qa = View(pa, w, 3), qb = View(pb, w, 3);
-    HighLightParam hp{&ps, &pm, &qa, 100.25f};
-    ASSERT_EQ(HighLightDetect(hp, Rect{0, 0, w, 3}), S_OK);
-    hp.dst = &qb;
-    ASSERT_EQ(HighLightDetect_SSE(hp, Rect{0, 0, w, 3}), S_OK);
-    EXPECT_EQ(pa, pb) << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-  }
+}
 
-  // One wrap by 35999 each way, then a clamp.
-  EXPECT_EQ(ShiftHue(35000, 2000), 1001);
-  EXPECT_EQ(ShiftHue(100, -200), 35899);
-  EXPECT_EQ(ShiftHue(1000, 18000), 19000);
-  EXPECT_EQ(ShiftHue(35999, 0), 35999);
-  EXPECT_EQ(ShiftHue(0, -18000), 17999);
+// The colour stage: every 8-bit colour (each 4096-pixel row holds every
+// green and blue for 16 reds) through tables that reach both ends of their
+// range and hue shifts that wrap both ways, in rows of awkward widths.
+TEST(LightRaysKernels, ColourStageOfEveryFormAgrees) {
+  const int w = 4096, h = 4096;
+  Bytes colours(static_cast<size_t>(w) * h * 4);
+  for (size_t i = 0; i < static_cast<size_t>(w) * h; ++i) {
+    colours[i * 4] = static_cast<uint8_t>(i);
+    colours[i * 4 + 1] = static_cast<uint8_t>(i >> 8);
+    colours[i * 4 + 2] = static_cast<uint8_t>(i >> 16);
+    colours[i * 4 + 3] = static_cast<uint8_t>(i * 7);
+  }
+  int32_t value_lut[256], sat_lut[256];
+  for (int i = 0; i < 256; ++i) {
+    value_lut[i] = std::min(i * 200, 40000);  // past kHsvMax: clamped
+    sat_lut[i] = (255 - i) * 140;
+  }
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    const auto post = ChooseKernel<int32_t (*)(const PostProcessParam&, const Rect&)>(
+        form.info, &PostProcess, "PostProcess", nullptr, "", KORVANE_AVX2(PostProcess_AVX2), "PostProcess_AVX2");
+    if (!post.simd) continue;
+    for (int32_t shift : {0, 17999, -18000, 12345}) {
+      // Every colour once per shift; a shift of 0 also in rows cut at odd places.
+      const int rows = shift == 12345 ? 64 : h;
+      Bytes a(colours.begin(), colours.begin() + static_cast<ptrdiff_t>(w) * rows * 4), b = a;
+      SmartBuffer ia = View(a, w, rows), ib = View(b, w, rows);
+      PostProcessParam p{&ia, value_lut, sat_lut, shift};
+      ASSERT_EQ(PostProcess(p, Rect{0, 0, w, rows}), S_OK);
+      p.img = &ib;
+      if (shift == 12345) {
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(post.fn(p, Rect{y % 13, y, w - y % 11, y + 1}), S_OK);
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(PostProcess(p, Rect{0, y, y % 13, y + 1}), S_OK);
+        for (int32_t y = 0; y < rows; ++y) ASSERT_EQ(PostProcess(p, Rect{w - y % 11, y, w, y + 1}), S_OK);
+      } else {
+        ASSERT_EQ(post.fn(p, Rect{0, 0, w, rows}), S_OK);
+      }
+      ASSERT_EQ(a, b) << post.name << " shift " << shift << ": " << KorvaneTest::FirstDifference(a, b, w);
+    }
+  }
 }

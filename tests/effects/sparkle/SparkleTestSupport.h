@@ -55,7 +55,11 @@ struct Rig {
   int32_t w, h;
 
   Rig(int32_t width, int32_t height, int workers = 2, int simd = Korvane::SIMD_SSE41, int32_t step = 40)
-      : rig(workers, simd), photo(SpotsPhoto(width, height, step)), star(StarShape()), w(width), h(height) {
+      : Rig(width, height, workers, KorvaneTest::Level(simd), step) {}
+  // The same with the kernel forms `info` picks.
+  Rig(int32_t width, int32_t height, int workers, const Korvane::SystemInfo& info, int32_t step = 40)
+      : rig(workers), photo(SpotsPhoto(width, height, step)), star(StarShape()), w(width), h(height) {
+    rig->SetSystemInfo(info);
     src = Korvane::MakeImageBuffer(photo.data(), w, h);
     shape = Korvane::MakeImageBuffer(star.data(), Korvane::SPK_SIZE, Korvane::SPK_SIZE);
     EXPECT_EQ(rig->SetSource(&src), S_OK);

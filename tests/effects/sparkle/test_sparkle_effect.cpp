@@ -7,6 +7,7 @@
 #include "core/BilinearResize.h"
 #include "core/ImageChecks.h"
 #include "core/SmartBuffer.h"
+#include "effects/LightTestSupport.h"
 
 using namespace Korvane;
 using namespace SparkleTest;
@@ -31,28 +32,15 @@ SparkleShape Manual(Bytes& bytes, uint16_t id, int32_t size = SPK_SIZE) {
   return s;
 }
 
-TEST(SparkleEffect, SourceSetsTheNormalisedSizeAndDetectsTheSpots) {
-  Rig a(320, 240);
-  EXPECT_EQ(a->NormWidth(), 640);
-  EXPECT_EQ(a->NormHeight(), 480);
-  // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
-  EXPECT_GE(a->AutoSparkleList().size(), 48u);
-  EXPECT_LE(a->AutoSparkleList().size(), 4u * 48u);
-  Rig b(300, 600);
-  EXPECT_EQ(b->NormWidth(), 320);
-  EXPECT_EQ(b->NormHeight(), 640);
-  KorvaneTest::EffectRig<SparkleEffect> c;
-  EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
-  Bytes gray(100, 0);
-  ImageBuffer g = MakeImageBuffer(gray.data(), 10, 10, PIXEL_GRAY8);
-  EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
-  ImageBuffer empty = MakeImageBuffer(gray.data(), 0, 10);
-  EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
-}
-
 // The list is the shared point list of the map found with the mode's
 // settings, and sizes follow the random float.
 TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
+  KorvaneTest::EffectRig<SparkleEffect> c;
+  Bytes gray(100, 0);
+  ImageBuffer g = MakeImageBuffer(gray.data(), 10, 10, PIXEL_GRAY8), empty = MakeImageBuffer(gray.data(), 0, 10);
+  EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
+  EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
+  EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
   const LightPointSettings fine = SparkleEffect::DetectionSettings(2), normal = SparkleEffect::DetectionSettings(1);
   EXPECT_EQ(fine.radius, 2);
   EXPECT_FLOAT_EQ(fine.threshold, 25.5f);
@@ -62,6 +50,9 @@ TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
   EXPECT_EQ(SparkleEffect::DetectionSettings(0).radius, 4);
 
   Rig r(320, 240);
+  // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
+  EXPECT_GE(r->AutoSparkleList().size(), 48u);
+  EXPECT_LE(r->AutoSparkleList().size(), 4u * 48u);
   KorvaneTest::Runner run(2);
   SmartBuffer norm;
   ASSERT_EQ(CreateSmartBufferData(norm, 640, 480, PIXEL_BGRA32), S_OK);
@@ -105,7 +96,11 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   KorvaneTest::EffectRig<SparkleEffect> fresh;
   EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 1, 1}), E_FAIL);  // no source, before sizes
   ASSERT_EQ(fresh->SetSource(&r.src), S_OK);
-  EXPECT_EQ(fresh->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  SparkleParam no_default = p;
+  no_default.default_shape = SHAPE_NONE;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_FAIL);  // no automatic shape
+  no_default.default_shape = SHAPE_CROSS + 1;
+  EXPECT_EQ(fresh->Process(&no_default, &a, &m, &r.src, &out.buf, all), E_INVALIDARG);
 
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 64, 47}), E_INVALIDARG);
   ImageBuffer gray = out.buf;
@@ -299,6 +294,7 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   EXPECT_GT(out[centre + 6 * 4 + 1], r.photo[centre + 6 * 4 + 1]);
   ASSERT_EQ(r->ResetSparkleTypes(), S_OK);
   SparkleParam q = Frame(1, 0);
+  q.default_shape = SHAPE_NONE;
   SparkleRenderParam a, m;
   ImageBuffer dst = MakeImageBuffer(star.data(), 320, 240);
   EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &dst, Rect{0, 0, 320, 240}), E_FAIL);
@@ -346,8 +342,13 @@ TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
   m.size = 1.5f;
   for (int mode : {0, 1, 2, 3}) {
     std::vector<Bytes> frames;
-    for (auto [workers, simd] : {std::pair<int, int>{1, 0}, {2, SIMD_SSE41}, {8, SIMD_SSE41}, {8, 0}}) {
-      Rig r(900, 500, workers, simd);
+    std::vector<std::pair<int, SystemInfo>> runs = {{1, KorvaneTest::Level(0)}, {8, KorvaneTest::Level(0)}};
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      runs.push_back({2, form.info});
+      runs.push_back({8, form.info});
+    }
+    for (const auto& [workers, info] : runs) {
+      Rig r(900, 500, workers, info);
       ASSERT_EQ(r->AddManualSparkles(pts, 2, &two), S_OK);
       frames.push_back(r.Render(Frame(6, 4, mode, true, true), a, m));
       EXPECT_GT(ChangedChannels(frames.back(), r.photo), 100u);
@@ -358,20 +359,135 @@ TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
   }
 }
 
-TEST(SparkleEffect, TheLoopJoinsAndEveryFrameMoves) {
+// Rotation and twinkle: frame count + k is frame k, byte for byte (a frame
+// past a loop of 7 used to turn by a float a hair off its frame in the loop).
+TEST(SparkleEffect, LoopsRepeatAndEveryFrameMoves) {
   Rig r(320, 240);
   Bytes star = StarShape();
   SparkleShape two = Manual(star, 2);
   SparklePoint p{80, 160, 2};
   ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
   SparkleRenderParam a, m;
+  a.rotation = 10.0f;
+  a.twinkle_cycles = 3;
+  for (auto [rotate, twinkle] : {std::pair<bool, bool>{true, false}, {false, true}, {true, true}}) {
+    for (int32_t k : {1, 5}) {
+      const Bytes in_loop = r.Render(Frame(7, k, 1, rotate, twinkle), a, m);
+      for (int32_t laps : {1, 4}) {
+        EXPECT_EQ(ChangedChannels(r.Render(Frame(7, k + 7 * laps, 1, rotate, twinkle), a, m), in_loop), 0u)
+            << rotate << twinkle << " frame " << k;
+      }
+    }
+  }
+  // Every frame of a rotating, twinkling loop moves, and a frame rendered
+  // again after others gives the same bytes.
   a.rotation = 350.0f;
   std::vector<Bytes> frames;
-  for (int i = 0; i <= 8; ++i) frames.push_back(r.Render(Frame(8, i, 0, true, true), a, m));
-  EXPECT_EQ(frames[8], frames[0]);  // the frame after the last is the first
+  for (int i = 0; i < 8; ++i) frames.push_back(r.Render(Frame(8, i, 0, true, true), a, m));
   for (int i = 1; i < 8; ++i) EXPECT_NE(frames[i], frames[i - 1]) << i;
-  // Rendering a frame again, after others, gives the same bytes.
   EXPECT_EQ(r.Render(Frame(8, 3, 0, true, true), a, m), frames[3]);
+  EXPECT_EQ(r.Render(Frame(8, 8, 0, true, true), a, m), frames[0]);
+}
+
+// A region render with REGION_SHAPES_REACHING is the crop of the whole
+// render in every quality mode (1 and 3 on a reduced light map, 2 and 3 on
+// whole pixels), manual glints and adjusted colours included.
+TEST(SparkleEffect, RegionRendersAreCropsOfTheWholeRender) {
+  const int32_t w = 1300, h = 240;
+  Bytes star = StarShape();
+  SparkleShape two = Manual(star, 2);
+  std::vector<SparklePoint> pts;
+  for (const Rect& t : LightTest::TileRegions(w, h))  // glints just either side of the regions' edges
+    for (float d : {-3.0f, 2.0f}) pts.push_back({std::min(std::max(t.right + d, 0.0f), w - 1.0f), h / 2.0f + d, 1.5f});
+  SparkleRenderParam a, m;
+  a.size = 3.0f;
+  a.saturation = 0.4f;
+  m.color_mode = SPARKLE_COLOR_RANDOM;
+  for (int mode : {0, 1, 2, 3}) {
+    Rig r(w, h, 2, SIMD_SSE41, 17);
+    ASSERT_EQ(r->AddManualSparkles(pts.data(), static_cast<int32_t>(pts.size()), &two), S_OK);
+    const SparkleParam f = Frame(4, 1, mode, true, false);
+    const Bytes whole = r.Render(f, a, m);
+    ASSERT_EQ(r->SetRegionMode(REGION_SHAPES_REACHING), S_OK);
+    for (const Rect& t : LightTest::TileRegions(w, h)) {
+      KorvaneTest::TestImage out(RectWidth(t), RectHeight(t));
+      ASSERT_EQ(r->Process(&f, &a, &m, &r.src, &out.buf, t), S_OK);
+      ASSERT_EQ(KorvaneTest::FirstDifference(out.Packed(), LightTest::Crop(whole, w, t), RectWidth(t)), "")
+          << "mode " << mode << " region " << t.left << "," << t.top << "," << t.right << "," << t.bottom;
+    }
+  }
+}
+
+// Manual positions are photo pixels: a position off the photo (or not a
+// number) is refused before anything is placed or moved.
+TEST(SparkleEffect, ManualPositionsOffThePhotoAreRefused) {
+  Rig r(160, 120);
+  Bytes star = StarShape();
+  SparkleShape two = Manual(star, 2);
+  KorvaneTest::EffectRig<SparkleEffect> no_photo;
+  SparklePoint ok{10, 10, 1};
+  EXPECT_EQ(no_photo->AddManualSparkles(&ok, 1, &two), E_INVALIDARG);
+  for (SparklePoint bad : {SparklePoint{1e10f, 5, 1}, SparklePoint{5, -0.5f, 1}, SparklePoint{160, 5, 1},
+                           SparklePoint{5, 120, 1}, SparklePoint{NAN, 5, 1}, SparklePoint{5, INFINITY, 1}}) {
+    SparklePoint both[2] = {ok, bad};
+    EXPECT_EQ(r->AddManualSparkles(both, 2, &two), E_INVALIDARG) << bad.x << "," << bad.y;
+    EXPECT_TRUE(r->ManualSparkles().empty());
+    ASSERT_EQ(r->AddManualSparkles(&ok, 1, &two), S_OK);
+    SparklePoint move[2] = {ok, bad};
+    EXPECT_EQ(r->UpdateManualSparkles(move, 2, SPARKLE_MOVE), E_INVALIDARG);
+    EXPECT_EQ(r->ManualSparkles()[0].x, 10.0f);
+    ASSERT_EQ(r->UpdateManualSparkles(&ok, 1, SPARKLE_REMOVE), 1);
+  }
+  SparklePoint corner{159.9f, 119.9f, 6.0f};
+  EXPECT_EQ(r->AddManualSparkles(&corner, 1, &two), S_OK);
+  r.Render(Frame(1, 0));
+}
+
+TEST(SparkleEffect, LightPointsCanBeReadBack) {
+  Rig r(320, 240);
+  LightPointSummary sum;
+  ASSERT_EQ(r->GetLightPoints(&sum, nullptr, 0), S_OK);
+  EXPECT_EQ(sum.norm_width, 640);
+  EXPECT_EQ(sum.curve_samples, 90);
+  ASSERT_EQ(sum.count, static_cast<int32_t>(r->AutoSparkleList().size()));
+  // Removed sparkles read back hidden.
+  const LightPoint& first = r->AutoSparkleList().begin()->second;
+  SparklePoint at{(first.x + 0.5f) * 0.5f - 0.5f, (first.y + 0.5f) * 0.5f - 0.5f, 1};
+  ASSERT_GE(r->UpdateManualSparkles(&at, 1, SPARKLE_REMOVE), 1);
+  std::vector<LightPointInfo> points(static_cast<size_t>(sum.count));
+  ASSERT_EQ(r->GetLightPoints(&sum, points.data(), sum.count), S_OK);
+  EXPECT_EQ(points[0].x, first.x);
+  EXPECT_EQ(points[0].enabled, 0);
+  KorvaneTest::EffectRig<SparkleEffect> fresh;
+  EXPECT_EQ(fresh->GetLightPoints(&sum, nullptr, 0), E_FAIL);
+}
+
+// A photo one pixel across and as long as a photo may be, at the largest
+// glint size, stays within a small multiple of its own size, with a loop of
+// INT_MAX frames twinkling; longer sides are refused.
+TEST(SparkleEffectDeathTest, ThinPhotosAndLongLoopsStaySmall) {
+  const auto run = [] {
+    std::vector<Bytes> photos;
+    Bytes star = StarShape(), out(static_cast<size_t>(kMaxImageSide) * 4);
+    const ImageBuffer shape = MakeImageBuffer(star.data(), SPK_SIZE, SPK_SIZE);
+    KorvaneTest::EffectRig<SparkleEffect> rig(1);
+    Bytes tall = SpotsPhoto(1, kMaxImageSide, 40), wide = SpotsPhoto(kMaxImageSide, 1, 40);
+    LightTest::ExitWithAddressRoom(150u << 20, [&] {
+      for (auto [w, h] : {std::pair<int32_t, int32_t>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
+        ImageBuffer src = MakeImageBuffer((w == 1 ? tall : wide).data(), w, h), dst = MakeImageBuffer(out.data(), w, h);
+        if (rig->SetSource(&src) != S_OK || rig->SetAutoSparkleShape(&shape) != S_OK) return false;
+        for (int mode : {0, 1, 2}) {
+          SparkleParam p = Frame(INT32_MAX, INT32_MAX - 1, mode, true, true);
+          SparkleRenderParam a, m;
+          a.size = m.size = kSparkleMaxScale;
+          if (rig->Process(&p, &a, &m, &src, &dst, Rect{0, 0, w, h}) != S_OK) return false;
+        }
+      }
+      ImageBuffer too_long = MakeImageBuffer(tall.data(), 1, kMaxImageSide + 1);
+      return rig->SetSource(&too_long) == E_INVALIDARG;
+    });
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
@@ -396,6 +512,65 @@ TEST(SparkleEffect, AFailedSourceIsLoggedAndLeavesNothingSet) {
   ImageBuffer dst = MakeImageBuffer(out.data(), 64, 48);
   EXPECT_EQ(fx.Process(&p, &r, &r, &src, &dst, Rect{0, 0, 64, 48}), E_FAIL);
   EXPECT_EQ(out, Bytes(photo.size(), 9));
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::pair<int32_t, int32_t>> Drawn(Rig& r) {
+  LightPointSummary s;
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, nullptr, 0), S_OK);
+  std::vector<LightPointInfo> pts(static_cast<size_t>(s.count));
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, pts.data(), s.count), S_OK);
+  std::vector<std::pair<int32_t, int32_t>> at;
+  for (const LightPointInfo& p : pts) at.push_back({p.x, p.y});
+  return at;
+}
+
+// With steady content the quality mode changes neither which glints show
+// nor how bright they are: the drawn points are the same in every mode, a
+// removed glint stays removed, a still equals a loop's frame, and only
+// points on real light are drawn with the highlight filter.
+TEST(SparkleEffect, SteadyContentShowsTheSameGlintsInEveryMode) {
+  Rig r(320, 240);
+  SparkleRenderParam a, m;
+  a.amount = 0.7f;
+  LightPointSummary s;
+  EXPECT_EQ(r->GetDrawnLightPoints(&s, nullptr, 0), E_FAIL);  // before a frame
+  // Hide the glint of the spot at 100, 60.
+  const SparklePoint at{100, 60, 1};
+  ASSERT_GT(r->UpdateManualSparkles(&at, 1, SPARKLE_REMOVE), 0);
+  std::vector<std::pair<int32_t, int32_t>> first;
+  for (int32_t mode : {1, 0, 2, 3, 1}) {
+    SparkleParam p = Frame(1, 0, mode);
+    p.steady_content = 1;
+    r.Render(p, a, m);
+    const auto drawn = Drawn(r);
+    if (first.empty()) first = drawn;
+    EXPECT_EQ(drawn, first) << "mode " << mode;
+  }
+  ASSERT_GT(first.size(), 10u);
+  for (auto [x, y] : first) EXPECT_FALSE(std::abs(x * 320 / 640 - 100) <= 3 && std::abs(y * 240 / 480 - 60) <= 3);
+  // Designed behaviour without it: modes 2 and 3 find their own points.
+  r.Render(Frame(1, 0, 2), a, m);
+  EXPECT_NE(Drawn(r), first);
+
+  SparkleParam still = Frame(1, 0, 1), loop = Frame(6, 0, 1);
+  still.steady_content = loop.steady_content = 1;
+  EXPECT_EQ(r.Render(still, a, m), r.Render(loop, a, m));
+
+  still.highlights_only = 1;
+  r.Render(still, a, m);
+  const auto lights = Drawn(r);
+  EXPECT_FALSE(lights.empty());
+  std::vector<LightPointInfo> all(r->AutoSparkleList().size());
+  ASSERT_EQ(r->GetLightPoints(&s, all.data(), static_cast<int32_t>(all.size())), S_OK);
+  for (auto [x, y] : lights) {
+    const auto p = std::find_if(all.begin(), all.end(), [&](const LightPointInfo& q) { return q.x == x && q.y == y; });
+    ASSERT_NE(p, all.end());
+    EXPECT_EQ(p->highlight, 1);
+  }
 }
 
 }  // namespace

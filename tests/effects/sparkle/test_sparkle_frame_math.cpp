@@ -15,71 +15,14 @@ using namespace SparkleTest;
 
 namespace {
 
-TEST(SparkleAnime, CurveRisesFastAndFallsSlowly) {
-  const std::vector<float>& c = SparkleTwinkleCurve();
-  ASSERT_EQ(c.size(), 90u);
-  for (int i = 0; i < 23; ++i) EXPECT_EQ(c[i], 0.0f) << i;
-  const float rise[] = {0.2f, 0.4f, 0.6f, 0.8f, 1.0f};
-  for (int i = 0; i < 5; ++i) EXPECT_NEAR(c[23 + i], rise[i], 1e-6f);
-  for (int i = 0; i < 39; ++i) EXPECT_NEAR(c[28 + i], 0.975f - 0.025f * i, 1e-6f) << i;
-  for (int i = 67; i < 90; ++i) EXPECT_EQ(c[i], 0.0f) << i;
-}
-
-TEST(SparkleAnime, TwinkleTableStretchesTheCurveOverTheLoop) {
-  std::vector<float> t;
-  ASSERT_EQ(CalTwinkleTable(90, t), S_OK);
-  EXPECT_EQ(t, SparkleTwinkleCurve());
-  ASSERT_EQ(CalTwinkleTable(1, t), S_OK);
-  EXPECT_EQ(t, std::vector<float>{0.0f});
-  // 45 frames take every other sample; 180 interpolate halfway.
-  ASSERT_EQ(CalTwinkleTable(45, t), S_OK);
-  EXPECT_NEAR(t[12], SparkleTwinkleCurve()[24], 1e-6f);
-  ASSERT_EQ(CalTwinkleTable(180, t), S_OK);
-  EXPECT_NEAR(t[47], 0.5f * (SparkleTwinkleCurve()[23] + SparkleTwinkleCurve()[24]), 1e-6f);
-  EXPECT_EQ(CalTwinkleTable(0, t), E_INVALIDARG);
-  // Frame offsets wrap, so frame `count` is frame 0 again, also with cycles.
-  for (int cycles : {1, 3})
-    for (int phase : {0, 17, 89}) {
-      EXPECT_EQ(TwinkleFrameOffset(phase, 90, 24, 24, cycles), TwinkleFrameOffset(phase, 90, 24, 0, cycles));
-      EXPECT_LT(TwinkleFrameOffset(phase, 90, 24, 23, cycles), 24);
-    }
-  EXPECT_EQ(TwinkleFrameOffset(89, 90, 24, 0, 1), 23);  // trunc(23.7 + 0.5) capped at count - 1
-  EXPECT_EQ(TwinkleFrameOffset(45, 90, 24, 5, 2), (12 + 10) % 24);
-}
-
+// Modes 0 and 2 keep the full size; the others scale as the light map does.
 TEST(SparkleAnime, ScaleRatioKeepsFullSizeInModesZeroAndTwo) {
-  float r = 0;
-  for (int mode : {0, 2}) {
+  for (int mode : {0, 1, 2, 3, 7}) {
+    float r = 0, want = 0;
     ASSERT_EQ(CalSparkleScaleRatio(mode, 4000, r), S_OK);
-    EXPECT_EQ(r, 1.0f);
+    ASSERT_EQ(CalLightMapScaleRatio(4000, want), S_OK);
+    EXPECT_EQ(r, mode == 0 || mode == 2 ? 1.0f : want) << mode;
   }
-  const float t = 3360.0f / 4480.0f;
-  for (int mode : {1, 3, 7}) {
-    ASSERT_EQ(CalSparkleScaleRatio(mode, 4000, r), S_OK);
-    EXPECT_FLOAT_EQ(r, 1.0f - t + 0.25f * t);
-  }
-  ASSERT_EQ(CalSparkleScaleRatio(1, 640, r), S_OK);
-  EXPECT_EQ(r, 1.0f);
-  ASSERT_EQ(CalSparkleScaleRatio(1, 2880, r), S_OK);
-  EXPECT_FLOAT_EQ(r, 0.625f);
-  ASSERT_EQ(CalSparkleScaleRatio(1, 9000, r), S_OK);
-  EXPECT_EQ(r, 0.25f);
-  EXPECT_EQ(CalSparkleScaleRatio(1, 0, r), E_INVALIDARG);
-  EXPECT_EQ(ScaledLength(4000, 0.4375f), 1750);
-}
-
-TEST(SparkleAnime, ScaledRoiKeepsAOnePixelMarginInsideTheMap) {
-  Rect s;
-  ASSERT_EQ(CalScaledROI(Rect{0, 0, 4000, 3000}, s, 0.5f, 2000, 1500), S_OK);
-  EXPECT_EQ(s.left, 0);
-  EXPECT_EQ(s.right, 2000);
-  EXPECT_EQ(s.bottom, 1500);
-  ASSERT_EQ(CalScaledROI(Rect{100, 51, 300, 200}, s, 0.5f, 2000, 1500), S_OK);
-  EXPECT_EQ(s.left, 49);
-  EXPECT_EQ(s.top, 24);  // trunc(25.5 - 1)
-  EXPECT_EQ(s.right, 151);
-  EXPECT_EQ(s.bottom, 101);
-  EXPECT_EQ(CalScaledROI(Rect{0, 0, 1, 1}, s, 0.0f, 1, 1), E_INVALIDARG);
 }
 
 TEST(SparkleAnime, RotationAdvancesOneTurnPerLoopAndWrapsOnce) {
@@ -88,8 +31,10 @@ TEST(SparkleAnime, RotationAdvancesOneTurnPerLoopAndWrapsOnce) {
   EXPECT_FLOAT_EQ(r, 20.0f);
   ASSERT_EQ(CalRotation(350.0f, false, 12, 1, r), S_OK);
   EXPECT_EQ(r, 350.0f);
-  ASSERT_EQ(CalRotation(0.0f, true, 4, 4, r), S_OK);  // exactly 360 stays
-  EXPECT_EQ(r, 360.0f);
+  float first = 0;  // frames past the loop turn exactly as their frame in it
+  ASSERT_EQ(CalRotation(10.0f, true, 7, 1, first), S_OK);
+  ASSERT_EQ(CalRotation(10.0f, true, 7, 8, r), S_OK);
+  EXPECT_EQ(r, first);
   EXPECT_EQ(CalRotation(0.0f, true, 0, 0, r), E_INVALIDARG);
 }
 
@@ -109,7 +54,7 @@ TEST(SparkleShapes, WholeTurnsCopyAndQuarterTurnsMovePixelsExactly) {
   const int32_t n = 9;
   const Bytes noise = KorvaneTest::RandomBytes(size_t(n) * n * 4, 5);
   const SmartBuffer src = Buffer(noise, n, n);
-  SparkleVariant v;
+  LightShape v;
   v.d = n;
   auto turn = [&](float deg) {
     VariantJob job{&src, &v};
@@ -151,7 +96,7 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
     EXPECT_EQ(OddShapeSize(len) % 2, 1) << len;
   EXPECT_EQ(OddShapeSize(20.0f), 21);
   // Several variants in one run, each from the level that suits its size.
-  SparkleVariant v, big;
+  LightShape v, big;
   v.d = 21;
   big.d = 301;
   std::vector<VariantJob> jobs{{&pyr.LevelFor(21), &v}, {&pyr.LevelFor(301), &big}};
@@ -166,28 +111,37 @@ TEST(SparkleShapes, PyramidHalvesByMeansAndVariantsAreOdd) {
 
 // Levels of awkward sizes (one pixel, odd widths) with black patches, every
 // variant size from one pixel up, turned and not: both forms, the same bytes.
-TEST(SparkleShapes, SseSamplerMatchesPlainOnAwkwardSizes) {
-  if (!KORVANE_HAVE_SSE41) GTEST_SKIP() << "built without SSE4.1";
+// Every SIMD form of the sampler against the plain one: noisy levels with
+// black runs, and a mostly black level (a cross on black, as a star is),
+// at sizes around the eight-pixel groups and angles that walk past every
+// edge.
+TEST(SparkleShapes, SimdSamplersMatchPlainOnAwkwardSizes) {
   uint32_t seed = 40;
-  for (int32_t n : {1, 2, 3, 7, 9, 33}) {
+  for (int32_t n : {1, 2, 3, 7, 9, 33, 64}) {
     Bytes level = KorvaneTest::RandomBytes(size_t(n) * n * 4, seed++);
     for (size_t i = 0; i < level.size(); i += 12) std::fill_n(level.begin() + i, std::min<size_t>(8, level.size() - i), 0);
+    if (n == 64) {
+      for (int32_t y = 0; y < n; ++y)
+        for (int32_t x = 0; x < n; ++x)
+          if (std::abs(x - 31) > 1 && std::abs(y - 30) > 2) std::fill_n(level.begin() + (size_t(y) * n + x) * 4, 4, 0);
+    }
     const SmartBuffer src = Buffer(level, n, n);
-    for (int32_t d : {1, 2, 3, 5, 17, 40})
+    for (int32_t d : {1, 2, 3, 5, 17, 40, 53})
       for (float deg : {0.0f, 33.0f, 90.0f, 211.7f}) {
         VariantJob job{&src, nullptr};
         ASSERT_TRUE(TurnOf(deg, job.cos_a, job.sin_a));
-        Bytes got[2];
-        for (int form = 0; form < 2; ++form) {
-          SparkleVariant v;
+        std::vector<Bytes> got;
+        for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+          const auto row = KORVANE_PICK_AVX2(form.info, SampleVariantRow, SampleVariantRow_SSE, SampleVariantRow_AVX2);
+          LightShape v;
           v.d = d;
           ASSERT_EQ(CreateSmartBufferData(v.shape, d, d, PIXEL_BGRA32), S_OK);
           job.variant = &v;
-          for (int32_t y = 0; y < d; ++y) (form ? SampleVariantRow_SSE : SampleVariantRow)(job, y);
-          got[form] = Pixels(v.shape);
+          for (int32_t y = 0; y < d; ++y) row.fn(job, y);
+          got.push_back(Pixels(v.shape));
+          ASSERT_EQ(got.back(), got[0]) << row.name << " " << n << " -> " << d << " at " << deg << ": "
+                                        << KorvaneTest::FirstDifference(got.back(), got[0], d);
         }
-        ASSERT_EQ(got[1], got[0]) << n << " -> " << d << " at " << deg << ": "
-                                  << KorvaneTest::FirstDifference(got[1], got[0], d);
       }
   }
 }
@@ -220,6 +174,26 @@ TEST(SparkleColor, AdjustChangesSaturationAndBrightnessOfLitPixelsOnly) {
   const Bytes part = run(0.0f, 1.0f, Rect{2, 0, 3, 1});
   EXPECT_EQ(part[4], 200);
   EXPECT_EQ(part[8], 180);
+}
+
+// The AVX2 adjustment against the plain one: random light with dark runs,
+// settings at and past their ends, rows cut at odd columns.
+TEST(SparkleColor, AdjustOfEveryFormAgrees) {
+  const int32_t w = 45, h = 64;
+  Bytes px = KorvaneTest::RandomBytes(size_t(w) * h * 4, 77);
+  for (size_t i = 0; i < px.size(); i += 36) std::fill_n(px.begin() + i, std::min<size_t>(20, px.size() - i), 0);
+  for (auto [sat, bright] : {std::pair<float, float>{-1.0f, 0.0f}, {1.0f, 1.0f}, {0.3f, -0.7f}, {-0.4f, 0.25f}, {3.0f, 2.0f}}) {
+    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+      const auto adjust = ChooseKernel<int32_t (*)(const SparkleAdjustParam&, const Rect&)>(
+          form.info, &AdjustSparkleColor, "AdjustSparkleColor", nullptr, "", KORVANE_AVX2(AdjustSparkleColor_AVX2),
+          "AdjustSparkleColor_AVX2");
+      SmartBuffer a = Buffer(px, w, h), b = Buffer(px, w, h);
+      const Rect region{3, 0, w - 1, h};
+      ASSERT_EQ(AdjustSparkleColor(SparkleAdjustParam{a, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
+      ASSERT_EQ(adjust.fn(SparkleAdjustParam{b, region, 1.0f, sat, bright}, Rect{0, 0, w, h}), S_OK);
+      ASSERT_EQ(Pixels(a), Pixels(b)) << adjust.name << " " << sat << ", " << bright;
+    }
+  }
 }
 
 TEST(SparkleColor, GlintColoursFollowThePhotoOrTheHueTable) {

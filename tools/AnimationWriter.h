@@ -28,14 +28,18 @@ struct LoopSettings {
   int fps = 24;
   int quality = 80;    // animated WebP (100: lossless)
   bool loops = true;   // plays forever; false: once
+  // The photo's metadata for an animated WebP (EXIF, XMP, profile); null: none.
+  std::shared_ptr<const ImageMeta> meta;
 };
 
-// kWebP writes an animated WebP (lossy at the quality, or lossless at 100),
-// kGif a GIF with libimagequant's palette of the first frame and even frame
-// times in hundredths of a second, both to `path` ("-": standard output) as
-// WriteFileSafely writes files; kFolder the folder `path` (created if
-// missing, its old frame_*.png removed) of frame_0000.png, frame_0001.png,
-// ... Returns nullptr with a reason in `error`.
+// kWebP writes an animated WebP (lossy at the quality, or lossless at 100)
+// and kGif a GIF with libimagequant's palette of the first frame and even
+// frame times in hundredths of a second, both to `path` ("-": standard
+// output) as WriteFileSafely writes files. Both encode frames on worker
+// threads while later frames render, several at once; the file is the same
+// whatever the number of workers. kFolder writes the folder `path` (created
+// if missing, its old frame_*.png removed) of frame_0000.png,
+// frame_0001.png, ... Returns nullptr with a reason in `error`.
 std::unique_ptr<AnimationWriter> OpenAnimationWriter(const std::string& path, LoopFormat format,
                                                      const LoopSettings& settings, std::string& error);
 

@@ -1,5 +1,7 @@
 #include "CliOptions.h"
 
+#include <filesystem>
+
 #include "ImageIO.h"
 
 namespace KorvaneTool {
@@ -30,13 +32,18 @@ std::string CommandLine::SetInto(OptionValues& values) const {
 
 namespace {
 
-const char* TypeName(const OptionSpec& o) {
+std::string TypeName(const OptionSpec& o) {
   switch (o.kind) {
     case OptionKind::kNumber: return "NUMBER";
     case OptionKind::kWhole: return "INT";
     case OptionKind::kChoice: return o.or_image ? "SHAPE" : "CHOICE";
-    case OptionKind::kPoint: return "X,Y";
-    case OptionKind::kRect: return "L,T,R,B";
+    case OptionKind::kPoint:
+    case OptionKind::kRect:
+    case OptionKind::kNumbers: {
+      std::string parts;
+      for (const KorvaneFrontend::OptionPart& p : o.parts) parts += (parts.empty() ? "" : ",") + p.name;
+      return parts;
+    }
     case OptionKind::kImage: return "IMAGE";
     case OptionKind::kFlows:
     case OptionKind::kSparkles: return "JSON";
@@ -49,6 +56,22 @@ std::string CheckFormat(const std::string& text, bool animated) {
   const std::string f = FormatOf(text);
   if (!f.empty() || (animated && (text == "gif" || text == ".gif"))) return "";
   return "'" + text + "' is not a format the tool writes";
+}
+
+// A shape option takes a built-in shape's name or an image file. A text that
+// is neither a name nor anything like a file (no extension, no folder, not
+// an existing file) is a misspelt name, refused with the names.
+std::string CheckShape(const OptionSpec& o, const std::string& text) {
+  const std::string problem = OptionValues::Check(o, text);
+  if (!problem.empty() || OptionValues::ChoiceOf(o, text) >= 0) return problem;
+  std::error_code ec;
+  if (text == "-" || !Extension(text).empty() || text.find('/') != std::string::npos ||
+      std::filesystem::exists(text, ec)) {
+    return "";
+  }
+  std::string names;
+  for (const std::string& c : o.choices) names += (names.empty() ? "" : ", ") + c;
+  return "unknown shape '" + text + "'; choose one of: " + names + " or an image file";
 }
 
 }  // namespace
@@ -70,6 +93,8 @@ void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandSpec& spec, Command
       opt->type_name(TypeName(o));
       if (o.name == "format") {
         opt->check(CLI::Validator([animated](std::string& t) { return CheckFormat(t, animated); }, ""));
+      } else if (o.or_image) {
+        opt->check(CLI::Validator([o](std::string& t) { return CheckShape(o, t); }, ""));
       } else {
         opt->check(CLI::Validator([o](std::string& t) { return OptionValues::Check(o, t); }, ""));
       }

@@ -89,7 +89,7 @@ std::string Runner::InputName(const std::string& option) const {
 
 int Runner::CheckCommandLine() {
   const bool animated = m_spec.Animated();
-  m_choice.frames = animated ? static_cast<int>(m_values.Whole("frames")) : 1;
+  m_choice.frames = FrameCount(m_values);
   m_choice.frame = animated && m_values.Has("frame") ? static_cast<int>(m_values.Whole("frame")) : -1;
   if (int rc = Report(CheckCombination(m_values, m_choice.frames))) return rc;
   m_input_files = m_line.photos;

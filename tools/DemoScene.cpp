@@ -210,7 +210,7 @@ int DemoContext::SaveLoop(KorvaneFrontend::Session& session, const KorvaneFronte
   files.loop_quality = values.Has("quality") ? static_cast<int>(values.Whole("quality")) : 80;
   files.progress = false;
   Output out;
-  const FrameChoice choice{static_cast<int>(values.Whole("frames")), -1};
+  const FrameChoice choice{KorvaneFrontend::FrameCount(values), -1};
   if (int rc = PlanOutput("-o", Path(name), "", choice, true, out)) return rc;
   Written w;
   if (int rc = WriteFrames(session, values, choice, out, files, scene.photo, w)) return rc;
@@ -223,7 +223,7 @@ int DemoContext::Render(const std::string& command, const Settings& settings, co
   std::unique_ptr<KorvaneFrontend::OptionValues> values;
   std::unique_ptr<KorvaneFrontend::Session> session;
   if (int rc = Open(command, settings, inputs, values, session)) return rc;
-  if (values->spec().Animated() && values->Whole("frames") > 1) return SaveLoop(*session, *values, name);
+  if (KorvaneFrontend::FrameCount(*values) > 1) return SaveLoop(*session, *values, name);
   return SaveFrame(*session, *values, 0, 1, name);
 }
 

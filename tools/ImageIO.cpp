@@ -30,6 +30,51 @@ struct ImageMeta {
 
 namespace {
 
+// Sets the orientation tag (0x0112) of the first image directory of TIFF
+// data to 1, upright; data it cannot follow is left as it is.
+void UprightOrientation(std::vector<uint8_t>& tiff) {
+  if (tiff.size() < 8) return;
+  const bool little = tiff[0] == 'I' && tiff[1] == 'I';
+  if (!little && !(tiff[0] == 'M' && tiff[1] == 'M')) return;
+  auto u16 = [&](size_t at) {
+    return static_cast<uint32_t>(little ? tiff[at] | tiff[at + 1] << 8 : tiff[at] << 8 | tiff[at + 1]);
+  };
+  auto u32 = [&](size_t at) { return little ? u16(at) | u16(at + 2) << 16 : u16(at) << 16 | u16(at + 2); };
+  const size_t ifd = u32(4);
+  if (ifd + 2 > tiff.size()) return;
+  const size_t entries = u16(ifd);
+  for (size_t i = 0; i < entries && ifd + 2 + 12 * (i + 1) <= tiff.size(); ++i) {
+    const size_t e = ifd + 2 + 12 * i;
+    if (u16(e) != 0x0112 || u16(e + 2) != 3) continue;  // orientation, a SHORT
+    tiff[e + 8] = little ? 1 : 0;
+    tiff[e + 9] = little ? 0 : 1;
+  }
+}
+
+}  // namespace
+
+std::vector<std::pair<std::string, std::vector<uint8_t>>> WebPMetadataChunks(const ImageMeta* meta) {
+  std::vector<std::pair<std::string, std::vector<uint8_t>>> chunks;
+  if (!meta) return chunks;
+  for (const auto& [field, blob] : meta->blobs) {
+    if (field == VIPS_META_EXIF_NAME) {
+      // A JPEG's APP1 payload starts with "Exif\0\0"; a WebP chunk holds the TIFF data alone.
+      static const uint8_t kExif[] = {'E', 'x', 'i', 'f', 0, 0};
+      const bool prefixed = blob.size() >= 6 && std::equal(kExif, kExif + 6, blob.begin());
+      std::vector<uint8_t> tiff(blob.begin() + (prefixed ? 6 : 0), blob.end());
+      UprightOrientation(tiff);
+      chunks.emplace_back("EXIF", std::move(tiff));
+    } else if (field == VIPS_META_ICC_NAME) {
+      chunks.emplace_back("ICCP", blob);
+    } else if (field == VIPS_META_XMP_NAME) {
+      chunks.emplace_back("XMP ", blob);
+    }
+  }
+  return chunks;
+}
+
+namespace {
+
 using vips::VImage;
 using vips::VOption;
 

@@ -75,6 +75,11 @@ bool SaveImage(const std::string& path, const Image& img, int quality, std::stri
 bool EncodeImage(const Image& img, const std::string& format, const SaveOptions& options,
                  std::vector<uint8_t>& bytes, std::string& error);
 
+// The metadata a WebP file carries, as its chunks by their four-letter names:
+// "EXIF" (the TIFF data, its orientation set to upright, as the pixels are),
+// "ICCP" and "XMP ". Empty for null.
+std::vector<std::pair<std::string, std::vector<uint8_t>>> WebPMetadataChunks(const ImageMeta* meta);
+
 // Writes bytes to `path` ("-": standard output) as SaveImage does.
 bool WriteFileSafely(const std::string& path, const void* data, size_t size, std::string& error);
 

@@ -127,6 +127,7 @@ int WriteFrames(Session& session, const OptionValues& values, const FrameChoice&
   loop.fps = files.fps;
   loop.quality = files.loop_quality;
   loop.loops = session.Loops(values);
+  if (!files.still.strip) loop.meta = photo.meta;
   auto writer = OpenAnimationWriter(out.path, out.loop, loop, error);
   if (!writer) return Fail(out.Name() + ": " + error);
   Progress bar("rendering", files.progress ? choice.frames : 0);

@@ -43,11 +43,8 @@ RegisterHooks hooks("glitch", CommandHooks{"type-sheet", TypeSheet});
 
 // The demo shows the two kinds: a straight split and the three-way circle.
 RegisterDemoStep demo(40, "glitch: colour-channel split", [](DemoContext& ctx) {
-  const Settings settings = {{"shift-x", "40"}, {"shift-y", "10"}, {"radius", "50"}, {"angle", "20"}};
-  Settings circle = settings;
-  circle.push_back({"type", "6"});
-  if (int rc = ctx.Render("glitch", settings, {}, "glitch-split.png")) return rc;
-  return ctx.Render("glitch", circle, {}, "glitch-circle.png");
+  if (int rc = ctx.Render("glitch", {{"shift-x", "40"}, {"shift-y", "10"}}, {}, "glitch-split.png")) return rc;
+  return ctx.Render("glitch", {{"type", "6"}, {"radius", "50"}, {"rotation", "36"}}, {}, "glitch-circle.png");
 });
 
 }  // namespace

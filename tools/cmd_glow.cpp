@@ -25,9 +25,9 @@ Image ShrinkGray(const KorvaneFrontend::ImageView& mask, int width) {
 
 // Every mode on the photo shrunk to the tile width, labelled. The mask
 // shrinks with it; the radius is for the full photo, so it shrinks too.
-int ModeSheet(const OptionValues& values, const Image& full, const KorvaneFrontend::Inputs& inputs,
+int BlendSheet(const OptionValues& values, const Image& full, const KorvaneFrontend::Inputs& inputs,
               KorvaneFrontend::Engine& engine, Image& sheet, std::string& summary, double* ms) {
-  if (values.Has("roi")) return Usage("--roi and --mode-sheet cannot be used together");
+  if (values.Has("roi")) return Usage("--roi and --blend-sheet cannot be used together");
   const int tile_width = static_cast<int>(values.Whole("tile-width")), columns = static_cast<int>(values.Whole("columns"));
   OptionValues v = values;
   KorvaneFrontend::Inputs small_inputs = inputs;
@@ -47,13 +47,13 @@ int ModeSheet(const OptionValues& values, const Image& full, const KorvaneFronte
   if (int rc = CheckSheetSize(photo, 29, columns)) return rc;
   std::unique_ptr<KorvaneFrontend::Session> session;
   if (int rc = Report(KorvaneFrontend::OpenSession(engine, v, photo.View(), small_inputs, session))) return rc;
-  const auto& modes = values.spec().Find("mode")->choices;
+  const auto& modes = values.spec().Find("blend")->choices;
   std::vector<Image> tiles(modes.size());
   std::vector<std::string> labels;
   Progress bar("blend modes", static_cast<int>(modes.size()));
   for (size_t m = 0; m < modes.size(); ++m) {
     bar.Step(static_cast<int>(m));
-    v.SetNumber("mode", static_cast<double>(m));
+    v.SetNumber("blend", static_cast<double>(m));
     if (int rc = RenderFrame(*session, v, 0, 1, tiles[m], ms)) return rc;
     labels.push_back(std::to_string(m) + " " + modes[m]);
   }
@@ -63,15 +63,15 @@ int ModeSheet(const OptionValues& values, const Image& full, const KorvaneFronte
   return 0;
 }
 
-RegisterHooks hooks("glow", CommandHooks{"mode-sheet", ModeSheet});
+RegisterHooks hooks("glow", CommandHooks{"blend-sheet", BlendSheet});
 
 // The sunset scene's sun, glitter and shore lights bloom, once in screen and
 // once in a warm tinted addition.
 RegisterDemoStep demo(60, "glow: blooming highlights", [](DemoContext& ctx) {
   if (int rc = ctx.Render("glow", {{"intensity", "0.45"}, {"threshold", "170"}}, {}, "glow-screen.png")) return rc;
   return ctx.Render("glow",
-                    {{"intensity", "0.3"}, {"threshold", "190"}, {"color-strength", "0.5"}, {"hue", "0.08"},
-                     {"mode", "addition"}},
+                    {{"intensity", "0.3"}, {"threshold", "190"}, {"tint", "0.5"}, {"hue", "0.08"},
+                     {"blend", "addition"}},
                     {}, "glow-warm-addition.png");
 });
 

@@ -18,10 +18,10 @@ RegisterDemoStep demo(50, "light-rays: rays from the sunset's sun", [](DemoConte
       {"radius", NumberText(0.1f * photo.width)},
       {"threshold", "200"},
       {"length", NumberText(0.4f * photo.width)},
-      {"level", "0.35"}};
+      {"brightness", "0.35"}};
   if (int rc = ctx.Render("light-rays", sun, {}, "light-rays-sun.png")) return rc;
   Settings loop = sun;
-  loop.insert(loop.end(), {{"frames", "12"}, {"fps", "12"}, {"quality", "92"}, {"animate-rays", "1"}});
+  loop.insert(loop.end(), {{"frames", "12"}, {"fps", "12"}, {"quality", "92"}, {"sway", "1"}});
   return ctx.Render("light-rays", loop, {}, "light-rays.webp");
 });
 

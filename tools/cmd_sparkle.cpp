@@ -22,7 +22,7 @@ RegisterDemoStep demo(75, "sparkle: glints on the sea", [](DemoContext& ctx) {
   in.sparkles = {{0.26 * w, 0.49 * h, 2.5}};
   std::unique_ptr<KorvaneFrontend::OptionValues> values;
   std::unique_ptr<KorvaneFrontend::Session> session;
-  const Settings settings = {{"amount", "0.9"}, {"size", "2.5"},   {"rotate", "1"}, {"twinkle", "1"},
+  const Settings settings = {{"amount", "0.9"}, {"size", "2.5"},   {"spin", "1"}, {"twinkle", "1"},
                              {"frames", "24"},  {"manual-shape", "star8"}};
   if (int rc = ctx.Open("sparkle", settings, in, values, session)) return rc;
   // The still shows the frame in which the sun's star shines most: the frame

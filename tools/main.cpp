@@ -55,6 +55,23 @@ std::string Join(const std::vector<std::string>& names) {
   return s;
 }
 
+// Options renamed when every command came to use one vocabulary: an old
+// command line is told the new name.
+struct Renamed {
+  const char* command;
+  const char* old_name;
+  const char* new_name;
+};
+const Renamed kRenamed[] = {
+    {"light-rays", "--angle", "--direction"},      {"light-rays", "--level", "--brightness"},
+    {"light-rays", "--color", "--saturation"},     {"light-rays", "--hue", "--hue-shift (in turns)"},
+    {"light-rays", "--animate-rays", "--sway"},    {"light-rays", "--animate-hue", "--cycle-hue"},
+    {"bokeh", "--blur-level", "--level"},          {"bokeh", "--hue-offset", "--hue-shift (in turns)"},
+    {"bokeh", "--hue-shift", "--cycle-hue"},       {"sparkle", "--rotate", "--spin"},
+    {"glitch", "--angle", "--rotation (in degrees)"}, {"glow", "--mode", "--blend"},
+    {"glow", "--mode-sheet", "--blend-sheet"},     {"glow", "--color-strength", "--tint"},
+};
+
 // Every command by name: the table's and the tool's own.
 std::vector<std::pair<std::string, std::string>> CommandList() {
   std::vector<std::pair<std::string, std::string>> list;
@@ -132,6 +149,11 @@ int Run(int argc, char** argv) {
       for (const std::string& extra : sub->remaining()) {
         if (extra.size() < 2 || extra[0] != '-') continue;
         const std::string typed = extra.substr(0, extra.find('='));
+        for (const Renamed& r : kRenamed) {
+          if (sub->get_name() == r.command && typed == r.old_name) {
+            return Usage(sub->get_name() + ": " + typed + " is now " + r.new_name);
+          }
+        }
         const auto close = CloseTo(typed, OptionNames(sub));
         return Usage(sub->get_name() + ": unknown option " + typed +
                      (close.empty() ? "; see 'korvane " + sub->get_name() + " --help'"

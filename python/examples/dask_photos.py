@@ -1,6 +1,6 @@
 """Apply a Korvane effect to every photo of a folder on a Dask cluster.
 
-    python3 dask_photos.py PHOTOS OUT glow --set intensity=0.6 --set mode=overlay
+    python3 dask_photos.py PHOTOS OUT glow --set intensity=0.6 --set blend=overlay
     python3 dask_photos.py PHOTOS OUT bokeh --set amount=1 --scheduler tcp://10.0.0.5:8786
 
 Each photo is read, rendered and written by a worker, so only file names

@@ -256,9 +256,14 @@ def make_function(command, cls, warning):
         _bind(signature, name, (photo,), dict(options, order=order))
         frames = options.pop("frames", None)
         frame = options.pop("frame", None)
-        frames = frames_default if frames is None else _whole(frames, "frames")
         effect = cls.__new__(cls)
         effect._open(photo, order, options)
+        # Left out, the count is the tool's: a still unless something moves
+        # (or a frame of the default loop is asked for).
+        if frames is None:
+            frames = frames_default if frame is not None or not command["animated"] else effect._effect.frame_count
+        else:
+            frames = _whole(frames, "frames")
         # The first render checks the frame numbers; warnings come after it,
         # as the tool warns only about a command line it runs.
         if not command["animated"]:

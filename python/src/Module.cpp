@@ -111,6 +111,10 @@ class Effect {
     return out;
   }
 
+  // The frames the tool renders for the settings the effect was made with
+  // when the count is left out: a still unless something moves.
+  int32_t frame_count() const { return FrameCount(m_values); }
+
   int32_t width() const { return m_session->width(); }
   int32_t height() const { return m_session->height(); }
   std::vector<std::string> warnings() const { return m_session->Warnings(); }
@@ -287,6 +291,7 @@ PYBIND11_MODULE(_korvane, m) {
       .def(py::init<const std::string&, const py::object&, const py::object&, const py::dict&>(), py::arg("command"),
            py::arg("photo"), py::arg("order"), py::arg("options"))
       .def("render", &Effect::Render, py::arg("frame"), py::arg("frames"), py::arg("options"))
+      .def_property_readonly("frame_count", &Effect::frame_count)
       .def_property_readonly("width", &Effect::width)
       .def_property_readonly("height", &Effect::height)
       .def_property_readonly("warnings", &Effect::warnings)

@@ -65,44 +65,44 @@
 
 (define (case-focus-blur)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)) (depth (add-layer img "depth.png")))
-    ; guide level focus range
-    (plug-in-korvane-focus-blur RUN-NONINTERACTIVE img d depth 80 200 16)
+    ; guide stretch-guide level focus range
+    (plug-in-korvane-focus-blur RUN-NONINTERACTIVE img d depth 0 80 200 16)
     (save img d "focus-blur.png")))
 
 (define (case-glitch)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)))
     (gimp-image-select-rectangle img CHANNEL-OP-REPLACE 30 20 90 70)
-    ; type shift-x shift-y radius angle
-    (plug-in-korvane-glitch RUN-NONINTERACTIVE img d 6 30 0 60 25)
+    ; type shift-x shift-y radius rotation
+    (plug-in-korvane-glitch RUN-NONINTERACTIVE img d 6 30 0 60 45)
     (save img d "glitch.png")))
 
 (define (case-glow)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)))
-    ; intensity contrast radius threshold saturation color-strength hue
-    ; brightness opacity mode mask roi
-    (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.6 2 -1 150 0 0 0 1 255 23 (mask-channel img) 4 #(10 8 150 100))
+    ; intensity contrast radius threshold saturation tint hue
+    ; brightness opacity blend mask roi
+    (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.6 2 -1 150 0 0 0 1 1 23 (mask-channel img) 4 #(10 8 150 100))
     (save img d "glow.png")))
 
 (define (case-light-rays)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)))
-    ; mode center angle length radius threshold softness strength level color
-    ; hue lampshade mask roi animate-rays animate-hue frames frame
-    (plug-in-korvane-light-rays RUN-NONINTERACTIVE img d 0 2 #(80 40) 270 -1 0 150 -1 1 0.5 0 0 3 #(270 60 20)
+    ; mode center direction length radius threshold softness strength brightness
+    ; saturation hue-shift lampshade mask roi sway cycle-hue frames frame
+    (plug-in-korvane-light-rays RUN-NONINTERACTIVE img d 0 2 #(80 40) 270 -1 0 150 -1 -1 0.5 0 0 3 #(270 60 20)
                                 -1 0 #() 1 0 3 -1)
     (save-frames img "light-rays")))
 
 (define (case-bokeh)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img)) (depth (add-layer img "depth.png")))
-    ; guide shape amount size-blend rotation saturation hue-offset color
-    ; quality-mode blur-level focus range twinkle hue-shift roi frames frame
-    (plug-in-korvane-bokeh RUN-NONINTERACTIVE img d depth 4 1 0 0 0 0 1 1 100 230 51 1 0 0 #() 4 2)
+    ; guide stretch-guide shape amount size-blend rotation saturation hue-shift
+    ; color quality-mode level focus range twinkle cycle-hue roi frames frame
+    (plug-in-korvane-bokeh RUN-NONINTERACTIVE img d depth 0 4 1 0 0 0 0 1 1 100 230 51 1 0 0 #() 4 2)
     (save img d "bokeh.png")))
 
 (define (case-sparkle)
   (let* ((img (open-image "photo.png")) (d (bottom-layer img))
          (glints (add-path img '((20.5 12.5) (60.5 30.5 100.5 80.5)))))
     ; shape manual manual-shape amount size rotation saturation brightness
-    ; color quality-mode rotate twinkle roi frames frame
+    ; color quality-mode spin twinkle roi frames frame
     (plug-in-korvane-sparkle RUN-NONINTERACTIVE img d 0 glints 3 1 3 0 0 0 0 -1 0 0 0 #() 1 -1)
     (save img d "sparkle.png")))
 
@@ -134,7 +134,7 @@
 (define (case-glow-alpha)
   (let* ((img (open-image "photo-alpha.png")) (d (bottom-layer img)))
     (gimp-image-convert-precision img PRECISION-FLOAT-LINEAR)
-    (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.6 2 -1 150 0 0 0 1 255 5 -1 0 #())
+    (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.6 2 -1 150 0 0 0 1 1 5 -1 0 #())
     (gimp-image-convert-precision img PRECISION-U8-GAMMA)
     (save img d "glow-alpha.png")))
 
@@ -160,10 +160,10 @@
                       (display message port)
                       (newline port)))))
     (refused (lambda () (plug-in-korvane-glitch RUN-NONINTERACTIVE gray (bottom-layer gray) 0 30 0 40 0)))
-    (refused (lambda () (plug-in-korvane-glow RUN-NONINTERACTIVE img d 2 2 -1 200 0 0 0 1 255 5 -1 0 #())))
-    (refused (lambda () (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.3 2 -1 200 0 0 0 1 255 29 -1 0 #())))
+    (refused (lambda () (plug-in-korvane-glow RUN-NONINTERACTIVE img d 2 2 -1 200 0 0 0 1 1 5 -1 0 #())))
+    (refused (lambda () (plug-in-korvane-glow RUN-NONINTERACTIVE img d 0.3 2 -1 200 0 0 0 1 1 29 -1 0 #())))
     (refused (lambda () (plug-in-korvane-light-rays RUN-NONINTERACTIVE img d 0 1 #(80) 270 -1 0 150 -1 1 0.5 0 0
                                                     0 #() -1 0 #() 0 0 1 -1)))
     (refused (lambda () (plug-in-korvane-disperse RUN-NONINTERACTIVE img d -1 0 40 0.3 1.5 0.8 0.3 1 0.3 7 1 3 -1)))
-    (refused (lambda () (plug-in-korvane-bokeh RUN-NONINTERACTIVE img d -1 0 1 0 0 0 0 1 1 100 230 51 0 0 0 #() 2 5)))
+    (refused (lambda () (plug-in-korvane-bokeh RUN-NONINTERACTIVE img d -1 0 0 1 0 0 0 0 1 1 100 230 51 0 0 0 #() 2 5)))
     (close-output-port port)))

@@ -186,13 +186,13 @@ TEST_F(Gimp, StillsHoldTheToolsPixels) {
 
 TEST_F(Gimp, OnlyTheSelectionOrRegionChanges) {
   const Image photo = ReadPixels("photo.png");
-  Tool("glitch photo.png --type 6 --radius 60 --angle 25 -o tool-glitch.png");
+  Tool("glitch photo.png --type 6 --radius 60 --rotation 45 -o tool-glitch.png");
   const Image glitch = ReadPixels("glitch.png"), tool_glitch = ReadPixels("tool-glitch.png");
   EXPECT_EQ(Differing(glitch, tool_glitch, 30, 20, 120, 90), 0);
   EXPECT_EQ(Differing(glitch, photo, 30, 20, 120, 90, true), 0);
   EXPECT_GT(Differing(tool_glitch, photo, 30, 20, 120, 90), 1000) << "the glitch shows inside";
   // --roi renders its rectangle alone; the mask is a channel.
-  Tool("glow photo.png --intensity 0.6 --threshold 150 --mode addition --mask mask.png --roi 10,8,150,100 "
+  Tool("glow photo.png --intensity 0.6 --threshold 150 --blend addition --mask mask.png --roi 10,8,150,100 "
        "-o tool-glow.png");
   const Image glow = ReadPixels("glow.png"), tool_glow = ReadPixels("tool-glow.png");
   EXPECT_EQ(Differing(glow, tool_glow, 10, 8, 150, 100, false, 10, 8), 0);
@@ -200,7 +200,7 @@ TEST_F(Gimp, OnlyTheSelectionOrRegionChanges) {
 }
 
 TEST_F(Gimp, LoopsBecomeFrameLayersAboveThePhoto) {
-  Tool("light-rays photo.png --center 80,40 --threshold 150 --lampshade 270,60,20 --animate-rays --frames 3 "
+  Tool("light-rays photo.png --center 80,40 --threshold 150 --lampshade 270,60,20 --sway --frames 3 "
        "-o tool-light-rays");
   ExpectFrameLayers("light-rays", 3);
   // Flow lines from a path's strokes; the selection is the still region,
@@ -247,7 +247,7 @@ TEST_F(Gimp, RefusalsSayWhy) {
   const char* const expected[] = {
       "work on RGB layers",                        // a grayscale image
       "--intensity: 2 is outside 0..1",            // the tool's words
-      "--mode: '29' is not one of 0 normal",       // a choice by number
+      "--blend: '29' is not one of 0 normal",       // a choice by number
       "--center: wants 2 numbers (X,Y)",           // a list of the wrong length
       "--mask is required",                        // disperse's subject
       "--frame 5 is past the last frame of --frames 2",

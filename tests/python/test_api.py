@@ -18,14 +18,14 @@ FLOWS = [{"type": "path", "points": [[4, 6], [30, 8], [60, 10]]}, {"type": "anch
 COMMANDS = ["focus_blur", "glitch", "glow", "light_rays", "bokeh", "sparkle", "animate", "disperse"]
 # What the tool alone has: where and how it writes files.
 FILE_OPTIONS = {"help", "output", "fps", "quality", "chroma", "strip", "format", "quiet", "points-json",
-                "points-overlay", "type-sheet", "mode-sheet", "tile-width", "columns"}
+                "points-overlay", "type-sheet", "blend-sheet", "tile-width", "columns"}
 
 
 def loop_cases(mask):
     return [
-        ("light_rays", "LightRays", {"threshold": 100, "animate_rays": True, "animate_hue": True}),
+        ("light_rays", "LightRays", {"threshold": 100, "sway": True, "cycle_hue": True}),
         ("bokeh", "Bokeh", {"guide": mask, "amount": 1, "twinkle": True}),
-        ("sparkle", "Sparkle", {"manual": [(30, 20, 2)], "rotate": True, "twinkle": True}),
+        ("sparkle", "Sparkle", {"manual": [(30, 20, 2)], "spin": True, "twinkle": True}),
         ("animate", "Animate", {"flows": FLOWS, "still": mask}),
         ("disperse", "Disperse", {"mask": mask, "loop": True}),
     ]
@@ -47,7 +47,7 @@ def test_objects_render_changed_settings_as_fresh_calls_do(photo, mask):
     cases = [
         ("bokeh", "Bokeh", {"guide": mask}, [{"amount": 0.3}, {"amount": 1, "shape": "star"}, {"color": 2}]),
         ("sparkle", "Sparkle", {"manual": [(30, 20)]}, [{"shape": "cross", "manual_shape": "star8"}, {"size": 4}]),
-        ("glow", "Glow", {"mask": mask}, [{"mode": 23, "radius": 2}, {"threshold": -10}]),
+        ("glow", "Glow", {"mask": mask}, [{"blend": 23, "radius": 2}, {"threshold": -10}]),
         ("disperse", "Disperse", {"mask": mask}, [{"density": 0.9, "seed": 7}, {"size": 3}]),
         ("animate", "Animate", {"flows": FLOWS, "still": mask}, [{"loop_mode": 0}, {"loop_mode": 1}]),
         ("focus_blur", "FocusBlur", {"guide": mask}, [{"level": 100, "focus": 128}]),
@@ -62,8 +62,9 @@ def test_objects_render_changed_settings_as_fresh_calls_do(photo, mask):
             assert np.array_equal(fx.render(**at, **change), fresh), f"{function} {change}"
         # A change holds for its render only.
         assert np.array_equal(fx.render(**at), plain), function
+    # The listed points are those that render: the same for the same settings.
     first = korvane.Bokeh(photo, guide=mask)
-    assert first.light_points() == korvane.Bokeh(photo).light_points() and first.light_points()["points"]
+    assert first.light_points() == korvane.Bokeh(photo, guide=mask).light_points() and first.light_points()["points"]
 
 
 def tool_message(cli, tmp_path, command, args):
@@ -81,11 +82,11 @@ def test_bad_values_raise_what_the_tool_prints(tmp_path, korvane_cli, photo, mas
     cases = [  # the call, and the same on the command line
         ("glow", {"radius": -3}, ["--radius", "-3"]),
         ("glow", {"radius": 20}, ["--radius", "20"]),
-        ("glow", {"mode": "nope"}, ["--mode", "nope"]),
+        ("glow", {"blend": "nope"}, ["--blend", "nope"]),
         ("glow", {"roi": (0, 0, 100, 10)}, ["--roi", "0,0,100,10"]),
         ("glow", {"mask": mask[:10]}, ["--mask", tmp_path / "small.png"]),
         ("glitch", {"shift_x": 2.5}, ["--shift-x", "2.5"]),
-        ("light-rays", {"animate_rays": True}, ["--animate-rays"]),
+        ("light-rays", {"sway": True, "frames": 1}, ["--sway", "--frames", "1"]),
         ("light-rays", {"center": "1,2,3"}, ["--center", "1,2,3"]),
         ("bokeh", {"frames": 3, "frame": 3}, ["--frames", "3", "--frame", "3"]),
         ("animate", {"flows": FLOWS, "frames": 1}, ["--flows", "x.json", "--frames", "1"]),

@@ -28,12 +28,12 @@ def test_a_folder_on_a_local_cluster_equals_one_process_renders(tmp_path):
     env = dict(os.environ, PYTHONPATH=os.pathsep.join([os.path.dirname(os.path.dirname(korvane.__file__)),
                                                        os.environ.get("PYTHONPATH", "")]))
     done = subprocess.run([sys.executable, EXAMPLE, photos, tmp_path / "out", "glow", "--workers", "2",
-                           "--set", "intensity=0.7", "--set", "threshold=120", "--set", "mode=linear-dodge"],
+                           "--set", "intensity=0.7", "--set", "threshold=120", "--set", "blend=linear-dodge"],
                           capture_output=True, text=True, env=env, timeout=240)
     assert done.returncode == 0, done.stderr
     assert "100% Completed" in done.stdout and "5 photos, 5 files written" in done.stdout
 
     for i in range(5):
         photo = np.asarray(Image.open(photos / f"photo{i}.png"))
-        expected = korvane.glow(photo, intensity=0.7, threshold=120, mode="linear-dodge")
+        expected = korvane.glow(photo, intensity=0.7, threshold=120, blend="linear-dodge")
         assert np.array_equal(np.asarray(Image.open(tmp_path / "out" / f"photo{i}.png")), expected), i

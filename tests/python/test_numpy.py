@@ -90,10 +90,10 @@ def test_rendering_lets_other_threads_run():
 def test_threads_render_at_once_with_their_own_objects(photo, mask):
     jobs = [
         lambda: korvane.Bokeh(photo, guide=mask, amount=1).render(frame=2, frames=5, twinkle=True),
-        lambda: korvane.Sparkle(photo, manual=[(30, 20, 2)]).render(frame=1, frames=4, rotate=True),
-        lambda: korvane.light_rays(photo, frames=3, frame=2, animate_hue=True),
+        lambda: korvane.Sparkle(photo, manual=[(30, 20, 2)]).render(frame=1, frames=4, spin=True),
+        lambda: korvane.light_rays(photo, frames=3, frame=2, cycle_hue=True),
         lambda: korvane.disperse(photo, mask=mask, frames=6, frame=3),
-        lambda: korvane.glow(photo, intensity=0.9, mode="addition"),
+        lambda: korvane.glow(photo, intensity=0.9, blend="addition"),
         lambda: korvane.focus_blur(photo, guide=mask, level=100),
     ]
     alone = [job() for job in jobs]

@@ -40,7 +40,8 @@ TEST(CliBokeh, PointsJsonListsTheDetectedPoints) {
   WriteLights(dir);
   // Every point lights up at some frame of a twinkling loop.
   const CliResult r =
-      RunCli("bokeh " + dir + "/photo.png --amount 1 --twinkle --frames 24 --points-json " + dir + "/points.json");
+      RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/depth.png --amount 1 --twinkle --frames 24 --points-json " +
+             dir + "/points.json");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   std::vector<uint8_t> bytes;
   std::string error;
@@ -97,4 +98,23 @@ TEST(CliBokeh, RefusesBadInput) {
   EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png").exit_code, 2);  // nothing to write
   EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --shape " + dir + "/missing.png -o " + dir + "/o.png").exit_code, 1);
   EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/photo.png -o " + dir + "/photo.png").exit_code, 1);
+}
+
+// Without a guide the centre stays (nearly) sharp and the edges blur, as in
+// focus-blur; the whole photo was background before.
+TEST(CliBokeh, WithoutAGuideTheCentreStaysSharp) {
+  const std::string dir = Scratch();
+  const Image photo = NoisePhoto(80, 60, 5);
+  const std::string in = WriteImage(dir, "photo.png", photo);
+  const Image out = RunCliImage("bokeh " + in + " --amount 0", dir + "/out.png");
+  ASSERT_EQ(out.width, 80);
+  // Mean change of the green channel over a 10 x 10 square at (x0, y0).
+  auto change = [&](int x0, int y0) {
+    double sum = 0;
+    for (int y = y0; y < y0 + 10; ++y)
+      for (int x = x0; x < x0 + 10; ++x) sum += std::abs(out.at(x, y)[1] - photo.at(x, y)[1]);
+    return sum / 100;
+  };
+  EXPECT_LT(change(35, 25), 10.0);
+  EXPECT_GT(change(0, 0), 30.0);
 }

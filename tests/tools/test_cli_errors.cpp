@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <vips/vips8>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -36,21 +37,56 @@ TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
   ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/out.bmp", "out.bmp", dir + "/out.bmp", 2);
 }
 
-TEST(CliErrors, AnInputOfAnotherSizeReadsTheSameInEveryCommand) {
+// A guide, mask or still region of the photo's proportions but another size
+// (a phone's depth map) is resized with a notice, and renders as the same
+// input at the photo's size; one of other proportions is refused the same
+// way in every command.
+TEST(CliErrors, InputsOfAnotherSizeAreResizedWhenTheirProportionsFit) {
   const std::string dir = Scratch();
-  WritePhoto(dir, "photo.png", 20, 10);
-  WritePhoto(dir, "guide.png", 10, 20);
+  WriteImage(dir, "photo.png", NoisePhoto(20, 10, 3));
+  WritePhoto(dir, "turned.png", 10, 20);
+  WriteImage(dir, "half.png", Image(10, 5, 1, 200));
+  WriteImage(dir, "full.png", Image(20, 10, 1, 200));
   std::ofstream(dir + "/flows.json") << R"({"flows": [{"type": "anchor", "points": [[2, 2]]}]})";
   const std::pair<std::string, std::string> cases[] = {
       {"focus-blur", "guide"}, {"bokeh", "guide"}, {"glow", "mask"}, {"light-rays", "mask"},
       {"disperse", "mask"},    {"animate", "still"}};
   for (const auto& [command, input] : cases) {
+    SCOPED_TRACE(command);
     const std::string more = command == "animate" ? " --flows " + dir + "/flows.json --frames 2 --frame 1"
                              : command == "disperse" ? " --frames 1" : "";
-    ExpectFailure(command + " " + dir + "/photo.png --" + input + " " + dir + "/guide.png" + more + " -o " + dir +
-                      "/out.png",
-                  input + " " + dir + "/guide.png is 10x20 but the photo is 20x10: E_INVALIDARG (0x80070057)",
+    const std::string run = command + " " + dir + "/photo.png" + more + " --" + input + " " + dir;
+    ExpectFailure(run + "/turned.png -o " + dir + "/out.png",
+                  input + " " + dir + "/turned.png is 10x20 but the photo is 20x10: E_INVALIDARG (0x80070057)",
                   dir + "/out.png");
+    const CliResult r = RunCli(run + "/half.png -o " + dir + "/half-out.png");
+    ASSERT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_NE(r.output.find("warning: the " + input + " (10x5) is resized to the photo's 20x10"), std::string::npos)
+        << r.output;
+    EXPECT_EQ(ReadImage(dir + "/half-out.png").pixels, RunCliImage(run + "/full.png", dir + "/full-out.png").pixels);
+  }
+}
+
+// --stretch-guide renders a guide of a narrow range as that guide spread
+// over 0..255.
+TEST(CliErrors, StretchGuideSpreadsANarrowGuide) {
+  const std::string dir = Scratch();
+  WriteImage(dir, "photo.png", NoisePhoto(64, 48, 4));
+  Image narrow(64, 48, 1), wide(64, 48, 1);
+  for (int y = 0; y < 48; ++y)
+    for (int x = 0; x < 64; ++x) {
+      const int v = 100 + x * 40 / 63;  // 100..140, every value in whole columns
+      *narrow.at(x, y) = static_cast<uint8_t>(v);
+      *wide.at(x, y) = static_cast<uint8_t>(std::lround(255.0 * (v - 100) / 40));
+    }
+  WriteImage(dir, "narrow.png", narrow);
+  WriteImage(dir, "wide.png", wide);
+  for (const char* command : {"focus-blur", "bokeh --amount 0"}) {
+    SCOPED_TRACE(command);
+    const std::string run = std::string(command) + " " + dir + "/photo.png --guide " + dir;
+    const Image stretched = RunCliImage(run + "/narrow.png --stretch-guide", dir + "/a.png");
+    EXPECT_EQ(stretched.pixels, RunCliImage(run + "/wide.png", dir + "/b.png").pixels);
+    EXPECT_NE(stretched.pixels, RunCliImage(run + "/narrow.png", dir + "/c.png").pixels);
   }
 }
 

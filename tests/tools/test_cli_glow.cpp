@@ -47,7 +47,7 @@ TEST(CliGlow, BlackGlowKeepsThePhotoAndAGlowBrightensIt) {
   const std::string dir = Scratch();
   const Image photo = GlowPhoto(64, 48, 1);
   const std::string in = Save(dir, "photo.png", photo);
-  CliResult r = RunCli("glow " + in + " --brightness 0 --mode addition -o " + dir + "/black.png");
+  CliResult r = RunCli("glow " + in + " --brightness 0 --blend addition -o " + dir + "/black.png");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_EQ(Load(dir + "/black.png").pixels, photo.pixels);
 
@@ -96,10 +96,10 @@ TEST(CliGlow, MaskDecidesWhereTheGlowComesFrom) {
   EXPECT_EQ(Load(dir + "/masked.png").pixels, Load(dir + "/none.png").pixels);
 }
 
-TEST(CliGlow, ModeSheetHasATileForEveryMode) {
+TEST(CliGlow, BlendSheetHasATileForEveryMode) {
   const std::string dir = Scratch();
   const std::string in = Save(dir, "photo.png", GlowPhoto(120, 80, 6));
-  const CliResult r = RunCli("glow " + in + " --mode-sheet --tile-width 60 --columns 6 -o " + dir + "/sheet.png");
+  const CliResult r = RunCli("glow " + in + " --blend-sheet --tile-width 60 --columns 6 -o " + dir + "/sheet.png");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_NE(r.output.find("all 29 blend modes"), std::string::npos) << r.output;
   // The same layout as 29 tiles of the shrunk photo (60 x 40) in six columns.
@@ -107,5 +107,5 @@ TEST(CliGlow, ModeSheetHasATileForEveryMode) {
   const Image sheet = Load(dir + "/sheet.png");
   EXPECT_EQ(sheet.width, expected.width);
   EXPECT_EQ(sheet.height, expected.height);
-  EXPECT_EQ(RunCli("glow " + in + " --mode-sheet --roi 0,0,10,10 -o " + dir + "/s2.png").exit_code, 2);
+  EXPECT_EQ(RunCli("glow " + in + " --blend-sheet --roi 0,0,10,10 -o " + dir + "/s2.png").exit_code, 2);
 }

@@ -39,7 +39,7 @@ TEST(CliLightRays, StillsAddRaysOnlyDownstream) {
   RaysFixture f;
   // Directional rays to the right: light right of the spot, none left of it.
   const Image right = RunCliImage(
-      "light-rays " + f.photo + " --mode directional --angle 0 --length 30 --softness 0 --level 1", f.dir + "/r.png");
+      "light-rays " + f.photo + " --mode directional --direction 0 --length 30 --softness 0 --brightness 1 --threshold 200 --strength 1", f.dir + "/r.png");
   ASSERT_EQ(right.width, RaysFixture::kW);
   ASSERT_EQ(right.height, RaysFixture::kH);
   EXPECT_GT(f.Added(right, RaysFixture::kSpotX + 12, RaysFixture::kSpotY), 10);
@@ -49,7 +49,7 @@ TEST(CliLightRays, StillsAddRaysOnlyDownstream) {
 
   // Radial rays from a centre left of the spot stream out to its right too.
   const Image radial = RunCliImage(
-      "light-rays " + f.photo + " --center 4,24 --length 30 --softness 0 --level 1", f.dir + "/radial.png");
+      "light-rays " + f.photo + " --center 4,24 --length 30 --softness 0 --brightness 1 --threshold 200 --strength 1", f.dir + "/radial.png");
   EXPECT_GT(f.Added(radial, RaysFixture::kSpotX + 10, RaysFixture::kSpotY), 10);
   EXPECT_EQ(f.Added(radial, RaysFixture::kSpotX - 8, RaysFixture::kSpotY), 0);
 
@@ -61,7 +61,7 @@ TEST(CliLightRays, StillsAddRaysOnlyDownstream) {
 TEST(CliLightRays, ALoopWritesEveryFrameAndAnimatesTheBeams) {
   RaysFixture f;
   const CliResult r = RunCli("light-rays " + f.photo +
-                             " --center 4,24 --frames 4 --animate-rays --animate-hue --color 0.5 -o " + f.dir +
+                             " --center 4,24 --frames 4 --sway --cycle-hue --saturation 0.5 -o " + f.dir +
                              "/frames");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_NE(r.output.find("4 frames"), std::string::npos) << r.output;
@@ -71,7 +71,7 @@ TEST(CliLightRays, ALoopWritesEveryFrameAndAnimatesTheBeams) {
   }
   EXPECT_FALSE(std::filesystem::exists(f.dir + "/frames/frame_0004.png"));
   EXPECT_NE(ReadImage(f.dir + "/frames/frame_0000.png").pixels, ReadImage(f.dir + "/frames/frame_0002.png").pixels);
-  ASSERT_EQ(RunCli("light-rays " + f.photo + " --frames 3 --animate-rays -q -o " + f.dir + "/loop.webp").output, "");
+  ASSERT_EQ(RunCli("light-rays " + f.photo + " --frames 3 --sway -q -o " + f.dir + "/loop.webp").output, "");
   EXPECT_TRUE(std::filesystem::exists(f.dir + "/loop.webp"));
   // A loop with --roi has frames of the roi's size.
   ASSERT_EQ(RunCli("light-rays " + f.photo + " --frames 2 --roi 10,20,50,30 -q -o " + f.dir + "/part").exit_code, 0);

@@ -49,8 +49,8 @@ void ExpectCropOfWhole(const std::string& args, const std::string& dir) {
 
 TEST(CliRegions, LightRaysRegionsAreCropsOfTheWhole) {
   const std::string dir = Scratch(), photo = WriteDots(dir);
-  ExpectCropOfWhole("light-rays " + photo + " --center 30,20 --threshold 200 --level 1", dir);
-  ExpectCropOfWhole("light-rays " + photo + " --mode directional --angle 30 --frames 6 --frame 2 --animate-rays", dir);
+  ExpectCropOfWhole("light-rays " + photo + " --center 30,20 --threshold 200 --brightness 1", dir);
+  ExpectCropOfWhole("light-rays " + photo + " --mode directional --direction 30 --frames 6 --frame 2 --sway", dir);
 }
 
 // Discs and glints centred just outside a region are drawn where they reach
@@ -60,7 +60,7 @@ TEST(CliRegions, BokehAndSparkleRegionsAreCropsOfTheWhole) {
   ExpectCropOfWhole("bokeh " + photo + " --amount 1 --quality-mode 0", dir);
   ExpectCropOfWhole("bokeh " + photo + " --amount 1 --quality-mode 2 --twinkle --frames 4 --frame 1", dir);
   ExpectCropOfWhole("sparkle " + photo + " --size 4", dir);
-  ExpectCropOfWhole("sparkle " + photo + " --size 4 --quality-mode 0 --rotate --frames 5 --frame 2", dir);
+  ExpectCropOfWhole("sparkle " + photo + " --size 4 --quality-mode 0 --spin --frames 5 --frame 2", dir);
 }
 
 TEST(CliRegions, RegionsMustBeWholePixelsInsideThePhoto) {

@@ -162,10 +162,10 @@ TEST(Frontend, EveryCommandRendersTheBytesTheToolWrites) {
   const Case cases[] = {
       {"focus-blur", {{"level", "80"}, {"focus", "200"}}},
       {"glitch", {{"type", "6"}, {"radius", "60"}}},
-      {"glow", {{"mode", "addition"}, {"roi", "5,4,60,40"}}},
-      {"light-rays", {{"threshold", "180"}, {"animate-rays", "1"}}, 2, 5},
+      {"glow", {{"blend", "addition"}, {"roi", "5,4,60,40"}}},
+      {"light-rays", {{"threshold", "180"}, {"sway", "1"}}, 2, 5},
       {"bokeh", {{"amount", "1"}, {"shape", "star"}, {"twinkle", "1"}}, 3, 6},
-      {"sparkle", {{"size", "3"}, {"manual-shape", "cross"}, {"rotate", "1"}}, 1, 4},
+      {"sparkle", {{"size", "3"}, {"manual-shape", "cross"}, {"spin", "1"}}, 1, 4},
       {"sparkle", {{"color", "photo"}}},
       {"animate", {{"loop-mode", "1"}}, 2, 5},
       {"disperse", {{"density", "0.8"}, {"loop", "1"}}, 3, 6},
@@ -207,7 +207,7 @@ TEST(Frontend, ASessionRenderedWithNewValuesMatchesAFreshOne) {
   } cases[] = {
       {"bokeh", "amount", "0.3", "1"},     {"bokeh", "shape", "circle", "heart"},
       {"sparkle", "shape", "star4", "cross"}, {"sparkle", "manual-shape", "star6", "star8"},
-      {"glow", "mode", "screen", "overlay"}, {"light-rays", "threshold", "240", "150"},
+      {"glow", "blend", "screen", "overlay"}, {"light-rays", "threshold", "240", "150"},
       {"disperse", "density", "0.2", "0.9"}, {"animate", "loop-mode", "2", "0"},
       {"focus-blur", "level", "10", "90"},
   };
@@ -231,18 +231,57 @@ TEST(Frontend, ValuesAreRefusedWithTheToolsWords) {
   EXPECT_EQ(glow.SetNumber("threshold", 2.5), "--threshold: '2.5' is not a whole number");
   EXPECT_EQ(glow.SetNumbers("roi", {1.5, 0, 10, 10}), "--roi: L '1.5' is not a whole number");
   EXPECT_EQ(glow.SetNumbers("roi", {0, 0, 1e20, 10}), "--roi: R 1e+20 is outside 0..1000000 pixels");
-  EXPECT_EQ(glow.Set("mode", "sparkly").rfind("--mode: unknown blend mode 'sparkly'; choose one of: 0 normal", 0), 0u);
+  EXPECT_EQ(glow.Set("blend", "sparkly").rfind("--blend: unknown blend mode 'sparkly'; choose one of: 0 normal", 0), 0u);
   // Choices by name or number agree; a refused value leaves the last good one.
-  ASSERT_EQ(glow.Set("mode", "Colour_Dodge"), "");
-  EXPECT_EQ(glow.ChoiceIndex("mode"), 18);
-  EXPECT_NE(glow.SetNumber("mode", 29), "");
-  EXPECT_EQ(glow.Text("mode"), "color-dodge");
+  ASSERT_EQ(glow.Set("blend", "Colour_Dodge"), "");
+  EXPECT_EQ(glow.ChoiceIndex("blend"), 18);
+  EXPECT_NE(glow.SetNumber("blend", 29), "");
+  EXPECT_EQ(glow.Text("blend"), "color-dodge");
   EXPECT_FALSE(glow.Has("radius"));  // automatic until given
   ASSERT_EQ(glow.SetNumber("radius", 4), "");
   EXPECT_TRUE(glow.Has("radius") && glow.Given("radius"));
   OptionValues rays(*FindCommand("light-rays"));
-  ASSERT_EQ(rays.SetFlag("animate-rays", true), "");
-  EXPECT_EQ(CheckCombination(rays, 1).message, "--animate-rays needs --frames 2 or more");
+  ASSERT_EQ(rays.SetFlag("sway", true), "");
+  EXPECT_EQ(CheckCombination(rays, 1).message, "--sway needs --frames 2 or more");
+}
+
+TEST(Frontend, FramesComeFromTheTableWhereThePictureMoves) {
+  const struct {
+    const char* command;
+    std::vector<std::pair<std::string, std::string>> settings;
+    int32_t frames;
+  } cases[] = {
+      {"bokeh", {}, 1},                       {"bokeh", {{"twinkle", "1"}}, 48},
+      {"sparkle", {{"spin", "1"}}, 48},       {"light-rays", {{"cycle-hue", "1"}}, 48},
+      {"light-rays", {{"frames", "5"}}, 5},   {"light-rays", {{"frame", "3"}}, 48},
+      {"animate", {}, 48},                    {"disperse", {}, 48},
+      {"disperse", {{"frames", "12"}}, 12},   {"glow", {}, 1},
+  };
+  for (const auto& c : cases) {
+    OptionValues v(*FindCommand(c.command));
+    for (const auto& [name, text] : c.settings) ASSERT_EQ(v.Set(name, text), "");
+    EXPECT_EQ(FrameCount(v), c.frames) << c.command << " " << c.settings.size();
+  }
+}
+
+TEST(Frontend, HelpNamesEachDefaultOnceAndEveryRangeInTheOptionsOwnUnits) {
+  for (const CommandSpec& c : Commands()) {
+    for (const OptionSpec& o : c.options) {
+      SCOPED_TRACE(c.name + " --" + o.name);
+      const std::string line = HelpLine(o);
+      EXPECT_EQ(o.help.find("default"), std::string::npos) << "the table's default field says it";
+      size_t defaults = 0;
+      for (size_t at = line.find("default"); at != std::string::npos; at = line.find("default", at + 1)) ++defaults;
+      EXPECT_LE(defaults, 1u) << line;
+      // Angles in degrees within a turn either way, hues in turns.
+      if (o.unit == "degrees" && o.kind == OptionKind::kNumber) {
+        EXPECT_TRUE(o.lo >= -360 && o.hi <= 360);
+      }
+      if (o.name.find("hue") != std::string::npos && o.kind == OptionKind::kNumber) {
+        EXPECT_EQ(o.unit, "turns");
+      }
+    }
+  }
 }
 
 TEST(Frontend, HelpListsTheTableInItsOrder) {

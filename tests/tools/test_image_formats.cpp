@@ -110,6 +110,12 @@ TEST(ImageFormats, ExifOrientationTurnsThePhotoUprightAndIsNotAppliedTwice) {
   EXPECT_NE(out.get_typeof(VIPS_META_EXIF_NAME), 0u) << "EXIF kept";
   EXPECT_TRUE(out.get_typeof(VIPS_META_ORIENTATION) == 0 || out.get_int(VIPS_META_ORIENTATION) == 1);
   ExpectPicture(ReadImage(dir + "/out.jpg"), 14, "written");
+  // An animated WebP keeps the EXIF too, upright as well.
+  ASSERT_EQ(RunCli("bokeh " + dir + "/phone.jpg --amount 0 --frames 2 -q -o " + dir + "/loop.webp").exit_code, 0);
+  const VImage loop = VImage::new_from_file((dir + "/loop.webp").c_str());
+  EXPECT_NE(loop.get_typeof(VIPS_META_EXIF_NAME), 0u) << "EXIF kept in the loop";
+  EXPECT_TRUE(loop.get_typeof(VIPS_META_ORIENTATION) == 0 || loop.get_int(VIPS_META_ORIENTATION) == 1);
+  EXPECT_EQ(loop.width(), 48);
 }
 
 TEST(ImageFormats, ProfilesAreConvertedToSrgbAndKeptUnlessStripped) {

@@ -118,12 +118,15 @@ void AddPhotoAndOutput(std::vector<OptionSpec>& t, bool animated) {
                                "folders are created"));
 }
 
-// The frames of a loop; `frames` is the command's default count.
-void AddLoop(std::vector<OptionSpec>& t, int min_frames, int frames) {
-  t.push_back(Opt("frames", K::kWhole, R::kLoop)
-                  .Range(min_frames, 1000)
-                  .Default(std::to_string(frames))
-                  .Help(min_frames == 1 ? "Frames: 1 renders a still, more a loop" : "Frames in one loop"));
+// The frames of a loop: 48 by default in every command. Where the picture
+// moves only with a loop switch (twinkle, spin, sway, cycle-hue), a render
+// with none on is one still frame unless --frames is given (FrameCount()).
+void AddLoop(std::vector<OptionSpec>& t, int min_frames) {
+  bool switches = false;
+  for (const OptionSpec& o : t) switches = switches || o.needs_loop;
+  std::string help = min_frames == 1 ? "Frames in one loop (1: a still)" : "Frames in one loop";
+  if (switches) help += "; with no loop switch on, a still unless given";
+  t.push_back(Opt("frames", K::kWhole, R::kLoop).Range(min_frames, 1000).Default("48").Help(help));
   t.push_back(Opt("frame", K::kWhole, R::kLoop)
                   .Range(0, 999)
                   .Absent("every frame")
@@ -148,12 +151,13 @@ void AddFileSettings(std::vector<OptionSpec>& t, bool animated, const std::strin
                  "JPEG colour resolution: 444 keeps one-pixel colour detail, 420 halves it for smaller files");
   c.s.role = R::kWrite;
   t.push_back(c);
-  Opt strip = Flag("strip", "Write no metadata (by default EXIF, XMP and the colour profile are kept)");
+  Opt strip = Flag("strip", "Write no metadata (otherwise EXIF, XMP and the colour profile are kept)");
   strip.s.role = R::kWrite;
   t.push_back(strip);
   t.push_back(Opt("format", K::kText, R::kWrite)
-                  .Help("With -o -: the file type to write (" + FormatList() +
-                        (animated ? "; .webp or .gif for a loop" : "") + "; default .png)"));
+                  .Absent(".png")
+                  .Help("With -o -: the file type to write (" + FormatList() + (animated ? "; .webp or .gif for a loop" : "") +
+                        ")"));
   Opt quiet = Flag("quiet", "Print nothing on success (no warnings, no progress)").Short("q");
   quiet.s.role = R::kWrite;
   t.push_back(quiet);
@@ -180,13 +184,22 @@ void AddPointsJson(std::vector<OptionSpec>& t) {
                         "-o is then optional"));
 }
 
+// Stretches a guide of a narrow range (a disparity map of 48..130) to 0..255.
+Opt StretchGuide() {
+  return Flag("stretch-guide",
+              "Stretch the guide's values to the full 0..255 before use, so a guide of a narrow range still "
+              "reaches a strong blur");
+}
+
 CommandSpec FocusBlur() {
   CommandSpec c{"focus-blur", "Blur a photo by depth: sharp at the focus value, softer further away", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, false);
   t.push_back(GrayInput("guide",
-                        "Depth or focus guide (read as gray, same size as the photo). Without it a radial guide is "
-                        "used: 255 in the centre falling to 0 in the corners, so the centre stays sharp"));
+                        "Depth or focus guide, read as gray; one of another size is resized to the photo's. Without "
+                        "it a radial guide is used: 255 in the centre falling to 0 in the corners, so the centre "
+                        "stays sharp"));
+  t.push_back(StretchGuide());
   t.push_back(Whole("level", 0, 100, "fiftieths of a percent of the shorter side", "50",
                     "Blur strength: the strong blur's sigma (100 = 2 %); the weak blur has a sixth of it"));
   t.push_back(Whole("focus", 0, 255, "", "255", "Guide value that is in focus"));
@@ -208,7 +221,8 @@ CommandSpec Glitch() {
   t.push_back(Whole("shift-x", -100, 100, "thousandths of the width", "30", "Horizontal shift of types 0-5"));
   t.push_back(Whole("shift-y", -100, 100, "thousandths of the width", "0", "Vertical shift of types 0-5"));
   t.push_back(Whole("radius", 0, 100, "thousandths of the width", "40", "Circle radius of types 6 and 7"));
-  t.push_back(Whole("angle", -100, 100, "hundredths of half a turn", "0", "Circle turn of types 6 and 7"));
+  t.push_back(Number("rotation", -360, 360, "degrees", "0",
+                     "Turn of the circle of types 6 and 7 (applied in steps of 1.8 degrees)"));
   AddSheet(t, "type-sheet", "all eight types", 4, 8);
   // One-pixel colour fringes are the point: JPEG keeps full colour resolution.
   AddFileSettings(t, false, "444");
@@ -232,24 +246,23 @@ CommandSpec Glow() {
   t.push_back(Whole("threshold", -255, 255, "", "200",
                     "Brightness 0..255 a channel must exceed to glow (negative: everything glows)"));
   t.push_back(Number("saturation", -1, 1, "", "0", "Saturation change of the glow"));
-  t.push_back(Number("color-strength", 0, 100, "", "0",
-                     "How strongly the glow is tinted with --hue (above 1 extrapolates)"));
-  t.push_back(Number("hue", 0, 1, "turns", "0", "Tint hue (0 red, 0.17 yellow, 0.33 green, 0.67 blue)"));
+  t.push_back(Number("tint", 0, 100, "", "0", "How strongly the glow takes the colour --hue (above 1 extrapolates)"));
+  t.push_back(Number("hue", 0, 1, "turns", "0", "Hue of the tint (0 red, 0.17 yellow, 0.33 green, 0.67 blue)"));
   t.push_back(Number("brightness", 0, 1, "", "1", "Final brightness of the glow (0: no glow)"));
-  t.push_back(Whole("opacity", 0, 255, "", "255", "Opacity of the glow layer"));
-  Opt mode = Choice("mode",
-                    {"normal", "darken", "multiply", "linear-burn", "lighten", "screen", "linear-dodge", "overlay",
-                     "linear-light", "difference", "exclusion", "hue", "saturation", "luminosity",
-                     "soft-light-pegtop", "hard-light", "soft-light", "color-burn", "color-dodge", "vivid-light",
-                     "pin-light", "hard-mix", "reflect", "addition", "subtraction", "divide", "darker-color",
-                     "lighter-color", "normal-alt"},
-                    "screen", "Blend mode, by name or number");
-  mode.s.choice_numbers = true;
-  mode.s.choice_noun = "blend mode";
-  t.push_back(mode);
-  t.push_back(GrayInput("mask", "Gray image of the photo's size: where it is dark, nothing glows"));
+  t.push_back(Number("opacity", 0, 1, "", "1", "Opacity of the glow layer"));
+  Opt blend = Choice("blend",
+                     {"normal", "darken", "multiply", "linear-burn", "lighten", "screen", "linear-dodge", "overlay",
+                      "linear-light", "difference", "exclusion", "hue", "saturation", "luminosity",
+                      "soft-light-pegtop", "hard-light", "soft-light", "color-burn", "color-dodge", "vivid-light",
+                      "pin-light", "hard-mix", "reflect", "addition", "subtraction", "divide", "darker-color",
+                      "lighter-color", "normal-alt"},
+                     "screen", "Blend mode of the glow over the photo, by name or number");
+  blend.s.choice_numbers = true;
+  blend.s.choice_noun = "blend mode";
+  t.push_back(blend);
+  t.push_back(GrayInput("mask", "Gray image (resized to the photo's size): where it is dark, nothing glows"));
   t.push_back(Roi());
-  AddSheet(t, "mode-sheet", "every blend mode", 6, 29);
+  AddSheet(t, "blend-sheet", "every blend mode", 6, 29);
   AddFileSettings(t, false, "420");
   return c;
 }
@@ -260,39 +273,47 @@ CommandSpec LightRays() {
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(Choice("mode", {"radial", "directional"}, "radial",
-                     "Rays fan out from --center, or all run along --angle"));
+                     "Rays fan out from --center, or all run along --direction"));
   t.push_back(Opt("center", K::kPoint)
                   .Parts({{"X", -1e6, 1e6}, {"Y", -1e6, 1e6}})
                   .Unit("pixels")
-                  .Absent("the brightest region")
+                  .Absent("the photo's brightest compact highlight")
                   .Help("Where radial rays start (may lie up to half the photo outside it)"));
-  t.push_back(Number("angle", 0, 360, "degrees", "270", "Direction of directional rays: 0 right, 90 up, 270 down"));
+  t.push_back(Number("direction", -360, 360, "degrees", "270",
+                     "Where directional rays run: 0 right, 90 up, 270 down"));
   t.push_back(Opt("length", K::kNumber)
                   .Range(0, 1e6, "pixels")
                   .Absent("a quarter of the longer side")
                   .Help("How far light travels, at most the photo's longer side"));
   t.push_back(Number("radius", 0, 1e6, "pixels", "0",
                      "Radial: only highlights this close to the centre shine (0: all)"));
-  t.push_back(Number("threshold", 0, 255, "", "200", "Lightness a pixel needs to shine (255: only white)"));
+  t.push_back(Opt("threshold", K::kNumber)
+                  .Range(0, 255)
+                  .Absent("from the photo: about its brightest 2 % shines, within 160..250")
+                  .Help("Lightness a pixel needs to shine (255: only white)"));
   t.push_back(Opt("softness", K::kNumber)
                   .Range(0, 1e6, "pixels")
                   .Absent("0.3 % of the longer side")
                   .Help("Softening of the rays, at most a 32nd of the longer side"));
-  t.push_back(Number("strength", 0, 1, "", "1", "How much of the rays is added to the photo"));
-  t.push_back(Number("level", 0, 1, "", "0.5", "Brightness of the rays: 0 as averaged, 1 up to 16 times brighter"));
-  t.push_back(Number("color", -1, 1, "", "0",
+  t.push_back(Opt("strength", K::kNumber)
+                  .Range(0, 1)
+                  .Absent("the most, up to 1, that turns at most 3 % more of the photo near-white")
+                  .Help("How much of the rays is added to the photo"));
+  t.push_back(Number("brightness", 0, 1, "", "0.5",
+                     "Brightness of the rays: 0 as averaged, 1 up to 16 times brighter"));
+  t.push_back(Number("saturation", -1, 1, "", "0",
                      "Saturation of the rays: -1 white light, 0 the sources' colour, 1 richer"));
-  t.push_back(Number("hue", -1, 1, "half turns", "0", "Turn of the rays' hue"));
+  t.push_back(Number("hue-shift", -1, 1, "turns", "0", "Turn of the rays' hue"));
   t.push_back(Opt("lampshade", K::kNumbers)
-                  .Parts({{"ANGLE", 0, 360}, {"SPREAD", 0, 180}, {"SOFTNESS", 0, 360}})
+                  .Parts({{"ANGLE", -360, 360}, {"SPREAD", 0, 180}, {"SOFTNESS", 0, 360}})
                   .Unit("degrees")
-                  .Help("Radial rays keep to a cone pointing at ANGLE, SPREAD either side, its edge fading over "
-                        "SOFTNESS"));
-  t.push_back(GrayInput("mask", "Gray image of the photo's size: where it is dark, nothing shines"));
+                  .Help("Radial rays keep to a cone pointing at ANGLE (0 right, 90 up), SPREAD either side, its edge "
+                        "fading over SOFTNESS"));
+  t.push_back(GrayInput("mask", "Gray image (resized to the photo's size): where it is dark, nothing shines"));
   t.push_back(Roi());
-  t.push_back(Flag("animate-rays", "In a loop: the beams sway").NeedsLoop());
-  t.push_back(Flag("animate-hue", "In a loop: the hue turns once around").NeedsLoop());
-  AddLoop(t, 1, 1);
+  t.push_back(Flag("sway", "The beams sway over the loop").NeedsLoop());
+  t.push_back(Flag("cycle-hue", "The rays' hue turns once around over the loop").NeedsLoop());
+  AddLoop(t, 1);
   AddFileSettings(t, true, "420");
   return c;
 }
@@ -302,25 +323,28 @@ CommandSpec Bokeh() {
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(GrayInput("guide",
-                        "Depth guide (gray, same size): values near --focus stay sharp, discs grow with the distance "
-                        "from it. Without it the whole photo is background"));
+                        "Depth guide, read as gray and resized to the photo's size: values near --focus stay sharp, "
+                        "discs grow with the distance from it. Without it a radial guide keeps the centre sharp, as "
+                        "in focus-blur"));
+  t.push_back(StretchGuide());
   t.push_back(Shape("shape", {"circle", "hexagon", "octagon", "heart", "star"}, "circle", "Disc shape"));
   t.push_back(Number("amount", 0, 1, "", "0.8", "Fraction of the light points that get a disc"));
   t.push_back(Number("size-blend", 0, 1, "", "0", "Disc size from 1x (0) to 1.5x (1)"));
   t.push_back(Number("rotation", -360, 360, "degrees", "0", "Turn of the shape"));
   t.push_back(Number("saturation", -1, 1, "", "0", "Colour strength of the discs"));
-  t.push_back(Number("hue-offset", -1, 1, "half turns", "0", "Hue turn of the discs"));
-  t.push_back(Choice("color", {"global", "photo", "random"}, "photo",
+  t.push_back(Number("hue-shift", -1, 1, "turns", "0", "Turn of the discs' hue"));
+  t.push_back(Choice("color", {"dominant", "photo", "random"}, "photo",
                      "Disc colour: the photo's dominant hue, the photo's colour at each point, or random hues"));
   t.push_back(Whole("quality-mode", 0, 3, "", "1",
                     "0 light map at full size; 1 reduced for large photos; 2 and 3 also place discs on whole pixels"));
-  t.push_back(Whole("blur-level", 0, 100, "", "100", "Background blur, as focus-blur's --level"));
+  t.push_back(Whole("level", 0, 100, "fiftieths of a percent of the shorter side", "100",
+                    "Background blur, as focus-blur's --level"));
   t.push_back(Whole("focus", 0, 255, "", "230", "Guide value that is in focus"));
   t.push_back(Whole("range", 0, 255, "", "51", "Guide distance still left sharp"));
-  t.push_back(Flag("twinkle", "Points light up and fade over the loop"));
-  t.push_back(Flag("hue-shift", "The discs' hue turns once over the loop"));
+  t.push_back(Flag("twinkle", "The points light up and fade over the loop").NeedsLoop());
+  t.push_back(Flag("cycle-hue", "The discs' hue turns once around over the loop").NeedsLoop());
   t.push_back(Roi());
-  AddLoop(t, 1, 1);
+  AddLoop(t, 1);
   AddFileSettings(t, true, "420");
   AddPointsJson(t);
   t.push_back(Opt("points-overlay", K::kText, R::kWrite)
@@ -329,7 +353,7 @@ CommandSpec Bokeh() {
 }
 
 CommandSpec Sparkle() {
-  CommandSpec c{"sparkle", "Star-like glints on bright spots and placed points, still or rotating, twinkling loop", {}};
+  CommandSpec c{"sparkle", "Star-like glints on bright spots and placed points, still or spinning, twinkling loop", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(Shape("shape", {"star4", "star6", "star8", "cross"}, "star4", "Glint shape at the bright spots"));
@@ -351,10 +375,10 @@ CommandSpec Sparkle() {
                   .Absent("2 for a still, 1 for a loop")
                   .Help("0 full-size light map; 1 reduced for large photos; 2 and 3 place glints on whole pixels "
                         "at a fixed brightness each (every glint shows)"));
-  t.push_back(Flag("rotate", "The glints turn once over the loop"));
-  t.push_back(Flag("twinkle", "Each glint flashes on quickly and fades slowly once over the loop"));
+  t.push_back(Flag("spin", "The glints turn once around over the loop").NeedsLoop());
+  t.push_back(Flag("twinkle", "Each glint flashes on quickly and fades slowly once over the loop").NeedsLoop());
   t.push_back(Roi());
-  AddLoop(t, 1, 1);
+  AddLoop(t, 1);
   AddFileSettings(t, true, "420");
   AddPointsJson(t);
   return c;
@@ -370,11 +394,11 @@ CommandSpec Animate() {
                         "[[x, y], ...]}, ...]}; types path, stroke (moves along the line) and anchor (holds a "
                         "point)"));
   t.push_back(GrayInput("still",
-                        "Mask image (same size): white parts never move. Without it nothing is held still and "
-                        "motion spreads to the corners of the photo"));
+                        "Mask image (resized to the photo's size): white parts never move. Without it nothing is "
+                        "held still and motion spreads to the corners of the photo"));
   t.push_back(Whole("loop-mode", 0, 2, "", "2",
                     "2 seamless loop (cross-fades two phases), 1 half-step blend, 0 plain drift"));
-  AddLoop(t, 2, 48);
+  AddLoop(t, 2);
   AddFileSettings(t, true, "420");
   return c;
 }
@@ -384,7 +408,9 @@ CommandSpec Disperse() {
                 {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
-  t.push_back(GrayInput("mask", "Mask image (same size): white parts are the subject that crumbles").Required());
+  t.push_back(
+      GrayInput("mask", "Mask image (resized to the photo's size): white parts are the subject that crumbles")
+          .Required());
   t.push_back(Number("direction", -360, 360, "degrees", "0", "Wind direction: 0 right, 90 up, 180 left"));
   t.push_back(Number("spread", 0, 180, "degrees", "40",
                      "How far either side of the wind particles may fly (180: every way)"));
@@ -397,7 +423,7 @@ CommandSpec Disperse() {
   t.push_back(Number("turbulence", 0, 1, "", "0.3", "How much the particles curl on their way"));
   t.push_back(Whole("seed", 0, 4294967295.0, "", "1", "Seed of the particles and the crumbling order"));
   t.push_back(Flag("loop", "Crumble over the first half and reassemble over the second, so the clip loops"));
-  AddLoop(t, 1, 48);
+  AddLoop(t, 1);
   AddFileSettings(t, true, "420");
   return c;
 }

@@ -121,10 +121,8 @@ std::string OptionValues::Parse(const OptionSpec& spec, const std::string& text,
       return problem;
     }
     case OptionKind::kChoice: {
-      const std::string folded = Folded(text);
-      for (size_t i = 0; i < spec.choices.size(); ++i) {
-        if (folded == Folded(spec.choices[i])) return CheckNumber(spec, static_cast<double>(i), out);
-      }
+      const int32_t named = ChoiceOf(spec, text);
+      if (named >= 0) return CheckNumber(spec, named, out);
       if (spec.choice_numbers && !text.empty() &&
           std::all_of(text.begin(), text.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
         if (text.size() <= 3 && CheckNumber(spec, std::atof(text.c_str()), out).empty()) return "";
@@ -173,6 +171,14 @@ std::string OptionValues::Parse(const OptionSpec& spec, const std::string& text,
       break;
   }
   return "is not set by value";
+}
+
+int32_t OptionValues::ChoiceOf(const OptionSpec& spec, const std::string& text) {
+  const std::string folded = Folded(text);
+  for (size_t i = 0; i < spec.choices.size(); ++i) {
+    if (folded == Folded(spec.choices[i])) return static_cast<int32_t>(i);
+  }
+  return -1;
 }
 
 std::string OptionValues::Check(const OptionSpec& spec, const std::string& text) {
@@ -228,6 +234,18 @@ std::string OptionValues::SetNumbers(const std::string& name, const std::vector<
 
 bool OptionValues::Has(const std::string& name) const { return Get(name).has; }
 bool OptionValues::Given(const std::string& name) const { return Get(name).given; }
+
+bool OptionValues::Changed(const std::string& name) const {
+  const size_t i = IndexOf(name);
+  const Value& v = m_values[i];
+  if (!v.given) return false;
+  const OptionSpec& spec = m_spec->options[i];
+  if (spec.kind == OptionKind::kFlag) return v.number != 0;
+  if (spec.default_text.empty()) return true;
+  Value def;
+  Parse(spec, spec.default_text, def);
+  return v.number != def.number || v.text != def.text || v.numbers != def.numbers;
+}
 double OptionValues::Number(const std::string& name) const { return Get(name).number; }
 int64_t OptionValues::Whole(const std::string& name) const { return static_cast<int64_t>(Get(name).number); }
 bool OptionValues::Flag(const std::string& name) const { return Get(name).number != 0; }

@@ -42,6 +42,10 @@ class OptionValues {
   bool Has(const std::string& name) const;
   // Whether it was set (not left at the table's default).
   bool Given(const std::string& name) const;
+  // Whether its value differs from the table's default (a switch that is on,
+  // a value given where the table has none). A front end that passes every
+  // value (GIMP's procedures) gives defaults that count as not set here.
+  bool Changed(const std::string& name) const;
 
   double Number(const std::string& name) const;
   int64_t Whole(const std::string& name) const;
@@ -58,6 +62,9 @@ class OptionValues {
   // option's name ("-3 is outside 0..8192 pixels"). The tool's parser uses it
   // to refuse a value while it reads the command line.
   static std::string Check(const OptionSpec& spec, const std::string& text);
+  // The place of the choice `text` names in a kChoice option (as Set matches
+  // names: case, '_' for '-' and "colour" folded), or -1.
+  static int32_t ChoiceOf(const OptionSpec& spec, const std::string& text);
 
  private:
   struct Value {

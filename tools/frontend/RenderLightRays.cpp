@@ -47,7 +47,7 @@ class LightRaysSession final : public PhotoSession {
     }
     if (v.Has("lampshade")) {
       const std::vector<double>& l = v.Numbers("lampshade");
-      p.lampshade_angle = static_cast<float>(l[0]);
+      p.lampshade_angle = PositiveDegrees(l[0]);
       p.lampshade_spread = static_cast<float>(l[1]);
       p.lampshade_param = static_cast<float>(l[2]);
     }
@@ -61,14 +61,16 @@ class LightRaysSession final : public PhotoSession {
     }
     if (!m_mask.empty()) p.mask = m_mask.Smart();
     p.ray_mode = v.ChoiceIndex("mode") == 1 ? Korvane::LIGHT_RAYS_DIRECTIONAL : Korvane::LIGHT_RAYS_RADIAL;
-    p.ray_angle = static_cast<float>(v.Number("angle"));
-    p.hlr_threshold = static_cast<float>(v.Number("threshold"));
-    p.blend_strength = static_cast<float>(v.Number("strength"));
-    p.ray_level = static_cast<float>(v.Number("level"));
-    p.color_param = static_cast<float>(v.Number("color"));
-    p.hue_shift = static_cast<float>(v.Number("hue"));
-    p.animate_rays = v.Flag("animate-rays");
-    p.animate_hue = v.Flag("animate-hue");
+    p.ray_angle = PositiveDegrees(v.Number("direction"));
+    if (v.Has("threshold")) p.hlr_threshold = static_cast<float>(v.Number("threshold"));
+    // Given, the strength is used as it is; left out, it is the largest up
+    // to 1 that the suggestion allows.
+    p.blend_strength = v.Has("strength") ? static_cast<float>(v.Number("strength")) : 1.0f;
+    p.ray_level = static_cast<float>(v.Number("brightness"));
+    p.color_param = static_cast<float>(v.Number("saturation"));
+    p.hue_shift = HalfTurns(v.Number("hue-shift"));
+    p.animate_rays = v.Flag("sway");
+    p.animate_hue = v.Flag("cycle-hue");
     p.smooth_fade = 1;  // rays that end without a step
     const Status s2 = Suggest(v, p);
     if (!s2.ok()) return s2;
@@ -89,10 +91,10 @@ class LightRaysSession final : public PhotoSession {
   Status Suggest(const OptionValues& v, Korvane::LightRaysParam& p) {
     uint32_t fields = 0;
     if (!v.Has("center")) fields |= Korvane::SUGGEST_CENTER;
-    if (!v.Given("threshold")) fields |= Korvane::SUGGEST_THRESHOLD;
+    if (!v.Has("threshold")) fields |= Korvane::SUGGEST_THRESHOLD;
     if (!v.Has("length")) fields |= Korvane::SUGGEST_LENGTH;
     if (!v.Has("softness")) fields |= Korvane::SUGGEST_SOFTNESS;
-    if (!v.Given("strength")) fields |= Korvane::SUGGEST_STRENGTH;
+    if (!v.Has("strength")) fields |= Korvane::SUGGEST_STRENGTH;
     const std::vector<float> key = {static_cast<float>(fields), static_cast<float>(p.center_x),
                                     static_cast<float>(p.center_y), p.hlr_threshold, p.ray_length, p.ray_softness,
                                     p.ray_radius, p.blend_strength, p.ray_level, p.color_param, p.hue_shift,

@@ -133,8 +133,14 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
   BokehSession() : LightSession("bokeh") {}
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
     ImageView shape;
-    const Status s = m_shape.Get(engine, v, inputs, shape);
-    return s.ok() ? Start(engine, Korvane::EFFECT_BOKEH, v, photo, inputs, "guide", &m_guide) : s;
+    Status s = m_shape.Get(engine, v, inputs, shape);
+    if (s.ok()) s = Start(engine, Korvane::EFFECT_BOKEH, v, photo, inputs, "guide", &m_guide);
+    if (s.ok() && m_guide.empty()) {
+      // Without a guide the centre stays sharp, as in focus blur.
+      m_radial = RadialGuide(photo.width, photo.height);
+      m_guide = m_radial.View();
+    }
+    return s;
   }
 
  protected:
@@ -147,10 +153,10 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     Korvane::BokehParam param;
     param.quality_mode = static_cast<int32_t>(v.Whole("quality-mode"));
     param.twinkle_switch = v.Flag("twinkle");
-    param.hue_shift_switch = v.Flag("hue-shift");
+    param.hue_shift_switch = v.Flag("cycle-hue");
     param.anime_frame_count = count;
     param.anime_frame_index = index;
-    param.blur_strength = static_cast<float>(v.Whole("blur-level")) / 100.0f;
+    param.blur_strength = static_cast<float>(v.Whole("level")) / 100.0f;
     param.focus_value = static_cast<float>(v.Whole("focus")) / 255.0f;
     param.focus_range = static_cast<float>(v.Whole("range")) / 255.0f;
     param.highlights_only = 1;  // discs on lights, not on texture
@@ -161,16 +167,17 @@ class BokehSession final : public LightSession<Korvane::Bokeh> {
     shape_param.size_blend = static_cast<float>(v.Number("size-blend"));
     shape_param.rotation = static_cast<float>(v.Number("rotation"));
     shape_param.saturation = static_cast<float>(v.Number("saturation"));
-    shape_param.hue_offset = static_cast<float>(v.Number("hue-offset"));
-    shape_param.color_mode = v.ChoiceIndex("color");  // global, photo, random as the library numbers them
-    Korvane::ImageBuffer in = m_photo.Buffer(), dst = out.Buffer(), guide = m_guide.Buffer();
-    const int32_t hr = m_fx->Process(&param, &shape_param, &in, m_guide.empty() ? nullptr : &guide, &dst, roi);
+    shape_param.hue_offset = HalfTurns(v.Number("hue-shift"));
+    shape_param.color_mode = v.ChoiceIndex("color");  // dominant, photo, random as the library numbers them
+    Korvane::ImageBuffer in = m_photo.Buffer(), dst = out.Buffer(), guide = StretchedGuide(v, m_guide).Buffer();
+    const int32_t hr = m_fx->Process(&param, &shape_param, &in, &guide, &dst, roi);
     Drawn(v, hr);
     return Status::Call("bokeh frame " + std::to_string(index), hr);
   }
 
  private:
   ImageView m_guide;
+  Image m_radial;
   ShapeOption m_shape{"shape", BokehShapeNamed};
 };
 
@@ -216,7 +223,7 @@ class SparkleSession final : public LightSession<Korvane::Sparkle> {
     param.quality_mode = v.Has("quality-mode") ? static_cast<int32_t>(v.Whole("quality-mode")) : 1;
     param.steady_content = 1;
     param.highlights_only = 1;
-    param.rotate = v.Flag("rotate");
+    param.rotate = v.Flag("spin");
     param.twinkle = v.Flag("twinkle");
     param.anime_frame_count = count;
     param.anime_frame_index = index;

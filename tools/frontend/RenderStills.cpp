@@ -15,20 +15,6 @@ namespace {
 
 // ---- Focus blur -------------------------------------------------------------------
 
-// Without a guide: 255 in the middle of the picture falling to 0 in the
-// corners, so the default focus keeps the centre sharp and blurs outwards.
-Image RadialGuide(int width, int height) {
-  Image g(width, height, 1);
-  const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
-  const double corner = std::hypot(cx, cy) + 1e-9;
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      const double d = std::hypot(x - cx, y - cy) / corner;
-      *g.at(x, y) = static_cast<uint8_t>(std::lround(255.0 * (1.0 - d)));
-    }
-  return g;
-}
-
 class FocusBlurSession final : public PhotoSession {
  public:
   Status Open(Engine& engine, const OptionValues& v, const ImageView& photo, const Inputs& inputs) {
@@ -46,7 +32,7 @@ class FocusBlurSession final : public PhotoSession {
   Status Draw(const OptionValues& v, int32_t, int32_t, const ImageView& out) override {
     Korvane::FocusBlurParam p;
     p.input = m_photo.Buffer();
-    p.mask = m_guide.Buffer();
+    p.mask = StretchedGuide(v, m_guide).Buffer();
     p.output = out.Buffer();
     p.blur_level = static_cast<int32_t>(v.Whole("level"));
     p.focus_value = static_cast<int32_t>(v.Whole("focus"));
@@ -89,7 +75,12 @@ class GlitchSession final : public PhotoSession {
     p.shift_x = static_cast<int32_t>(v.Whole("shift-x"));
     p.shift_y = static_cast<int32_t>(v.Whole("shift-y"));
     p.radius = static_cast<int32_t>(v.Whole("radius"));
-    p.angle = static_cast<int32_t>(v.Whole("angle"));
+    // Degrees as whole hundredths of a half turn (1.8 degrees), within half a
+    // turn either way.
+    double turn = v.Number("rotation");
+    if (turn > 180) turn -= 360;
+    if (turn <= -180) turn += 360;
+    p.angle = static_cast<int32_t>(std::lround(turn / 1.8));
     m_summary = "type " + std::to_string(p.glitch_type);
     return Status::Call("glitch", m_fx->Process(&p));
   }
@@ -129,11 +120,11 @@ class GlowSession final : public PhotoSession {
                                     : std::min(0.015f * side, static_cast<float>(side / 8));
     p.hlr_threshold = static_cast<int32_t>(v.Whole("threshold"));
     p.saturation = static_cast<float>(v.Number("saturation"));
-    p.color_strength = static_cast<float>(v.Number("color-strength"));
+    p.color_strength = static_cast<float>(v.Number("tint"));
     p.color_hue = static_cast<float>(v.Number("hue"));
     p.brightness = static_cast<float>(v.Number("brightness"));
-    p.opacity = static_cast<int32_t>(v.Whole("opacity"));
-    p.blend_mode = v.ChoiceIndex("mode");
+    p.opacity = static_cast<int32_t>(std::lround(v.Number("opacity") * 255.0));
+    p.blend_mode = v.ChoiceIndex("blend");
     // Pixels the glow leaves alone (zero opacity) keep the photo.
     for (int y = 0; y < out.height; ++y) {
       std::memcpy(out.Row(y), m_photo.At(roi.left, roi.top + y), static_cast<size_t>(out.width) * 4);
@@ -144,7 +135,7 @@ class GlowSession final : public PhotoSession {
     if (hr < 0 && hr != E_OUTOFMEMORY && (m_photo.width < 2 || m_photo.height < 2)) {
       return Status::Failed("glow failed: " + CodeText(hr) + " (the photo must be at least 2x2 pixels)", hr);
     }
-    m_summary = v.Text("mode");
+    m_summary = v.Text("blend");
     return Status::Call("glow", hr);
   }
 

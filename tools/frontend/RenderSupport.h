@@ -33,8 +33,13 @@ class PhotoSession : public Session {
   // The region of this render: --roi as it is now, which must keep the
   // size the session was opened with.
   Status Region(const OptionValues& values, Korvane::Rect& region) const;
+  // `guide` with its values stretched to 0..255 when --stretch-guide is on
+  // (made once and kept), else `guide` itself.
+  ImageView StretchedGuide(const OptionValues& values, const ImageView& guide);
 
   ImageView m_photo;
+  Image m_gray_resized;  // the gray input resized to the photo, when it had another size
+  Image m_stretched;
 };
 
 // Opens a session of class S, whose Open takes (engine, values, photo,
@@ -49,8 +54,15 @@ Status OpenAs(Engine& engine, const OptionValues& values, const ImageView& photo
 }
 
 // The input image `name` when given: a gray image of the photo's size, or
+// one of its proportions resized into `resized` (`notice` then says so), or
 // a Failed status naming it. `image` stays empty when it was not given.
-Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageView& photo, ImageView& image);
+Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageView& photo, ImageView& image,
+                   Image& resized, std::string& notice);
+
+// The guide focus blur and bokeh use when none is given: 255 in the middle
+// of the picture falling to 0 in the corners, so the default focus keeps the
+// centre sharp and blurs outwards.
+Image RadialGuide(int width, int height);
 
 // The rectangle the render covers: --roi when given (checked to lie inside
 // the photo), else the whole photo.
@@ -58,6 +70,19 @@ Status RegionOf(const OptionValues& values, const ImageView& photo, Korvane::Rec
 
 // `out` must be the session's frame size, BGRA.
 Status CheckFrame(const Session& session, const ImageView& out);
+
+// The table's units as the records' units. Each conversion gives the
+// record the same number a value in the record's own unit gave before, so
+// pixels stay as they were.
+// A hue turn (-1..1 turns) as the records' half turns (-1..1): wrapped to
+// within half a turn either way, then doubled.
+inline float HalfTurns(double turns) {
+  if (turns > 0.5) turns -= 1.0;
+  if (turns < -0.5) turns += 1.0;
+  return static_cast<float>(turns * 2.0);
+}
+// A direction of -360..360 degrees as 0..360.
+inline float PositiveDegrees(double degrees) { return static_cast<float>(degrees < 0 ? degrees + 360.0 : degrees); }
 
 // The longer side of the photo.
 inline int32_t LongerSide(const ImageView& photo) { return photo.width > photo.height ? photo.width : photo.height; }

@@ -1,8 +1,11 @@
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "RenderSupport.h"
+#include "Resize.h"
 
 namespace KorvaneFrontend {
 
@@ -86,13 +89,26 @@ Engine::Engine() {
 }
 Engine::~Engine() { DeleteKorvaneEngine(&m_engine); }
 
-Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageView& photo, ImageView& image) {
+Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageView& photo, ImageView& image,
+                   Image& resized, std::string& notice) {
   image = ImageView();
   const auto it = inputs.images.find(name);
   if (it == inputs.images.end() || it->second.empty()) return Status();
   image = it->second;
   if (image.channels != 1) return Status::Failed("{input} must be a gray image", E_INVALIDARG, name);
-  if (image.width != photo.width || image.height != photo.height) {
+  if (image.width == photo.width && image.height == photo.height) return Status();
+  // A guide or mask of the photo's proportions (a phone's depth map is
+  // smaller than its photo) is resized to it; one of other proportions
+  // belongs to another picture or is turned.
+  const double aspect = static_cast<double>(image.width) * photo.height / (static_cast<double>(image.height) * photo.width);
+  if (std::fabs(aspect - 1.0) <= 0.02) {
+    notice = "the " + name + " (" + std::to_string(image.width) + "x" + std::to_string(image.height) +
+             ") is resized to the photo's " + std::to_string(photo.width) + "x" + std::to_string(photo.height);
+    resized = Resized(image, photo.width, photo.height);
+    image = resized.View();
+    return Status();
+  }
+  {
     return Status::Failed("{input} is " + std::to_string(image.width) + "x" + std::to_string(image.height) +
                               " but the photo is " + std::to_string(photo.width) + "x" +
                               std::to_string(photo.height) + ": " + CodeText(E_INVALIDARG),
@@ -120,7 +136,9 @@ Status PhotoSession::Begin(const OptionValues& values, const ImageView& photo, c
   m_photo = photo;
   Korvane::Rect region;
   Status s = RegionOf(values, photo, region);
-  if (s.ok() && gray) s = GrayInputOf(inputs, gray_name, photo, *gray);
+  std::string notice;
+  if (s.ok() && gray) s = GrayInputOf(inputs, gray_name, photo, *gray, m_gray_resized, notice);
+  if (!notice.empty()) m_warnings.push_back(notice);
   m_width = region.right - region.left;
   m_height = region.bottom - region.top;
   return s;
@@ -134,24 +152,48 @@ Status PhotoSession::Region(const OptionValues& values, Korvane::Rect& region) c
   return s;
 }
 
+Image RadialGuide(int width, int height) {
+  Image g(width, height, 1);
+  const double cx = (width - 1) / 2.0, cy = (height - 1) / 2.0;
+  const double corner = std::hypot(cx, cy) + 1e-9;
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      const double d = std::hypot(x - cx, y - cy) / corner;
+      *g.at(x, y) = static_cast<uint8_t>(std::lround(255.0 * (1.0 - d)));
+    }
+  return g;
+}
+
+ImageView PhotoSession::StretchedGuide(const OptionValues& values, const ImageView& guide) {
+  if (guide.empty() || !values.Flag("stretch-guide")) return guide;
+  if (m_stretched.pixels.empty()) {
+    // The values between the darkest and the brightest half percent span
+    // 0..255, so a few stray pixels (a depth map's holes) do not hold the
+    // range narrow.
+    std::vector<size_t> histogram(256, 0);
+    for (int32_t y = 0; y < guide.height; ++y)
+      for (int32_t x = 0; x < guide.width; ++x) ++histogram[*guide.At(x, y)];
+    const size_t cut = static_cast<size_t>(guide.width) * guide.height / 200;
+    int lo = 0, hi = 255;
+    for (size_t below = 0; lo < 255 && below + histogram[lo] <= cut; ++lo) below += histogram[lo];
+    for (size_t above = 0; hi > 0 && above + histogram[hi] <= cut; --hi) above += histogram[hi];
+    if (hi <= lo) return guide;  // one value: nothing to stretch
+    uint8_t table[256];
+    for (int v = 0; v < 256; ++v) {
+      table[v] = static_cast<uint8_t>(std::clamp(std::lround(255.0 * (v - lo) / (hi - lo)), 0L, 255L));
+    }
+    m_stretched = Image(guide.width, guide.height, 1);
+    for (int32_t y = 0; y < guide.height; ++y)
+      for (int32_t x = 0; x < guide.width; ++x) *m_stretched.at(x, y) = table[*guide.At(x, y)];
+  }
+  return m_stretched.View();
+}
+
 Status CheckFrame(const Session& session, const ImageView& out) {
   if (out.empty() || out.channels != 4 || out.width != session.width() || out.height != session.height()) {
     return Status::Failed("the frame must be a BGRA image of " + std::to_string(session.width()) + "x" +
                               std::to_string(session.height()),
                           E_INVALIDARG);
-  }
-  return Status();
-}
-
-Status CheckCombination(const OptionValues& values, int32_t frames) {
-  if (values.spec().Find("frame") && values.Has("frame") && values.Whole("frame") >= frames) {
-    return Status::Usage("--frame " + std::to_string(values.Whole("frame")) + " is past the last frame of --frames " +
-                         std::to_string(frames));
-  }
-  for (const OptionSpec& o : values.spec().options) {
-    if (o.needs_loop && frames < 2 && values.Flag(o.name)) {
-      return Status::Usage("--" + o.name + " needs --frames 2 or more");
-    }
   }
   return Status();
 }
@@ -178,6 +220,8 @@ Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& 
   if (photo.empty() || photo.channels != 4 || photo.stride < photo.width * 4) {
     return Status::Failed("the photo must be a BGRA image", E_INVALIDARG);
   }
+  const Status used = CheckInputsUsed(values, inputs);
+  if (!used.ok()) return used;
   for (const auto& [name, open] : kOpeners) {
     if (values.spec().name != name) continue;
     try {

@@ -144,9 +144,23 @@ class Session {
 Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& photo, const Inputs& inputs,
                    std::unique_ptr<Session>& session);
 
-// The checks that need no photo (combinations of options, --frame inside
-// `frames`), for a front end that wants to refuse a command line before
-// reading any file. Render makes them too.
+// The checks OpenSession starts with that need no photo, for a front end
+// that wants to refuse a command line before reading any file: a loop switch
+// in a render of fewer than two frames, and an option set away from its
+// default where it takes no effect (--direction with radial rays, --hue of
+// glow without --tint) and a --frame past the last of `frames` are usage
+// errors. Render makes them too.
 Status CheckCombination(const OptionValues& values, int32_t frames);
+
+// The same for options that take effect only with an input beside the photo
+// (--stretch-guide without a guide); OpenSession checks it.
+Status CheckInputsUsed(const OptionValues& values, const Inputs& inputs);
+
+// How many frames a render of `values` has when the front end leaves it to
+// the table: --frames when given (or with --frame); otherwise its default
+// (48) where the picture moves, which is always in animate and disperse and
+// with a loop switch on (--twinkle, --spin, --sway, --cycle-hue) elsewhere,
+// and 1, a still, where nothing would move. 1 for the still commands.
+int32_t FrameCount(const OptionValues& values);
 
 }  // namespace KorvaneFrontend

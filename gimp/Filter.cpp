@@ -91,8 +91,11 @@ std::string CheckDrawable(gint32 drawable) {
 FrameChoice FramesOf(const OptionValues& values) {
   FrameChoice c;
   if (!values.spec().Animated()) return c;
-  c.frames = static_cast<int32_t>(values.Whole("frames"));
   c.frame = values.Has("frame") ? static_cast<int32_t>(values.Whole("frame")) : -1;
+  // GIMP passes every parameter, so --frames always looks given: without a
+  // loop switch on, the picture does not move and the filter renders a still
+  // rather than identical frame layers.
+  c.frames = PictureMoves(values) || c.frame >= 0 ? static_cast<int32_t>(values.Whole("frames")) : 1;
   return c;
 }
 

@@ -102,8 +102,9 @@
   (let* ((img (open-image "photo.png")) (d (bottom-layer img))
          (glints (add-path img '((20.5 12.5) (60.5 30.5 100.5 80.5)))))
     ; shape manual manual-shape amount size rotation saturation brightness
-    ; color quality-mode spin twinkle roi frames frame
-    (plug-in-korvane-sparkle RUN-NONINTERACTIVE img d 0 glints 3 1 3 0 0 0 0 -1 0 0 0 #() 1 -1)
+    ; color quality-mode spin twinkle roi frames frame; 48 frames without a
+    ; loop switch on still render the still into the layer
+    (plug-in-korvane-sparkle RUN-NONINTERACTIVE img d 0 glints 3 1 3 0 0 0 0 -1 0 0 0 #() 48 -1)
     (save img d "sparkle.png")))
 
 (define (case-animate)

@@ -74,16 +74,21 @@ Status CheckInputsUsed(const OptionValues& values, const Inputs& inputs) {
   return Status();
 }
 
-int32_t FrameCount(const OptionValues& values) {
+bool PictureMoves(const OptionValues& values) {
   const CommandSpec& spec = values.spec();
-  if (!spec.Animated()) return 1;
-  const int32_t frames = static_cast<int32_t>(values.Whole("frames"));
-  if (values.Given("frames") || values.Has("frame")) return frames;
+  if (!spec.Animated()) return false;
   const bool switches = std::any_of(spec.options.begin(), spec.options.end(),
                                     [](const OptionSpec& o) { return o.needs_loop; });
   const bool moving = std::any_of(spec.options.begin(), spec.options.end(),
                                   [&](const OptionSpec& o) { return o.needs_loop && values.Flag(o.name); });
-  return !switches || moving ? frames : 1;
+  return !switches || moving;
+}
+
+int32_t FrameCount(const OptionValues& values) {
+  if (!values.spec().Animated()) return 1;
+  const int32_t frames = static_cast<int32_t>(values.Whole("frames"));
+  if (values.Given("frames") || values.Has("frame")) return frames;
+  return PictureMoves(values) ? frames : 1;
 }
 
 }  // namespace KorvaneFrontend

@@ -163,4 +163,9 @@ Status CheckInputsUsed(const OptionValues& values, const Inputs& inputs);
 // and 1, a still, where nothing would move. 1 for the still commands.
 int32_t FrameCount(const OptionValues& values);
 
+// Whether the picture changes from frame to frame: always in animate and
+// disperse, elsewhere with a loop switch on. False for the still commands.
+// A front end that passes every value (GIMP) renders a still when false.
+bool PictureMoves(const OptionValues& values);
+
 }  // namespace KorvaneFrontend

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <thread>
 #include <utility>
 
 namespace KorvanePython {
@@ -41,6 +42,73 @@ struct Strided {
   const uint8_t* base;
   py::ssize_t sy, sx, sc;
   uint8_t At(py::ssize_t x, py::ssize_t y, py::ssize_t k) const { return base[y * sy + x * sx + k * sc]; }
+};
+
+// Runs rows(y0, y1) over all rows of an image, a large one in two halves
+// side by side: a 12-megapixel conversion is a pass over some 80 MB, about
+// as long as a fast effect's own work, and one core alone cannot saturate
+// the memory. Small images stay on the calling thread.
+template <class Rows>
+void OverRows(int32_t width, int32_t height, Rows rows) {
+  if (static_cast<int64_t>(width) * height < (1 << 20) || height < 2) {
+    rows(0, height);
+    return;
+  }
+  const int32_t half = height / 2;
+  std::thread other([&] { rows(half, height); });
+  rows(0, half);
+  other.join();
+}
+
+// Packed 3- or 4-channel rows (RGB order when kSwap) into BGRA.
+template <int kChannels, bool kSwap>
+void PackedToBgra(const uint8_t* base, py::ssize_t row_step, Image& out, int32_t y0, int32_t y1) {
+  for (int32_t y = y0; y < y1; ++y) {
+    const uint8_t* p = base + y * row_step;
+    uint8_t* q = out.at(0, y);
+    for (int32_t x = 0; x < out.width; ++x, p += kChannels, q += 4) {
+      q[0] = p[kSwap ? 2 : 0];
+      q[1] = p[1];
+      q[2] = p[kSwap ? 0 : 2];
+      q[3] = kChannels == 4 ? p[3] : 255;
+    }
+  }
+}
+
+// BGRA rows into packed 3- or 4-channel rows (RGB order when kSwap).
+template <int kChannels, bool kSwap>
+void BgraToPacked(const ImageView& frame, uint8_t* dst, int32_t y0, int32_t y1) {
+  for (int32_t y = y0; y < y1; ++y) {
+    const uint8_t* p = frame.Row(y);
+    uint8_t* q = dst + static_cast<size_t>(y) * frame.width * kChannels;
+    for (int32_t x = 0; x < frame.width; ++x, p += 4, q += kChannels) {
+      q[0] = p[kSwap ? 2 : 0];
+      q[1] = p[1];
+      q[2] = p[kSwap ? 0 : 2];
+      if (kChannels == 4) q[3] = p[3];
+    }
+  }
+}
+
+// The packed-pixel copy for an order: channels and whether red comes first.
+template <template <int, bool> class Pick>
+auto ForOrder(Order order) {
+  switch (order) {
+    case Order::kRGB: return &Pick<3, true>::Run;
+    case Order::kRGBA: return &Pick<4, true>::Run;
+    case Order::kBGR: return &Pick<3, false>::Run;
+    default: return &Pick<4, false>::Run;
+  }
+}
+template <int C, bool S>
+struct PackedIn {
+  static void Run(const uint8_t* base, py::ssize_t row_step, Image& out, int32_t y0, int32_t y1) {
+    PackedToBgra<C, S>(base, row_step, out, y0, y1);
+  }
+};
+template <int C, bool S>
+struct PackedOut {
+  static void Run(const ImageView& frame, uint8_t* dst, int32_t y0, int32_t y1) { BgraToPacked<C, S>(frame, dst, y0, y1); }
 };
 
 }  // namespace
@@ -97,6 +165,14 @@ PixelsIn ColorIn(const py::object& object, Order order, const std::string& what,
     return in;
   }
   in.copy = Image(w, h, 4);
+  // Pixels packed along the row (any row step): the typed copy.
+  if (!gray && src.sc == 1 && src.sx == channels) {
+    py::gil_scoped_release unlocked;
+    const auto copy = ForOrder<PackedIn>(order);
+    OverRows(w, h, [&](int32_t y0, int32_t y1) { copy(src.base, src.sy, in.copy, y0, y1); });
+    in.view = in.copy.View();
+    return in;
+  }
   {
     py::gil_scoped_release unlocked;
     // Where each of B, G, R sits among the caller's channels.
@@ -147,25 +223,17 @@ py::array_t<uint8_t> NewArray(int32_t width, int32_t height, int channels) {
 }
 
 void SwapRedBlue(const ImageView& frame) {
-  for (int32_t y = 0; y < frame.height; ++y) {
-    uint8_t* p = frame.Row(y);
-    for (int32_t x = 0; x < frame.width; ++x, p += 4) std::swap(p[0], p[2]);
-  }
+  OverRows(frame.width, frame.height, [&](int32_t y0, int32_t y1) {
+    for (int32_t y = y0; y < y1; ++y) {
+      uint8_t* p = frame.Row(y);
+      for (int32_t x = 0; x < frame.width; ++x, p += 4) std::swap(p[0], p[2]);
+    }
+  });
 }
 
 void CopyFrame(const ImageView& frame, Order order, uint8_t* dst) {
-  const int c = ChannelsOf(order);
-  const bool swap = order == Order::kRGB || order == Order::kRGBA;
-  for (int32_t y = 0; y < frame.height; ++y) {
-    const uint8_t* p = frame.Row(y);
-    uint8_t* q = dst + static_cast<size_t>(y) * frame.width * c;
-    for (int32_t x = 0; x < frame.width; ++x, p += 4, q += c) {
-      q[0] = p[swap ? 2 : 0];
-      q[1] = p[1];
-      q[2] = p[swap ? 0 : 2];
-      if (c == 4) q[3] = p[3];
-    }
-  }
+  const auto copy = ForOrder<PackedOut>(order);
+  OverRows(frame.width, frame.height, [&](int32_t y0, int32_t y1) { copy(frame, dst, y0, y1); });
 }
 
 }  // namespace KorvanePython

@@ -57,6 +57,25 @@ def test_bgra_rows_are_read_in_place_and_other_layouts_copied(photo):
     assert np.array_equal(copied.render(), korvane.glitch(photo, type=3))
 
 
+def test_large_photos_convert_in_every_order(photo):
+    # Past a megapixel the conversions run in two halves of rows.
+    big = np.tile(photo, (1 + 1000 // photo.shape[0], 1 + 1100 // photo.shape[1], 1))[:1000, :1100]
+    alpha = (np.arange(big.size // 3).reshape(big.shape[:2]) % 253).astype(np.uint8)
+    want = korvane.glitch(np.dstack([big[..., ::-1], alpha]), order="bgra", type=3)
+    cases = {
+        "rgb": (big, want[..., 2::-1]),
+        "bgr": (np.ascontiguousarray(big[..., ::-1]), want[..., :3]),
+        "rgba": (np.dstack([big, alpha]), want[..., [2, 1, 0, 3]]),
+        "rgb, padded and upside down": (padded(big)[::-1], None),
+    }
+    for name, (image, expected) in cases.items():
+        order = name.split(",")[0]
+        got = korvane.glitch(image, order=order, type=3)
+        if expected is None:
+            expected = korvane.glitch(np.ascontiguousarray(image), type=3)
+        assert np.array_equal(got, expected), name
+
+
 def test_rgba_and_bgra_orders_give_the_same_pixels(photo):
     alpha = (np.arange(photo.size // 3).reshape(photo.shape[:2]) % 251).astype(np.uint8)
     rgba = korvane.light_rays(np.dstack([photo, alpha]), threshold=100)

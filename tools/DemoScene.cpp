@@ -43,6 +43,84 @@ struct Rgb {
 };
 Rgb MixRgb(Rgb a, Rgb b, float t) { return {Mix(a.r, b.r, t), Mix(a.g, b.g, t), Mix(a.b, b.b, t)}; }
 
+// Where the scene's parts lie, in pixels of a width x height picture.
+struct Layout {
+  float W, H, horizon, sun_x, sun_y, sun_r, tower_x, tower_top, tower_base, rock_y;
+  Layout(int width, int height)
+      : W(static_cast<float>(width)), H(static_cast<float>(height)), horizon(0.56f * H), sun_x(0.26f * W),
+        sun_y(horizon - 0.07f * H), sun_r(0.045f * H), tower_x(0.68f * W), tower_top(0.2f * H),
+        tower_base(0.8f * H), rock_y(0.84f * H) {}
+};
+
+// The sky with its sun and the distant shore above the horizon, the sea
+// below it; `depth` gets the guide value there.
+Rgb Backdrop(const Layout& l, float fx, float fy, float& depth) {
+  Rgb c;
+  if (fy < l.horizon) {
+    // Sunset sky with soft clouds, and a sun near the horizon.
+    const float t = fy / l.horizon;
+    c = MixRgb({40, 60, 140}, {250, 150, 80}, std::pow(t, 1.6f));
+    const float cloud = Smooth(0.55f, 0.8f, Fbm(fx / 140.0f, fy / 50.0f)) * Smooth(0.0f, 0.3f, t) *
+                        (1.0f - Smooth(0.75f, 1.0f, t));
+    c = MixRgb(c, {255, 200, 190}, cloud * 0.8f);
+    const float d = std::hypot(fx - l.sun_x, fy - l.sun_y);
+    c = MixRgb(c, {255, 250, 225}, 1.0f - Smooth(l.sun_r * 0.9f, l.sun_r * 1.05f, d));
+    c = MixRgb(c, {255, 210, 150}, 0.5f * std::exp(-d / (l.sun_r * 2.5f)));
+    depth = 8;
+    // The distant shore: a dark strip with small bright lights.
+    const float shore = l.horizon - 0.025f * l.H * (0.6f + 0.4f * Noise(fx / 60.0f, 3.0f));
+    if (fy > shore) {
+      c = {35, 30, 45};
+      depth = 40;
+    }
+    return c;
+  }
+  // The sea: horizontal ripples catching the sky, and the sun's glitter.
+  const float t = (fy - l.horizon) / (l.H - l.horizon);
+  c = MixRgb({120, 90, 110}, {20, 50, 90}, Smooth(0.0f, 1.0f, t));
+  const float ripple = std::sin(fx / (18.0f + 30.0f * t) + 12.0f * Noise(fx / 90.0f, fy / 12.0f)) *
+                       std::sin(fy / (1.5f + 4.0f * t));
+  c = MixRgb(c, {230, 190, 170}, Clamp01(ripple) * 0.35f * (1.0f - t));
+  const float glitter = std::exp(-std::pow((fx - l.sun_x) / (40.0f + 90.0f * t), 2.0f));
+  c = MixRgb(c, {255, 220, 160}, glitter * Clamp01(ripple * 1.5f) * 0.8f);
+  depth = 60 + 120 * t;
+  return c;
+}
+
+// Small bright lights along the distant shore, and a few in the sky.
+void AddShoreLights(const Layout& l, Image& photo) {
+  for (int i = 0; i < 26; ++i) {
+    const int lx = static_cast<int>((0.04f + 0.92f * Hash(i, 7)) * l.W);
+    const int ly = static_cast<int>(l.horizon - 0.012f * l.H - 0.01f * l.H * Hash(i, 9));
+    if (std::fabs(lx - l.tower_x) < 0.06f * l.W) continue;
+    const Rgb tint = MixRgb({255, 230, 150}, {160, 220, 255}, Hash(i, 11));
+    for (int dy = -2; dy <= 2; ++dy)
+      for (int dx = -2; dx <= 2; ++dx) {
+        const int px = lx + dx, py = ly + dy;
+        if (px < 0 || py < 0 || px >= photo.width || py >= photo.height) continue;
+        const float k = std::exp(-(dx * dx + dy * dy) / 1.5f);
+        uint8_t* p = photo.at(px, py);
+        p[0] = static_cast<uint8_t>(Mix(p[0], tint.b, k));
+        p[1] = static_cast<uint8_t>(Mix(p[1], tint.g, k));
+        p[2] = static_cast<uint8_t>(Mix(p[2], tint.r, k));
+      }
+  }
+}
+
+// Flow lines: the sea runs to the right in three bands, the clouds drift;
+// anchors hold the shore and the lighthouse's surroundings in place.
+void AddFlows(const Layout& l, std::vector<KorvaneFrontend::FlowLine>& flows) {
+  const float step = l.W / 12.0f;
+  for (float band : {0.66f, 0.78f, 0.92f, 0.16f, 0.34f}) {
+    KorvaneFrontend::FlowLine f;
+    for (float x = 0.02f * l.W; x < l.W; x += step) f.points.insert(f.points.end(), {x, band * l.H});
+    flows.push_back(f);
+  }
+  for (float x = 0.05f; x < 1.0f; x += 0.15f) flows.push_back({Korvane::FLOW_ANCHOR, {x * l.W, l.horizon - 0.015f * l.H}});
+  flows.push_back({Korvane::FLOW_ANCHOR, {l.tower_x - 0.17f * l.W, l.rock_y}});
+  flows.push_back({Korvane::FLOW_ANCHOR, {l.tower_x + 0.17f * l.W, l.rock_y}});
+}
+
 }  // namespace
 
 DemoScene MakeDemoScene(int width, int height) {
@@ -52,45 +130,14 @@ DemoScene MakeDemoScene(int width, int height) {
   s.still = Image(width, height, 1);
   s.subject = Image(width, height, 1);
   s.subject_depth = 220;
-  const float W = static_cast<float>(width), H = static_cast<float>(height);
-  const float horizon = 0.56f * H;
-  const float sun_x = 0.26f * W, sun_y = horizon - 0.07f * H, sun_r = 0.045f * H;
-  const float tower_x = 0.68f * W, tower_top = 0.2f * H, tower_base = 0.8f * H;
-  const float rock_y = 0.84f * H;
+  const Layout l(width, height);
+  const float W = l.W, H = l.H, tower_x = l.tower_x, tower_top = l.tower_top, tower_base = l.tower_base;
 
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       const float fx = static_cast<float>(x), fy = static_cast<float>(y);
-      Rgb c;
       float depth;
-      if (fy < horizon) {
-        // Sunset sky with soft clouds, and a sun near the horizon.
-        const float t = fy / horizon;
-        c = MixRgb({40, 60, 140}, {250, 150, 80}, std::pow(t, 1.6f));
-        const float cloud = Smooth(0.55f, 0.8f, Fbm(fx / 140.0f, fy / 50.0f)) * Smooth(0.0f, 0.3f, t) *
-                            (1.0f - Smooth(0.75f, 1.0f, t));
-        c = MixRgb(c, {255, 200, 190}, cloud * 0.8f);
-        const float d = std::hypot(fx - sun_x, fy - sun_y);
-        c = MixRgb(c, {255, 250, 225}, 1.0f - Smooth(sun_r * 0.9f, sun_r * 1.05f, d));
-        c = MixRgb(c, {255, 210, 150}, 0.5f * std::exp(-d / (sun_r * 2.5f)));
-        depth = 8;
-        // The distant shore: a dark strip with small bright lights.
-        const float shore = horizon - 0.025f * H * (0.6f + 0.4f * Noise(fx / 60.0f, 3.0f));
-        if (fy > shore) {
-          c = {35, 30, 45};
-          depth = 40;
-        }
-      } else {
-        // The sea: horizontal ripples catching the sky, and the sun's glitter.
-        const float t = (fy - horizon) / (H - horizon);
-        c = MixRgb({120, 90, 110}, {20, 50, 90}, Smooth(0.0f, 1.0f, t));
-        const float ripple = std::sin(fx / (18.0f + 30.0f * t) + 12.0f * Noise(fx / 90.0f, fy / 12.0f)) *
-                             std::sin(fy / (1.5f + 4.0f * t));
-        c = MixRgb(c, {230, 190, 170}, Clamp01(ripple) * 0.35f * (1.0f - t));
-        const float glitter = std::exp(-std::pow((fx - sun_x) / (40.0f + 90.0f * t), 2.0f));
-        c = MixRgb(c, {255, 220, 160}, glitter * Clamp01(ripple * 1.5f) * 0.8f);
-        depth = 60 + 120 * t;
-      }
+      Rgb c = Backdrop(l, fx, fy, depth);
       // The lighthouse on its rock: the subject that stays sharp and still.
       const float tower_t = (fy - tower_top) / (tower_base - tower_top);
       const float half = (0.028f + 0.022f * Clamp01(tower_t)) * W;
@@ -106,7 +153,7 @@ DemoScene MakeDemoScene(int width, int height) {
         c = {255, 245, 200};
         subject = tower = true;
       }
-      const float rx = (fx - tower_x) / (0.16f * W), ry = (fy - rock_y) / (0.07f * H);
+      const float rx = (fx - tower_x) / (0.16f * W), ry = (fy - l.rock_y) / (0.07f * H);
       if (rx * rx + ry * ry < 1.0f + 0.25f * (Noise(fx / 20.0f, fy / 20.0f) - 0.5f) && fy > tower_base - 10) {
         const float n = Fbm(fx / 25.0f, fy / 25.0f);
         c = {60 + 50 * n, 55 + 45 * n, 50 + 40 * n};
@@ -125,39 +172,8 @@ DemoScene MakeDemoScene(int width, int height) {
       *s.subject.at(x, y) = tower ? 255 : 0;
     }
   }
-  // Small bright lights along the distant shore, and a few in the sky.
-  for (int i = 0; i < 26; ++i) {
-    const int lx = static_cast<int>((0.04f + 0.92f * Hash(i, 7)) * W);
-    const int ly = static_cast<int>(horizon - 0.012f * H - 0.01f * H * Hash(i, 9));
-    if (std::fabs(lx - tower_x) < 0.06f * W) continue;
-    const Rgb tint = MixRgb({255, 230, 150}, {160, 220, 255}, Hash(i, 11));
-    for (int dy = -2; dy <= 2; ++dy)
-      for (int dx = -2; dx <= 2; ++dx) {
-        const int px = lx + dx, py = ly + dy;
-        if (px < 0 || py < 0 || px >= width || py >= height) continue;
-        const float k = std::exp(-(dx * dx + dy * dy) / 1.5f);
-        uint8_t* p = s.photo.at(px, py);
-        p[0] = static_cast<uint8_t>(Mix(p[0], tint.b, k));
-        p[1] = static_cast<uint8_t>(Mix(p[1], tint.g, k));
-        p[2] = static_cast<uint8_t>(Mix(p[2], tint.r, k));
-      }
-  }
-  // Flow lines: the sea runs to the right in three bands, the clouds drift.
-  const float step = W / 12.0f;
-  for (float band : {0.66f, 0.78f, 0.92f}) {
-    KorvaneFrontend::FlowLine f;
-    for (float x = 0.02f * W; x < W; x += step) f.points.insert(f.points.end(), {x, band * H});
-    s.flows.push_back(f);
-  }
-  for (float band : {0.16f, 0.34f}) {
-    KorvaneFrontend::FlowLine f;
-    for (float x = 0.02f * W; x < W; x += step) f.points.insert(f.points.end(), {x, band * H});
-    s.flows.push_back(f);
-  }
-  // Anchors hold the shore and the lighthouse's surroundings in place.
-  for (float x = 0.05f; x < 1.0f; x += 0.15f) s.flows.push_back({Korvane::FLOW_ANCHOR, {x * W, horizon - 0.015f * H}});
-  s.flows.push_back({Korvane::FLOW_ANCHOR, {tower_x - 0.17f * W, rock_y}});
-  s.flows.push_back({Korvane::FLOW_ANCHOR, {tower_x + 0.17f * W, rock_y}});
+  AddShoreLights(l, s.photo);
+  AddFlows(l, s.flows);
   return s;
 }
 

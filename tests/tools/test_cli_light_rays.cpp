@@ -44,8 +44,6 @@ TEST(CliLightRays, StillsAddRaysOnlyDownstream) {
   ASSERT_EQ(right.height, RaysFixture::kH);
   EXPECT_GT(f.Added(right, RaysFixture::kSpotX + 12, RaysFixture::kSpotY), 10);
   EXPECT_EQ(f.Added(right, RaysFixture::kSpotX - 12, RaysFixture::kSpotY), 0);
-  for (int y = 0; y < RaysFixture::kH; ++y)
-    for (int x = 0; x < RaysFixture::kW; ++x) ASSERT_EQ(right.at(x, y)[3], 255) << x << "," << y;
 
   // Radial rays from a centre left of the spot stream out to its right too.
   const Image radial = RunCliImage(

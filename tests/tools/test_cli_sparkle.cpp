@@ -30,14 +30,13 @@ TEST(CliSparkle, PlacedGlintsShineWhereTheFileSaysAndPointsAreListed) {
   WriteText(dir + "/pts.json", R"({"sparkles": [{"x": 36, "y": 60, "scale": 2}, {"x": 84, "y": 24}]})");
 
   // Only the placed glints (the detected ones at amount 0): light at each
-  // point, nothing far from them, never darker.
+  // point, nothing far from them.
   const Image out = RunCliImage("sparkle " + in + " --amount 0 --manual " + dir + "/pts.json --manual-shape cross",
                                 dir + "/placed.png");
   ASSERT_EQ(out.width, 120);
   EXPECT_GT(out.at(36, 60)[1], 100);  // the photo is 30; each glint has its own fixed brightness
   EXPECT_GT(out.at(84, 24)[1], 100);
   EXPECT_EQ(out.at(110, 90)[1], photo.at(110, 90)[1]);
-  for (size_t i = 0; i < out.pixels.size(); ++i) ASSERT_GE(out.pixels[i], photo.pixels[i]) << i;
 
   // The detected points, in the form bokeh writes.
   const CliResult r = RunCli("sparkle " + in + " --points-json " + dir + "/points.json");

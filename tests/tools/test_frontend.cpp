@@ -264,26 +264,6 @@ TEST(Frontend, FramesComeFromTheTableWhereThePictureMoves) {
   }
 }
 
-TEST(Frontend, HelpNamesEachDefaultOnceAndEveryRangeInTheOptionsOwnUnits) {
-  for (const CommandSpec& c : Commands()) {
-    for (const OptionSpec& o : c.options) {
-      SCOPED_TRACE(c.name + " --" + o.name);
-      const std::string line = HelpLine(o);
-      EXPECT_EQ(o.help.find("default"), std::string::npos) << "the table's default field says it";
-      size_t defaults = 0;
-      for (size_t at = line.find("default"); at != std::string::npos; at = line.find("default", at + 1)) ++defaults;
-      EXPECT_LE(defaults, 1u) << line;
-      // Angles in degrees within a turn either way, hues in turns.
-      if (o.unit == "degrees" && o.kind == OptionKind::kNumber) {
-        EXPECT_TRUE(o.lo >= -360 && o.hi <= 360);
-      }
-      if (o.name.find("hue") != std::string::npos && o.kind == OptionKind::kNumber) {
-        EXPECT_EQ(o.unit, "turns");
-      }
-    }
-  }
-}
-
 TEST(Frontend, HelpListsTheTableInItsOrder) {
   for (const CommandSpec& c : Commands()) {
     SCOPED_TRACE(c.name);

@@ -92,14 +92,6 @@ TEST(CliBokeh, StillLoopAndOverlay) {
   EXPECT_EQ(ReadImage(dir + "/rings.png").width, 320);
 }
 
-TEST(CliBokeh, RefusesBadInput) {
-  const std::string dir = Scratch();
-  WriteLights(dir);
-  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png").exit_code, 2);  // nothing to write
-  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --shape " + dir + "/missing.png -o " + dir + "/o.png").exit_code, 1);
-  EXPECT_EQ(RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/photo.png -o " + dir + "/photo.png").exit_code, 1);
-}
-
 // Without a guide the centre stays (nearly) sharp and the edges blur, as in
 // focus-blur; the whole photo was background before.
 TEST(CliBokeh, WithoutAGuideTheCentreStaysSharp) {

@@ -50,8 +50,7 @@ TEST(CliDisperse, WritesFramesThatStartFromThePhotoAndLoops) {
 
 TEST(CliDisperse, NeedsAMask) {
   DisperseFixture f;
-  EXPECT_EQ(RunCli("disperse " + f.photo + " -o " + f.dir + "/o.webp").exit_code, 2);  // no mask
-  EXPECT_FALSE(std::filesystem::exists(f.dir + "/o.webp"));
+  ExpectFailure("disperse " + f.photo + " -o " + f.dir + "/o.webp", "--mask is required", f.dir + "/o.webp", 2);
 }
 
 }  // namespace

@@ -103,8 +103,7 @@ TEST(CliOutputs, NoOutputReplacesAnInputFrameFoldersIncluded) {
     EXPECT_EQ(ReadAll(f + "/frame_0000.png"), ReadAll(s.photo));
     EXPECT_EQ(ReadAll(f + "/frame_0001.png"), ReadAll(s.mask));
   }
-  // Still outputs that are the photo (by another path) or the mask.
-  ExpectFailure("focus-blur " + s.photo + " -o " + s.dir + "/./photo.png", "is the input file", "", 1);
+  // A still output that is the mask.
   ExpectFailure("glow " + s.photo + " --mask " + s.mask + " -o " + s.mask, "is the input file", "", 1);
 }
 
@@ -123,6 +122,8 @@ TEST(CliOutputs, EveryOutputIsCheckedBeforeAnyIsWritten) {
   EXPECT_TRUE(fs::exists(ov) && fs::exists(out) && fs::exists(s.dir + "/p.json"));
 }
 
+// Every command also refuses to run with nothing to write, to write an
+// unknown format, or to write over its photo (named by another path).
 TEST(CliOutputs, EachKindOfFailureReadsTheSameInEveryCommand) {
   const Scene s;
   const bool full = fs::exists("/dev/full");
@@ -137,6 +138,10 @@ TEST(CliOutputs, EachKindOfFailureReadsTheSameInEveryCommand) {
     if (c.name == "bokeh" || c.name == "focus-blur") twice = c.name + " - --guide -";
     if (c.name == "sparkle") twice = "sparkle - --manual -";
     ExpectFailure(twice + " -o " + s.dir + "/x.png < " + s.photo, "standard input ('-') can be read once", "", 2);
+    const std::string run = c.name + " " + s.photo + " " + still;
+    ExpectFailure(run, " -o", "", 2);  // nothing to write
+    ExpectFailure(run + " -o " + s.dir + "/x.mp4", ".mp4", s.dir + "/x.mp4", 2);
+    ExpectFailure(run + " -o " + s.dir + "/./photo.png", "is the input file", "", 1);
     if (full) {
       ExpectFailure(c.name + " " + s.photo + " " + still + " -o " + s.dir + "/full.png", "full.png: cannot write (No space left on device)", "", 1);
     }

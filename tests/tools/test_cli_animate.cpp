@@ -89,11 +89,11 @@ void ReadAnimation(const std::string& path, int& pages, int& height, std::vector
   delays = v.get_array_int("delay");
 }
 
-TEST(CliAnimate, WritesLoopingGifWithEvenFrameTimesAndAnimatedWebP) {
+TEST(CliAnimate, WritesLoopingGifWithEvenFrameTimes) {
   AnimateFixture fx;
   // 24 fps cannot be shown exactly in hundredths of a second: every frame
   // takes 40 ms, none 50.
-  CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.gif") + " --frames 6 --fps 24");
+  const CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.gif") + " --frames 6 --fps 24");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   int pages = 0, height = 0;
   std::vector<int> delays;
@@ -102,21 +102,6 @@ TEST(CliAnimate, WritesLoopingGifWithEvenFrameTimesAndAnimatedWebP) {
   EXPECT_EQ(height, 40);
   EXPECT_EQ(delays, std::vector<int>(6, 40));
   EXPECT_NE(ReadAll(fx.dir + "/loop.gif").find("NETSCAPE2.0"), std::string::npos) << "loops forever";
-  // The frames are the photo's colours: the first frame is close to it.
-  const Image first = ReadImage(fx.dir + "/loop.gif");
-  ASSERT_EQ(first.width, 64);
-  double err = 0;
-  for (size_t i = 0; i < first.pixels.size(); ++i) err += std::abs(first.pixels[i] - fx.img.pixels[i]);
-  EXPECT_LT(err / first.pixels.size(), 12.0);
-
-  r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.webp") + " --frames 4");
-  ASSERT_EQ(r.exit_code, 0) << r.output;
-  const std::string webp = ReadAll(fx.dir + "/loop.webp");
-  ASSERT_GT(webp.size(), 12u);
-  EXPECT_EQ(webp.substr(0, 4), "RIFF");
-  EXPECT_EQ(webp.substr(8, 4), "WEBP");
-  EXPECT_NE(webp.find("ANIM"), std::string::npos);
-  EXPECT_NE(webp.find("ANMF"), std::string::npos);
 }
 
 TEST(CliAnimate, MalformedFlowFilesNameTheProblem) {

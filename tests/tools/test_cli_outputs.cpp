@@ -63,7 +63,7 @@ std::string Still(const Command& c) {
 
 }  // namespace
 
-TEST(CliOutputs, EveryCommandWritesStandardOutputAndBatches) {
+TEST(CliOutputs, EveryCommandWritesStandardOutputBatchesAndFrameFolders) {
   const Scene s;
   WriteImage(s.dir, "second.png", ReadImage(s.photo));
   for (const Command& c : EveryCommand(s)) {
@@ -77,6 +77,13 @@ TEST(CliOutputs, EveryCommandWritesStandardOutputAndBatches) {
     ASSERT_EQ(batch.exit_code, 0) << batch.output;
     EXPECT_EQ(ReadImage(s.dir + "/" + c.name + "/second.jpg").width, 48);
     if (!c.animated) continue;
+    // A loop into a folder: one PNG per frame, and no more.
+    const std::string folder = s.dir + "/loop-" + c.name;
+    const CliResult frames = RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 3 -o " + folder);
+    ASSERT_EQ(frames.exit_code, 0) << frames.output;
+    EXPECT_NE(frames.output.find("PNG sequence, 3 frames"), std::string::npos) << frames.output;
+    EXPECT_EQ(ReadImage(folder + "/frame_0002.png").width, 48);
+    EXPECT_FALSE(fs::exists(folder + "/frame_0003.png"));
     // A loop to standard output as a WebP (frames that do not change are
     // stored once).
     ASSERT_EQ(RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 2 -q -o - --format webp > " + s.dir +

@@ -263,23 +263,3 @@ TEST(Frontend, FramesComeFromTheTableWhereThePictureMoves) {
     EXPECT_EQ(FrameCount(v), c.frames) << c.command << " " << c.settings.size();
   }
 }
-
-TEST(Frontend, HelpListsTheTableInItsOrder) {
-  for (const CommandSpec& c : Commands()) {
-    SCOPED_TRACE(c.name);
-    FILE* pipe = popen(("\"" + std::string(KORVANE_CLI) + "\" " + c.name + " --help").c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string help;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) help.append(buf, n);
-    pclose(pipe);
-    size_t at = 0;
-    for (const OptionSpec& o : c.options) {
-      if (o.kind == OptionKind::kPhotos) continue;
-      const size_t found = help.find("--" + o.name + " ", at);
-      ASSERT_NE(found, std::string::npos) << o.name << " missing or out of order";
-      EXPECT_NE(help.find(HelpLine(o), found), std::string::npos) << o.name;
-      at = found;
-    }
-  }
-}

@@ -41,6 +41,12 @@ inline std::string ReadAll(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
+// Writes `bytes` as the whole file at `path` and returns the path.
+inline std::string WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+  return path;
+}
+
 // A fresh, empty folder named after the running test.
 inline std::string Scratch() {
   const auto* info = testing::UnitTest::GetInstance()->current_test_info();

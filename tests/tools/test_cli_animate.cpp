@@ -4,8 +4,6 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "ImageIO.h"
@@ -37,15 +35,11 @@ struct AnimateFixture {
     still = dir + "/still.png";
     EXPECT_TRUE(SaveImage(photo, img, 100, err)) << err;
     EXPECT_TRUE(SaveImage(still, mask, 100, err)) << err;
-    flows = Write("flows.json",
-                  R"({"flows": [
-                    {"type": "path", "points": [[2, 10], [12, 10], [22, 11], [32, 10]]},
-                    {"type": "stroke", "points": [[2, 30], [30, 31]]},
-                    {"type": "anchor", "points": [[40, 20]]}]})");
-  }
-  std::string Write(const std::string& name, const std::string& text) const {
-    std::ofstream(dir + "/" + name) << text;
-    return dir + "/" + name;
+    flows = WriteFile(dir + "/flows.json",
+                      R"({"flows": [
+                        {"type": "path", "points": [[2, 10], [12, 10], [22, 11], [32, 10]]},
+                        {"type": "stroke", "points": [[2, 30], [30, 31]]},
+                        {"type": "anchor", "points": [[40, 20]]}]})");
   }
   std::string Args(const std::string& flow_file, const std::string& out) const {
     return "animate \"" + photo + "\" --flows \"" + flow_file + "\" --still \"" + still + "\" -o \"" + out + "\"";
@@ -121,7 +115,7 @@ TEST(CliAnimate, MalformedFlowFilesNameTheProblem) {
       {"{\"flows\": [{\"type\": \"\xc3\xa9t\xc3\xa9\", \"points\": [[1, 2], [3, 4]]}]}", "flows[0].type is \"??t??\""},
   };
   for (const auto& c : cases) {
-    const std::string file = fx.Write("bad.json", c.text);
+    const std::string file = WriteFile(fx.dir + "/bad.json", c.text);
     const CliResult r = RunCli(fx.Args(file, fx.dir + "/out.webp"));
     EXPECT_NE(r.exit_code, 0) << c.text;
     EXPECT_NE(r.output.find(c.message), std::string::npos) << c.text << "\n" << r.output;
@@ -133,8 +127,8 @@ TEST(CliAnimate, MalformedFlowFilesNameTheProblem) {
 
 TEST(CliAnimate, WarnsAboutFlowsThatCannotMoveAnythingAndCleansTheFrameFolder) {
   AnimateFixture fx;
-  const std::string empty = fx.Write("empty.json", R"({"flows": []})");
-  const std::string outside = fx.Write("outside.json", R"({"flows": [{"type": "path", "points": [[500, 500], [900, 600]]}]})");
+  const std::string empty = WriteFile(fx.dir + "/empty.json", R"({"flows": []})");
+  const std::string outside = WriteFile(fx.dir + "/outside.json", R"({"flows": [{"type": "path", "points": [[500, 500], [900, 600]]}]})");
   CliResult r = RunCli(fx.Args(empty, fx.dir + "/new/a.webp") + " --frames 2");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_NE(r.output.find("warning: the flow file has no flows"), std::string::npos) << r.output;
@@ -144,8 +138,8 @@ TEST(CliAnimate, WarnsAboutFlowsThatCannotMoveAnythingAndCleansTheFrameFolder) {
   EXPECT_NE(r.output.find("warning: no --still mask"), std::string::npos) << r.output;
 
   std::filesystem::create_directories(fx.dir + "/frames");
-  std::ofstream(fx.dir + "/frames/frame_0099.png") << "old";
-  std::ofstream(fx.dir + "/frames/notes.txt") << "mine";
+  WriteFile(fx.dir + "/frames/frame_0099.png", "old");
+  WriteFile(fx.dir + "/frames/notes.txt", "mine");
   ASSERT_EQ(RunCli(fx.Args(fx.flows, fx.dir + "/frames") + " --frames 3 -q").exit_code, 0);
   EXPECT_FALSE(std::filesystem::exists(fx.dir + "/frames/frame_0099.png"));
   EXPECT_TRUE(std::filesystem::exists(fx.dir + "/frames/frame_0002.png"));

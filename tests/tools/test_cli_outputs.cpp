@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -33,8 +31,7 @@ struct Scene {
       for (int x = 16; x < 32; ++x) *m.at(x, y) = 255;
     photo = WriteImage(dir, "photo.png", img);
     mask = WriteImage(dir, "mask.png", m);
-    flows = dir + "/flows.json";
-    std::ofstream(flows) << R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})";
+    flows = WriteFile(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})");
   }
 };
 

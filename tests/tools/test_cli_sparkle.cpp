@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "tools/ToolTestSupport.h"
@@ -21,13 +20,11 @@ Image DotsPhoto(int w, int h) {
   return img;
 }
 
-void WriteText(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
-
 TEST(CliSparkle, PlacedGlintsShineWhereTheFileSaysAndPointsAreListed) {
   const std::string dir = Scratch();
   const Image photo = DotsPhoto(120, 96);
   const std::string in = WriteImage(dir, "photo.png", photo);
-  WriteText(dir + "/pts.json", R"({"sparkles": [{"x": 36, "y": 60, "scale": 2}, {"x": 84, "y": 24}]})");
+  WriteFile(dir + "/pts.json", R"({"sparkles": [{"x": 36, "y": 60, "scale": 2}, {"x": 84, "y": 24}]})");
 
   // Only the placed glints (the detected ones at amount 0): light at each
   // point, nothing far from them.
@@ -54,22 +51,22 @@ TEST(CliSparkle, BadInputsFailWithAReason) {
   const std::string in = WriteImage(dir, "photo.png", DotsPhoto(40, 30));
   const std::string out = " -o " + dir + "/o.png";
   CliResult r;
-  WriteText(dir + "/bad.json", R"({"sparkles": [{"x": 3, "y": "a"}]})");
+  WriteFile(dir + "/bad.json", R"({"sparkles": [{"x": 3, "y": "a"}]})");
   r = RunCli("sparkle " + in + " --manual " + dir + "/bad.json" + out);
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.output.find("sparkles[0]"), std::string::npos) << r.output;
-  WriteText(dir + "/big.json", R"({"sparkles": [{"x": 3, "y": 4, "scale": 7}]})");
+  WriteFile(dir + "/big.json", R"({"sparkles": [{"x": 3, "y": 4, "scale": 7}]})");
   EXPECT_EQ(RunCli("sparkle " + in + " --manual " + dir + "/big.json" + out).exit_code, 1);
   // Positions far outside the photo are refused by name before they become
   // the library's floats.
   for (const std::string x : {"1e10", "1e300", "-0.5", "40"}) {
-    WriteText(dir + "/far.json", R"({"sparkles": [{"x": 3, "y": 4}, {"x": )" + x + R"(, "y": 4}]})");
+    WriteFile(dir + "/far.json", R"({"sparkles": [{"x": 3, "y": 4}, {"x": )" + x + R"(, "y": 4}]})");
     r = RunCli("sparkle " + in + " --manual " + dir + "/far.json" + out);
     EXPECT_EQ(r.exit_code, 1) << x;
     EXPECT_EQ(r.output.rfind("korvane: manual " + dir + "/far.json: sparkles[1] at ", 0), 0u) << r.output;
     EXPECT_NE(r.output.find("lies outside the 40x30 photo\n"), std::string::npos) << r.output;
   }
-  WriteText(dir + "/ok.json", R"({"sparkles": [{"x": 3, "y": 4}]})");
+  WriteFile(dir + "/ok.json", R"({"sparkles": [{"x": 3, "y": 4}]})");
   r = RunCli("sparkle " + in + " --manual " + dir + "/ok.json --manual-shape " + in + out);  // 40 x 30 shape
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.output.find("200x200"), std::string::npos) << r.output;

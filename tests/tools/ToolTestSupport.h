@@ -65,6 +65,22 @@ inline KorvaneTool::Image NoisePhoto(int w, int h, uint32_t seed) {
   return img;
 }
 
+// A dark, opaque photo with small bright dots (every 9th column of every 7th
+// row, and one by the bottom-right corner): light points for rays, discs and
+// glints, some near every edge so shapes centred outside a region reach into it.
+inline KorvaneTool::Image DotsPhoto(int w, int h) {
+  KorvaneTool::Image img(w, h, 4, 255);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = img.at(x, y);
+      const bool dot = (x % 9 == 2 && y % 7 == 3) || (x == w - 2 && y == h - 2);
+      p[0] = static_cast<uint8_t>(dot ? 240 : 25 + (x + 2 * y) % 11);
+      p[1] = static_cast<uint8_t>(dot ? 250 : 20);
+      p[2] = static_cast<uint8_t>(dot ? 255 : 30);
+    }
+  return img;
+}
+
 // Writes `img` as dir/name (PNG or JPEG by the extension) and returns the path.
 inline std::string WriteImage(const std::string& dir, const std::string& name, const KorvaneTool::Image& img) {
   std::string err;

@@ -19,17 +19,10 @@ namespace {
 struct Scene {
   std::string dir, photo, mask, flows;
   Scene() : dir(Scratch()) {
-    Image img(48, 32, 4, 255);
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 48; ++x) {
-        uint8_t* p = img.at(x, y);
-        const bool dot = x % 12 == 6 && y % 10 == 5;
-        p[0] = p[1] = p[2] = static_cast<uint8_t>(dot ? 250 : 30 + (x * 7 + y * 3) % 20);
-      }
     Image m(48, 32, 1, 0);
     for (int y = 8; y < 24; ++y)
       for (int x = 16; x < 32; ++x) *m.at(x, y) = 255;
-    photo = WriteImage(dir, "photo.png", img);
+    photo = WriteImage(dir, "photo.png", DotsPhoto(48, 32));
     mask = WriteImage(dir, "mask.png", m);
     flows = WriteFile(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})");
   }

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -10,27 +9,9 @@
 using namespace KorvaneTool;
 using namespace KorvaneToolTest;
 
-namespace {
-
-// Dark noise with a few bright blocks that glow; opaque.
-Image GlowPhoto(int w, int h, uint32_t seed) {
-  Image img(w, h, 4);
-  std::mt19937 rng(seed);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      uint8_t* p = img.at(x, y);
-      const bool bright = (x / 8 + y / 8) % 4 == 0;
-      for (int c = 0; c < 3; ++c) p[c] = static_cast<uint8_t>(bright ? 200 + rng() % 56 : rng() % 90);
-      p[3] = 255;
-    }
-  return img;
-}
-
-}  // namespace
-
 TEST(CliGlow, BlackGlowKeepsThePhotoAndTheDefaultBlendIsNamed) {
   const std::string dir = Scratch();
-  const Image photo = GlowPhoto(64, 48, 1);
+  const Image photo = DotsPhoto(64, 48);
   const std::string in = WriteImage(dir, "photo.png", photo);
   CliResult r = RunCli("glow " + in + " --brightness 0 --blend addition -o " + dir + "/black.png");
   ASSERT_EQ(r.exit_code, 0) << r.output;
@@ -44,7 +25,7 @@ TEST(CliGlow, BlackGlowKeepsThePhotoAndTheDefaultBlendIsNamed) {
 
 TEST(CliGlow, RoiWritesJustThatRectangle) {
   const std::string dir = Scratch();
-  const std::string in = WriteImage(dir, "photo.png", GlowPhoto(50, 40, 3));
+  const std::string in = WriteImage(dir, "photo.png", DotsPhoto(50, 40));
   ASSERT_EQ(RunCli("glow " + in + " -o " + dir + "/whole.png").exit_code, 0);
   const CliResult r = RunCli("glow " + in + " --roi 10,5,42,33 -o " + dir + "/part.png");
   ASSERT_EQ(r.exit_code, 0) << r.output;
@@ -66,7 +47,7 @@ TEST(CliGlow, RoiWritesJustThatRectangle) {
 
 TEST(CliGlow, MaskDecidesWhereTheGlowComesFrom) {
   const std::string dir = Scratch();
-  const std::string in = WriteImage(dir, "photo.png", GlowPhoto(48, 32, 4));
+  const std::string in = WriteImage(dir, "photo.png", DotsPhoto(48, 32));
   const std::string black = WriteImage(dir, "black.png", Image(48, 32, 1, 0));
   ASSERT_EQ(RunCli("glow " + in + " --mask " + black + " -o " + dir + "/masked.png").exit_code, 0);
   ASSERT_EQ(RunCli("glow " + in + " --threshold 255 -o " + dir + "/none.png").exit_code, 0);
@@ -75,7 +56,7 @@ TEST(CliGlow, MaskDecidesWhereTheGlowComesFrom) {
 
 TEST(CliGlow, BlendSheetHasATileForEveryMode) {
   const std::string dir = Scratch();
-  const std::string in = WriteImage(dir, "photo.png", GlowPhoto(120, 80, 6));
+  const std::string in = WriteImage(dir, "photo.png", DotsPhoto(120, 80));
   const CliResult r = RunCli("glow " + in + " --blend-sheet --tile-width 60 --columns 6 -o " + dir + "/sheet.png");
   ASSERT_EQ(r.exit_code, 0) << r.output;
   EXPECT_NE(r.output.find("all 29 blend modes"), std::string::npos) << r.output;

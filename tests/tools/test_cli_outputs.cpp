@@ -14,20 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A dark photo with bright dots (light points for bokeh and sparkle), a
-// subject mask and a flow file, in a scratch folder.
-struct Scene {
-  std::string dir, photo, mask, flows;
-  Scene() : dir(Scratch()) {
-    Image m(48, 32, 1, 0);
-    for (int y = 8; y < 24; ++y)
-      for (int x = 16; x < 32; ++x) *m.at(x, y) = 255;
-    photo = WriteImage(dir, "photo.png", DotsPhoto(48, 32));
-    mask = WriteImage(dir, "mask.png", m);
-    flows = WriteFile(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})");
-  }
-};
-
 struct Command {
   std::string name;
   std::string inputs;  // what it needs beside the photo

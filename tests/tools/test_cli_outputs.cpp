@@ -1,7 +1,7 @@
 // What every command that renders photos shares, checked for each of them:
-// pipes and batches, outputs checked before anything is written, no output
-// replacing an input (frame folders included), and one message per kind of
-// failure.
+// pipes, batches and frame folders, outputs checked before anything is
+// written, no output replacing an input (frame folders included), and one
+// message per kind of failure.
 #include <gtest/gtest.h>
 
 #include <filesystem>

@@ -21,10 +21,12 @@ struct CliResult {
   std::string output;  // stdout and stderr together
 };
 
-// Runs `korvane <args>` through the shell and captures what it printed.
-inline CliResult RunCli(const std::string& args) {
+// Runs `korvane <args>` through the shell, after the shell commands in
+// `before` (a resource limit), and captures what it printed. The exit code is
+// -1 when a signal ended it.
+inline CliResult RunCli(const std::string& args, const std::string& before = "") {
   CliResult r;
-  const std::string cmd = std::string("\"") + KORVANE_CLI + "\" " + args + " 2>&1";
+  const std::string cmd = before + "\"" + KORVANE_CLI + "\" " + args + " 2>&1";
   FILE* pipe = popen(cmd.c_str(), "r");
   if (!pipe) return r;
   char buf[4096];

@@ -43,10 +43,7 @@ TEST(CliBokeh, PointsJsonListsTheDetectedPoints) {
       RunCli("bokeh " + dir + "/photo.png --guide " + dir + "/depth.png --amount 1 --twinkle --frames 24 --points-json " +
              dir + "/points.json");
   ASSERT_EQ(r.exit_code, 0) << r.output;
-  std::vector<uint8_t> bytes;
-  std::string error;
-  ASSERT_TRUE(ReadWholeFile(dir + "/points.json", bytes, error)) << error;
-  const auto doc = nlohmann::json::parse(bytes.begin(), bytes.end());
+  const auto doc = nlohmann::json::parse(ReadAll(dir + "/points.json"));
   EXPECT_EQ(doc["width"], 640);
   EXPECT_EQ(doc["height"], 400);
   ASSERT_GE(doc["points"].size(), 4u);

@@ -206,17 +206,10 @@ TEST(CliErrors, RunningOutOfMemoryIsOneLine) {
       .cast(VIPS_FORMAT_UCHAR)
       .write_to_file((dir + "/big.png").c_str(), vips::VImage::option()->set("compression", 1));
   for (const auto& [command, limit] : {std::pair<const char*, int>{"glow", 400000}, {"bokeh", 1100000}}) {
-    const std::string cmd = "ulimit -v " + std::to_string(limit) + "; \"" + std::string(KORVANE_CLI) + "\" " + command +
-                            " " + dir + "/big.png -o " + dir + "/out.png 2>&1";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string text;
-    char buf[512];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) text.append(buf, n);
-    const int status = pclose(pipe);
-    ASSERT_TRUE(WIFEXITED(status)) << "killed by a signal: " << text;
-    EXPECT_EQ(WEXITSTATUS(status), 1) << text;
-    EXPECT_EQ(text, "korvane: " + dir + "/big.png: out of memory\n") << command;
+    const CliResult r = RunCli(std::string(command) + " " + dir + "/big.png -o " + dir + "/out.png",
+                               "ulimit -v " + std::to_string(limit) + "; ");
+    EXPECT_EQ(r.exit_code, 1) << "-1 is a signal: " << r.output;
+    EXPECT_EQ(r.output, "korvane: " + dir + "/big.png: out of memory\n") << command;
     EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
   }
 }

@@ -28,8 +28,7 @@ TEST(CliSparkle, PlacedGlintsShineWhereTheFileSaysAndPointsAreListed) {
   // The detected points, in the form bokeh writes.
   const CliResult r = RunCli("sparkle " + in + " --points-json " + dir + "/points.json");
   ASSERT_EQ(r.exit_code, 0) << r.output;
-  std::ifstream f(dir + "/points.json");
-  const nlohmann::json doc = nlohmann::json::parse(f);
+  const nlohmann::json doc = nlohmann::json::parse(ReadAll(dir + "/points.json"));
   EXPECT_EQ(doc["width"], 640);
   EXPECT_EQ(doc["height"], 512);
   ASSERT_GE(doc["points"].size(), 20u);  // 5 x 4 dots

@@ -21,10 +21,12 @@ struct CliResult {
   std::string output;  // stdout and stderr together
 };
 
-// Runs `korvane <args>` through the shell and captures what it printed.
-inline CliResult RunCli(const std::string& args) {
+// Runs `korvane <args>` through the shell, after the shell commands in
+// `before` (a resource limit), and captures what it printed. The exit code is
+// -1 when a signal ended it.
+inline CliResult RunCli(const std::string& args, const std::string& before = "") {
   CliResult r;
-  const std::string cmd = std::string("\"") + KORVANE_CLI + "\" " + args + " 2>&1";
+  const std::string cmd = before + "\"" + KORVANE_CLI + "\" " + args + " 2>&1";
   FILE* pipe = popen(cmd.c_str(), "r");
   if (!pipe) return r;
   char buf[4096];
@@ -39,6 +41,12 @@ inline CliResult RunCli(const std::string& args) {
 inline std::string ReadAll(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+// Writes `bytes` as the whole file at `path` and returns the path.
+inline std::string WriteFile(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+  return path;
 }
 
 // A fresh, empty folder named after the running test.
@@ -56,6 +64,22 @@ inline KorvaneTool::Image NoisePhoto(int w, int h, uint32_t seed) {
   KorvaneTool::Image img(w, h, 4);
   std::mt19937 rng(seed);
   for (uint8_t& v : img.pixels) v = static_cast<uint8_t>(rng());
+  return img;
+}
+
+// A dark, opaque photo with small bright dots (every 9th column of every 7th
+// row, and one by the bottom-right corner): light points for rays, discs and
+// glints, some near every edge so shapes centred outside a region reach into it.
+inline KorvaneTool::Image DotsPhoto(int w, int h) {
+  KorvaneTool::Image img(w, h, 4, 255);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = img.at(x, y);
+      const bool dot = (x % 9 == 2 && y % 7 == 3) || (x == w - 2 && y == h - 2);
+      p[0] = static_cast<uint8_t>(dot ? 240 : 25 + (x + 2 * y) % 11);
+      p[1] = static_cast<uint8_t>(dot ? 250 : 20);
+      p[2] = static_cast<uint8_t>(dot ? 255 : 30);
+    }
   return img;
 }
 
@@ -96,5 +120,19 @@ inline KorvaneTool::Image RunCliImage(const std::string& args, const std::string
   EXPECT_EQ(r.exit_code, 0) << r.output;
   return r.exit_code == 0 ? ReadImage(output) : KorvaneTool::Image();
 }
+
+// A dark photo with bright dots (light points for bokeh and sparkle), a
+// subject mask and a flow file, in a scratch folder.
+struct Scene {
+  std::string dir, photo, mask, flows;
+  Scene() : dir(Scratch()) {
+    KorvaneTool::Image m(48, 32, 1, 0);
+    for (int y = 8; y < 24; ++y)
+      for (int x = 16; x < 32; ++x) *m.at(x, y) = 255;
+    photo = WriteImage(dir, "photo.png", DotsPhoto(48, 32));
+    mask = WriteImage(dir, "mask.png", m);
+    flows = WriteFile(dir + "/flows.json", R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})");
+  }
+};
 
 }  // namespace KorvaneToolTest

@@ -2,11 +2,10 @@
 // exit code, library result codes by name, and no output written.
 #include <gtest/gtest.h>
 #include <vips/vips8>
+#include <zlib.h>
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -27,13 +26,14 @@ TEST(CliErrors, MissingUnreadableAndUnsupportedFilesAreNamed) {
   WritePhoto(dir, "photo.png", 20, 10);
   const std::string out = dir + "/out.png";
   ExpectFailure("focus-blur " + dir + "/missing.png -o " + out, "missing.png: no such file", out);
-  std::ofstream(dir + "/text.png") << "not an image at all";
+  WriteFile(dir + "/text.png", "not an image at all");
   ExpectFailure("focus-blur " + dir + "/text.png -o " + out, "text.png: unsupported image", out);
-  std::ofstream(dir + "/cut.png", std::ios::binary) << std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16);
+  WriteFile(dir + "/cut.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16));
   ExpectFailure("focus-blur " + dir + "/cut.png -o " + out, "cut.png", out);
-  std::ofstream(dir + "/empty.jpg");
+  WriteFile(dir + "/empty.jpg", "");
   ExpectFailure("focus-blur " + dir + "/empty.jpg -o " + out, "empty.jpg", out);
   ExpectFailure("focus-blur " + dir + "/photo.png --guide " + dir + "/nope.png -o " + out, "nope.png", out);
+  ExpectFailure("bokeh " + dir + "/photo.png --shape " + dir + "/nope.png -o " + out, "nope.png", out);
   ExpectFailure("focus-blur " + dir + "/photo.png -o " + dir + "/out.bmp", "out.bmp", dir + "/out.bmp", 2);
 }
 
@@ -47,7 +47,7 @@ TEST(CliErrors, InputsOfAnotherSizeAreResizedWhenTheirProportionsFit) {
   WritePhoto(dir, "turned.png", 10, 20);
   WriteImage(dir, "half.png", Image(10, 5, 1, 200));
   WriteImage(dir, "full.png", Image(20, 10, 1, 200));
-  std::ofstream(dir + "/flows.json") << R"({"flows": [{"type": "anchor", "points": [[2, 2]]}]})";
+  WriteFile(dir + "/flows.json", R"({"flows": [{"type": "anchor", "points": [[2, 2]]}]})");
   const std::pair<std::string, std::string> cases[] = {
       {"focus-blur", "guide"}, {"bokeh", "guide"}, {"glow", "mask"}, {"light-rays", "mask"},
       {"disperse", "mask"},    {"animate", "still"}};
@@ -100,18 +100,14 @@ TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
     std::string args, message;
   } cases[] = {
       {base + "--level 101", "--level: 101 is outside 0..100 fiftieths of a percent of the shorter side"},
-      {base + "--focus 256", "--focus: 256 is outside 0..255"},
-      {base + "--quality 0", "--quality: 0 is outside 1..100"},
       {base + "--level 12abc", "--level: '12abc' is not a number"},
       {base + "--level 1.5", "--level: '1.5' is not a whole number"},
       {base + "--focus 99999999999999", "--focus: 99999999999999 is outside"},
       {glow + "--radius -3", "--radius: -3 is outside 0..8192 pixels"},
       {glow + "--radius nan", "--radius: 'nan' is not a finite number"},
-      {glow + "--intensity nan", "--intensity: 'nan' is not a finite number"},
       {glow + "--chroma 422", "--chroma: '422' is not one of 420, 444"},
       {base + "--format bmp", "--format: 'bmp' is not a format"},
       {base + "--levle 3", "unknown option --levle; did you mean --level?"},
-      {"focus-blur " + dir + "/photo.png", "--output"},
       {"glwo " + dir + "/photo.png", "unknown command 'glwo'; did you mean glow?"},
   };
   for (const auto& c : cases) {
@@ -122,21 +118,12 @@ TEST(CliErrors, OptionValuesOutsideTheTableAreUsageErrors) {
 
 namespace {
 
-uint32_t Crc32(const std::string& bytes) {
-  uint32_t crc = 0xFFFFFFFFu;
-  for (unsigned char c : bytes) {
-    crc ^= c;
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-  }
-  return ~crc;
-}
-
 std::string Be32(uint32_t v) {
   return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
 }
 
 std::string Chunk(const std::string& type_and_data) {
-  return Be32(static_cast<uint32_t>(type_and_data.size() - 4)) + type_and_data + Be32(Crc32(type_and_data));
+  return Be32(static_cast<uint32_t>(type_and_data.size() - 4)) + type_and_data + Be32(crc32(0, reinterpret_cast<const Bytef*>(type_and_data.data()), type_and_data.size()));
 }
 
 // A PNG of a few dozen bytes whose valid header claims w x h.
@@ -162,21 +149,17 @@ std::string GifWithFrame(uint16_t sw, uint16_t sh, uint16_t x, uint16_t y, uint1
          Le16(x) + Le16(y) + Le16(w) + Le16(h) + std::string("\x00\x02\x02\x44\x01\x00\x3b", 7);
 }
 
-void WriteBytes(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
 }  // namespace
 
 TEST(CliErrors, HostileFilesGiveOneLineAndWriteNothing) {
   const std::string dir = Scratch();
   WritePhoto(dir, "photo.png", 16, 12);
   const std::string photo = dir + "/photo.png", out = dir + "/out.png";
-  WriteBytes(dir + "/huge.png", PngHeaderOnly(16384, 16384));
-  WriteBytes(dir + "/scans.jpg", JpegWithScans(300));
+  WriteFile(dir + "/huge.png", PngHeaderOnly(16384, 16384));
+  WriteFile(dir + "/scans.jpg", JpegWithScans(300));
   // Found by fuzzing: a few dozen bytes that cost 10-25 s of decoding.
-  WriteBytes(dir + "/far.gif", GifWithFrame(1, 1, 5000, 4000, 5000, 5000));
-  WriteBytes(dir + "/big-number.json", R"({"flows": [{"type": "path", "points": [[1e400, 5], [3, 4]]}]})");
+  WriteFile(dir + "/far.gif", GifWithFrame(1, 1, 5000, 4000, 5000, 5000));
+  WriteFile(dir + "/big-number.json", R"({"flows": [{"type": "path", "points": [[1e400, 5], [3, 4]]}]})");
   std::filesystem::create_directories(dir + "/folder");
   const std::string anim = "animate " + photo + " --flows " + dir + "/big-number.json -o " + out;
   const struct {
@@ -205,10 +188,9 @@ TEST(CliErrors, AFailedRenderKeepsTheOldFile) {
   const std::string dir = Scratch();
   WritePhoto(dir, "photo.png", 16, 12);
   // A render that fails leaves an earlier output as it was.
-  WriteBytes(dir + "/out.png", "earlier");
+  WriteFile(dir + "/out.png", "earlier");
   ExpectFailure("glow " + dir + "/photo.png --radius 5 -o " + dir + "/out.png", "--radius 5");
-  std::ifstream f(dir + "/out.png");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(f), {}), "earlier");
+  EXPECT_EQ(ReadAll(dir + "/out.png"), "earlier");
 }
 
 TEST(CliErrors, RunningOutOfMemoryIsOneLine) {
@@ -224,17 +206,10 @@ TEST(CliErrors, RunningOutOfMemoryIsOneLine) {
       .cast(VIPS_FORMAT_UCHAR)
       .write_to_file((dir + "/big.png").c_str(), vips::VImage::option()->set("compression", 1));
   for (const auto& [command, limit] : {std::pair<const char*, int>{"glow", 400000}, {"bokeh", 1100000}}) {
-    const std::string cmd = "ulimit -v " + std::to_string(limit) + "; \"" + std::string(KORVANE_CLI) + "\" " + command +
-                            " " + dir + "/big.png -o " + dir + "/out.png 2>&1";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string text;
-    char buf[512];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) text.append(buf, n);
-    const int status = pclose(pipe);
-    ASSERT_TRUE(WIFEXITED(status)) << "killed by a signal: " << text;
-    EXPECT_EQ(WEXITSTATUS(status), 1) << text;
-    EXPECT_EQ(text, "korvane: " + dir + "/big.png: out of memory\n") << command;
+    const CliResult r = RunCli(std::string(command) + " " + dir + "/big.png -o " + dir + "/out.png",
+                               "ulimit -v " + std::to_string(limit) + "; ");
+    EXPECT_EQ(r.exit_code, 1) << "-1 is a signal: " << r.output;
+    EXPECT_EQ(r.output, "korvane: " + dir + "/big.png: out of memory\n") << command;
     EXPECT_FALSE(std::filesystem::exists(dir + "/out.png"));
   }
 }

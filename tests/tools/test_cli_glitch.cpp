@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
 
 #include "SheetLayout.h"
@@ -27,18 +26,6 @@ TEST(CliGlitch, RendersOneTypeWithTheLibrarysScaling) {
     EXPECT_EQ(out.at(x, 3)[0], photo.at(x + 10, 3)[0]);
     EXPECT_EQ(out.at(x, 3)[2], photo.at(x, 3)[2]);
   }
-}
-
-TEST(CliGlitch, BadSettingsFailWithOneLineNamingTheCode) {
-  const std::string dir = Scratch();
-  const std::string in = WriteImage(dir, "photo.png", NoisePhoto(20, 10, 3));
-  CliResult r = RunCli("glitch " + in + " --shift-x 150 -o " + dir + "/o.png");
-  EXPECT_EQ(r.exit_code, 2);
-  EXPECT_NE(r.output.find("--shift-x: 150 is outside -100..100 thousandths of the width"), std::string::npos)
-      << r.output;
-  EXPECT_EQ(r.output.find('\n'), r.output.size() - 1) << r.output;
-  EXPECT_FALSE(std::filesystem::exists(dir + "/o.png"));
-
 }
 
 TEST(SheetLayout, SheetHoldsEveryTileUntouched) {

@@ -1,12 +1,10 @@
 // What every command that renders photos shares, checked for each of them:
-// pipes and batches, outputs checked before anything is written, no output
-// replacing an input (frame folders included), and one message per kind of
-// failure.
+// pipes, batches and frame folders, outputs checked before anything is
+// written, no output replacing an input (frame folders included), and one
+// message per kind of failure.
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -15,28 +13,6 @@ using namespace KorvaneToolTest;
 namespace fs = std::filesystem;
 
 namespace {
-
-// A dark photo with bright dots (light points for bokeh and sparkle), a
-// subject mask and a flow file, in a scratch folder.
-struct Scene {
-  std::string dir, photo, mask, flows;
-  Scene() : dir(Scratch()) {
-    Image img(48, 32, 4, 255);
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 48; ++x) {
-        uint8_t* p = img.at(x, y);
-        const bool dot = x % 12 == 6 && y % 10 == 5;
-        p[0] = p[1] = p[2] = static_cast<uint8_t>(dot ? 250 : 30 + (x * 7 + y * 3) % 20);
-      }
-    Image m(48, 32, 1, 0);
-    for (int y = 8; y < 24; ++y)
-      for (int x = 16; x < 32; ++x) *m.at(x, y) = 255;
-    photo = WriteImage(dir, "photo.png", img);
-    mask = WriteImage(dir, "mask.png", m);
-    flows = dir + "/flows.json";
-    std::ofstream(flows) << R"({"flows": [{"type": "path", "points": [[4, 4], [20, 6], [40, 8]]}]})";
-  }
-};
 
 struct Command {
   std::string name;
@@ -63,7 +39,7 @@ std::string Still(const Command& c) {
 
 }  // namespace
 
-TEST(CliOutputs, EveryCommandWritesStandardOutputAndBatches) {
+TEST(CliOutputs, EveryCommandWritesStandardOutputBatchesAndFrameFolders) {
   const Scene s;
   WriteImage(s.dir, "second.png", ReadImage(s.photo));
   for (const Command& c : EveryCommand(s)) {
@@ -77,6 +53,13 @@ TEST(CliOutputs, EveryCommandWritesStandardOutputAndBatches) {
     ASSERT_EQ(batch.exit_code, 0) << batch.output;
     EXPECT_EQ(ReadImage(s.dir + "/" + c.name + "/second.jpg").width, 48);
     if (!c.animated) continue;
+    // A loop into a folder: one PNG per frame, and no more.
+    const std::string folder = s.dir + "/loop-" + c.name;
+    const CliResult frames = RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 3 -o " + folder);
+    ASSERT_EQ(frames.exit_code, 0) << frames.output;
+    EXPECT_NE(frames.output.find("PNG sequence, 3 frames"), std::string::npos) << frames.output;
+    EXPECT_EQ(ReadImage(folder + "/frame_0002.png").width, 48);
+    EXPECT_FALSE(fs::exists(folder + "/frame_0003.png"));
     // A loop to standard output as a WebP (frames that do not change are
     // stored once).
     ASSERT_EQ(RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 2 -q -o - --format webp > " + s.dir +
@@ -103,8 +86,7 @@ TEST(CliOutputs, NoOutputReplacesAnInputFrameFoldersIncluded) {
     EXPECT_EQ(ReadAll(f + "/frame_0000.png"), ReadAll(s.photo));
     EXPECT_EQ(ReadAll(f + "/frame_0001.png"), ReadAll(s.mask));
   }
-  // Still outputs that are the photo (by another path) or the mask.
-  ExpectFailure("focus-blur " + s.photo + " -o " + s.dir + "/./photo.png", "is the input file", "", 1);
+  // A still output that is the mask.
   ExpectFailure("glow " + s.photo + " --mask " + s.mask + " -o " + s.mask, "is the input file", "", 1);
 }
 
@@ -123,6 +105,8 @@ TEST(CliOutputs, EveryOutputIsCheckedBeforeAnyIsWritten) {
   EXPECT_TRUE(fs::exists(ov) && fs::exists(out) && fs::exists(s.dir + "/p.json"));
 }
 
+// Every command also refuses to run with nothing to write, to write an
+// unknown format, or to write over its photo (named by another path).
 TEST(CliOutputs, EachKindOfFailureReadsTheSameInEveryCommand) {
   const Scene s;
   const bool full = fs::exists("/dev/full");
@@ -137,6 +121,10 @@ TEST(CliOutputs, EachKindOfFailureReadsTheSameInEveryCommand) {
     if (c.name == "bokeh" || c.name == "focus-blur") twice = c.name + " - --guide -";
     if (c.name == "sparkle") twice = "sparkle - --manual -";
     ExpectFailure(twice + " -o " + s.dir + "/x.png < " + s.photo, "standard input ('-') can be read once", "", 2);
+    const std::string run = c.name + " " + s.photo + " " + still;
+    ExpectFailure(run, " -o", "", 2);  // nothing to write
+    ExpectFailure(run + " -o " + s.dir + "/x.mp4", ".mp4", s.dir + "/x.mp4", 2);
+    ExpectFailure(run + " -o " + s.dir + "/./photo.png", "is the input file", "", 1);
     if (full) {
       ExpectFailure(c.name + " " + s.photo + " " + still + " -o " + s.dir + "/full.png", "full.png: cannot write (No space left on device)", "", 1);
     }

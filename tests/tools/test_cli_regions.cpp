@@ -10,20 +10,7 @@ using namespace KorvaneToolTest;
 
 namespace {
 
-// A dark photo with bright dots near every edge, so shapes centred outside
-// a region reach into it.
-std::string WriteDots(const std::string& dir) {
-  Image img(64, 48, 4, 255);
-  for (int y = 0; y < 48; ++y)
-    for (int x = 0; x < 64; ++x) {
-      uint8_t* p = img.at(x, y);
-      const bool dot = (x % 9 == 2 && y % 7 == 3) || (x == 62 && y == 46);
-      p[0] = static_cast<uint8_t>(dot ? 240 : 25 + (x + 2 * y) % 11);
-      p[1] = static_cast<uint8_t>(dot ? 250 : 20);
-      p[2] = static_cast<uint8_t>(dot ? 255 : 30);
-    }
-  return WriteImage(dir, "dots.png", img);
-}
+std::string WriteDots(const std::string& dir) { return WriteImage(dir, "dots.png", DotsPhoto(64, 48)); }
 
 void ExpectCropOfWhole(const std::string& args, const std::string& dir) {
   const Image whole = RunCliImage(args, dir + "/whole.png");

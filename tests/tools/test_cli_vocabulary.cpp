@@ -14,20 +14,7 @@ using namespace KorvaneToolTest;
 
 namespace {
 
-// A small coloured photo with a bright spot: rays, discs and glints have
-// something to start from.
-std::string WritePhoto(const std::string& dir) {
-  Image img(48, 32, 4, 255);
-  for (int y = 0; y < 32; ++y)
-    for (int x = 0; x < 48; ++x) {
-      uint8_t* p = img.at(x, y);
-      const bool spot = std::abs(x - 30) < 3 && std::abs(y - 12) < 3;
-      p[0] = static_cast<uint8_t>(spot ? 250 : 40 + x);
-      p[1] = static_cast<uint8_t>(spot ? 240 : 90 + y);
-      p[2] = static_cast<uint8_t>(spot ? 200 : 150);
-    }
-  return WriteImage(dir, "photo.png", img);
-}
+std::string WritePhoto(const std::string& dir) { return WriteImage(dir, "photo.png", DotsPhoto(48, 32)); }
 
 }  // namespace
 

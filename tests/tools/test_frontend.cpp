@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -261,45 +261,5 @@ TEST(Frontend, FramesComeFromTheTableWhereThePictureMoves) {
     OptionValues v(*FindCommand(c.command));
     for (const auto& [name, text] : c.settings) ASSERT_EQ(v.Set(name, text), "");
     EXPECT_EQ(FrameCount(v), c.frames) << c.command << " " << c.settings.size();
-  }
-}
-
-TEST(Frontend, HelpNamesEachDefaultOnceAndEveryRangeInTheOptionsOwnUnits) {
-  for (const CommandSpec& c : Commands()) {
-    for (const OptionSpec& o : c.options) {
-      SCOPED_TRACE(c.name + " --" + o.name);
-      const std::string line = HelpLine(o);
-      EXPECT_EQ(o.help.find("default"), std::string::npos) << "the table's default field says it";
-      size_t defaults = 0;
-      for (size_t at = line.find("default"); at != std::string::npos; at = line.find("default", at + 1)) ++defaults;
-      EXPECT_LE(defaults, 1u) << line;
-      // Angles in degrees within a turn either way, hues in turns.
-      if (o.unit == "degrees" && o.kind == OptionKind::kNumber) {
-        EXPECT_TRUE(o.lo >= -360 && o.hi <= 360);
-      }
-      if (o.name.find("hue") != std::string::npos && o.kind == OptionKind::kNumber) {
-        EXPECT_EQ(o.unit, "turns");
-      }
-    }
-  }
-}
-
-TEST(Frontend, HelpListsTheTableInItsOrder) {
-  for (const CommandSpec& c : Commands()) {
-    SCOPED_TRACE(c.name);
-    FILE* pipe = popen(("\"" + std::string(KORVANE_CLI) + "\" " + c.name + " --help").c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string help;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe)) > 0;) help.append(buf, n);
-    pclose(pipe);
-    size_t at = 0;
-    for (const OptionSpec& o : c.options) {
-      if (o.kind == OptionKind::kPhotos) continue;
-      const size_t found = help.find("--" + o.name + " ", at);
-      ASSERT_NE(found, std::string::npos) << o.name << " missing or out of order";
-      EXPECT_NE(help.find(HelpLine(o), found), std::string::npos) << o.name;
-      at = found;
-    }
   }
 }

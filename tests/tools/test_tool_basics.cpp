@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -35,23 +33,15 @@ TEST(Cli, InfoDescribesTheMachine) {
 }
 
 TEST(Cli, BareHelpAndUnknownCommands) {
-  // Bare, "help" and "--help" list every command with its line and the exit codes.
-  for (const char* args : {"", "help", "--help"}) {
+  // Bare, "help", "--help" and a command's --help succeed and give the exit codes.
+  for (const char* args : {"", "help", "--help", "glow --help"}) {
     const CliResult r = RunCli(args);
     EXPECT_EQ(r.exit_code, 0) << args;
-    for (const char* s : {"animate", "demo", "focus-blur", "glitch", "glow", "info", "Exit status: 0 success, 1"}) {
-      EXPECT_NE(r.output.find(s), std::string::npos) << args << ": " << s;
-    }
+    EXPECT_NE(r.output.find("Exit status"), std::string::npos) << args;
   }
-  CliResult r = RunCli("no-such-command");
+  const CliResult r = RunCli("no-such-command");
   EXPECT_EQ(r.exit_code, 2);
   EXPECT_NE(r.output.find("unknown command 'no-such-command'; 'korvane help'"), std::string::npos) << r.output;
-  r = RunCli("glitc x.png");
-  EXPECT_EQ(r.exit_code, 2);
-  EXPECT_NE(r.output.find("did you mean glitch"), std::string::npos) << r.output;
-  r = RunCli("glow --help");
-  EXPECT_EQ(r.exit_code, 0);
-  EXPECT_NE(r.output.find("Exit status"), std::string::npos);
 }
 
 TEST(Cli, DemoRendersTheSceneAndEachEffectIntoTheFolder) {
@@ -64,8 +54,7 @@ TEST(Cli, DemoRendersTheSceneAndEachEffectIntoTheFolder) {
   EXPECT_NE(r.output.find("focus-blur.png"), std::string::npos) << r.output;
   // What the animation uses, for a newcomer to copy.
   EXPECT_EQ(ReadImage(dir + "/out/scene-still.png").width, 160);
-  std::ifstream flows(dir + "/out/animation-flows.json");
-  const std::string text((std::istreambuf_iterator<char>(flows)), {});
+  const std::string text = ReadAll(dir + "/out/animation-flows.json");
   EXPECT_NE(text.find("\"flows\""), std::string::npos);
   EXPECT_NE(text.find("\"anchor\""), std::string::npos);
   for (const char* name : {"focus-blur.png", "glitch-split.png", "glitch-circle.png"}) {
@@ -79,7 +68,7 @@ TEST(Cli, BatchNamesEachOutputAndReportsTheBadFile) {
   const std::string dir = Scratch();
   WriteImage(dir, "a.png", NoisePhoto(20, 16, 1));
   WriteImage(dir, "c.jpg", NoisePhoto(24, 16, 2));
-  std::ofstream(dir + "/b.png") << "not a picture";
+  WriteFile(dir + "/b.png", "not a picture");
   const CliResult r = RunCli("glitch " + dir + "/a.png " + dir + "/b.png " + dir + "/c.jpg -o " + dir +
                              "/out/{name}-{ext}.png");
   EXPECT_EQ(r.exit_code, 1) << r.output;

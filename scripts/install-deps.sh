@@ -23,7 +23,7 @@ fi
 if [ "${1:-all}" = "all" ]; then
   packages+=(
     python3-pytest                                   # the Python package's tests
-    libgtest-dev libbenchmark-dev                    # tests and benchmarks
+    libgtest-dev libbenchmark-dev zlib1g-dev         # tests and benchmarks (zlib: checksums of made-up PNG files)
     libopencv-dev libcgal-dev                        # peers in benchmarks and cross-checks only
     clang libfuzzer-14-dev libclang-rt-14-dev        # fuzz targets (libFuzzer, sanitizers)
   )

@@ -43,12 +43,9 @@ int PlanOutput(const std::string& option, const std::string& path, const std::st
     return Usage(option + " " + out.Name() + ": a loop of " + std::to_string(choice.frames) + " frames is written to " +
                  loops + "; --frame I writes one of them as a still");
   }
-  if (animated) {
-    return Usage("cannot write ." + ext + ": name an image (" + WritableFormatList() + ") for a still, or " + loops +
-                 " for a loop");
-  }
+  // One message for every command; the animated ones also name the loops.
   return Usage("output " + path + ": unsupported type '" + (ext.empty() ? "" : "." + ext) + "' (use " +
-               WritableFormatList() + ")");
+               WritableFormatList() + (animated ? " for a still, or " + loops + " for a loop" : "") + ")");
 }
 
 namespace {

@@ -93,7 +93,7 @@ TEST(CliOutputs, NoOutputReplacesAnInputFrameFoldersIncluded) {
 TEST(CliOutputs, EveryOutputIsCheckedBeforeAnyIsWritten) {
   const Scene s;
   const std::string bokeh = "bokeh " + s.photo + " ", out = s.dir + "/out.png", ov = s.dir + "/ov.png";
-  ExpectFailure(bokeh + "--points-overlay " + ov + " -o " + s.dir + "/bad.bmp", "cannot write .bmp", "", 2);
+  ExpectFailure(bokeh + "--points-overlay " + ov + " -o " + s.dir + "/bad.bmp", "unsupported type '.bmp'", "", 2);
   ExpectFailure(bokeh + "--points-overlay " + out + " -o " + out, "-o and --points-overlay both write", "", 2);
   ExpectFailure("sparkle " + s.photo + " --points-json " + out + " -o " + out, "both write", "", 2);
   ExpectFailure(bokeh + "--points-overlay " + s.photo + " -o " + out, "is the input file", "", 1);
@@ -123,7 +123,7 @@ TEST(CliOutputs, EachKindOfFailureReadsTheSameInEveryCommand) {
     ExpectFailure(twice + " -o " + s.dir + "/x.png < " + s.photo, "standard input ('-') can be read once", "", 2);
     const std::string run = c.name + " " + s.photo + " " + still;
     ExpectFailure(run, " -o", "", 2);  // nothing to write
-    ExpectFailure(run + " -o " + s.dir + "/x.mp4", ".mp4", s.dir + "/x.mp4", 2);
+    ExpectFailure(run + " -o " + s.dir + "/x.mp4", "x.mp4: unsupported type '.mp4' (use ", s.dir + "/x.mp4", 2);
     ExpectFailure(run + " -o " + s.dir + "/./photo.png", "is the input file", "", 1);
     if (full) {
       ExpectFailure(c.name + " " + s.photo + " " + still + " -o " + s.dir + "/full.png", "full.png: cannot write (No space left on device)", "", 1);

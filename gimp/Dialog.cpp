@@ -14,7 +14,7 @@ namespace KorvaneGimp {
 
 using KorvaneFrontend::Image;
 using KorvaneFrontend::OptionKind;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 
 namespace {
 
@@ -23,7 +23,7 @@ class Dialog;
 // One option's control: what sets the option's value from the widgets.
 struct Control {
   Dialog* dialog = nullptr;
-  const OptionSpec* option = nullptr;
+  const OptionDef* option = nullptr;
   GtkObject* scale = nullptr;         // numbers: the scale entry's adjustment
   GtkWidget* combo = nullptr;         // choices: the index is the choice's number
   GtkWidget* check = nullptr;         // switches
@@ -104,7 +104,7 @@ gboolean OfThisImage(gint32 image, gint32, gpointer data) {
 
 void Dialog::Take(Control& c) {
   KorvaneFrontend::OptionValues& v = m_request.values;
-  const OptionSpec& o = *c.option;
+  const OptionDef& o = *c.option;
   std::string problem;
   gint index = 0;
   if (!c.Given()) {
@@ -153,7 +153,7 @@ void Dialog::AddToggle(GtkTable* table, int row, Control& c, bool given) {
 }
 
 void Dialog::AddNumber(GtkTable* table, int row, Control& c) {
-  const OptionSpec& o = *c.option;
+  const OptionDef& o = *c.option;
   const KorvaneFrontend::Image& photo = m_session.photo();
   // A slider over millions of steps is of no use: lengths in pixels reach to
   // the layer's longer side and other wide ranges to a thousand; the number
@@ -178,7 +178,7 @@ void Dialog::AddNumber(GtkTable* table, int row, Control& c) {
 // A spin button per number: a point starts at the layer's centre, a
 // rectangle as the whole layer, other lists at the middle of each range.
 void Dialog::AddList(GtkTable* table, int row, Control& c) {
-  const OptionSpec& o = *c.option;
+  const OptionDef& o = *c.option;
   const Image& photo = m_session.photo();
   const bool given = m_request.values.Has(o.name);
   std::vector<double> start;
@@ -203,7 +203,7 @@ void Dialog::AddList(GtkTable* table, int row, Control& c) {
 }
 
 void Dialog::AddChoice(GtkTable* table, int row, Control& c) {
-  const OptionSpec& o = *c.option;
+  const OptionDef& o = *c.option;
   std::vector<std::string> names;
   for (const std::string& choice : o.choices) names.push_back(Label(choice, ""));
   std::vector<const gchar*> labels;
@@ -218,7 +218,7 @@ void Dialog::AddChoice(GtkTable* table, int row, Control& c) {
 // Layers and channels of the image and its selection for a gray input, the
 // image's paths for flow lines and glints; "None" unless the input is needed.
 void Dialog::AddItem(GtkTable* table, int row, Control& c) {
-  const OptionSpec& o = *c.option;
+  const OptionDef& o = *c.option;
   const bool drawable = o.kind == OptionKind::kImage;
   GtkWidget* combo = drawable ? gimp_drawable_combo_box_new(OfThisImage, this)
                               : gimp_vectors_combo_box_new(OfThisImage, this);
@@ -235,7 +235,7 @@ void Dialog::AddItem(GtkTable* table, int row, Control& c) {
 }
 
 GtkWidget* Dialog::BuildControls() {
-  const std::vector<Param> params = ProcedureParams(m_request.values.spec());
+  const std::vector<Param> params = ProcedureParams(m_request.values.cmd());
   GtkWidget* table = gtk_table_new(static_cast<guint>(params.size()), 4, FALSE);
   gtk_table_set_col_spacings(GTK_TABLE(table), 6);
   gtk_table_set_row_spacings(GTK_TABLE(table), 4);
@@ -326,9 +326,9 @@ void Dialog::Draw(GimpPreview* preview) {
 
 bool Dialog::Run() {
   gimp_ui_init("korvane-gimp", FALSE);
-  const std::string title = "Korvane " + MenuLabel(m_request.values.spec());
+  const std::string title = "Korvane " + MenuLabel(m_request.values.cmd());
   GtkWidget* dialog = gimp_dialog_new(title.c_str(), "korvane-gimp", nullptr, GtkDialogFlags(0),
-                                      gimp_standard_help_func, ProcedureName(m_request.values.spec()).c_str(),
+                                      gimp_standard_help_func, ProcedureName(m_request.values.cmd()).c_str(),
                                       "_Cancel", GTK_RESPONSE_CANCEL, "_OK", GTK_RESPONSE_OK, nullptr);
   gtk_dialog_set_alternative_button_order(GTK_DIALOG(dialog), GTK_RESPONSE_OK, GTK_RESPONSE_CANCEL, -1);
   gimp_window_set_transient(GTK_WINDOW(dialog));

@@ -19,8 +19,8 @@ std::string MessageOf(const Status& status, const Request& request) {
 
 // The frame rate of the layer names: the tool's default, as nothing else
 // here plays the loop.
-int32_t FrameRate(const KorvaneFrontend::CommandSpec& spec) {
-  const KorvaneFrontend::OptionSpec* fps = spec.Find("fps");
+int32_t FrameRate(const KorvaneFrontend::CommandDef& cmd) {
+  const KorvaneFrontend::OptionDef* fps = cmd.Find("fps");
   return fps ? std::atoi(fps->default_text.c_str()) : 24;
 }
 
@@ -61,7 +61,7 @@ std::string RenderFrameLayers(LayerSession& session, gint32 image, gint32 layer,
                               const FrameChoice& choice) {
   const gint32 parent = gimp_item_get_parent(layer);
   const gint position = gimp_image_get_item_position(image, layer);
-  const int32_t fps = FrameRate(request.values.spec());
+  const int32_t fps = FrameRate(request.values.cmd());
   gint32 x = 0, y = 0;
   FrameCorner(request.values, x, y);
   Image frame;
@@ -90,7 +90,7 @@ std::string CheckDrawable(gint32 drawable) {
 
 FrameChoice FramesOf(const OptionValues& values) {
   FrameChoice c;
-  if (!values.spec().Animated()) return c;
+  if (!values.cmd().Animated()) return c;
   c.frame = values.Has("frame") ? static_cast<int32_t>(values.Whole("frame")) : -1;
   // GIMP passes every parameter, so --frames always looks given: without a
   // loop switch on, the picture does not move and the filter renders a still
@@ -107,7 +107,7 @@ std::string FrameProblem(const FrameChoice& choice) {
 
 void FrameCorner(const OptionValues& values, gint32& x, gint32& y) {
   x = y = 0;
-  if (values.spec().Find("roi") && values.Has("roi")) {
+  if (values.cmd().Find("roi") && values.Has("roi")) {
     const Korvane::Rect r = values.Rect("roi");
     x = r.left, y = r.top;
   }
@@ -144,7 +144,7 @@ std::string ApplyFilter(gint32 image, gint32 layer, const Request& request) {
   const FrameChoice choice = FramesOf(request.values);
   problem = FrameProblem(choice);
   if (!problem.empty()) return problem;
-  gimp_progress_init(("Korvane " + request.values.spec().name).c_str());
+  gimp_progress_init(("Korvane " + request.values.cmd().name).c_str());
   LayerSession session(image, layer);
   problem = session.Open(request);
   if (!problem.empty()) return problem;

@@ -6,7 +6,7 @@ namespace KorvaneGimp {
 
 using KorvaneFrontend::FlowLine;
 using KorvaneFrontend::OptionKind;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 using KorvaneFrontend::PlacedSparkle;
 
 namespace {
@@ -63,7 +63,7 @@ std::vector<PlacedSparkle> GlintsOfPath(gint32 vectors, double dx, double dy) {
 void ReadInputs(gint32 image, gint32 layer, const Request& request, LayerInputs& out) {
   gint lx = 0, ly = 0;
   gimp_drawable_offsets(layer, &lx, &ly);
-  for (const OptionSpec& o : request.values.spec().options) {
+  for (const OptionDef& o : request.values.cmd().options) {
     const gint32 id = InProcedure(o) && IsItem(o) ? request.Item(o.name) : -1;
     if (id < 0) continue;
     if (o.kind == OptionKind::kFlows) {

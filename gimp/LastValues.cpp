@@ -7,13 +7,13 @@ namespace KorvaneGimp {
 
 using KorvaneFrontend::NumberText;
 using KorvaneFrontend::OptionKind;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 using KorvaneFrontend::OptionValues;
 
 namespace {
 
 // The value as the tool would be given it.
-std::string ValueText(const OptionValues& v, const OptionSpec& o) {
+std::string ValueText(const OptionValues& v, const OptionDef& o) {
   switch (o.kind) {
     case OptionKind::kFlag:
       return v.Flag(o.name) ? "1" : "0";
@@ -35,7 +35,7 @@ std::string ValueText(const OptionValues& v, const OptionSpec& o) {
 
 std::string LastValuesText(const Request& request) {
   std::string text;
-  for (const OptionSpec& o : request.values.spec().options) {
+  for (const OptionDef& o : request.values.cmd().options) {
     if (!InProcedure(o)) continue;
     if (IsItem(o)) {
       text += o.name + "=#" + std::to_string(request.Item(o.name)) + "\n";
@@ -52,7 +52,7 @@ void ReadLastValues(const std::string& text, Request& request) {
     const size_t eq = line.find('=');
     if (eq == std::string::npos) continue;
     const std::string name = line.substr(0, eq), value = line.substr(eq + 1);
-    const OptionSpec* o = request.values.spec().Find(name);
+    const OptionDef* o = request.values.cmd().Find(name);
     if (!o || !InProcedure(*o)) continue;
     if (IsItem(*o)) {
       if (!value.empty() && value[0] == '#') request.items[name] = std::atoi(value.c_str() + 1);
@@ -64,11 +64,11 @@ void ReadLastValues(const std::string& text, Request& request) {
 
 void SaveLastValues(const Request& request) {
   const std::string text = LastValuesText(request);
-  gimp_set_data(ProcedureName(request.values.spec()).c_str(), text.c_str(), text.size() + 1);
+  gimp_set_data(ProcedureName(request.values.cmd()).c_str(), text.c_str(), text.size() + 1);
 }
 
 bool LoadLastValues(Request& request) {
-  const std::string name = ProcedureName(request.values.spec());
+  const std::string name = ProcedureName(request.values.cmd());
   const gint size = gimp_get_data_size(name.c_str());
   if (size <= 0) return false;
   std::string text(static_cast<size_t>(size), '\0');

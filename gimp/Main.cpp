@@ -21,7 +21,7 @@ namespace {
 using namespace KorvaneGimp;
 
 void Query() {
-  for (const KorvaneFrontend::CommandSpec& command : KorvaneFrontend::Commands()) {
+  for (const KorvaneFrontend::CommandDef& command : KorvaneFrontend::Commands()) {
     const std::vector<Param> params = ProcedureParams(command);
     std::vector<GimpParamDef> defs;
     for (const Param& p : params) {
@@ -61,7 +61,7 @@ void Run(const gchar* name, gint count, const GimpParam* params, gint* return_co
   values[0].data.d_status = GIMP_PDB_SUCCESS;
 
   gegl_init(nullptr, nullptr);
-  const KorvaneFrontend::CommandSpec* command = CommandOfProcedure(name);
+  const KorvaneFrontend::CommandDef* command = CommandOfProcedure(name);
   if (!command || count < 3) {
     values[0].data.d_status = GIMP_PDB_CALLING_ERROR;
     return;

@@ -3,31 +3,31 @@
 #include <cctype>
 #include <cstdint>
 
-#include "frontend/OptionSpec.h"
+#include "frontend/OptionDef.h"
 
 namespace KorvaneGimp {
 
-using KorvaneFrontend::CommandSpec;
+using KorvaneFrontend::CommandDef;
 using KorvaneFrontend::OptionKind;
 using KorvaneFrontend::OptionRole;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 
 namespace {
 
 const char kPrefix[] = "plug-in-korvane-";
 
-bool IsList(const OptionSpec& o) {
+bool IsList(const OptionDef& o) {
   return o.kind == OptionKind::kPoint || o.kind == OptionKind::kRect || o.kind == OptionKind::kNumbers;
 }
 
 // A whole number travels as INT32 when its range fits, else as FLOAT (a
 // seed up to 2^32 - 1), which holds every whole number of the range exactly.
-GimpPDBArgType NumberType(const OptionSpec& o) {
+GimpPDBArgType NumberType(const OptionDef& o) {
   if (o.kind == OptionKind::kWhole && o.lo >= INT32_MIN && o.hi <= INT32_MAX) return GIMP_PDB_INT32;
   return GIMP_PDB_FLOAT;
 }
 
-std::string ChoiceDescription(const OptionSpec& o) {
+std::string ChoiceDescription(const OptionDef& o) {
   std::string list;
   size_t def = 0;
   for (size_t i = 0; i < o.choices.size(); ++i) {
@@ -37,7 +37,7 @@ std::string ChoiceDescription(const OptionSpec& o) {
   return o.help + " { " + list + " } [default " + std::to_string(def) + "]";
 }
 
-std::string Description(const OptionSpec& o) {
+std::string Description(const OptionDef& o) {
   switch (o.kind) {
     case OptionKind::kChoice:
       return ChoiceDescription(o);
@@ -58,7 +58,7 @@ std::string Description(const OptionSpec& o) {
 }
 
 // A non-negative item ID of `image` of the kind the option wants.
-std::string CheckItem(const OptionSpec& o, gint32 id, gint32 image) {
+std::string CheckItem(const OptionDef& o, gint32 id, gint32 image) {
   const bool drawable = o.kind == OptionKind::kImage;
   const char* what = drawable ? "a layer or channel" : "a path";
   if (!gimp_item_is_valid(id) || gimp_item_get_image(id) != image ||
@@ -70,27 +70,27 @@ std::string CheckItem(const OptionSpec& o, gint32 id, gint32 image) {
 
 }  // namespace
 
-bool InProcedure(const OptionSpec& o) {
+bool InProcedure(const OptionDef& o) {
   return o.role == OptionRole::kRender || o.role == OptionRole::kInput || o.role == OptionRole::kLoop;
 }
 
-bool IsItem(const OptionSpec& o) {
+bool IsItem(const OptionDef& o) {
   return o.kind == OptionKind::kImage || o.kind == OptionKind::kFlows || o.kind == OptionKind::kSparkles;
 }
 
-bool MayBeAutomatic(const OptionSpec& o) {
+bool MayBeAutomatic(const OptionDef& o) {
   const bool number = o.kind == OptionKind::kNumber || o.kind == OptionKind::kWhole;
   return number && o.default_text.empty() && o.lo > kAutomatic;
 }
 
-std::string ProcedureName(const CommandSpec& command) { return kPrefix + command.name; }
+std::string ProcedureName(const CommandDef& command) { return kPrefix + command.name; }
 
-const CommandSpec* CommandOfProcedure(const std::string& name) {
+const CommandDef* CommandOfProcedure(const std::string& name) {
   if (name.compare(0, sizeof(kPrefix) - 1, kPrefix) != 0) return nullptr;
   return KorvaneFrontend::FindCommand(name.substr(sizeof(kPrefix) - 1));
 }
 
-std::string MenuLabel(const CommandSpec& command) {
+std::string MenuLabel(const CommandDef& command) {
   std::string label;
   bool start = true;
   for (char c : command.name) {
@@ -100,13 +100,13 @@ std::string MenuLabel(const CommandSpec& command) {
   return label;
 }
 
-std::vector<Param> ProcedureParams(const CommandSpec& command) {
+std::vector<Param> ProcedureParams(const CommandDef& command) {
   std::vector<Param> params = {
       {nullptr, GIMP_PDB_INT32, "run-mode", "The run mode { RUN-INTERACTIVE (0), RUN-NONINTERACTIVE (1) }"},
       {nullptr, GIMP_PDB_IMAGE, "image", "Input image"},
       {nullptr, GIMP_PDB_DRAWABLE, "drawable", "Input drawable: an RGB layer"},
   };
-  for (const OptionSpec& o : command.options) {
+  for (const OptionDef& o : command.options) {
     if (!InProcedure(o)) continue;
     if (IsList(o)) {
       params.push_back({&o, GIMP_PDB_INT32, "num-" + o.name,
@@ -124,14 +124,14 @@ std::vector<Param> ProcedureParams(const CommandSpec& command) {
 }
 
 std::string ReadParams(const GimpParam* params, int count, gint32 image, Request& request) {
-  const std::vector<Param> wanted = ProcedureParams(request.values.spec());
+  const std::vector<Param> wanted = ProcedureParams(request.values.cmd());
   if (count != static_cast<int>(wanted.size())) {
     return "wrong number of arguments: " + std::to_string(count) + " given, " + std::to_string(wanted.size()) +
            " wanted";
   }
   KorvaneFrontend::OptionValues& v = request.values;
   for (size_t i = 0; i < wanted.size(); ++i) {
-    const OptionSpec* o = wanted[i].option;
+    const OptionDef* o = wanted[i].option;
     if (!o) continue;
     const GimpParamData& d = params[i].data;
     std::string problem;
@@ -162,7 +162,7 @@ std::string ReadParams(const GimpParam* params, int count, gint32 image, Request
 }
 
 std::string MissingInput(const Request& request) {
-  for (const OptionSpec& o : request.values.spec().options) {
+  for (const OptionDef& o : request.values.cmd().options) {
     if (InProcedure(o) && IsItem(o) && o.required && request.Item(o.name) < 0) {
       return "--" + o.name + " is required. " + Description(o);
     }

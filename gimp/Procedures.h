@@ -28,7 +28,7 @@ namespace KorvaneGimp {
 // What one run of a filter takes: the option values and, for each input
 // option, the item (drawable or path) chosen for it.
 struct Request {
-  explicit Request(const KorvaneFrontend::CommandSpec& spec) : values(spec) {}
+  explicit Request(const KorvaneFrontend::CommandDef& cmd) : values(cmd) {}
 
   KorvaneFrontend::OptionValues values;
   std::map<std::string, gint32> items;  // by option name; missing or -1: none
@@ -41,33 +41,33 @@ struct Request {
 
 // One PDB parameter; `option` is null for run-mode, image and drawable.
 struct Param {
-  const KorvaneFrontend::OptionSpec* option = nullptr;
+  const KorvaneFrontend::OptionDef* option = nullptr;
   GimpPDBArgType type = GIMP_PDB_INT32;
   std::string name;
   std::string description;
 };
 
 // Whether an option is a parameter of the procedures (and a dialog control).
-bool InProcedure(const KorvaneFrontend::OptionSpec& option);
+bool InProcedure(const KorvaneFrontend::OptionDef& option);
 
 // Whether the option is a drawable or a path rather than a value.
-bool IsItem(const KorvaneFrontend::OptionSpec& option);
+bool IsItem(const KorvaneFrontend::OptionDef& option);
 
 // Whether the option is a number that may be left automatic (no default:
 // "1.5 % of the longer side"), and the number a call passes for that; every
 // such option is non-negative.
-bool MayBeAutomatic(const KorvaneFrontend::OptionSpec& option);
+bool MayBeAutomatic(const KorvaneFrontend::OptionDef& option);
 constexpr double kAutomatic = -1;
 
 // "plug-in-korvane-light-rays"; the command of such a name, or nullptr.
-std::string ProcedureName(const KorvaneFrontend::CommandSpec& command);
-const KorvaneFrontend::CommandSpec* CommandOfProcedure(const std::string& name);
+std::string ProcedureName(const KorvaneFrontend::CommandDef& command);
+const KorvaneFrontend::CommandDef* CommandOfProcedure(const std::string& name);
 
 // "Light Rays": a command's name as GIMP's menus write it.
-std::string MenuLabel(const KorvaneFrontend::CommandSpec& command);
+std::string MenuLabel(const KorvaneFrontend::CommandDef& command);
 
 // The parameters of the command's procedure, in order.
-std::vector<Param> ProcedureParams(const KorvaneFrontend::CommandSpec& command);
+std::vector<Param> ProcedureParams(const KorvaneFrontend::CommandDef& command);
 
 // Fills `request` from the parameters of a call on `image`. Returns "" or
 // the message, in the tool's words where the tool has them.

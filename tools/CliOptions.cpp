@@ -7,7 +7,7 @@
 namespace KorvaneTool {
 
 using KorvaneFrontend::OptionKind;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 using KorvaneFrontend::OptionValues;
 
 bool CommandLine::Given(const std::string& name) const {
@@ -21,7 +21,7 @@ std::string CommandLine::Text(const std::string& name) const {
 }
 
 std::string CommandLine::SetInto(OptionValues& values) const {
-  for (const OptionSpec& o : spec->options) {
+  for (const OptionDef& o : cmd->options) {
     if (o.kind == OptionKind::kPhotos || !Given(o.name)) continue;
     const std::string error =
         o.kind == OptionKind::kFlag ? values.SetFlag(o.name, flags.at(o.name)) : values.Set(o.name, texts.at(o.name));
@@ -32,7 +32,7 @@ std::string CommandLine::SetInto(OptionValues& values) const {
 
 namespace {
 
-std::string TypeName(const OptionSpec& o) {
+std::string TypeName(const OptionDef& o) {
   switch (o.kind) {
     case OptionKind::kNumber: return "NUMBER";
     case OptionKind::kWhole: return "INT";
@@ -61,7 +61,7 @@ std::string CheckFormat(const std::string& text, bool animated) {
 // A shape option takes a built-in shape's name or an image file. A text that
 // is neither a name nor anything like a file (no extension, no folder, not
 // an existing file) is a misspelt name, refused with the names.
-std::string CheckShape(const OptionSpec& o, const std::string& text) {
+std::string CheckShape(const OptionDef& o, const std::string& text) {
   const std::string problem = OptionValues::Check(o, text);
   if (!problem.empty() || OptionValues::ChoiceOf(o, text) >= 0) return problem;
   std::error_code ec;
@@ -76,10 +76,10 @@ std::string CheckShape(const OptionSpec& o, const std::string& text) {
 
 }  // namespace
 
-void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandSpec& spec, CommandLine& line) {
-  line.spec = &spec;
-  const bool animated = spec.Animated();
-  for (const OptionSpec& o : spec.options) {
+void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandDef& cmd, CommandLine& line) {
+  line.cmd = &cmd;
+  const bool animated = cmd.Animated();
+  for (const OptionDef& o : cmd.options) {
     const std::string names = o.kind == OptionKind::kPhotos
                                   ? o.name
                                   : (o.short_name.empty() ? "" : "-" + o.short_name + ",") + "--" + o.name;

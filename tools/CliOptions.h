@@ -14,7 +14,7 @@
 namespace KorvaneTool {
 
 struct CommandLine {
-  const KorvaneFrontend::CommandSpec* spec = nullptr;
+  const KorvaneFrontend::CommandDef* cmd = nullptr;
   std::vector<std::string> photos;
   std::map<std::string, std::string> texts;  // by option name
   std::map<std::string, bool> flags;
@@ -27,7 +27,7 @@ struct CommandLine {
   std::string SetInto(KorvaneFrontend::OptionValues& values) const;
 };
 
-// Adds every option of `spec` to `sub`, in table order, reading into `line`.
-void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandSpec& spec, CommandLine& line);
+// Adds every option of `cmd` to `sub`, in table order, reading into `line`.
+void AddOptions(CLI::App& sub, const KorvaneFrontend::CommandDef& cmd, CommandLine& line);
 
 }  // namespace KorvaneTool

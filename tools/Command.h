@@ -1,5 +1,5 @@
 // The tool's commands. Those that render photos come from the front-end
-// core's table (frontend/OptionSpec.h) and share one runner; a command file
+// core's table (frontend/OptionDef.h) and share one runner; a command file
 // (cmd_<name>.cpp) adds only what the tool does beyond that (a sheet of every
 // variant) and its step of `korvane demo`. `info` and `demo` are the tool's
 // own and register their options here.

@@ -54,7 +54,7 @@ Image RingPoints(const Image& photo, const Korvane::LightPointSummary& summary,
 class Runner {
  public:
   Runner(const CommandLine& line, const CommandHooks& hooks, OptionValues& values)
-      : m_line(line), m_hooks(hooks), m_values(values), m_spec(*line.spec) {}
+      : m_line(line), m_hooks(hooks), m_values(values), m_cmd(*line.cmd) {}
 
   int Run();
 
@@ -70,7 +70,7 @@ class Runner {
   const CommandLine& m_line;
   const CommandHooks& m_hooks;
   OptionValues& m_values;
-  const CommandSpec& m_spec;
+  const CommandDef& m_cmd;
   FrameChoice m_choice;
   FileSettings m_files;
   std::vector<std::string> m_input_files;  // every file read: photos and inputs
@@ -88,12 +88,12 @@ std::string Runner::InputName(const std::string& option) const {
 }
 
 int Runner::CheckCommandLine() {
-  const bool animated = m_spec.Animated();
+  const bool animated = m_cmd.Animated();
   m_choice.frames = FrameCount(m_values);
   m_choice.frame = animated && m_values.Has("frame") ? static_cast<int>(m_values.Whole("frame")) : -1;
   if (int rc = Report(CheckCombination(m_values, m_choice.frames))) return rc;
   m_input_files = m_line.photos;
-  for (const OptionSpec& o : m_spec.options) {
+  for (const OptionDef& o : m_cmd.options) {
     const bool file = o.role == OptionRole::kInput || (o.or_image && m_values.ChoiceIndex(o.name) < 0);
     if (file && m_line.Given(o.name)) m_input_files.push_back(m_line.Text(o.name));
   }
@@ -102,12 +102,12 @@ int Runner::CheckCommandLine() {
   }
   std::vector<std::string> asked;
   for (const char* o : kOutputOptions) {
-    if (m_spec.Find(o) && m_line.Given(o)) asked.push_back(o);
+    if (m_cmd.Find(o) && m_line.Given(o)) asked.push_back(o);
   }
   if (asked.empty()) {
-    if (!m_spec.Find("points-json")) return Usage(m_spec.name + ": -o/--output is required (where to write)");
-    return Usage(m_spec.name + ": give -o OUT" + (m_spec.Find("points-overlay") ? ", " : " or ") + "--points-json FILE" +
-                 (m_spec.Find("points-overlay") ? " or --points-overlay FILE" : ""));
+    if (!m_cmd.Find("points-json")) return Usage(m_cmd.name + ": -o/--output is required (where to write)");
+    return Usage(m_cmd.name + ": give -o OUT" + (m_cmd.Find("points-overlay") ? ", " : " or ") + "--points-json FILE" +
+                 (m_cmd.Find("points-overlay") ? " or --points-overlay FILE" : ""));
   }
   const size_t photos = m_line.photos.size();
   for (const std::string& o : asked) {
@@ -123,7 +123,7 @@ int Runner::CheckCommandLine() {
 
 int Runner::ReadInputs() {
   std::string error;
-  for (const OptionSpec& o : m_spec.options) {
+  for (const OptionDef& o : m_cmd.options) {
     if (!m_line.Given(o.name)) continue;
     const std::string path = m_line.Text(o.name);
     if (o.kind == OptionKind::kFlows || o.kind == OptionKind::kSparkles) {
@@ -141,7 +141,7 @@ int Runner::ReadInputs() {
   }
   // Views once every image has its place.
   size_t next = 0;
-  for (const OptionSpec& o : m_spec.options) {
+  for (const OptionDef& o : m_cmd.options) {
     if (m_line.Given(o.name) && (o.kind == OptionKind::kImage || (o.or_image && m_values.ChoiceIndex(o.name) < 0))) {
       m_inputs.images[o.name] = m_input_images[next++].View();
     }
@@ -173,12 +173,12 @@ int Runner::Inspect(const Session& session, const Image& photo, const std::vecto
 int Runner::PlanOutputs(const std::string& input, std::vector<Output>& outputs) const {
   const std::string format = m_line.Text("format");
   for (const std::string name : kOutputOptions) {
-    if (!m_spec.Find(name) || !m_line.Given(name)) continue;
+    if (!m_cmd.Find(name) || !m_line.Given(name)) continue;
     const std::string path = OutputName(m_line.Text(name), input);
     Output out;
     int rc = 0;
     if (name == "output") {
-      rc = PlanOutput("-o", path, format, m_choice, m_spec.Animated(), out);
+      rc = PlanOutput("-o", path, format, m_choice, m_cmd.Animated(), out);
     } else if (name == "points-overlay") {
       rc = PlanOutput("--" + name, path, format, FrameChoice(), false, out);
     } else {
@@ -261,7 +261,7 @@ int Runner::Run() {
   m_files.still.chroma_444 = m_values.Text("chroma") == "444";
   m_files.still.strip = m_values.Flag("strip");
   m_files.loop_quality = m_values.Has("quality") ? static_cast<int>(m_values.Whole("quality")) : 80;
-  m_files.fps = m_spec.Find("fps") ? static_cast<int>(m_values.Whole("fps")) : 24;
+  m_files.fps = m_cmd.Find("fps") ? static_cast<int>(m_values.Whole("fps")) : 24;
   m_files.progress = m_line.photos.size() == 1;
 
   const auto t0 = std::chrono::steady_clock::now();
@@ -301,7 +301,7 @@ std::string OutputName(const std::string& pattern, const std::string& input) {
 }
 
 int RunCommand(const CommandLine& line, const CommandHooks& hooks) {
-  OptionValues values(*line.spec);
+  OptionValues values(*line.cmd);
   const std::string error = line.SetInto(values);
   if (!error.empty()) return Usage(error);
   SetQuiet(values.Flag("quiet"));

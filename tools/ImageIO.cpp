@@ -1,6 +1,6 @@
 #include "ImageIO.h"
 
-#include "frontend/OptionSpec.h"
+#include "frontend/OptionDef.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -47,7 +47,7 @@ int BlendSheet(const OptionValues& values, const Image& full, const KorvaneFront
   if (int rc = CheckSheetSize(photo, 29, columns)) return rc;
   std::unique_ptr<KorvaneFrontend::Session> session;
   if (int rc = Report(KorvaneFrontend::OpenSession(engine, v, photo.View(), small_inputs, session))) return rc;
-  const auto& modes = values.spec().Find("blend")->choices;
+  const auto& modes = values.cmd().Find("blend")->choices;
   std::vector<Image> tiles(modes.size());
   std::vector<std::string> labels;
   Progress bar("blend modes", static_cast<int>(modes.size()));

@@ -1,7 +1,7 @@
 // korvane light-rays: its step of the demo (the command itself is the
 // front-end table's, run by CommandRunner).
 #include "Command.h"
-#include "frontend/OptionSpec.h"
+#include "frontend/OptionDef.h"
 
 namespace KorvaneTool {
 namespace {

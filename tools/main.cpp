@@ -75,7 +75,7 @@ const Renamed kRenamed[] = {
 // Every command by name: the table's and the tool's own.
 std::vector<std::pair<std::string, std::string>> CommandList() {
   std::vector<std::pair<std::string, std::string>> list;
-  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) list.emplace_back(c.name, c.summary);
+  for (const KorvaneFrontend::CommandDef& c : KorvaneFrontend::Commands()) list.emplace_back(c.name, c.summary);
   for (const ToolCommand& c : ToolCommands()) list.emplace_back(c.name, c.summary);
   std::sort(list.begin(), list.end());
   return list;
@@ -123,13 +123,13 @@ int Run(int argc, char** argv) {
   std::vector<std::pair<CLI::App*, std::function<int()>>> runners;
   // Command lines of the table commands; a deque keeps their addresses.
   std::deque<CommandLine> lines;
-  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) {
+  for (const KorvaneFrontend::CommandDef& c : KorvaneFrontend::Commands()) {
     CLI::App* sub = app.add_subcommand(c.name, c.summary);
     sub->footer(kExitCodes);
     lines.emplace_back();
     AddOptions(*sub, c, lines.back());
     const CommandLine* line = &lines.back();
-    runners.emplace_back(sub, [line] { return RunCommand(*line, Hooks()[line->spec->name]); });
+    runners.emplace_back(sub, [line] { return RunCommand(*line, Hooks()[line->cmd->name]); });
   }
   for (ToolCommand& c : ToolCommands()) {
     CLI::App* sub = app.add_subcommand(c.name, c.summary);

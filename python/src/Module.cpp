@@ -37,11 +37,11 @@ py::object& ErrorClass() {
   throw py::error_already_set();
 }
 
-const OptionSpec& KeywordOption(const CommandSpec& spec, const std::string& key) {
-  for (const OptionSpec& o : spec.options) {
+const OptionDef& KeywordOption(const CommandDef& cmd, const std::string& key) {
+  for (const OptionDef& o : cmd.options) {
     if (IsKeyword(o) && PyName(o.name) == key) return o;
   }
-  throw py::type_error(PyName(spec.name) + "() got an unexpected keyword argument '" + key + "'");
+  throw py::type_error(PyName(cmd.name) + "() got an unexpected keyword argument '" + key + "'");
 }
 
 bool IsImage(const py::handle& value) { return py::isinstance<py::array>(value); }
@@ -49,12 +49,12 @@ bool IsImage(const py::handle& value) { return py::isinstance<py::array>(value);
 class Effect {
  public:
   Effect(const std::string& command, const py::object& photo, const py::object& order, const py::dict& options)
-      : m_spec(FindCommand(command)), m_values(Spec(m_spec, command)) {
+      : m_cmd(FindCommand(command)), m_values(Found(m_cmd, command)) {
     m_order = OrderOf(order, ColorChannels(photo, "photo", false));
     m_photo = ColorIn(photo, m_order, "photo");
     for (const auto& [key, value] : options) {
       if (value.is_none()) continue;
-      const OptionSpec& o = KeywordOption(*m_spec, key.cast<std::string>());
+      const OptionDef& o = KeywordOption(*m_cmd, key.cast<std::string>());
       if (o.role == OptionRole::kLoop) throw py::type_error("frames are chosen when rendering");
       SetInput(o, value);
     }
@@ -73,18 +73,18 @@ class Effect {
     OptionValues values = m_values;
     for (const auto& [key, value] : options) {
       if (value.is_none()) continue;
-      const OptionSpec& o = KeywordOption(*m_spec, key.cast<std::string>());
+      const OptionDef& o = KeywordOption(*m_cmd, key.cast<std::string>());
       if (o.role != OptionRole::kRender || (o.or_image && IsImage(value))) {
         throw py::type_error(PyName(o.name) + " is given when the effect is made, not when it renders");
       }
       SetValue(values, o, value);
     }
-    if (m_spec->Animated()) {
+    if (m_cmd->Animated()) {
       // The table's ranges: whole numbers, and no count a loop cannot have.
       Check(values.SetNumber("frames", frames));
       Check(values.SetNumber("frame", frame));
     } else if (frame != 0 || frames != 1) {
-      throw py::value_error(PyName(m_spec->name) + " renders stills only");
+      throw py::value_error(PyName(m_cmd->name) + " renders stills only");
     }
     const Status combination = CheckCombination(values, static_cast<int32_t>(frames));
     if (!combination.ok()) Raise(combination);
@@ -148,14 +148,14 @@ class Effect {
   }
 
  private:
-  static const CommandSpec& Spec(const CommandSpec* spec, const std::string& command) {
-    if (!spec) throw py::value_error("no command '" + command + "'");
-    return *spec;
+  static const CommandDef& Found(const CommandDef* cmd, const std::string& command) {
+    if (!cmd) throw py::value_error("no command '" + command + "'");
+    return *cmd;
   }
 
   // An option given when the effect is made: an input beside the photo or a
   // setting that later renders start from.
-  void SetInput(const OptionSpec& o, const py::handle& value) {
+  void SetInput(const OptionDef& o, const py::handle& value) {
     const std::string name = PyName(o.name);
     if (o.kind == OptionKind::kImage) {
       m_images[o.name] = GrayIn(py::reinterpret_borrow<py::object>(value), name);
@@ -178,7 +178,7 @@ class Effect {
     }
   }
 
-  const CommandSpec* m_spec;
+  const CommandDef* m_cmd;
   OptionValues m_values;  // as given when the effect was made
   Order m_order = Order::kRGB;
   // The pixels the session reads; declared before it, so they outlive it.
@@ -223,9 +223,9 @@ const char* RoleName(OptionRole role) {
 // Every command with its Python keyword options, in the tool's --help order.
 py::list CommandList() {
   py::list commands;
-  for (const CommandSpec& c : KorvaneFrontend::Commands()) {
+  for (const CommandDef& c : KorvaneFrontend::Commands()) {
     py::list options;
-    for (const OptionSpec& o : c.options) {
+    for (const OptionDef& o : c.options) {
       if (!IsKeyword(o)) continue;
       py::list parts;
       for (const OptionPart& p : o.parts) parts.append(py::make_tuple(p.name, p.lo, p.hi));

@@ -6,20 +6,20 @@ namespace KorvanePython {
 
 using KorvaneFrontend::OptionKind;
 using KorvaneFrontend::OptionRole;
-using KorvaneFrontend::OptionSpec;
+using KorvaneFrontend::OptionDef;
 using KorvaneFrontend::OptionValues;
 
 namespace {
 
 std::string TypeName(const py::handle& value) { return py::str(value.get_type().attr("__name__")); }
 
-[[noreturn]] void WrongType(const OptionSpec& o, const std::string& wanted, const py::handle& value) {
+[[noreturn]] void WrongType(const OptionDef& o, const std::string& wanted, const py::handle& value) {
   throw py::type_error(PyName(o.name) + " must be " + wanted + ", not " + TypeName(value));
 }
 
 // A real number from a Python number or numpy scalar; bools are refused
 // (True where a radius belongs is a mistake, not 1).
-double NumberOf(const OptionSpec& o, const py::handle& value) {
+double NumberOf(const OptionDef& o, const py::handle& value) {
   if (PyBool_Check(value.ptr()) || !PyNumber_Check(value.ptr()) || PySequence_Check(value.ptr())) {
     WrongType(o, "a number", value);
   }
@@ -39,7 +39,7 @@ std::string PyName(const std::string& option) {
   return name;
 }
 
-bool IsKeyword(const OptionSpec& o) {
+bool IsKeyword(const OptionDef& o) {
   return o.role == OptionRole::kRender || o.role == OptionRole::kInput || o.role == OptionRole::kLoop;
 }
 
@@ -47,7 +47,7 @@ void Check(const std::string& message) {
   if (!message.empty()) throw py::value_error(message);
 }
 
-void SetValue(OptionValues& values, const OptionSpec& o, const py::handle& value) {
+void SetValue(OptionValues& values, const OptionDef& o, const py::handle& value) {
   // Text is read exactly as the tool reads its command line.
   if (py::isinstance<py::str>(value)) {
     const std::string text = value.cast<std::string>();

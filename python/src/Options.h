@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "frontend/OptionSpec.h"
+#include "frontend/OptionDef.h"
 #include "frontend/OptionValues.h"
 
 namespace KorvanePython {
@@ -21,12 +21,12 @@ std::string PyName(const std::string& option);
 // Whether the option is a keyword argument in Python: rendering settings,
 // inputs beside the photo and the loop's frames. How the tool writes files
 // is the tool's own.
-bool IsKeyword(const KorvaneFrontend::OptionSpec& option);
+bool IsKeyword(const KorvaneFrontend::OptionDef& option);
 
 // Sets a number, choice, switch, point, rectangle or list of numbers from
 // its Python value (a string is read as the tool reads its text). Images,
 // flows and placed glints are the caller's.
-void SetValue(KorvaneFrontend::OptionValues& values, const KorvaneFrontend::OptionSpec& option, const py::handle& value);
+void SetValue(KorvaneFrontend::OptionValues& values, const KorvaneFrontend::OptionDef& option, const py::handle& value);
 
 // Throws ValueError with `message` unless it is empty.
 void Check(const std::string& message);

@@ -271,10 +271,10 @@ TEST_F(Gimp, ThePlugInLeaksNothingOfItsOwn) {
 // The dialog's remembered values, for every command: set every option away
 // from its default, keep, read back into fresh values and keep again.
 TEST(GimpLastValues, EveryOptionSurvivesTheRoundTrip) {
-  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) {
+  for (const KorvaneFrontend::CommandDef& c : KorvaneFrontend::Commands()) {
     SCOPED_TRACE(c.name);
     KorvaneGimp::Request request(c);
-    for (const KorvaneFrontend::OptionSpec& o : c.options) {
+    for (const KorvaneFrontend::OptionDef& o : c.options) {
       if (!KorvaneGimp::InProcedure(o)) continue;
       if (KorvaneGimp::IsItem(o)) {
         request.items[o.name] = 7;
@@ -297,7 +297,7 @@ TEST(GimpLastValues, EveryOptionSurvivesTheRoundTrip) {
     KorvaneGimp::Request back(c);
     KorvaneGimp::ReadLastValues(text, back);
     EXPECT_EQ(KorvaneGimp::LastValuesText(back), text);
-    for (const KorvaneFrontend::OptionSpec& o : c.options) {
+    for (const KorvaneFrontend::OptionDef& o : c.options) {
       if (KorvaneGimp::InProcedure(o) && !KorvaneGimp::IsItem(o) && !o.parts.size() &&
           o.kind != KorvaneFrontend::OptionKind::kChoice && o.kind != KorvaneFrontend::OptionKind::kFlag) {
         // Kept to the float precision the library renders with.

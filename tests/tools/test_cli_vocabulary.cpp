@@ -6,7 +6,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "frontend/OptionSpec.h"
+#include "frontend/OptionDef.h"
 #include "tools/ToolTestSupport.h"
 
 using namespace KorvaneTool;
@@ -86,8 +86,8 @@ TEST(CliVocabulary, TheReadmeTableNamesEveryOption) {
   const size_t start = readme.find("### One vocabulary");
   ASSERT_NE(start, std::string::npos);
   const std::string table = readme.substr(start, readme.find("\n#", start + 1) - start);
-  for (const KorvaneFrontend::CommandSpec& c : KorvaneFrontend::Commands()) {
-    for (const KorvaneFrontend::OptionSpec& o : c.options) {
+  for (const KorvaneFrontend::CommandDef& c : KorvaneFrontend::Commands()) {
+    for (const KorvaneFrontend::OptionDef& o : c.options) {
       if (o.kind == KorvaneFrontend::OptionKind::kPhotos) continue;
       EXPECT_NE(table.find("`--" + o.name + "`"), std::string::npos) << c.name << " --" << o.name;
     }

@@ -126,12 +126,12 @@ Status Open(Engine& engine, const OptionValues& values, const ImageView& photo, 
   Inputs in;
   std::string error;
   for (const char* name : {"guide", "mask", "still"}) {
-    if (values.spec().Find(name)) in.images[name] = mask.View();
+    if (values.cmd().Find(name)) in.images[name] = mask.View();
   }
-  if (values.spec().name == "animate") {
+  if (values.cmd().name == "animate") {
     EXPECT_TRUE(ParseFlowsJson(kFlows, "flows", in.flows, error)) << error;
   }
-  if (values.spec().name == "sparkle") {
+  if (values.cmd().name == "sparkle") {
     EXPECT_TRUE(ParsePlacedSparklesJson(kSparkles, "s", in.sparkles, error)) << error;
   }
   return OpenSession(engine, values, photo, in, session);
@@ -177,11 +177,11 @@ TEST(Frontend, EveryCommandRendersTheBytesTheToolWrites) {
     std::string args = c.command + " " + dir + "/photo.png -q -o " + dir + "/out.png";
     for (const auto& [name, text] : c.settings) {
       ASSERT_EQ(values.Set(name, text), "");
-      args += values.spec().Find(name)->kind == OptionKind::kFlag ? " --" + name : " --" + name + " " + text;
+      args += values.cmd().Find(name)->kind == OptionKind::kFlag ? " --" + name : " --" + name + " " + text;
     }
     if (c.frames > 1) args += " --frames " + std::to_string(c.frames) + " --frame " + std::to_string(c.frame);
     for (const char* name : {"guide", "mask", "still"}) {
-      if (values.spec().Find(name)) args += std::string(" --") + name + " " + dir + "/mask.png";
+      if (values.cmd().Find(name)) args += std::string(" --") + name + " " + dir + "/mask.png";
     }
     if (c.command == "animate") args += " --flows " + dir + "/flows.json";
     if (c.command == "sparkle") args += " --manual " + dir + "/sparkles.json";

@@ -40,18 +40,18 @@ const std::vector<Rule>& Rules() {
 }  // namespace
 
 Status CheckCombination(const OptionValues& values, int32_t frames) {
-  const CommandSpec& spec = values.spec();
-  if (spec.Find("frame") && values.Has("frame") && values.Whole("frame") >= frames) {
+  const CommandDef& cmd = values.cmd();
+  if (cmd.Find("frame") && values.Has("frame") && values.Whole("frame") >= frames) {
     return Status::Usage("--frame " + std::to_string(values.Whole("frame")) + " is past the last frame of --frames " +
                          std::to_string(frames));
   }
-  for (const OptionSpec& o : spec.options) {
+  for (const OptionDef& o : cmd.options) {
     if (o.needs_loop && frames < 2 && values.Flag(o.name)) {
       return Status::Usage("--" + o.name + " needs --frames 2 or more");
     }
   }
   for (const Rule& r : Rules()) {
-    if (spec.name != r.command || r.applies(values)) continue;
+    if (cmd.name != r.command || r.applies(values)) continue;
     for (const char* name : r.options) {
       if (values.Changed(name)) return Status::Usage("--" + std::string(name) + " applies only " + r.where);
     }
@@ -64,28 +64,28 @@ Status CheckInputsUsed(const OptionValues& values, const Inputs& inputs) {
     const auto it = inputs.images.find(name);
     return it != inputs.images.end() && !it->second.empty();
   };
-  const CommandSpec& spec = values.spec();
-  if (spec.Find("stretch-guide") && values.Flag("stretch-guide") && !given("guide")) {
+  const CommandDef& cmd = values.cmd();
+  if (cmd.Find("stretch-guide") && values.Flag("stretch-guide") && !given("guide")) {
     return Status::Usage("--stretch-guide applies only with a --guide");
   }
-  if (spec.Find("manual-shape") && values.Changed("manual-shape") && inputs.sparkles.empty()) {
+  if (cmd.Find("manual-shape") && values.Changed("manual-shape") && inputs.sparkles.empty()) {
     return Status::Usage("--manual-shape applies only with --manual glints");
   }
   return Status();
 }
 
 bool PictureMoves(const OptionValues& values) {
-  const CommandSpec& spec = values.spec();
-  if (!spec.Animated()) return false;
-  const bool switches = std::any_of(spec.options.begin(), spec.options.end(),
-                                    [](const OptionSpec& o) { return o.needs_loop; });
-  const bool moving = std::any_of(spec.options.begin(), spec.options.end(),
-                                  [&](const OptionSpec& o) { return o.needs_loop && values.Flag(o.name); });
+  const CommandDef& cmd = values.cmd();
+  if (!cmd.Animated()) return false;
+  const bool switches = std::any_of(cmd.options.begin(), cmd.options.end(),
+                                    [](const OptionDef& o) { return o.needs_loop; });
+  const bool moving = std::any_of(cmd.options.begin(), cmd.options.end(),
+                                  [&](const OptionDef& o) { return o.needs_loop && values.Flag(o.name); });
   return !switches || moving;
 }
 
 int32_t FrameCount(const OptionValues& values) {
-  if (!values.spec().Animated()) return 1;
+  if (!values.cmd().Animated()) return 1;
   const int32_t frames = static_cast<int32_t>(values.Whole("frames"));
   if (values.Given("frames") || values.Has("frame")) return frames;
   return PictureMoves(values) ? frames : 1;

@@ -1,7 +1,7 @@
 // The option table of every command. Help texts say what an option does;
 // ranges, units and defaults are fields of their own, and HelpLine() joins
 // them, so no text repeats a default.
-#include "OptionSpec.h"
+#include "OptionDef.h"
 
 namespace KorvaneFrontend {
 
@@ -12,7 +12,7 @@ using R = OptionRole;
 
 // Builds one table entry with chained settings.
 struct Opt {
-  OptionSpec s;
+  OptionDef s;
   Opt(std::string name, K kind, R role = R::kRender) {
     s.name = std::move(name);
     s.kind = kind;
@@ -54,7 +54,7 @@ struct Opt {
     s.needs_loop = true;
     return *this;
   }
-  operator OptionSpec() const { return s; }
+  operator OptionDef() const { return s; }
 };
 
 Opt Number(std::string name, double lo, double hi, std::string unit, std::string def, std::string help) {
@@ -104,7 +104,7 @@ std::string FormatList() {
 }
 
 // Every command begins with its photos and its output.
-void AddPhotoAndOutput(std::vector<OptionSpec>& t, bool animated) {
+void AddPhotoAndOutput(std::vector<OptionDef>& t, bool animated) {
   t.push_back(Opt("photos", K::kPhotos, R::kPhoto)
                   .Required()
                   .Help(std::string("Photos to read: ") + kPhotoFormats + "; '-' reads standard input"));
@@ -121,9 +121,9 @@ void AddPhotoAndOutput(std::vector<OptionSpec>& t, bool animated) {
 // The frames of a loop: 48 by default in every command. Where the picture
 // moves only with a loop switch (twinkle, spin, sway, cycle-hue), a render
 // with none on is one still frame unless --frames is given (FrameCount()).
-void AddLoop(std::vector<OptionSpec>& t, int min_frames) {
+void AddLoop(std::vector<OptionDef>& t, int min_frames) {
   bool switches = false;
-  for (const OptionSpec& o : t) switches = switches || o.needs_loop;
+  for (const OptionDef& o : t) switches = switches || o.needs_loop;
   std::string help = min_frames == 1 ? "Frames in one loop (1: a still)" : "Frames in one loop";
   if (switches) help += "; with no loop switch on, a still unless given";
   t.push_back(Opt("frames", K::kWhole, R::kLoop).Range(min_frames, 1000).Default("48").Help(help));
@@ -138,7 +138,7 @@ void AddLoop(std::vector<OptionSpec>& t, int min_frames) {
 }
 
 // How files are written: the same for every command.
-void AddFileSettings(std::vector<OptionSpec>& t, bool animated, const std::string& chroma) {
+void AddFileSettings(std::vector<OptionDef>& t, bool animated, const std::string& chroma) {
   Opt quality = Opt("quality", K::kWhole, R::kWrite).Range(1, 100);
   if (animated) {
     quality.Absent("92 for a still, 80 for a loop")
@@ -164,7 +164,7 @@ void AddFileSettings(std::vector<OptionSpec>& t, bool animated, const std::strin
 }
 
 // A labelled sheet of every variant (glitch types, glow modes), instead of one.
-void AddSheet(std::vector<OptionSpec>& t, const std::string& flag, const std::string& what, int columns,
+void AddSheet(std::vector<OptionDef>& t, const std::string& flag, const std::string& what, int columns,
               int max_columns) {
   Opt sheet = Flag(flag, "Write " + what + " side by side, labelled, instead of one");
   sheet.s.role = R::kWrite;
@@ -178,7 +178,7 @@ void AddSheet(std::vector<OptionSpec>& t, const std::string& flag, const std::st
 }
 
 // Inspection files of the light points bokeh and sparkle detect.
-void AddPointsJson(std::vector<OptionSpec>& t) {
+void AddPointsJson(std::vector<OptionDef>& t) {
   t.push_back(Opt("points-json", K::kText, R::kWrite)
                   .Help("Write the detected light points as JSON (positions on the 640-pixel detection copy); "
                         "-o is then optional"));
@@ -191,8 +191,8 @@ Opt StretchGuide() {
               "reaches a strong blur");
 }
 
-CommandSpec FocusBlur() {
-  CommandSpec c{"focus-blur", "Blur a photo by depth: sharp at the focus value, softer further away", {}};
+CommandDef FocusBlur() {
+  CommandDef c{"focus-blur", "Blur a photo by depth: sharp at the focus value, softer further away", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, false);
   t.push_back(GrayInput("guide",
@@ -210,8 +210,8 @@ CommandSpec FocusBlur() {
   return c;
 }
 
-CommandSpec Glitch() {
-  CommandSpec c{"glitch", "Split the colour channels of a photo (eight types, or a sheet of all)", {}};
+CommandDef Glitch() {
+  CommandDef c{"glitch", "Split the colour channels of a photo (eight types, or a sheet of all)", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, false);
   t.push_back(Whole("type", 0, 7, "", "0",
@@ -229,8 +229,8 @@ CommandSpec Glitch() {
   return c;
 }
 
-CommandSpec Glow() {
-  CommandSpec c{"glow", "Make the bright parts of a photo glow (29 blend modes, or a sheet of all)", {}};
+CommandDef Glow() {
+  CommandDef c{"glow", "Make the bright parts of a photo glow (29 blend modes, or a sheet of all)", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, false);
   // The defaults were chosen by rendering ordinary photos (a white cup on
@@ -267,8 +267,8 @@ CommandSpec Glow() {
   return c;
 }
 
-CommandSpec LightRays() {
-  CommandSpec c{"light-rays", "Rays of light from the bright parts of a photo (radial or directional; stills or loops)",
+CommandDef LightRays() {
+  CommandDef c{"light-rays", "Rays of light from the bright parts of a photo (radial or directional; stills or loops)",
                 {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
@@ -318,8 +318,8 @@ CommandSpec LightRays() {
   return c;
 }
 
-CommandSpec Bokeh() {
-  CommandSpec c{"bokeh", "Out-of-focus light discs over a blurred background, still or twinkling loop", {}};
+CommandDef Bokeh() {
+  CommandDef c{"bokeh", "Out-of-focus light discs over a blurred background, still or twinkling loop", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(GrayInput("guide",
@@ -352,8 +352,8 @@ CommandSpec Bokeh() {
   return c;
 }
 
-CommandSpec Sparkle() {
-  CommandSpec c{"sparkle", "Star-like glints on bright spots and placed points, still or spinning, twinkling loop", {}};
+CommandDef Sparkle() {
+  CommandDef c{"sparkle", "Star-like glints on bright spots and placed points, still or spinning, twinkling loop", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(Shape("shape", {"star4", "star6", "star8", "cross"}, "star4", "Glint shape at the bright spots"));
@@ -384,8 +384,8 @@ CommandSpec Sparkle() {
   return c;
 }
 
-CommandSpec Animate() {
-  CommandSpec c{"animate", "Turn a photo and flow lines into a seamless loop (WebP, GIF or PNG frames)", {}};
+CommandDef Animate() {
+  CommandDef c{"animate", "Turn a photo and flow lines into a seamless loop (WebP, GIF or PNG frames)", {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
   t.push_back(Opt("flows", K::kFlows, R::kInput)
@@ -403,8 +403,8 @@ CommandSpec Animate() {
   return c;
 }
 
-CommandSpec Disperse() {
-  CommandSpec c{"disperse", "Crumble the masked subject of a photo into drifting particles (WebP, GIF or PNG frames)",
+CommandDef Disperse() {
+  CommandDef c{"disperse", "Crumble the masked subject of a photo into drifting particles (WebP, GIF or PNG frames)",
                 {}};
   auto& t = c.options;
   AddPhotoAndOutput(t, true);
@@ -435,8 +435,8 @@ const std::vector<std::string>& StillFormats() {
   return formats;
 }
 
-const std::vector<CommandSpec>& Commands() {
-  static const std::vector<CommandSpec> commands = {Animate(), Bokeh(),     Disperse(), FocusBlur(),
+const std::vector<CommandDef>& Commands() {
+  static const std::vector<CommandDef> commands = {Animate(), Bokeh(),     Disperse(), FocusBlur(),
                                                     Glitch(),  Glow(),      LightRays(), Sparkle()};
   return commands;
 }

@@ -18,10 +18,10 @@ std::string Folded(const std::string& text) {
   return s;
 }
 
-std::string ChoiceList(const OptionSpec& spec) {
+std::string ChoiceList(const OptionDef& opt) {
   std::string list;
-  for (size_t i = 0; i < spec.choices.size(); ++i) {
-    list += (i ? ", " : "") + (spec.choice_numbers ? std::to_string(i) + " " : std::string()) + spec.choices[i];
+  for (size_t i = 0; i < opt.choices.size(); ++i) {
+    list += (i ? ", " : "") + (opt.choice_numbers ? std::to_string(i) + " " : std::string()) + opt.choices[i];
   }
   return list;
 }
@@ -60,80 +60,80 @@ std::vector<std::string> Split(const std::string& text, char by) {
   return parts;
 }
 
-std::string PartNames(const OptionSpec& spec) {
+std::string PartNames(const OptionDef& opt) {
   std::string names;
-  for (const OptionPart& p : spec.parts) names += (names.empty() ? "" : ",") + p.name;
+  for (const OptionPart& p : opt.parts) names += (names.empty() ? "" : ",") + p.name;
   return names;
 }
 
 }  // namespace
 
-OptionValues::OptionValues(const CommandSpec& spec) : m_spec(&spec), m_values(spec.options.size()) {
-  for (const OptionSpec& o : spec.options) Reset(o.name);
+OptionValues::OptionValues(const CommandDef& cmd) : m_cmd(&cmd), m_values(cmd.options.size()) {
+  for (const OptionDef& o : cmd.options) Reset(o.name);
 }
 
 size_t OptionValues::IndexOf(const std::string& name) const {
-  for (size_t i = 0; i < m_spec->options.size(); ++i) {
-    if (m_spec->options[i].name == name) return i;
+  for (size_t i = 0; i < m_cmd->options.size(); ++i) {
+    if (m_cmd->options[i].name == name) return i;
   }
   // Asking for an option the command does not have is a mistake in the caller.
-  throw std::invalid_argument(m_spec->name + " has no option --" + name);
+  throw std::invalid_argument(m_cmd->name + " has no option --" + name);
 }
 
 const OptionValues::Value& OptionValues::Get(const std::string& name) const { return m_values[IndexOf(name)]; }
 
 void OptionValues::Reset(const std::string& name) {
   const size_t i = IndexOf(name);
-  const OptionSpec& spec = m_spec->options[i];
+  const OptionDef& opt = m_cmd->options[i];
   m_values[i] = Value();
-  if (!spec.default_text.empty() && !Parse(spec, spec.default_text, m_values[i]).empty()) {
+  if (!opt.default_text.empty() && !Parse(opt, opt.default_text, m_values[i]).empty()) {
     throw std::logic_error("the default of --" + name + " is not one of its values");
   }
-  m_values[i].has = !spec.default_text.empty() || spec.kind == OptionKind::kFlag;
+  m_values[i].has = !opt.default_text.empty() || opt.kind == OptionKind::kFlag;
 }
 
-std::string OptionValues::CheckNumber(const OptionSpec& spec, double v, Value& out) {
-  if (spec.kind == OptionKind::kChoice) {
+std::string OptionValues::CheckNumber(const OptionDef& opt, double v, Value& out) {
+  if (opt.kind == OptionKind::kChoice) {
     // A choice by its place in the table (the GIMP plug-in passes them so).
-    if (v != std::floor(v) || v < 0 || v >= static_cast<double>(spec.choices.size())) {
-      return "'" + NumberText(v) + "' is not one of " + ChoiceList(spec);
+    if (v != std::floor(v) || v < 0 || v >= static_cast<double>(opt.choices.size())) {
+      return "'" + NumberText(v) + "' is not one of " + ChoiceList(opt);
     }
     out.number = v;
-    out.text = spec.choices[static_cast<size_t>(v)];
+    out.text = opt.choices[static_cast<size_t>(v)];
     return "";
   }
-  if (spec.kind != OptionKind::kNumber && spec.kind != OptionKind::kWhole) return "takes no number";
-  const std::string problem = NumberProblem(v, spec.lo, spec.hi, spec.kind == OptionKind::kWhole, spec.unit,
+  if (opt.kind != OptionKind::kNumber && opt.kind != OptionKind::kWhole) return "takes no number";
+  const std::string problem = NumberProblem(v, opt.lo, opt.hi, opt.kind == OptionKind::kWhole, opt.unit,
                                             NumberText(v));
   if (problem.empty()) out.number = v;
   return problem;
 }
 
-std::string OptionValues::Parse(const OptionSpec& spec, const std::string& text, Value& out) {
+std::string OptionValues::Parse(const OptionDef& opt, const std::string& text, Value& out) {
   double v = 0;
-  switch (spec.kind) {
+  switch (opt.kind) {
     case OptionKind::kNumber:
     case OptionKind::kWhole: {
       if (!ReadNumber(text, v)) return "'" + text + "' is not a number";
       const std::string problem =
-          NumberProblem(v, spec.lo, spec.hi, spec.kind == OptionKind::kWhole, spec.unit, text);
+          NumberProblem(v, opt.lo, opt.hi, opt.kind == OptionKind::kWhole, opt.unit, text);
       if (problem.empty()) out.number = v;
       return problem;
     }
     case OptionKind::kChoice: {
-      const int32_t named = ChoiceOf(spec, text);
-      if (named >= 0) return CheckNumber(spec, named, out);
-      if (spec.choice_numbers && !text.empty() &&
+      const int32_t named = ChoiceOf(opt, text);
+      if (named >= 0) return CheckNumber(opt, named, out);
+      if (opt.choice_numbers && !text.empty() &&
           std::all_of(text.begin(), text.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
-        if (text.size() <= 3 && CheckNumber(spec, std::atof(text.c_str()), out).empty()) return "";
+        if (text.size() <= 3 && CheckNumber(opt, std::atof(text.c_str()), out).empty()) return "";
       }
-      if (spec.or_image && !text.empty()) {
+      if (opt.or_image && !text.empty()) {
         out.number = -1;
         out.text = text;
         return "";
       }
-      if (!spec.choice_noun.empty()) return "unknown " + spec.choice_noun + " '" + text + "'; choose one of: " + ChoiceList(spec);
-      return "'" + text + "' is not one of " + ChoiceList(spec);
+      if (!opt.choice_noun.empty()) return "unknown " + opt.choice_noun + " '" + text + "'; choose one of: " + ChoiceList(opt);
+      return "'" + text + "' is not one of " + ChoiceList(opt);
     }
     case OptionKind::kFlag: {
       const std::string f = Folded(text);
@@ -147,13 +147,13 @@ std::string OptionValues::Parse(const OptionSpec& spec, const std::string& text,
     case OptionKind::kRect:
     case OptionKind::kNumbers: {
       const std::vector<std::string> parts = Split(text, ',');
-      if (parts.size() != spec.parts.size()) return "'" + text + "' is not " + PartNames(spec);
+      if (parts.size() != opt.parts.size()) return "'" + text + "' is not " + PartNames(opt);
       std::vector<double> numbers;
       for (size_t i = 0; i < parts.size(); ++i) {
-        const OptionPart& p = spec.parts[i];
-        if (!ReadNumber(parts[i], v)) return "'" + text + "' is not " + PartNames(spec);
+        const OptionPart& p = opt.parts[i];
+        if (!ReadNumber(parts[i], v)) return "'" + text + "' is not " + PartNames(opt);
         const std::string problem =
-            NumberProblem(v, p.lo, p.hi, spec.kind == OptionKind::kRect, spec.unit, parts[i]);
+            NumberProblem(v, p.lo, p.hi, opt.kind == OptionKind::kRect, opt.unit, parts[i]);
         if (!problem.empty()) return p.name + " " + problem;
         numbers.push_back(v);
       }
@@ -173,23 +173,23 @@ std::string OptionValues::Parse(const OptionSpec& spec, const std::string& text,
   return "is not set by value";
 }
 
-int32_t OptionValues::ChoiceOf(const OptionSpec& spec, const std::string& text) {
+int32_t OptionValues::ChoiceOf(const OptionDef& opt, const std::string& text) {
   const std::string folded = Folded(text);
-  for (size_t i = 0; i < spec.choices.size(); ++i) {
-    if (folded == Folded(spec.choices[i])) return static_cast<int32_t>(i);
+  for (size_t i = 0; i < opt.choices.size(); ++i) {
+    if (folded == Folded(opt.choices[i])) return static_cast<int32_t>(i);
   }
   return -1;
 }
 
-std::string OptionValues::Check(const OptionSpec& spec, const std::string& text) {
+std::string OptionValues::Check(const OptionDef& opt, const std::string& text) {
   Value scratch;
-  return Parse(spec, text, scratch);
+  return Parse(opt, text, scratch);
 }
 
 std::string OptionValues::Set(const std::string& name, const std::string& text) {
   const size_t i = IndexOf(name);
   Value v;
-  const std::string problem = Parse(m_spec->options[i], text, v);
+  const std::string problem = Parse(m_cmd->options[i], text, v);
   if (!problem.empty()) return "--" + name + ": " + problem;
   v.has = v.given = true;
   m_values[i] = std::move(v);
@@ -199,7 +199,7 @@ std::string OptionValues::Set(const std::string& name, const std::string& text) 
 std::string OptionValues::SetNumber(const std::string& name, double value) {
   const size_t i = IndexOf(name);
   Value v;
-  const std::string problem = CheckNumber(m_spec->options[i], value, v);
+  const std::string problem = CheckNumber(m_cmd->options[i], value, v);
   if (!problem.empty()) return "--" + name + ": " + problem;
   v.has = v.given = true;
   m_values[i] = std::move(v);
@@ -208,7 +208,7 @@ std::string OptionValues::SetNumber(const std::string& name, double value) {
 
 std::string OptionValues::SetFlag(const std::string& name, bool on) {
   const size_t i = IndexOf(name);
-  if (m_spec->options[i].kind != OptionKind::kFlag) return "--" + name + ": is not a switch";
+  if (m_cmd->options[i].kind != OptionKind::kFlag) return "--" + name + ": is not a switch";
   m_values[i].number = on ? 1 : 0;
   m_values[i].has = m_values[i].given = true;
   return "";
@@ -216,15 +216,15 @@ std::string OptionValues::SetFlag(const std::string& name, bool on) {
 
 std::string OptionValues::SetNumbers(const std::string& name, const std::vector<double>& values) {
   const size_t i = IndexOf(name);
-  const OptionSpec& spec = m_spec->options[i];
-  if (spec.parts.empty()) return "--" + name + ": takes no list of numbers";
-  if (values.size() != spec.parts.size()) {
-    return "--" + name + ": wants " + std::to_string(spec.parts.size()) + " numbers (" + PartNames(spec) + ")";
+  const OptionDef& opt = m_cmd->options[i];
+  if (opt.parts.empty()) return "--" + name + ": takes no list of numbers";
+  if (values.size() != opt.parts.size()) {
+    return "--" + name + ": wants " + std::to_string(opt.parts.size()) + " numbers (" + PartNames(opt) + ")";
   }
   for (size_t k = 0; k < values.size(); ++k) {
-    const OptionPart& p = spec.parts[k];
+    const OptionPart& p = opt.parts[k];
     const std::string problem =
-        NumberProblem(values[k], p.lo, p.hi, spec.kind == OptionKind::kRect, spec.unit, NumberText(values[k]));
+        NumberProblem(values[k], p.lo, p.hi, opt.kind == OptionKind::kRect, opt.unit, NumberText(values[k]));
     if (!problem.empty()) return "--" + name + ": " + p.name + " " + problem;
   }
   m_values[i].numbers = values;
@@ -239,11 +239,11 @@ bool OptionValues::Changed(const std::string& name) const {
   const size_t i = IndexOf(name);
   const Value& v = m_values[i];
   if (!v.given) return false;
-  const OptionSpec& spec = m_spec->options[i];
-  if (spec.kind == OptionKind::kFlag) return v.number != 0;
-  if (spec.default_text.empty()) return true;
+  const OptionDef& opt = m_cmd->options[i];
+  if (opt.kind == OptionKind::kFlag) return v.number != 0;
+  if (opt.default_text.empty()) return true;
   Value def;
-  Parse(spec, spec.default_text, def);
+  Parse(opt, opt.default_text, def);
   return v.number != def.number || v.text != def.text || v.numbers != def.numbers;
 }
 double OptionValues::Number(const std::string& name) const { return Get(name).number; }

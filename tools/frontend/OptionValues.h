@@ -19,15 +19,15 @@
 
 #include <korvane/core/ImageBuffer.h>
 
-#include "OptionSpec.h"
+#include "OptionDef.h"
 
 namespace KorvaneFrontend {
 
 class OptionValues {
  public:
-  explicit OptionValues(const CommandSpec& spec);
+  explicit OptionValues(const CommandDef& cmd);
 
-  const CommandSpec& spec() const { return *m_spec; }
+  const CommandDef& cmd() const { return *m_cmd; }
 
   // Each returns "" on success, otherwise the message ("--name: why") and
   // leaves the value as it was.
@@ -58,13 +58,13 @@ class OptionValues {
   const std::vector<double>& Numbers(const std::string& name) const;
   Korvane::Rect Rect(const std::string& name) const;
 
-  // Checks `text` for `spec` without storing it: "" or why, without the
+  // Checks `text` for `opt` without storing it: "" or why, without the
   // option's name ("-3 is outside 0..8192 pixels"). The tool's parser uses it
   // to refuse a value while it reads the command line.
-  static std::string Check(const OptionSpec& spec, const std::string& text);
+  static std::string Check(const OptionDef& opt, const std::string& text);
   // The place of the choice `text` names in a kChoice option (as Set matches
   // names: case, '_' for '-' and "colour" folded), or -1.
-  static int32_t ChoiceOf(const OptionSpec& spec, const std::string& text);
+  static int32_t ChoiceOf(const OptionDef& opt, const std::string& text);
 
  private:
   struct Value {
@@ -76,10 +76,10 @@ class OptionValues {
   };
   size_t IndexOf(const std::string& name) const;
   const Value& Get(const std::string& name) const;
-  static std::string Parse(const OptionSpec& spec, const std::string& text, Value& out);
-  static std::string CheckNumber(const OptionSpec& spec, double v, Value& out);
+  static std::string Parse(const OptionDef& opt, const std::string& text, Value& out);
+  static std::string CheckNumber(const OptionDef& opt, double v, Value& out);
 
-  const CommandSpec* m_spec;
+  const CommandDef* m_cmd;
   std::vector<Value> m_values;  // in table order
 };
 

@@ -61,7 +61,7 @@ class LightSession : public PhotoSession {
     if (!m_rendered && m_values) {
       Image frame(m_width, m_height, 4);
       const OptionValues values = *m_values;
-      const int32_t count = values.spec().Find("frames") ? static_cast<int32_t>(values.Whole("frames")) : 1;
+      const int32_t count = values.cmd().Find("frames") ? static_cast<int32_t>(values.Whole("frames")) : 1;
       if (!const_cast<LightSession*>(this)->Render(values, 0, count, frame.View()).ok()) return false;
     }
     return Query(&Fx::GetDrawnLightPoints, summary, points);

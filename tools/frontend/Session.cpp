@@ -119,7 +119,7 @@ Status GrayInputOf(const Inputs& inputs, const std::string& name, const ImageVie
 
 Status RegionOf(const OptionValues& values, const ImageView& photo, Korvane::Rect& region) {
   region = Korvane::Rect{0, 0, photo.width, photo.height};
-  if (!values.spec().Find("roi") || !values.Has("roi")) return Status();
+  if (!values.cmd().Find("roi") || !values.Has("roi")) return Status();
   const Korvane::Rect r = values.Rect("roi");
   if (r.right > photo.width || r.bottom > photo.height || r.right <= r.left || r.bottom <= r.top) {
     return Status::Failed("--roi " + std::to_string(r.left) + "," + std::to_string(r.top) + "," +
@@ -223,7 +223,7 @@ Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& 
   const Status used = CheckInputsUsed(values, inputs);
   if (!used.ok()) return used;
   for (const auto& [name, open] : kOpeners) {
-    if (values.spec().name != name) continue;
+    if (values.cmd().name != name) continue;
     try {
       return open(engine, values, photo, inputs, session);
     } catch (const std::bad_alloc&) {
@@ -231,7 +231,7 @@ Status OpenSession(Engine& engine, const OptionValues& values, const ImageView& 
       return Status::Failed("out of memory", E_OUTOFMEMORY);
     }
   }
-  return Status::Usage("no render for command " + values.spec().name);
+  return Status::Usage("no render for command " + values.cmd().name);
 }
 
 }  // namespace KorvaneFrontend

@@ -137,7 +137,7 @@ class Session {
   std::vector<std::string> m_warnings;
 };
 
-// Opens a session of `values.spec()`'s command on `photo` (BGRA). The
+// Opens a session of `values.cmd()`'s command on `photo` (BGRA). The
 // options are checked against the photo and the inputs first: a bad
 // combination is a Usage status, a value this photo cannot take or an input
 // of the wrong size a Failed one, as the tool reports them.

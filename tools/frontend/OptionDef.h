@@ -5,8 +5,8 @@
 // command's options are listed in the order `korvane <command> --help` shows
 // them.
 //
-//   const CommandSpec* glow = FindCommand("glow");
-//   for (const OptionSpec& o : glow->options)
+//   const CommandDef* glow = FindCommand("glow");
+//   for (const OptionDef& o : glow->options)
 //     if (o.role == OptionRole::kRender) std::printf("%s: %s\n", o.name.c_str(), HelpLine(o).c_str());
 #pragma once
 
@@ -45,7 +45,7 @@ struct OptionPart {
   double hi = 0;
 };
 
-struct OptionSpec {
+struct OptionDef {
   std::string name;        // as on the command line without dashes: "shift-x"
   std::string short_name;  // one letter ("o", "q") or empty
   OptionKind kind = OptionKind::kText;
@@ -71,25 +71,25 @@ struct OptionSpec {
   std::string Flag() const;
 };
 
-struct CommandSpec {
+struct CommandDef {
   std::string name;     // "light-rays"
   std::string summary;  // one line for `korvane help`
-  std::vector<OptionSpec> options;
+  std::vector<OptionDef> options;
 
   // The option called `name`, or nullptr.
-  const OptionSpec* Find(const std::string& name) const;
+  const OptionDef* Find(const std::string& name) const;
   // Whether the command renders frames of a loop (it has a frame count).
   bool Animated() const { return Find("frames") != nullptr; }
 };
 
 // Every command that renders photos, by name. `info` and `demo` are the
 // tool's own and not here.
-const std::vector<CommandSpec>& Commands();
-const CommandSpec* FindCommand(const std::string& name);
+const std::vector<CommandDef>& Commands();
+const CommandDef* FindCommand(const std::string& name);
 
 // The help text of an option with its range, unit and default:
 // "Blur radius [0..8192 pixels, default: 1.5 % of the longer side]".
-std::string HelpLine(const OptionSpec& spec);
+std::string HelpLine(const OptionDef& opt);
 
 // The still image formats the tool writes, as extensions without the dot
 // ("jpg", "png", ...), for its help texts and its writer.

@@ -1,4 +1,4 @@
-#include "OptionSpec.h"
+#include "OptionDef.h"
 
 #include <cmath>
 #include <cstdio>
@@ -17,26 +17,26 @@ std::string NumberText(double v) {
   return buf;
 }
 
-std::string OptionSpec::Flag() const {
+std::string OptionDef::Flag() const {
   if (kind == OptionKind::kPhotos) return name;
   return (short_name.empty() ? "" : "-" + short_name + "/") + "--" + name;
 }
 
-const OptionSpec* CommandSpec::Find(const std::string& option) const {
-  for (const OptionSpec& o : options) {
+const OptionDef* CommandDef::Find(const std::string& option) const {
+  for (const OptionDef& o : options) {
     if (o.name == option) return &o;
   }
   return nullptr;
 }
 
-const CommandSpec* FindCommand(const std::string& name) {
-  for (const CommandSpec& c : Commands()) {
+const CommandDef* FindCommand(const std::string& name) {
+  for (const CommandDef& c : Commands()) {
     if (c.name == name) return &c;
   }
   return nullptr;
 }
 
-std::string HelpLine(const OptionSpec& o) {
+std::string HelpLine(const OptionDef& o) {
   auto with_default = [&](std::string range) {
     if (!o.default_text.empty()) return o.help + " [" + range + (range.empty() ? "" : ", ") + "default " + o.default_text + "]";
     if (!o.absent.empty()) return o.help + " [" + range + (range.empty() ? "" : ", ") + "default: " + o.absent + "]";

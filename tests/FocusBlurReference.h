@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
-#include <random>
 #include <vector>
 
 #include "TestSupport.h"
@@ -14,7 +12,6 @@
 
 namespace FocusBlurTest {
 
-using KorvaneTest::Level;
 using KorvaneTest::RandomBytes;
 
 // One blur pass exactly as described: each masked pixel takes the weighted

@@ -69,23 +69,6 @@ Points Curves(double size, double gap, uint32_t seed, int curves = 6) {
   return all;
 }
 
-// The animator's mesh input: a photo's corner anchors plus strokes sampled
-// every `spacing` pixels that run from inside the photo to `reach` times its
-// size outside it.
-Points Strokes(double photo, double reach, double spacing, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> unit(0.0, 1.0);
-  const float m = float(std::min(std::max(photo / 50, 5.0), 50.0));
-  Points p = {-m, -m, float(photo - 1 + m), -m, -m, float(photo - 1 + m), float(photo - 1 + m), float(photo - 1 + m)};
-  for (int s = 0; s < 3; ++s) {
-    const double x0 = photo * unit(rng), y0 = photo * unit(rng);
-    const double a = unit(rng) * 2 * M_PI, len = photo * reach;
-    for (double d = 0; d < len; d += spacing)
-      p.insert(p.end(), {float(x0 + d * std::cos(a)), float(y0 + d * std::sin(a) + 0.3 * std::sin(d))});
-  }
-  return p;
-}
-
 // Animates every frame of `flows` over a noise photo with no still region.
 void ExpectFramesRender(int w, int h, const FlowData* flows, uint32_t flow_num, uint32_t frames) {
   KorvaneTest::TestImage photo(w, h), still(w, h, PIXEL_GRAY8), out(w, h);
@@ -135,19 +118,6 @@ TEST(DelaunayGenerated, ClosePairsAlongCurvesAtEveryScale) {
     }
   }
   EXPECT_EQ(sets, 1600);
-}
-
-TEST(DelaunayGenerated, StrokesLeavingThePhoto) {
-  Delaunay d;
-  for (uint32_t seed = 0; seed < 300; ++seed) {
-    const double photo = 19 + seed * 13 % 4000;
-    const double reach = seed % 3 == 0 ? 2.0 : (seed % 3 == 1 ? 40.0 : 1e4);
-    Points p = Strokes(photo, reach, std::max(photo / 20, photo * reach / 300), seed);
-    ASSERT_EQ(d.Triangulate(p.data(), uint32_t(p.size() / 2)), S_OK) << seed;
-    SCOPED_TRACE(testing::Message() << "seed " << seed << " photo " << photo << " reach " << reach);
-    CheckMesh(d, p);
-    if (HasFailure()) return;
-  }
 }
 
 TEST(DelaunayGenerated, HugeStrokesAreResampledByThePhotosSize) {

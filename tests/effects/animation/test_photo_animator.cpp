@@ -70,49 +70,30 @@ struct Scene {
   }
 };
 
-struct Frame {
-  std::vector<uint8_t> px;
-  ImageBuffer buf;
-  Frame(int w, int h, uint8_t fill = 0x5A) : px(size_t(w) * h * 4, fill) { buf = MakeImageBuffer(px.data(), w, h, PIXEL_BGRA32); }
-};
-
 // An animator on its own pool of `workers`, plain (simd 0) or SSE4.1 (5).
 struct Rig : KorvaneTest::EffectRig<PhotoAnimator> {
   explicit Rig(int workers = 2, int simd = 0) : EffectRig(workers, simd) {}
 };
 
 // Every frame of a loop, rendered into an output pre-filled with `fill`;
-// with a region, the output is that region's size.
+// with a region, the output is that region's size. With `padded`, photo,
+// still mask and frame have padded rows of unequal strides. The padding and
+// the bytes around the images must stay as they were.
 std::vector<std::vector<uint8_t>> RenderLoop(Scene& s, int workers, int simd, uint32_t frames, uint8_t fill,
-                                             const Rect* roi = nullptr, int32_t loop_mode = 2) {
+                                             const Rect* roi = nullptr, int32_t loop_mode = 2, bool padded = false) {
+  KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, padded ? 24 : 0), still(s.w, s.h, PIXEL_GRAY8, padded ? 7 : 0),
+      out(roi ? RectWidth(*roi) : s.w, roi ? RectHeight(*roi) : s.h, PIXEL_BGRA32, padded ? 4 : 0);
+  in.Fill(s.photo);
+  still.Fill(s.still);
   Rig rig(workers, simd);
-  Frame out(roi ? roi->right - roi->left : s.w, roi ? roi->bottom - roi->top : s.h, fill);
   AnimationParam p = s.Param(&out.buf, frames, loop_mode);
+  p.input = &in.buf;
+  p.mask = &still.buf;
   EXPECT_EQ(rig->Init(&p), S_OK);
   p.p_output_roi = roi;
   std::vector<std::vector<uint8_t>> result;
   for (uint32_t f = 0; f < frames; ++f) {
-    std::fill(out.px.begin(), out.px.end(), fill);
-    EXPECT_EQ(rig->Animate(&p, int32_t(f)), S_OK);
-    result.push_back(out.px);
-  }
-  return result;
-}
-
-// Every frame rendered from padded rows of unequal strides for photo, still
-// mask and frame, whose padding and surroundings must stay as they were.
-std::vector<std::vector<uint8_t>> RenderPadded(Scene& s, int workers, int simd, uint32_t frames) {
-  KorvaneTest::TestImage in(s.w, s.h, PIXEL_BGRA32, 24), still(s.w, s.h, PIXEL_GRAY8, 7),
-      out(s.w, s.h, PIXEL_BGRA32, 4);
-  in.Fill(s.photo);
-  still.Fill(s.still);
-  Rig rig(workers, simd);
-  AnimationParam p = s.Param(&out.buf, frames);
-  p.input = &in.buf;
-  p.mask = &still.buf;
-  EXPECT_EQ(rig->Init(&p), S_OK);
-  std::vector<std::vector<uint8_t>> result;
-  for (uint32_t f = 0; f < frames; ++f) {
+    out.FillConstant(fill);
     EXPECT_EQ(rig->Animate(&p, int32_t(f)), S_OK);
     result.push_back(out.Packed());
   }
@@ -186,7 +167,7 @@ TEST(PhotoAnimator, SameFramesForAnyWorkerCountKernelFormPaddingAndRegion) {
   EXPECT_EQ(RenderLoop(s, 2, 0, 5, 0xEE), reference);
   EXPECT_EQ(RenderLoop(s, 8, 0, 5, 0x00), reference);
   for (int simd : KorvaneTest::Forms()) {
-    EXPECT_EQ(RenderPadded(s, 3, simd, 5), reference) << KorvaneTest::FormName(simd) << ", padded rows";
+    EXPECT_EQ(RenderLoop(s, 3, simd, 5, 0x77, nullptr, 2, true), reference) << KorvaneTest::FormName(simd) << ", padded";
     if (simd) {
       EXPECT_EQ(RenderLoop(s, 8, simd, 5, 0xFF), reference) << KorvaneTest::FormName(simd);
     }
@@ -210,7 +191,7 @@ TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
   s.Add(FLOW_ANCHOR, {50, 50, 60, 60});  // first point only
   s.Add(FLOW_PATH, {20, 30, 25, 33, 31, 30});
   s.Add(7, {1, 2, 3, 4});                // unknown kind: ignored
-  Frame out(100, 100);
+  KorvaneTest::TestImage out(100, 100);
   AnimationParam p = s.Param(&out.buf);
   ASSERT_EQ(rig->Init(&p), S_OK);
   const auto& v = rig->MeshPoints();
@@ -222,7 +203,7 @@ TEST(PhotoAnimator, FlowKindsAndCornerAnchors) {
 
   // A 5000-pixel side gets the largest margin, 50.
   Scene wide(5000, 6, false);
-  Frame out2(5000, 6);
+  KorvaneTest::TestImage out2(5000, 6);
   AnimationParam p2 = wide.Param(&out2.buf);
   ASSERT_EQ(rig->Init(&p2), S_OK);
   EXPECT_EQ(rig->MeshPoints()[1].x, 4999 + 50);
@@ -234,7 +215,7 @@ TEST(PhotoAnimator, StrokesAreResampledAlongTheirLength) {
   Scene s(200, 100);  // spacing 200 / 20 = 10 pixels
   // An L-shaped stroke, 60 + 40 pixels long, drawn with uneven points.
   s.Add(FLOW_STROKE, {10, 10, 13, 10, 70, 10, 70, 50});
-  Frame out(200, 100);
+  KorvaneTest::TestImage out(200, 100);
   AnimationParam p = s.Param(&out.buf);
   ASSERT_EQ(rig->Init(&p), S_OK);
   const auto& v = rig->MeshPoints();
@@ -252,7 +233,7 @@ TEST(PhotoAnimator, ResultCodes) {
   PhotoAnimator& anim = *rig.fx;
   Scene s(40, 30);
   s.AddDefaultFlows();
-  Frame out(40, 30);
+  KorvaneTest::TestImage out(40, 30);
   AnimationParam p = s.Param(&out.buf, 8);
   EXPECT_EQ(anim.Animate(&p, 0), E_FAIL);
   EXPECT_EQ(anim.UpdateFlowPoints(&p), E_FAIL);
@@ -339,65 +320,56 @@ TEST(AnimationKernels, WarpSamplesBilinearlyAndMirrorsAtBorders) {
 
 }
 
-namespace {
-
-// A SIMD form of both kernels against the plain forms on awkward sizes and
-// maps: same bytes inside the span, nothing written outside it.
-void ExpectWarpFormMatchesPlain(WarpSpanFn simd_warp, WarpBlendSpanFn simd_warp_blend, const std::string& name) {
-  std::mt19937 rng(21);
-  std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-  auto random_matrix = [&](int trial, int w, int h, float* m) {
-    // Rotations, scales and shifts that reach past every border, spans that
-    // stay inside the image, and non-finite matrices.
-    const float any[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
-    const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.01f * trial, 0.4f};
-    std::copy(any, any + 6, m);
-    if (trial % 5 == 1) std::copy(inside, inside + 6, m);
-    if (trial == 38) m[2] = NAN;
-    if (trial == 39) m[0] = INFINITY;
-  };
-  for (int w : {1, 2, 3, 5, 7, 9, 13, 17, 33})
-    for (int h : {1, 2, 4, 9}) {
-      std::vector<uint8_t> img = RandomBytes(size_t(w) * h * 4, w * 100 + h);
-      const WarpSource src{img.data(), w, h, size_t(w) * 4};
-      for (int trial = 0; trial < 40; ++trial) {
-        float m[6], m2[6];
-        random_matrix(trial, w, h, m);
-        random_matrix(39 - trial, w, h, m2);
-        const int y = int(rng() % (h + 4)) - 2;
-        const int x0 = int(rng() % w), x1 = x0 + int(rng() % (w - x0 + 1));
-        const int alpha = int(rng() % 257);
-        for (int fused = 0; fused < 2; ++fused) {
-          std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
-          if (fused) {
-            WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data() + x0 * 4);
-            simd_warp_blend(src, m, m2, alpha, y, x0, x1, b.data() + x0 * 4);
-          } else {
-            WarpSpan(src, m, y, x0, x1, a.data() + x0 * 4);
-            simd_warp(src, m, y, x0, x1, b.data() + x0 * 4);
-          }
-          for (int x = 0; x < w; ++x) {
-            if (x >= x0 && x < x1) {
-              ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4))
-                  << name << " " << w << "x" << h << " x " << x << " fused " << fused;
+// Each SIMD form of both kernels against the plain forms on awkward sizes
+// and maps: same bytes inside the span, nothing written outside it.
+TEST(AnimationKernels, SimdFormsMatchThePlainFormsBitForBit) {
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
+    if (form.code == 0) continue;
+    const auto simd_warp = KORVANE_PICK_AVX2(form.info, WarpSpan, WarpSpan_SSE, WarpSpan_AVX2).fn;
+    const auto simd_warp_blend = KORVANE_PICK_AVX2(form.info, WarpBlendSpan, WarpBlendSpan_SSE, WarpBlendSpan_AVX2).fn;
+    std::mt19937 rng(21);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    auto random_matrix = [&](int trial, int w, int h, float* m) {
+      // Rotations, scales and shifts that reach past every border, spans that
+      // stay inside the image, and non-finite matrices.
+      const float any[6] = {1 + u(rng), u(rng), u(rng) * 3 * w, u(rng), 1 + u(rng), u(rng) * 3 * h};
+      const float inside[6] = {0.9f, 0.01f * trial, 0.3f, -0.02f, 1.0f - 0.01f * trial, 0.4f};
+      std::copy(any, any + 6, m);
+      if (trial % 5 == 1) std::copy(inside, inside + 6, m);
+      if (trial == 38) m[2] = NAN;
+      if (trial == 39) m[0] = INFINITY;
+    };
+    for (int w : {1, 2, 3, 5, 7, 9, 13, 17, 33})
+      for (int h : {1, 2, 4, 9}) {
+        std::vector<uint8_t> img = RandomBytes(size_t(w) * h * 4, w * 100 + h);
+        const WarpSource src{img.data(), w, h, size_t(w) * 4};
+        for (int trial = 0; trial < 40; ++trial) {
+          float m[6], m2[6];
+          random_matrix(trial, w, h, m);
+          random_matrix(39 - trial, w, h, m2);
+          const int y = int(rng() % (h + 4)) - 2;
+          const int x0 = int(rng() % w), x1 = x0 + int(rng() % (w - x0 + 1));
+          const int alpha = int(rng() % 257);
+          for (int fused = 0; fused < 2; ++fused) {
+            std::vector<uint8_t> a(w * 4, 0x00), b(w * 4, 0xFF);
+            if (fused) {
+              WarpBlendSpan(src, m, m2, alpha, y, x0, x1, a.data() + x0 * 4);
+              simd_warp_blend(src, m, m2, alpha, y, x0, x1, b.data() + x0 * 4);
             } else {
-              ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
+              WarpSpan(src, m, y, x0, x1, a.data() + x0 * 4);
+              simd_warp(src, m, y, x0, x1, b.data() + x0 * 4);
+            }
+            for (int x = 0; x < w; ++x) {
+              if (x >= x0 && x < x1) {
+                ASSERT_EQ(0, std::memcmp(&a[x * 4], &b[x * 4], 4))
+                    << form.name << " " << w << "x" << h << " x " << x << " fused " << fused;
+              } else {
+                ASSERT_EQ(b[x * 4], 0xFF) << "wrote outside the span";
+              }
             }
           }
         }
       }
-    }
-}
-
-}  // namespace
-
-TEST(AnimationKernels, SimdFormsMatchThePlainFormsBitForBit) {
-  for (int form : KorvaneTest::Forms()) {
-    if (form == 0) continue;
-    const SystemInfo info = KorvaneTest::Level(form);
-    const auto warp = KORVANE_PICK_AVX2(info, WarpSpan, WarpSpan_SSE, WarpSpan_AVX2);
-    const auto warp_blend = KORVANE_PICK_AVX2(info, WarpBlendSpan, WarpBlendSpan_SSE, WarpBlendSpan_AVX2);
-    ExpectWarpFormMatchesPlain(warp.fn, warp_blend.fn, warp.name);
   }
 }
 

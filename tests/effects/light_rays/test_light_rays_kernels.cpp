@@ -37,6 +37,16 @@ struct Space {
   }
 };
 
+// Runs the plain kernel into `a` and another form into `b`, the record
+// otherwise the same.
+template <class Param, class Dst, class Fn>
+void PlainAndForm(Param p, Fn plain, Fn form, Dst* a, Dst* b, const Rect& band) {
+  p.dst = a;
+  ASSERT_EQ(plain(p, band), S_OK);
+  p.dst = b;
+  ASSERT_EQ(form(p, band), S_OK);
+}
+
 }  // namespace
 
 // The forms of the ray-space kernels a SystemInfo picks, by name.
@@ -71,6 +81,7 @@ TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
       // other one across it from its left edge (long runs of columns that
       // neighbouring rows share).
       const int rows = 24, cols = 2 * (w + h) + 3;
+      const Rect space{0, 0, cols, rows};
       std::vector<RayLine> lines(rows);
       for (size_t j = 0; j < lines.size(); ++j) {
         RayLine& l = lines[j];
@@ -83,10 +94,7 @@ TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
         l.src_end = l.lo + (l.hi - l.lo) * 3 / 4;
       }
       Space a(lines, 1), b(lines, 1);
-      SampleRowsParam sp{&src, &a.rows};
-      ASSERT_EQ(SampleRows(sp, Rect{0, 0, cols, rows}), S_OK);
-      sp.dst = &b.rows;
-      ASSERT_EQ(f.sample.fn(sp, Rect{0, 0, cols, rows}), S_OK);
+      PlainAndForm(SampleRowsParam{&src}, SampleRows, f.sample.fn, &a.rows, &b.rows, space);
       EXPECT_EQ(a.pixels, b.pixels) << f.sample.name << " " << w;
 
       // The smear of random rows (lengths short and long, every gain).
@@ -96,14 +104,13 @@ TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
       for (uint16_t& g : gains) g = static_cast<uint16_t>(rng() % 257);
       for (int length : {1, 2, 5, 21, cols, kMaxRayLength}) {
         Space sa(lines, 3), sb(lines, 3);
-        SmearRowsParam smear{&noise.rows, &sa.rows, gains.data(), length};
-        ASSERT_EQ(SmearRows(smear, Rect{0, 0, cols, rows}), S_OK);
-        smear.dst = &sb.rows;
-        ASSERT_EQ(f.smear.fn(smear, Rect{0, 0, cols, rows}), S_OK);
+        PlainAndForm(SmearRowsParam{&noise.rows, nullptr, gains.data(), length}, SmearRows, f.smear.fn, &sa.rows,
+                     &sb.rows, space);
         EXPECT_EQ(sa.pixels, sb.pixels) << f.smear.name << " " << w << ", length " << length;
       }
 
-      // Back from a ray-space image through a table of arbitrary positions.
+      // Back from a ray-space image through a table of arbitrary positions,
+      // then the inverse rotation at an arbitrary angle, reading past every edge.
       std::vector<float> map(static_cast<size_t>(w) * h * 2);
       for (size_t i = 0; i < map.size(); i += 2) {
         map[i] = unit(rng) * (cols + 6) - 3;
@@ -111,35 +118,12 @@ TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
       }
       Bytes pa(w * h * 4, 0), pb(w * h * 4, 0);
       SmartBuffer qa = View(pa, w, h), qb = View(pb, w, h);
-      PolarToCarteParam pp;
-      pp.polar = &a.rows;
-      pp.polar_w = cols;
-      pp.polar_h = rows;
-      pp.dst = &qa;
-      pp.map = map.data();
-      pp.r_base = 1.0f;
-      pp.area = Rect{0, 0, w, h};
-      ASSERT_EQ(PolarToCarte(pp, pp.area), S_OK);
-      pp.dst = &qb;
-      ASSERT_EQ(f.to_carte.fn(pp, pp.area), S_OK);
+      const Rect whole{0, 0, w, h}, lower{0, h / 2, w, h};
+      PlainAndForm(PolarToCarteParam{&a.rows, cols, rows, nullptr, map.data(), 1.0f, whole}, PolarToCarte,
+                   f.to_carte.fn, &qa, &qb, whole);
       EXPECT_EQ(pa, pb) << f.to_carte.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
-
-      // The inverse rotation at an arbitrary angle, reading past every edge.
-      RotateBackParam rp;
-      rp.rotated = &a.rows;
-      rp.rotated_w = cols;
-      rp.rotated_h = rows;
-      rp.dst = &qa;
-      rp.u0 = -2.5f;
-      rp.ux = 0.8f;
-      rp.uy = 0.6f;
-      rp.v0 = rows * 0.5f;
-      rp.vx = -0.6f;
-      rp.vy = 0.8f;
-      rp.area = Rect{0, h / 2, w, h};
-      ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
-      rp.dst = &qb;
-      ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
+      PlainAndForm(RotateBackParam{&a.rows, cols, rows, nullptr, -2.5f, 0.8f, 0.6f, rows * 0.5f, -0.6f, 0.8f, lower},
+                   RotateBack, f.rotate_back.fn, &qa, &qb, lower);
       EXPECT_EQ(pa, pb) << f.rotate_back.name << " " << w << ": " << KorvaneTest::FirstDifference(pa, pb, w);
     }
 
@@ -161,36 +145,14 @@ TEST(LightRaysKernels, TransformsOfEveryFormAgree) {
       }
     KorvaneTest::TestImage ta(w, h, PIXEL_BGRA32, 12), tb(w, h, PIXEL_BGRA32, 12);
     SmartBuffer da = SmartBufferView(ta.buf), db = SmartBufferView(tb.buf);
-    PolarToCarteParam pp;
-    pp.polar = &space.rows;
-    pp.polar_w = cols;
-    pp.polar_h = rows;
-    pp.dst = &da;
-    pp.map = map.data();
-    pp.r_base = 0.25f;
-    pp.area = Rect{1, 2, w, h - 1};
-    ASSERT_EQ(PolarToCarte(pp, Rect{0, 0, w, h}), S_OK);
-    pp.dst = &db;
-    ASSERT_EQ(f.to_carte.fn(pp, Rect{0, 0, w, h}), S_OK);
-    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.to_carte.name << ": " << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    const Rect whole{0, 0, w, h};
+    PlainAndForm(PolarToCarteParam{&space.rows, cols, rows, nullptr, map.data(), 0.25f, Rect{1, 2, w, h - 1}},
+                 PolarToCarte, f.to_carte.fn, &da, &db, whole);
+    EXPECT_EQ(KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w), "") << f.to_carte.name;
     EXPECT_TRUE(tb.GuardsIntact());
-    RotateBackParam rp;
-    rp.rotated = &space.rows;
-    rp.rotated_w = cols;
-    rp.rotated_h = rows;
-    rp.dst = &da;
-    rp.u0 = 3.1f;
-    rp.ux = 0.96f;
-    rp.uy = 0.28f;
-    rp.v0 = 1.7f;
-    rp.vx = -0.28f;
-    rp.vy = 0.96f;
-    rp.area = Rect{0, 0, w, h};
-    ASSERT_EQ(RotateBack(rp, rp.area), S_OK);
-    rp.dst = &db;
-    ASSERT_EQ(f.rotate_back.fn(rp, rp.area), S_OK);
-    EXPECT_EQ(ta.Packed(), tb.Packed()) << f.rotate_back.name << ": "
-                                        << KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w);
+    PlainAndForm(RotateBackParam{&space.rows, cols, rows, nullptr, 3.1f, 0.96f, 0.28f, 1.7f, -0.28f, 0.96f, whole},
+                 RotateBack, f.rotate_back.fn, &da, &db, whole);
+    EXPECT_EQ(KorvaneTest::FirstDifference(ta.Packed(), tb.Packed(), w), "") << f.rotate_back.name;
     EXPECT_TRUE(tb.GuardsIntact());
   }
 }

@@ -47,23 +47,15 @@ Points Curves(double size, double gap, uint32_t seed, int curves = 6) {
   for (int c = 0; c < curves; ++c) {
     const double cx = size * (0.2 + 0.6 * unit(rng)), cy = size * (0.2 + 0.6 * unit(rng));
     const double r = size * (0.05 + 0.3 * unit(rng));
-    Points p;
-    if (c % 2 == 0) {
-      p = AlongCurve([&](double s, double& x, double& y, double& nx, double& ny) {
-            const double t = s / r;
-            nx = std::cos(t), ny = std::sin(t);
-            x = cx + r * nx, y = cy + r * ny;
-          }, 2 * M_PI * r, gap, 1 + c % 3, rng);
-    } else {
-      const double turns = 2 + 3 * unit(rng);
-      p = AlongCurve([&](double s, double& x, double& y, double& nx, double& ny) {
-            // An Archimedean spiral, parametrised roughly by arc length.
-            const double t = std::sqrt(2 * s / r * turns * 2 * M_PI) ;
-            const double rad = r * t / (turns * 2 * M_PI);
-            nx = std::cos(t), ny = std::sin(t);
-            x = cx + rad * nx, y = cy + rad * ny;
-          }, M_PI * r * turns, gap, 2, rng);
-    }
+    // Circles, and Archimedean spirals parametrised roughly by arc length.
+    const bool spiral = c % 2 == 1;
+    const double turns = spiral ? 2 + 3 * unit(rng) : 0;
+    const Points p = AlongCurve([&](double s, double& x, double& y, double& nx, double& ny) {
+          const double t = spiral ? std::sqrt(2 * s / r * turns * 2 * M_PI) : s / r;
+          const double rad = spiral ? r * t / (turns * 2 * M_PI) : r;
+          nx = std::cos(t), ny = std::sin(t);
+          x = cx + rad * nx, y = cy + rad * ny;
+        }, spiral ? M_PI * r * turns : 2 * M_PI * r, gap, spiral ? 2 : 1 + c % 3, rng);
     all.insert(all.end(), p.begin(), p.end());
   }
   return all;
@@ -75,12 +67,8 @@ void ExpectFramesRender(int w, int h, const FlowData* flows, uint32_t flow_num, 
   photo.FillNoise(4);
   still.FillConstant(0);
   AnimationParam param;
-  param.input = &photo.buf;
-  param.mask = &still.buf;
-  param.output = &out.buf;
-  param.anime_frame_count = frames;
-  param.p_flow = flows;
-  param.flow_num = flow_num;
+  param.input = &photo.buf, param.mask = &still.buf, param.output = &out.buf;
+  param.anime_frame_count = frames, param.p_flow = flows, param.flow_num = flow_num;
   KorvaneTest::EffectRig<PhotoAnimator> rig;
   ASSERT_EQ(rig->Init(&param), S_OK);
   for (uint32_t f = 0; f < frames; ++f) EXPECT_EQ(rig->Animate(&param, f), S_OK) << "frame " << f;

@@ -66,15 +66,8 @@ struct Scene {
         if (subject && dx * dx + dy * dy <= 1.0f) m[static_cast<size_t>(y) * w + x] = 200;
       }
     mask.Fill(m);
-    p.input = &photo.buf;
-    p.mask = &mask.buf;
-    p.output = &out.buf;
-    p.roi = Rect{0, 0, w, h};
-    p.anime_frame_count = 10;
-    p.particle_size = 2.5f;
-    p.density = 0.6f;
-    p.turbulence = 0.5f;
-    p.seed = 11;
+    p.input = &photo.buf, p.mask = &mask.buf, p.output = &out.buf, p.roi = Rect{0, 0, w, h};
+    p.anime_frame_count = 10, p.particle_size = 2.5f, p.density = 0.6f, p.turbulence = 0.5f, p.seed = 11;
   }
   int32_t W() const { return photo.buf.width; }
   int32_t H() const { return photo.buf.height; }
@@ -117,10 +110,8 @@ TEST(Dispersion, FrameZeroIsThePhotoAndAnEmptyMaskChangesNothing) {
 TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
   for (float direction : {0.0f, 90.0f, 210.0f, -45.0f}) {
     Scene s;
-    s.p.direction = direction;
-    s.p.spread = 90.0f;  // the widest cone that stays downwind: +-90 degrees
-    s.p.turbulence = 1.0f;
-    s.p.distance = 0.1f;
+    s.p.direction = direction, s.p.spread = 90.0f;  // the widest cone that stays downwind: +-90 degrees
+    s.p.turbulence = 1.0f, s.p.distance = 0.1f;
     s.p.fade = 0.0f;  // particles stay, so late frames are crowded too
     EffectRig<DispersionEffect> fx;
     ASSERT_EQ(fx->Init(&s.p), S_OK);
@@ -150,10 +141,7 @@ TEST(Dispersion, PixelsUpwindOfTheSubjectNeverChange) {
   // spread is the angle either side of the wind: at 180 some particles fly
   // straight back, well beyond the subject's upwind edge.
   Scene s;
-  s.p.spread = 180.0f;
-  s.p.turbulence = 0.0f;
-  s.p.distance = 0.3f;
-  s.p.fade = 0.0f;
+  s.p.spread = 180.0f, s.p.turbulence = 0.0f, s.p.distance = 0.3f, s.p.fade = 0.0f;
   EffectRig<DispersionEffect> fx;
   ASSERT_EQ(fx->Init(&s.p), S_OK);
   const float limit = fx->GetTrailingProjection() - s.p.particle_size - 10.0f;
@@ -192,8 +180,7 @@ TEST(Dispersion, CrumbledPixelsShowTheBackgroundUntilAParticleCoversThem) {
 
 TEST(Dispersion, WithFadeTheLastFrameIsTheBackground) {
   Scene s;
-  s.p.fade = 1.0f;
-  s.p.density = 1.0f;
+  s.p.fade = 1.0f, s.p.density = 1.0f;
   EffectRig<DispersionEffect> fx;
   ASSERT_EQ(fx->Init(&s.p), S_OK);
   std::vector<uint8_t> last = Render(fx, s, s.p.anime_frame_count - 1);
@@ -227,8 +214,7 @@ TEST(Dispersion, ParticlesTakeTheSubjectsOwnColourAtEverySize) {
           px[0] = 10, px[1] = 120, px[2] = 230, px[3] = 255;
         }
     s.photo.Fill(photo);
-    s.p.particle_size = size;
-    s.p.density = 0.25f;
+    s.p.particle_size = size, s.p.density = 0.25f;
     EffectRig<DispersionEffect> fx;
     ASSERT_EQ(fx->Init(&s.p), S_OK) << size;
     const auto& particles = fx->GetParticles();
@@ -243,9 +229,7 @@ TEST(Dispersion, ParticlesTakeTheSubjectsOwnColourAtEverySize) {
 
 TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
   Scene s;
-  s.p.loop_mode = DISPERSION_LOOP;
-  s.p.anime_frame_count = 12;
-  s.p.fade = 0.5f;
+  s.p.loop_mode = DISPERSION_LOOP, s.p.anime_frame_count = 12, s.p.fade = 0.5f;
   EffectRig<DispersionEffect> fx;
   ASSERT_EQ(fx->Init(&s.p), S_OK);
   std::vector<std::vector<uint8_t>> frames;
@@ -268,8 +252,7 @@ TEST(Dispersion, TheLoopClosesAsSmoothlyAsAnyTwoNeighbours) {
 
 TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
   Scene ref_scene(131, 77);
-  ref_scene.p.particle_size = 6.0f;  // discs that cross band and strip edges
-  ref_scene.p.density = 0.3f;
+  ref_scene.p.particle_size = 6.0f, ref_scene.p.density = 0.3f;  // discs that cross band and strip edges
   const int32_t frames[] = {2, 4, 7};
   std::vector<std::vector<uint8_t>> ref;
   {
@@ -280,8 +263,7 @@ TEST(Dispersion, SameImageForAnyWorkerCountKernelFormAndRegion) {
   for (int workers : {2, 8}) {
     for (int simd : KorvaneTest::Forms()) {
       Scene s(131, 77);
-      s.p.particle_size = ref_scene.p.particle_size;
-      s.p.density = ref_scene.p.density;
+      s.p.particle_size = ref_scene.p.particle_size, s.p.density = ref_scene.p.density;
       EffectRig<DispersionEffect> fx(workers, simd);
       ASSERT_EQ(fx->Init(&s.p), S_OK);
       for (int i = 0; i < 3; ++i)
@@ -310,12 +292,10 @@ TEST(Dispersion, ChangedSettingsPrepareAgainAndTheSameRecordGivesTheSameImage) {
   ASSERT_EQ(fa->Init(&a.p), S_OK);
   const std::vector<uint8_t> first = Render(fa, a, 5);
   EXPECT_EQ(Render(fa, a, 5), first);
-  a.p.seed = 12;
-  a.p.direction = 150.0f;
+  a.p.seed = 12, a.p.direction = 150.0f;
   const std::vector<uint8_t> changed = Render(fa, a, 5);  // prepares again by itself
   EXPECT_NE(changed, first);
-  b.p.seed = 12;
-  b.p.direction = 150.0f;
+  b.p.seed = 12, b.p.direction = 150.0f;
   ASSERT_EQ(fb->Init(&b.p), S_OK);
   EXPECT_EQ(Render(fb, b, 5), changed);
 }

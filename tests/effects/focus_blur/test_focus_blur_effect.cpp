@@ -21,9 +21,8 @@ struct Scene {
       : w(width), h(height), photo(RandomBytes(static_cast<size_t>(width) * height * 4, seed)),
         guide(RandomBytes(static_cast<size_t>(width) * height, seed + 100)),
         out(static_cast<size_t>(width) * height * 4, out_fill) {
-    param.input = MakeImageBuffer(photo.data(), w, h);
+    param.input = MakeImageBuffer(photo.data(), w, h), param.output = MakeImageBuffer(out.data(), w, h);
     param.mask = MakeImageBuffer(guide.data(), w, h, PIXEL_GRAY8);
-    param.output = MakeImageBuffer(out.data(), w, h);
   }
 };
 
@@ -60,9 +59,7 @@ TEST(FocusBlurEffect, MatchesTheReferenceForEveryFormAndWorkerCount) {
   uint32_t seed = 10;
   for (const Case& c : cases) {
     Scene s(c.w, c.h, ++seed);
-    s.param.blur_level = c.level;
-    s.param.focus_value = c.focus;
-    s.param.focus_range = c.range;
+    s.param.blur_level = c.level, s.param.focus_value = c.focus, s.param.focus_range = c.range;
     const std::vector<uint8_t> ref = ReferenceFocusBlur(s.photo, s.guide, c.w, c.h, c.level, c.focus, c.range);
     for (int workers : {1, 2, 8}) {
       for (const Form& form : Forms()) {

@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
-#include <limits>
 #include <vector>
 
 #include "TestSupport.h"
@@ -57,16 +54,9 @@ LightRaysParam Base(Bytes& src, int w, int h) {
   LightRaysParam p;
   p.src = MakeSmartBufferView(src.data(), w, h);
   p.roi = Rect{0, 0, w, h};
-  p.ray_level = 0.8f;
-  p.ray_softness = static_cast<float>(std::min(2, std::max(w, h) / 32));
-  p.ray_length = static_cast<float>(std::max(w, h)) * 0.4f;
-  p.hlr_threshold = 200.0f;
-  p.blend_strength = 1.0f;
-  p.center_x = w / 2;
-  p.center_y = h / 3;
-  p.ray_angle = 30.0f;
-  p.hue_shift = 0.1f;
-  p.color_param = 0.3f;
+  p.ray_level = 0.8f, p.ray_softness = static_cast<float>(std::min(2, std::max(w, h) / 32));
+  p.ray_length = static_cast<float>(std::max(w, h)) * 0.4f, p.hlr_threshold = 200.0f, p.blend_strength = 1.0f;
+  p.center_x = w / 2, p.center_y = h / 3, p.ray_angle = 30.0f, p.hue_shift = 0.1f, p.color_param = 0.3f;
   return p;
 }
 
@@ -131,9 +121,8 @@ TEST(LightRaysEffect, SizesLifecycleAndRelease) {
   Bytes src = Photo(w, h), dst(static_cast<size_t>(w) * h * 4);
   LightRaysParam p = Base(src, w, h), empty = p;
   p.dst = MakeSmartBufferView(dst.data(), w, h);
-  empty.src = MakeSmartBufferView(src.data(), 0, 0);
+  empty.src = MakeSmartBufferView(src.data(), 0, 0), empty.dst = MakeSmartBufferView(dst.data(), 0, 0);
   empty.roi = Rect{0, 0, 0, 0};
-  empty.dst = MakeSmartBufferView(dst.data(), 0, 0);
   EXPECT_EQ(rig->Process(p), E_INVALIDARG);      // not the prepared size
   EXPECT_EQ(rig->Process(empty), E_INVALIDARG);  // an empty roi
   for (int round = 0; round < 2; ++round) {
@@ -181,29 +170,22 @@ TEST(LightRaysEffect, ValidationRunsInOrderWithItsCodes) {
       {"negative roi", E_INVALIDARG, [](LightRaysParam& p) { p.roi = Rect{-2, 0, 62, 40}; }},
       {"short src rows", E_INVALIDARG, [](LightRaysParam& p) { p.src.stride = 4 * 63, p.dst.data.reset(); }},
       {"dst data", E_POINTER, [](LightRaysParam& p) { p.dst.data.reset(); }},
+      // Unchecked fields: the centre is clamped, lampshade_param may be anything.
+      {"far centre", S_OK, [](LightRaysParam& p) { p.center_x = INT32_MIN + 1, p.center_y = 1 << 30; }},
+      {"nan lampshade", S_OK, [](LightRaysParam& p) { p.lampshade_spread = 40, p.lampshade_param = std::nanf(""); }},
+      {"no lampshade", S_OK, [](LightRaysParam& p) { p.lampshade_spread = 0, p.lampshade_param = -5; }},
+      {"no frames", S_OK, [](LightRaysParam& p) {
+         p.anime_frame_count = 0, p.anime_frame_index = -3, p.animate_rays = 1, p.animate_hue = 1; }},
+      {"limits", S_OK, [](LightRaysParam& p) {
+         p.ray_length = 64, p.ray_radius = 64, p.ray_softness = 2, p.ray_angle = 360; }},
   };
   // clang-format on
   Bytes src = Photo(w, h);
   for (const Case& c : cases) {
-    int32_t code = 0;
-    Bytes dst = Render(
-        src, w, h, [&](LightRaysParam& p) { c.tweak(p); }, 2, KorvaneTest::Level(SIMD_SSE41), &code);
-    EXPECT_EQ(code, c.code) << c.what;
-    EXPECT_EQ(dst, Bytes(dst.size(), 0x5A)) << c.what << ": dst written on a refusal";
-  }
-  // Unchecked fields: the centre is clamped, lampshade_param may be anything.
-  // clang-format off
-  for (const Tweak& ok : std::vector<Tweak>{
-           [](LightRaysParam& p) { p.center_x = std::numeric_limits<int32_t>::min() + 1, p.center_y = 1 << 30; },
-           [](LightRaysParam& p) { p.lampshade_spread = 40, p.lampshade_param = std::nanf(""); },
-           [](LightRaysParam& p) { p.lampshade_spread = 0, p.lampshade_param = -5; },
-           [](LightRaysParam& p) {
-             p.anime_frame_count = 0, p.anime_frame_index = -3, p.animate_rays = 1, p.animate_hue = 1; },
-           [](LightRaysParam& p) { p.ray_length = 64, p.ray_radius = 64, p.ray_softness = 2, p.ray_angle = 360; }}) {
-    // clang-format on
     int32_t code = 1;
-    Render(src, w, h, ok, 2, KorvaneTest::Level(SIMD_SSE41), &code);
-    EXPECT_EQ(code, S_OK);
+    const Bytes dst = Render(src, w, h, c.tweak, 2, KorvaneTest::Level(SIMD_SSE41), &code);
+    EXPECT_EQ(code, c.code) << c.what;
+    EXPECT_TRUE(c.code == S_OK || dst == Bytes(dst.size(), 0x5A)) << c.what << ": dst written on a refusal";
   }
 }
 
@@ -217,8 +199,7 @@ TEST(LightRaysEffect, NoLengthCopiesAndNoStrengthKeepsTheRoiExactly) {
     EffectRig<LightRaysEffect> rig;
     ASSERT_EQ(rig->Initialize(w, h), S_OK);
     LightRaysParam p = Base(src, w, h);
-    p.roi = roi;
-    p.ray_length = length;
+    p.roi = roi, p.ray_length = length;
     p.blend_strength = length > 0 ? 0.0f : 1.0f;  // rays run, but nothing is added
     TestImage dst(RectWidth(roi), RectHeight(roi), PIXEL_BGRA32, 12);
     p.dst = SmartBufferView(dst.buf);
@@ -369,11 +350,8 @@ TEST(LightRaysEffect, KernelFormsWorkerCountsAndPaddedRowsGiveThePlainImage) {
       // One region reaching the right edge, one stopping short of it.
       const Rect roi{s.w / 4, s.h / 3, mode ? s.w : s.w - s.w / 5, s.h};
       const Tweak tweak = [&](LightRaysParam& p) {
-        p.ray_mode = mode;
-        p.mask = MakeSmartBufferView(mask_bytes.data(), s.w, s.h, PIXEL_GRAY8);
-        p.roi = roi;
-        p.lampshade_spread = 100;
-        p.ray_radius = static_cast<float>(std::max(s.w, s.h)) / 2;
+        p.ray_mode = mode, p.roi = roi, p.mask = MakeSmartBufferView(mask_bytes.data(), s.w, s.h, PIXEL_GRAY8);
+        p.lampshade_spread = 100, p.ray_radius = static_cast<float>(std::max(s.w, s.h)) / 2;
       };
       const Bytes plain = Render(src, s.w, s.h, tweak, 1, KorvaneTest::Level(SIMD_NONE));
       for (const KorvaneTest::Form& form : KorvaneTest::Forms())
@@ -387,9 +365,7 @@ TEST(LightRaysEffect, KernelFormsWorkerCountsAndPaddedRowsGiveThePlainImage) {
           Bytes unused = src;
           LightRaysParam p = Base(unused, s.w, s.h);
           tweak(p);
-          p.src = SmartBufferView(photo.buf);
-          p.mask = SmartBufferView(mask.buf);
-          p.dst = SmartBufferView(out.buf);
+          p.src = SmartBufferView(photo.buf), p.mask = SmartBufferView(mask.buf), p.dst = SmartBufferView(out.buf);
           ASSERT_EQ(rig->Process(p), S_OK);
           EXPECT_EQ(FirstDifference(out.Packed(), plain, out.buf.width), "")
               << form.name << " " << workers << " workers " << s.w << "x" << s.h << " mode " << mode;
@@ -459,9 +435,7 @@ TEST(LightRaysEffectDeathTest, ThinPhotosStaySmall) {
         for (int mode : {0, 1}) {
           LightRaysParam p = Base(w == 1 ? tall : wide, w, h);
           p.dst = MakeSmartBufferView(out.data(), w, h);
-          p.ray_mode = mode;
-          p.ray_angle = 45.0f;
-          p.ray_length = static_cast<float>(kMaxImageSide);
+          p.ray_mode = mode, p.ray_angle = 45.0f, p.ray_length = static_cast<float>(kMaxImageSide);
           if (rig->Process(p) != S_OK) return false;
         }
       }
@@ -489,8 +463,7 @@ TEST(LightRaysEffectDeathTest, ARefusedWorkingImageIsLoggedWithItsOwnLine) {
         return false;
       }
       LightRaysParam p;
-      p.src = MakeSmartBufferView(px.data(), 4000, 3000);
-      p.dst = MakeSmartBufferView(px.data(), 4, 4);
+      p.src = MakeSmartBufferView(px.data(), 4000, 3000), p.dst = MakeSmartBufferView(px.data(), 4, 4);
       p.roi = Rect{0, 0, 4, 4};
       return rig->Process(p) == E_FAIL;
     });

@@ -161,8 +161,7 @@ TEST(LightRaysKernels, LineRangesSamplingAndSmear) {
   // A horizontal line through row 2 of a 6 x 4 image, starting 3 left of it:
   // columns 2 .. 8 lie strictly inside (-1, 6) horizontally.
   RayLine l;
-  l.x0 = -3.0f;
-  l.y0 = 2.0f;
+  l.x0 = -3.0f, l.y0 = 2.0f;
   CalLineRange(l, 6, 4, 1.0f, 20);
   EXPECT_EQ(l.lo, 2);
   EXPECT_EQ(l.hi, 10);
@@ -189,8 +188,7 @@ TEST(LightRaysKernels, LineRangesSamplingAndSmear) {
 
   // Smear: one sample of 200 at column 5 fades over L = 4 columns, gain 1.
   RayLine whole;
-  whole.lo = 0;
-  whole.hi = 12;
+  whole.hi = 12;  // from column 0
   Space in({whole}, 0), out_smear({whole}, 0);
   reinterpret_cast<uint8_t*>(in.pixels.data())[5 * 4 + 2] = 200;
   const uint8_t* smeared = reinterpret_cast<const uint8_t*>(out_smear.pixels.data());

@@ -43,8 +43,7 @@ Bytes Render(Photo& photo, LightRaysParam p) {
   EXPECT_EQ(rig->Initialize(photo.w, photo.h), S_OK);
   Bytes out(photo.px.size());
   p.src = MakeSmartBufferView(photo.px.data(), photo.w, photo.h);
-  p.dst = MakeSmartBufferView(out.data(), photo.w, photo.h);
-  p.roi = Rect{0, 0, photo.w, photo.h};
+  p.dst = MakeSmartBufferView(out.data(), photo.w, photo.h), p.roi = Rect{0, 0, photo.w, photo.h};
   EXPECT_EQ(rig->Process(p), S_OK);
   return out;
 }
@@ -58,11 +57,7 @@ TEST(LightRaysFade, RaysFadeToNothingWithoutSteps) {
   Photo bar(600, 200, 20);
   bar.Fill(40, 20, 60, 180, 255);
   LightRaysParam p;
-  p.ray_mode = LIGHT_RAYS_DIRECTIONAL;
-  p.ray_angle = 0;
-  p.ray_length = 400;
-  p.center_x = 300;
-  p.center_y = 100;
+  p.ray_mode = LIGHT_RAYS_DIRECTIONAL, p.ray_angle = 0, p.ray_length = 400, p.center_x = 300, p.center_y = 100;
   double total[2] = {0, 0}, step[2] = {0, 0};
   for (int smooth : {0, 1}) {
     p.smooth_fade = static_cast<uint8_t>(smooth);
@@ -133,8 +128,7 @@ TEST(LightRaysSuggest, SettingsThatDoNotWashThePhotoOut) {
 
   EffectRig<LightRaysEffect> rig;
   LightRaysParam designed;
-  designed.center_x = 320;
-  designed.center_y = 300;
+  designed.center_x = 320, designed.center_y = 300;
   LightRaysParam p = designed;
   p.ray_angle = 33;
   ASSERT_EQ(rig->SuggestSettings(&b, SUGGEST_ALL & ~SUGGEST_CENTER, &p), S_OK);

@@ -54,10 +54,8 @@ struct Rig {
   Korvane::ImageBuffer src, shape;
   int32_t w, h;
 
-  Rig(int32_t width, int32_t height, int workers = 2, int simd = Korvane::SIMD_SSE41, int32_t step = 40)
-      : Rig(width, height, workers, KorvaneTest::Level(simd), step) {}
-  // The same with the kernel forms `info` picks.
-  Rig(int32_t width, int32_t height, int workers, const Korvane::SystemInfo& info, int32_t step = 40)
+  Rig(int32_t width, int32_t height, int workers = 2,
+      const Korvane::SystemInfo& info = KorvaneTest::Level(Korvane::SIMD_SSE41), int32_t step = 40)
       : rig(workers), photo(SpotsPhoto(width, height, step)), star(StarShape()), w(width), h(height) {
     rig->SetSystemInfo(info);
     src = Korvane::MakeImageBuffer(photo.data(), w, h);

@@ -52,7 +52,7 @@ inline std::vector<uint8_t> Crop(const std::vector<uint8_t>& img, int32_t w, con
 // `whole`, the w pixels wide render of the whole photo, for every region.
 template <class Render>
 void ExpectRegionsAreCrops(const std::vector<uint8_t>& whole, int32_t w, const std::vector<Korvane::Rect>& regions,
-                           Render render, const std::string& what) {
+                           const std::string& what, Render render) {
   for (const Korvane::Rect& r : regions)
     ASSERT_EQ(KorvaneTest::FirstDifference(render(r), Crop(whole, w, r), r.right - r.left), "")
         << what << " region " << r.left << "," << r.top << "," << r.right << "," << r.bottom;
@@ -62,7 +62,7 @@ void ExpectRegionsAreCrops(const std::vector<uint8_t>& whole, int32_t w, const s
 // same bytes on 2 and 8 workers with every kernel form as on one worker with
 // the plain forms.
 template <class Render>
-void ExpectSameFrameForWorkersAndForms(Render render, int32_t width, const std::string& what = "") {
+void ExpectSameFrameForWorkersAndForms(int32_t width, const std::string& what, Render render) {
   const std::vector<uint8_t> first = render(1, KorvaneTest::Level(0));
   for (const KorvaneTest::Form& form : KorvaneTest::Forms())
     for (int workers : {2, 8})

@@ -6,6 +6,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestSupport.h"
@@ -52,10 +53,10 @@ struct Rig : KorvaneTest::EffectRig<GlowEffect> {
 GlowParam MakeParam(Bytes& src, Bytes& dst, int w, int h) {
   GlowParam p;
   dst.assign(static_cast<size_t>(w) * h * 4, 0xA5);
-  p.src = MakeSmartBufferView(src.data(), w, h), p.dst = MakeSmartBufferView(dst.data(), w, h), p.roi = Rect{0, 0, w, h};
-  p.glow_intensity = 0.6f, p.glow_contrast = 1.6f, p.glow_radius = std::min(5.0f, static_cast<float>(std::max(w, h) / 8));
-  p.hlr_threshold = 120, p.saturation = 0.3f, p.color_strength = 0.25f, p.color_hue = 0.1f, p.brightness = 0.9f;
-  p.opacity = 230, p.blend_mode = GLOW_BLEND_SCREEN;
+  p.src = MakeSmartBufferView(src.data(), w, h), p.dst = MakeSmartBufferView(dst.data(), w, h);
+  p.roi = Rect{0, 0, w, h}, p.glow_radius = std::min(5.0f, static_cast<float>(std::max(w, h) / 8));
+  p.glow_intensity = 0.6f, p.glow_contrast = 1.6f, p.hlr_threshold = 120, p.saturation = 0.3f;
+  p.color_strength = 0.25f, p.color_hue = 0.1f, p.brightness = 0.9f, p.opacity = 230, p.blend_mode = GLOW_BLEND_SCREEN;
   return p;
 }
 
@@ -73,9 +74,7 @@ Bytes Render(int w, int h, int workers, int32_t simd, Tweak tweak) {
 const auto kNoTweak = [](GlowParam&, Bytes&) {};
 
 // No tint, no saturation change, full brightness: a grey glow.
-void Untinted(GlowParam& p) {
-  p.saturation = p.color_strength = 0.0f, p.brightness = 1.0f;
-}
+void Untinted(GlowParam& p) { p.saturation = p.color_strength = 0.0f, p.brightness = 1.0f; }
 
 // Runs a stage task over `region` as one band.
 int32_t RunTask(ThreadTask task, void* param, Rect region) {
@@ -129,13 +128,8 @@ TEST(GlowEffect, ValidationRunsInOrderWithItsCodes) {
   const int w = 40, h = 24;
   Rig rig(w, h);
   static Bytes gray(static_cast<size_t>(w) * h, 200);
-  struct Case {
-    const char* what;
-    int32_t code;
-    void (*tweak)(GlowParam&);
-  };
   // Several cases carry a second fault that a later step would report.
-  const Case cases[] = {
+  const std::tuple<const char*, int32_t, void (*)(GlowParam&)> cases[] = {
       {"src width", E_INVALIDARG, [](GlowParam& p) { p.src.width = 39; p.dst.pix_fmt = PIXEL_GRAY8; }},
       {"src height", E_INVALIDARG, [](GlowParam& p) { p.src.height = 25; }},
       {"src data", E_INVALIDARG, [](GlowParam& p) { p.src.data.reset(); p.glow_intensity = 5; }},
@@ -154,23 +148,21 @@ TEST(GlowEffect, ValidationRunsInOrderWithItsCodes) {
       {"short dst stride", E_INVALIDARG, [](GlowParam& p) { p.dst.stride = 4 * 40 - 1; }},
   };
   Bytes src = Photo(w, h), dst;
-  for (const Case& c : cases) {
+  for (const auto& [what, code, tweak] : cases) {
     GlowParam p = MakeParam(src, dst, w, h);
-    c.tweak(p);
-    EXPECT_EQ(rig.fx->Process(p), c.code) << c.what;
+    tweak(p);
+    EXPECT_EQ(rig.fx->Process(p), code) << what;
   }
   // Each float setting just outside its range, and not a number.
-  const struct {
-    float GlowParam::*field;
-    float bad;
-  } settings[] = {{&GlowParam::glow_intensity, 1.01f}, {&GlowParam::glow_intensity, std::nanf("")},
-                  {&GlowParam::glow_radius, 5.01f},    {&GlowParam::glow_contrast, 0.99f},  // radius: 40 / 8 = 5
-                  {&GlowParam::color_hue, 1.5f},       {&GlowParam::color_strength, -0.1f},
-                  {&GlowParam::color_strength, INFINITY}, {&GlowParam::saturation, 1.1f},
-                  {&GlowParam::brightness, -0.1f},     {&GlowParam::saturation, -1.1f}};
+  const std::pair<float GlowParam::*, float> settings[] = {
+      {&GlowParam::glow_intensity, 1.01f},    {&GlowParam::glow_intensity, std::nanf("")},
+      {&GlowParam::glow_radius, 5.01f},       {&GlowParam::glow_contrast, 0.99f},  // radius: 40 / 8 = 5
+      {&GlowParam::color_hue, 1.5f},          {&GlowParam::color_strength, -0.1f},
+      {&GlowParam::color_strength, INFINITY}, {&GlowParam::saturation, 1.1f},
+      {&GlowParam::brightness, -0.1f},        {&GlowParam::saturation, -1.1f}};
   for (const auto& c : settings) {
     GlowParam p = MakeParam(src, dst, w, h);
-    p.*c.field = c.bad;
+    p.*c.first = c.second;
     EXPECT_EQ(rig.fx->Process(p), E_INVALIDARG) << &c - settings;
   }
   // The edges of every range are accepted.
@@ -281,69 +273,45 @@ TEST(GlowEffect, RenderingsMatchTheirRecordedDigests) {
   }
 }
 
-// A region render is the crop of the full render: with the SIMD forms for
-// any region, with the plain form for regions from the origin. Elsewhere the
+// Renders into padded rows (unequal strides for photo, mask and output, and
+// the output as the photo itself, on one and on eight workers) are the packed
+// render of two workers. A region render is its crop: with the SIMD forms for
+// any region, with the plain form for regions from the origin; elsewhere the
 // plain form keeps its own addressing, image pixel (x, y) to dst (x, y) where
-// that exists. Either way nothing outside dst's pixels is written.
-TEST(GlowEffect, RegionRendersAreCropsOfTheFullRender) {
+// that exists. Nothing outside dst's pixels is written.
+TEST(GlowEffect, PaddedRowsAndRegionsRenderAsTheWhole) {
   const int w = 61, h = 35;
-  const Rect regions[] = {{0, 0, 20, 12},  {41, 0, 61, 9},  {0, 23, 17, 35}, {44, 26, 61, 35},
-                          {0, 0, 61, 1},   {60, 0, 61, 35}, {0, 34, 61, 35}, {9, 5, 52, 30}};
+  const Rect regions[] = {{0, 0, w, h},     {0, 0, w, h},  {0, 0, 20, 12},  {41, 0, 61, 9},  {0, 23, 17, 35},
+                          {44, 26, 61, 35}, {0, 0, 61, 1}, {60, 0, 61, 35}, {0, 34, 61, 35}, {9, 5, 52, 30}};
   for (int32_t simd : KorvaneTest::Forms()) {
     for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE}) {
-      const Bytes whole = Render(w, h, 2, simd, [mode](GlowParam& p, Bytes&) { p.blend_mode = mode; });
-      for (const Rect& r : regions) {
-        const int rw = RectWidth(r), rh = RectHeight(r);
-        KorvaneTest::TestImage part(rw, rh, PIXEL_BGRA32, 8);
-        Bytes src = Photo(w, h), unused;
-        Rig rig(w, h, 3, simd);
-        GlowParam p = MakeParam(src, unused, w, h);
+      const Bytes whole = Render(w, h, 2, simd, [mode](GlowParam& p, Bytes& mask) {
         p.blend_mode = mode;
-        p.dst = SmartBufferView(part.buf);
-        p.roi = r;
+        p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
+      });
+      for (size_t k = 0; k < std::size(regions); ++k) {  // the whole twice (the second in place), then regions
+        const Rect& r = regions[k];
+        const int rw = RectWidth(r), rh = RectHeight(r);
+        KorvaneTest::TestImage src(w, h, PIXEL_BGRA32, 20), dst(rw, rh, PIXEL_BGRA32, 8), mask(w, h, PIXEL_GRAY8, 5);
+        src.Fill(Photo(w, h));
+        mask.Fill(RandomBytes(static_cast<size_t>(w) * h, 3));
+        Bytes unused_src, unused_dst;
+        Rig rig(w, h, k == 0 ? 1 : k == 1 ? 8 : 3, simd);  // the bands differ from the reference's
+        GlowParam p = MakeParam(unused_src, unused_dst, w, h);
+        p.blend_mode = mode, p.roi = r, p.src = SmartBufferView(src.buf), p.mask = SmartBufferView(mask.buf);
+        p.dst = SmartBufferView(k == 1 ? src.buf : dst.buf);
         ASSERT_EQ(rig.fx->Process(p), S_OK);
-        EXPECT_TRUE(part.GuardsIntact());
+        EXPECT_TRUE(src.GuardsIntact() && dst.GuardsIntact() && mask.GuardsIntact());
         Bytes want = LightTest::Crop(whole, w, r);
         if (simd == 0 && (r.left || r.top)) {  // the plain form's own addressing; dst keeps its bytes elsewhere
           want.assign(want.size(), KorvaneTest::TestImage::kGuardByte);
           for (int y = r.top; y < rh && r.left < rw; ++y)
-            std::copy_n(&whole[(static_cast<size_t>(y) * w + r.left) * 4], (rw - r.left) * 4, &want[(y * rw + r.left) * 4]);
+            std::copy_n(&whole[(static_cast<size_t>(y) * w + r.left) * 4], (rw - r.left) * 4,
+                        &want[(y * rw + r.left) * 4]);
         }
-        ASSERT_EQ(KorvaneTest::FirstDifference(part.Packed(), want, rw), "")
-            << "simd " << simd << " mode " << mode << " region " << r.left << "," << r.top;
-      }
-    }
-  }
-}
-
-// Padded rows with unequal strides for photo, mask and output, and the output
-// as the photo itself, on one and on eight workers: the packed result of two
-// workers, padding and surroundings untouched.
-TEST(GlowEffect, PaddedRowsRenderAsPacked) {
-  const int w = 53, h = 37;
-  for (int32_t simd : KorvaneTest::Forms()) {
-    for (int32_t mode : {GLOW_BLEND_SCREEN, GLOW_BLEND_HUE}) {
-      auto with_mask = [mode](GlowParam& p, Bytes& mask) {
-        p.blend_mode = mode;
-        p.mask = MakeSmartBufferView(mask.data(), p.src.width, p.src.height, PIXEL_GRAY8);
-      };
-      const Bytes want = Render(w, h, 2, simd, with_mask);
-      for (bool in_place : {false, true}) {
-        KorvaneTest::TestImage src(w, h, PIXEL_BGRA32, 20), dst(w, h, PIXEL_BGRA32, 8), mask(w, h, PIXEL_GRAY8, 5);
-        src.Fill(Photo(w, h));
-        mask.Fill(RandomBytes(static_cast<size_t>(w) * h, 3));
-        Bytes unused_src, unused_dst;
-        Rig rig(w, h, in_place ? 8 : 1, simd);  // the bands differ from the reference's
-        GlowParam p = MakeParam(unused_src, unused_dst, w, h);
-        p.blend_mode = mode;
-        p.src = SmartBufferView(src.buf);
-        p.mask = SmartBufferView(mask.buf);
-        p.dst = SmartBufferView(in_place ? src.buf : dst.buf);
-        ASSERT_EQ(rig.fx->Process(p), S_OK);
-        const Bytes got = (in_place ? src : dst).Packed();
-        EXPECT_EQ(got, want) << "simd " << simd << " mode " << mode << (in_place ? " in place: " : ": ")
-                             << KorvaneTest::FirstDifference(got, want, w);
-        EXPECT_TRUE(src.GuardsIntact() && dst.GuardsIntact() && mask.GuardsIntact());
+        ASSERT_EQ(KorvaneTest::FirstDifference((k == 1 ? src : dst).Packed(), want, rw), "")
+            << "simd " << simd << " mode " << mode << " region " << r.left << "," << r.top << "," << r.right << ","
+            << r.bottom << (k == 1 ? " in place" : "");
       }
     }
   }

@@ -485,10 +485,8 @@ TEST(BokehEffect, BackgroundLooksLikeTheFocusBlur) {
   EXPECT_EQ(RowPtr(weight, 3)[5], 255);
 
   // The reduced kernel spans the same reach in full-size pixels and sums to 1.
-  float w[kGaussianHalfTaps];
-  const int32_t n = MakeReducedGaussianWeights(60, 4000, 3000, 0.5f, w);
-  float full[kGaussianHalfTaps];
-  const int32_t nf = MakeGaussianWeights(60, 4000, 3000, full);
+  float w[kGaussianHalfTaps], full[kGaussianHalfTaps];
+  const int32_t n = MakeReducedGaussianWeights(60, 4000, 3000, 0.5f, w), nf = MakeGaussianWeights(60, 4000, 3000, full);
   EXPECT_EQ(n, (nf - 1) / 2 + 1);
   float sum = w[0];
   for (int i = 1; i < n; ++i) sum += 2 * w[i];

@@ -338,52 +338,29 @@ TEST(GlowBlendRows, EightPixelPathMatchesPerPixelPath) {
     }
 }
 
-TEST(GlowBlendRows, FloatModesKeepThePhotoWhenTheGlowIsThePhoto) {
-  // A glow equal to the photo (on the 0..1 scale) has the photo's hue and
-  // chroma, so hue mode rebuilds the photo; so does saturation where the
-  // photo is neither near grey nor very light or dark.
-  std::mt19937 rng(9);
-  const int32_t W = 19, H = 7;
-  Image photo = Random(W, H, rng), glow_f(W, H, PIXEL_FLOAT96), out(W, H);
-  for (size_t i = 3; i < photo.px.size(); i += 4) photo.px[i] = 255;
-  float* gf = reinterpret_cast<float*>(glow_f.px.data());
-  for (int32_t i = 0; i < W * H; ++i)
-    for (int k = 0; k < 3; ++k) gf[i * 3 + k] = photo.px[i * 4 + k] / 255.0f;
-  SmartBuffer pv = photo.View(), fv = glow_f.View(), ov = out.View();
-  Runner r(2);
-  for (int32_t slot : {14, 15}) {
-    GlowBlendParam p;
-    p.glow_f = &fv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, W, H};
-    ASSERT_EQ(r.Run(slot, p), S_OK);
-    for (int32_t i = 0; i < W * H; ++i) {
-      const uint8_t* d = &photo.px[i * 4];
-      const int hi = std::max({d[0], d[1], d[2]}), lo = std::min({d[0], d[1], d[2]});
-      const double l = (7209.0 * d[0] + 38665.0 * d[1] + 19660.0 * d[2]) / 65536;
-      if (slot == 15 && (hi - lo < 5 || l > 180 || l < 60)) continue;
-      for (int k = 0; k < 3; ++k) EXPECT_NEAR(out.px[i * 4 + k], d[k], 3) << "slot " << slot << " px " << i;
-      EXPECT_EQ(out.px[i * 4 + 3], 255);
-    }
-  }
-}
-
 // The float modes' rows of every form against the plain rows: glow values
 // in and out of 0..1 (NaN too), greys, pure hues on the sector edges, photo
-// alphas from 0, awkward widths.
-TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRows) {
+// alphas from 0, awkward widths. A glow equal to the photo (on the 0..1
+// scale) has the photo's hue and chroma, so hue mode rebuilds an opaque
+// photo; so does saturation where the photo is neither near grey nor very
+// light or dark.
+TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRowsAndKeepThePhotoAsItsOwnGlow) {
   std::mt19937 rng(13);
   std::uniform_real_distribution<float> wide(-0.2f, 1.3f);
   Runner r(2);
   for (int32_t w : {1, 7, 8, 9, 17, 33, 70}) {
     const int32_t h = 6;
-    Image photo = Random(w, h, rng), glow_f(w, h, PIXEL_FLOAT96);
-    float* gf = reinterpret_cast<float*>(glow_f.px.data());
+    Image photo = Random(w, h, rng), glow_f(w, h, PIXEL_FLOAT96), opaque(w, h), itself(w, h, PIXEL_FLOAT96), kept(w, h);
+    float *gf = reinterpret_cast<float*>(glow_f.px.data()), *sf = reinterpret_cast<float*>(itself.px.data());
     const float edges[][3] = {{0, 0, 1}, {0, 1, 1}, {0, 1, 0}, {1, 1, 0}, {1, 0, 0}, {1, 0, 1}, {0.5f, 0.5f, 0.5f}};
     for (int32_t i = 0; i < w * h; ++i) {
       for (int k = 0; k < 3; ++k) gf[i * 3 + k] = i % 5 == 0 ? edges[(i / 5) % 7][k] : wide(rng);
       if (i % 23 == 4) gf[i * 3 + 1] = std::nanf("");
       if (i % 11 == 3) photo.px[i * 4 + 1] = photo.px[i * 4 + 2] = photo.px[i * 4];  // a grey photo pixel
+      for (int k = 0; k < 3; ++k) sf[i * 3 + k] = (opaque.px[i * 4 + k] = photo.px[i * 4 + k]) / 255.0f;
+      opaque.px[i * 4 + 3] = 255;
     }
-    SmartBuffer pv = photo.View(), fv = glow_f.View();
+    SmartBuffer pv = photo.View(), fv = glow_f.View(), qv = opaque.View(), sv = itself.View(), kv = kept.View();
     for (int32_t slot : {14, 15}) {
       KorvaneTest::ExpectFormsMatchPlain(
           [&](const KorvaneTest::Form& form) {
@@ -396,6 +373,17 @@ TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRows) {
             return out.px;
           },
           "slot " + std::to_string(slot) + " width " + std::to_string(w), w);
+      GlowBlendParam p;
+      p.glow_f = &sv, p.photo = &qv, p.dst = &kv, p.roi = {0, 0, w, h};
+      ASSERT_EQ(r.Run(slot, p), S_OK);
+      for (int32_t i = 0; i < w * h; ++i) {
+        const uint8_t* d = &opaque.px[i * 4];
+        const int hi = std::max({d[0], d[1], d[2]}), lo = std::min({d[0], d[1], d[2]});
+        const double l = (7209.0 * d[0] + 38665.0 * d[1] + 19660.0 * d[2]) / 65536;
+        if (slot == 15 && (hi - lo < 5 || l > 180 || l < 60)) continue;
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(kept.px[i * 4 + k], d[k], 3) << "slot " << slot << " px " << i;
+        EXPECT_EQ(kept.px[i * 4 + 3], 255);
+      }
     }
   }
 }

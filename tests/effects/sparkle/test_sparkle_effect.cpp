@@ -110,16 +110,10 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   EXPECT_EQ(r->Process(&p, &a, &m, &small, &out.buf, all), E_INVALIDARG);  // not the source's size
   KorvaneTest::TestImage part(16, 8);
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &part.buf, Rect{56, 44, 72, 52}), E_INVALIDARG);  // outside
-  const auto bad = [](auto change) {
-    SparkleRenderParam x;
-    change(x);
-    return x;
-  };
-  for (const SparkleRenderParam& x :
-       {bad([](auto& v) { v.amount = 1.5f; }), bad([](auto& v) { v.amount = NAN; }),
-        bad([](auto& v) { v.color_mode = 3; }), bad([](auto& v) { v.size = 0.0f; }),
-        bad([](auto& v) { v.size = 6.5f; }), bad([](auto& v) { v.rotation = INFINITY; }),
-        bad([](auto& v) { v.saturation = -1.5f; }), bad([](auto& v) { v.twinkle_cycles = 0; })}) {
+  SparkleRenderParam bad[8];
+  bad[0].amount = 1.5f, bad[1].amount = NAN, bad[2].color_mode = 3, bad[3].size = 0.0f, bad[4].size = 6.5f;
+  bad[5].rotation = INFINITY, bad[6].saturation = -1.5f, bad[7].twinkle_cycles = 0;
+  for (const SparkleRenderParam& x : bad) {
     EXPECT_EQ(r->Process(&p, &x, &m, &r.src, &out.buf, all), E_INVALIDARG);
     EXPECT_EQ(r->Process(&p, &a, &x, &r.src, &out.buf, all), E_INVALIDARG);
   }

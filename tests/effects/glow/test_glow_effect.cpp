@@ -43,9 +43,7 @@ Bytes Photo(int w, int h) {
 // One effect on its own pool, initialised for a w x h photo (w > 0).
 struct Rig : KorvaneTest::EffectRig<GlowEffect> {
   Rig(int w, int h, int workers = 2, int32_t simd = 0) : EffectRig(workers, simd) {
-    if (w > 0) {
-      EXPECT_EQ(fx->Initialize(w, h), S_OK);
-    }
+    EXPECT_EQ(w > 0 ? fx->Initialize(w, h) : S_OK, S_OK);
   }
 };
 
@@ -71,16 +69,13 @@ Bytes Render(int w, int h, int workers, int32_t simd, Tweak tweak) {
   return dst;
 }
 
-const auto kNoTweak = [](GlowParam&, Bytes&) {};
-
 // No tint, no saturation change, full brightness: a grey glow.
 void Untinted(GlowParam& p) { p.saturation = p.color_strength = 0.0f, p.brightness = 1.0f; }
 
 // Runs a stage task over `region` as one band.
 int32_t RunTask(ThreadTask task, void* param, Rect region) {
   ThreadJob job;
-  job.param = param;
-  job.rect = region;
+  job.param = param, job.rect = region;
   int32_t result = 1;
   task(&job, &result);
   return result;
@@ -192,9 +187,7 @@ TEST(GlowEffect, BlackGlowKeepsThePhotoAndAFullThresholdLeavesTheToneOffset) {
   const Bytes src = Photo(w, h);
   for (int32_t simd : {0, 5}) {
     const Bytes out = Render(w, h, 2, simd, [](GlowParam& p, Bytes&) {
-      p.brightness = 0.0f;
-      p.opacity = 255;
-      p.blend_mode = GlowParam().blend_mode;
+      p.brightness = 0.0f, p.opacity = 255, p.blend_mode = GlowParam().blend_mode;
     });
     EXPECT_EQ(out, src) << "simd " << simd;
   }

@@ -66,18 +66,14 @@ struct Rig {
   Korvane::SparkleEffect* operator->() { return rig.fx.get(); }
 
   // Renders the whole photo; the result code goes to *code when given.
-  Bytes Render(const Korvane::SparkleParam& p, const Korvane::SparkleRenderParam& a,
-               const Korvane::SparkleRenderParam& m, int32_t* code = nullptr) {
+  Bytes Render(const Korvane::SparkleParam& p, const Korvane::SparkleRenderParam& a = {},
+               const Korvane::SparkleRenderParam& m = {}, int32_t* code = nullptr) {
     Bytes out(photo.size(), 0);
     Korvane::ImageBuffer dst = Korvane::MakeImageBuffer(out.data(), w, h);
     const int32_t hr = rig->Process(&p, &a, &m, &src, &dst, Korvane::Rect{0, 0, w, h});
     if (code) *code = hr;
     else EXPECT_EQ(hr, S_OK);
     return out;
-  }
-  Bytes Render(const Korvane::SparkleParam& p) {
-    Korvane::SparkleRenderParam r;
-    return Render(p, r, r);
   }
 };
 

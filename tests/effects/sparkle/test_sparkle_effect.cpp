@@ -131,16 +131,14 @@ TEST(SparkleEffect, GlintsOnlyAddLightAndAmountZeroAddsNone) {
   for (size_t i = 0; i < lit.size(); ++i) ASSERT_GE(lit[i], r.photo[i]) << i;
   for (size_t i = 3; i < lit.size(); i += 4) ASSERT_EQ(lit[i], 255);
 
-  SparkleRenderParam none, some;
-  none.amount = 0.0f;
-  EXPECT_EQ(r.Render(Frame(1, 0), none, some), r.photo);  // no manual sparkles either
+  SparkleRenderParam none, half;
+  none.amount = 0.0f, half.amount = 0.5f;
+  EXPECT_EQ(r.Render(Frame(1, 0), none), r.photo);  // no manual sparkles either
   SparkleParam off = Frame(1, 0);
   off.auto_sparkle = 0;
   EXPECT_EQ(r.Render(off), r.photo);
   // More amount shows more glints.
-  SparkleRenderParam half;
-  half.amount = 0.5f;
-  const size_t at_half = ChangedChannels(r.Render(Frame(1, 0), half, some), r.photo);
+  const size_t at_half = ChangedChannels(r.Render(Frame(1, 0), half), r.photo);
   EXPECT_GT(at_half, 0u);
   EXPECT_LT(at_half, ChangedChannels(lit, r.photo));
 }
@@ -272,7 +270,7 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   SparkleParam q = Frame(1, 0);
   q.default_shape = SHAPE_NONE;
   int32_t code = S_OK;
-  r.Render(q, SparkleRenderParam(), SparkleRenderParam(), &code);
+  r.Render(q, {}, {}, &code);
   EXPECT_EQ(code, E_FAIL);
   ASSERT_EQ(r->SetAutoSparkleShape(&r.shape), S_OK);
   EXPECT_EQ(r.Render(f), r.photo);  // the manual type lost its shape

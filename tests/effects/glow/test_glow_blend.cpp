@@ -255,8 +255,8 @@ TEST(GlowBlendPixel, CompositingFrame) {
 struct Image {
   int32_t w, h, fmt;
   std::vector<uint8_t> px;
-  Image(int32_t w_, int32_t h_, int32_t fmt_ = PIXEL_BGRA32)
-      : w(w_), h(h_), fmt(fmt_), px(size_t(w_) * h_ * BytesPerPixel(fmt_)) {}
+  Image(int32_t w_, int32_t h_, int32_t fmt_ = PIXEL_BGRA32, uint8_t fill = 0)
+      : w(w_), h(h_), fmt(fmt_), px(size_t(w_) * h_ * BytesPerPixel(fmt_), fill) {}
   SmartBuffer View() { return MakeSmartBufferView(px.data(), w, h, fmt); }
 };
 
@@ -273,9 +273,7 @@ Image Random(int32_t w, int32_t h, std::mt19937& rng, int min_alpha = 0) {
 // A pool with the blend tables; a form is 0 (plain), SIMD_SSE41 or KorvaneTest::kAvx2.
 struct Runner : KorvaneTest::Runner {
   int32_t map[kGlowBlendModeCount];
-  ThreadTask kernels[kGlowBlendSlotCount];
-  ThreadTask kernels_sse41[kGlowBlendSlotCount];
-  ThreadTask kernels_avx2[kGlowBlendSlotCount];
+  ThreadTask kernels[kGlowBlendSlotCount], kernels_sse41[kGlowBlendSlotCount], kernels_avx2[kGlowBlendSlotCount];
   explicit Runner(int workers) : KorvaneTest::Runner(workers) {
     FillGlowBlendTables(map, kernels, kernels_sse41, kernels_avx2);
   }
@@ -294,13 +292,11 @@ void ExpectRowPathsAgree(Image& glow, Image& photo, int32_t opacity, bool all_wr
   Runner r(2);
   for (int32_t slot = 0; slot < kGlowBlendSlotCount; ++slot) {
     if (IsGlowFloatSlot(slot)) continue;
-    Image want(glow.w, glow.h);
-    std::fill(want.px.begin(), want.px.end(), 0x5A);
+    Image want(glow.w, glow.h, PIXEL_BGRA32, 0x5A);
     for (int32_t i = 0; i < glow.w * glow.h; ++i)
       GlowBlendPixel(slot, &glow.px[i * 4], &photo.px[i * 4], &want.px[i * 4], opacity);
     for (int form : KorvaneTest::Forms()) {
-      Image out(glow.w, glow.h);
-      std::fill(out.px.begin(), out.px.end(), all_written && form ? 0xA5 : 0x5A);
+      Image out(glow.w, glow.h, PIXEL_BGRA32, all_written && form ? 0xA5 : 0x5A);
       SmartBuffer ov = out.View();
       GlowBlendParam p;
       p.glow = &gv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, glow.w, glow.h}, p.opacity = opacity;
@@ -364,8 +360,7 @@ TEST(GlowBlendRows, FloatModeRowsOfEveryFormMatchThePlainRowsAndKeepThePhotoAsIt
     for (int32_t slot : {14, 15}) {
       KorvaneTest::ExpectFormsMatchPlain(
           [&](const KorvaneTest::Form& form) {
-            Image out(w, h);
-            std::fill(out.px.begin(), out.px.end(), 0x5A);
+            Image out(w, h, PIXEL_BGRA32, 0x5A);
             SmartBuffer ov = out.View();
             GlowBlendParam p;
             p.glow_f = &fv, p.photo = &pv, p.dst = &ov, p.roi = {0, 0, w, h}, p.opacity = 230;

@@ -1,6 +1,7 @@
-// Shared by the tests of the light effects (bokeh, sparkle, light rays): the
-// regions a tiled render is checked on, the crop of a whole render, and a
-// child process with a bounded address space.
+// Shared by the tests of the light effects (bokeh, sparkle, light rays, glow):
+// the regions a tiled render is checked on, the crop of a whole render, the
+// same frame for any workers and kernel form, and a child process with a
+// bounded address space.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,8 +12,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "core/ImageBuffer.h"
 
 #if defined(__has_feature)
@@ -43,6 +46,28 @@ inline std::vector<uint8_t> Crop(const std::vector<uint8_t>& img, int32_t w, con
     out.insert(out.end(), row, row + static_cast<ptrdiff_t>(r.right - r.left) * 4);
   }
   return out;
+}
+
+// Expects `render(r)`, the render of region r alone, to be the crop of
+// `whole`, the w pixels wide render of the whole photo, for every region.
+template <class Render>
+void ExpectRegionsAreCrops(const std::vector<uint8_t>& whole, int32_t w, const std::vector<Korvane::Rect>& regions,
+                           const std::string& what, Render render) {
+  for (const Korvane::Rect& r : regions)
+    ASSERT_EQ(KorvaneTest::FirstDifference(render(r), Crop(whole, w, r), r.right - r.left), "")
+        << what << " region " << r.left << "," << r.top << "," << r.right << "," << r.bottom;
+}
+
+// Expects `render(workers, info)`, a frame `width` pixels wide, to be the
+// same bytes on 2 and 8 workers with every kernel form as on one worker with
+// the plain forms.
+template <class Render>
+void ExpectSameFrameForWorkersAndForms(int32_t width, const std::string& what, Render render) {
+  const std::vector<uint8_t> first = render(1, KorvaneTest::Level(0));
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms())
+    for (int workers : {2, 8})
+      EXPECT_EQ(KorvaneTest::FirstDifference(render(workers, form.info), first, width), "")
+          << what << workers << " workers, " << form.name;
 }
 
 // Runs `work` in the calling (child) process with room for `room_bytes`

@@ -54,10 +54,8 @@ struct Rig {
   Korvane::ImageBuffer src, shape;
   int32_t w, h;
 
-  Rig(int32_t width, int32_t height, int workers = 2, int simd = Korvane::SIMD_SSE41, int32_t step = 40)
-      : Rig(width, height, workers, KorvaneTest::Level(simd), step) {}
-  // The same with the kernel forms `info` picks.
-  Rig(int32_t width, int32_t height, int workers, const Korvane::SystemInfo& info, int32_t step = 40)
+  Rig(int32_t width, int32_t height, int workers = 2,
+      const Korvane::SystemInfo& info = KorvaneTest::Level(Korvane::SIMD_SSE41), int32_t step = 40)
       : rig(workers), photo(SpotsPhoto(width, height, step)), star(StarShape()), w(width), h(height) {
     rig->SetSystemInfo(info);
     src = Korvane::MakeImageBuffer(photo.data(), w, h);
@@ -68,18 +66,14 @@ struct Rig {
   Korvane::SparkleEffect* operator->() { return rig.fx.get(); }
 
   // Renders the whole photo; the result code goes to *code when given.
-  Bytes Render(const Korvane::SparkleParam& p, const Korvane::SparkleRenderParam& a,
-               const Korvane::SparkleRenderParam& m, int32_t* code = nullptr) {
+  Bytes Render(const Korvane::SparkleParam& p, const Korvane::SparkleRenderParam& a = {},
+               const Korvane::SparkleRenderParam& m = {}, int32_t* code = nullptr) {
     Bytes out(photo.size(), 0);
     Korvane::ImageBuffer dst = Korvane::MakeImageBuffer(out.data(), w, h);
     const int32_t hr = rig->Process(&p, &a, &m, &src, &dst, Korvane::Rect{0, 0, w, h});
     if (code) *code = hr;
     else EXPECT_EQ(hr, S_OK);
     return out;
-  }
-  Bytes Render(const Korvane::SparkleParam& p) {
-    Korvane::SparkleRenderParam r;
-    return Render(p, r, r);
   }
 };
 

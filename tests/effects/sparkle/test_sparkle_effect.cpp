@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 #include "SparkleTestSupport.h"
@@ -16,19 +17,20 @@ namespace {
 
 SparkleParam Frame(int32_t count, int32_t index, int32_t mode = 1, bool rotate = false, bool twinkle = false) {
   SparkleParam p;
-  p.quality_mode = mode;
-  p.rotate = rotate;
-  p.twinkle = twinkle;
-  p.anime_frame_count = count;
-  p.anime_frame_index = index;
+  p.quality_mode = mode, p.rotate = rotate, p.twinkle = twinkle;
+  p.anime_frame_count = count, p.anime_frame_index = index;
   return p;
 }
 
-// A manual shape record over `bytes` (SPK_SIZE square unless said otherwise).
-SparkleShape Manual(Bytes& bytes, uint16_t id, int32_t size = SPK_SIZE) {
+Bytes& Star() {
+  static Bytes star = StarShape();
+  return star;
+}
+
+// A manual shape record over `bytes` (the star, SPK_SIZE square unless said otherwise).
+SparkleShape Manual(uint16_t id, Bytes& bytes = Star(), int32_t size = SPK_SIZE) {
   SparkleShape s;
-  s.image = MakeImageBuffer(bytes.data(), size, SPK_SIZE);
-  s.type_id = id;
+  s.image = MakeImageBuffer(bytes.data(), size, SPK_SIZE), s.type_id = id;
   return s;
 }
 
@@ -41,13 +43,11 @@ TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
   EXPECT_EQ(c->SetSource(nullptr), E_POINTER);
   EXPECT_EQ(c->SetSource(&g), E_NOTIMPL);
   EXPECT_EQ(c->SetSource(&empty), E_INVALIDARG);
-  const LightPointSettings fine = SparkleEffect::DetectionSettings(2), normal = SparkleEffect::DetectionSettings(1);
-  EXPECT_EQ(fine.radius, 2);
-  EXPECT_FLOAT_EQ(fine.threshold, 25.5f);
-  EXPECT_EQ(normal.radius, 4);
-  EXPECT_FLOAT_EQ(normal.threshold, 2.55f);
-  EXPECT_EQ(SparkleEffect::DetectionSettings(3).radius, 2);
-  EXPECT_EQ(SparkleEffect::DetectionSettings(0).radius, 4);
+  for (auto [mode, radius, threshold] :
+       {std::tuple<int, int32_t, float>{2, 2, 25.5f}, {1, 4, 2.55f}, {3, 2, 25.5f}, {0, 4, 2.55f}}) {
+    EXPECT_EQ(SparkleEffect::DetectionSettings(mode).radius, radius) << mode;
+    EXPECT_FLOAT_EQ(SparkleEffect::DetectionSettings(mode).threshold, threshold) << mode;
+  }
 
   Rig r(320, 240);
   // 8 x 6 spots on a 40-pixel grid; each is found (a spot may give a few points).
@@ -57,9 +57,7 @@ TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
   SmartBuffer norm;
   ASSERT_EQ(CreateSmartBufferData(norm, 640, 480, PIXEL_BGRA32), S_OK);
   ResizeParam rp;
-  rp.src = SmartBufferView(r.src);
-  rp.dst = norm;
-  rp.src_roi = FullRect(r.src);
+  rp.src = SmartBufferView(r.src), rp.dst = norm, rp.src_roi = FullRect(r.src);
   ASSERT_EQ(RunBilinearResize(run.adapter, KorvaneTest::Level(0), rp, FullRect(norm)), S_OK);
   for (int mode : {1, 2, 0}) {
     if (mode != 1) r.Render(Frame(1, 0, mode));
@@ -70,14 +68,11 @@ TEST(SparkleEffect, DetectionSettingsFollowTheQualityMode) {
     ASSERT_EQ(InitLightPointList(map, 90, 24, want), S_OK);
     const LightPointList& got = r->AutoSparkleList();
     ASSERT_EQ(got.size(), want.size()) << mode;
-    auto w = want.cbegin();
-    for (auto g = got.cbegin(); g != got.cend(); ++g, ++w) {
-      ASSERT_EQ(g->first, w->first);
-      EXPECT_EQ(g->second.phase, w->second.phase);
-      EXPECT_EQ(g->second.random, w->second.random);
-      EXPECT_EQ(g->second.color_index, w->second.color_index);
-      EXPECT_EQ(g->second.size_id, std::min(9, int(w->second.random * 10)));
-    }
+    for (auto g = got.cbegin(), w = want.cbegin(); g != got.cend(); ++g, ++w)
+      ASSERT_TRUE(g->first == w->first && g->second.phase == w->second.phase && g->second.random == w->second.random &&
+                  g->second.color_index == w->second.color_index &&
+                  g->second.size_id == std::min(9, int(w->second.random * 10)))
+          << "mode " << mode << " point " << g->first;
   }
 }
 
@@ -104,8 +99,7 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
 
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, Rect{0, 0, 64, 47}), E_INVALIDARG);
   ImageBuffer gray = out.buf;
-  gray.pix_fmt = PIXEL_GRAY8;
-  gray.channel = 1;
+  gray.pix_fmt = PIXEL_GRAY8, gray.channel = 1;
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &gray, all), E_INVALIDARG);
   EXPECT_EQ(r->Process(&p, &a, &m, &gray, &out.buf, all), E_INVALIDARG);
   for (auto [count, index] : {std::pair<int, int>{0, 0}, {4, -1}}) {
@@ -116,33 +110,16 @@ TEST(SparkleEffect, ProcessChecksInOrderAndLeavesTheOutputAlone) {
   EXPECT_EQ(r->Process(&p, &a, &m, &small, &out.buf, all), E_INVALIDARG);  // not the source's size
   KorvaneTest::TestImage part(16, 8);
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &part.buf, Rect{56, 44, 72, 52}), E_INVALIDARG);  // outside
-  const auto bad = [](auto change) {
-    SparkleRenderParam x;
-    change(x);
-    return x;
-  };
-  for (const SparkleRenderParam& x :
-       {bad([](auto& v) { v.amount = 1.5f; }), bad([](auto& v) { v.amount = NAN; }),
-        bad([](auto& v) { v.color_mode = 3; }), bad([](auto& v) { v.size = 0.0f; }),
-        bad([](auto& v) { v.size = 6.5f; }), bad([](auto& v) { v.rotation = INFINITY; }),
-        bad([](auto& v) { v.saturation = -1.5f; }), bad([](auto& v) { v.twinkle_cycles = 0; })}) {
+  SparkleRenderParam bad[8];
+  bad[0].amount = 1.5f, bad[1].amount = NAN, bad[2].color_mode = 3, bad[3].size = 0.0f, bad[4].size = 6.5f;
+  bad[5].rotation = INFINITY, bad[6].saturation = -1.5f, bad[7].twinkle_cycles = 0;
+  for (const SparkleRenderParam& x : bad) {
     EXPECT_EQ(r->Process(&p, &x, &m, &r.src, &out.buf, all), E_INVALIDARG);
     EXPECT_EQ(r->Process(&p, &a, &x, &r.src, &out.buf, all), E_INVALIDARG);
   }
   EXPECT_EQ(out.Packed(), before);
   EXPECT_TRUE(out.GuardsIntact());
-
-  // A ROI renders into an output of its size, padded rows untouched; a
-  // padded photo and a packed output of another stride give the same pixels.
-  const Rect roi{10, 12, 40, 32};
-  KorvaneTest::TestImage roi_out(30, 20, PIXEL_BGRA32, 8), padded_src(64, 48, PIXEL_BGRA32, 20), packed_out(30, 20);
-  ASSERT_EQ(r->Process(&p, &a, &m, &r.src, &roi_out.buf, roi), S_OK);
-  EXPECT_TRUE(roi_out.GuardsIntact());
-  padded_src.Fill(r.photo);
-  ASSERT_EQ(r->Process(&p, &a, &m, &padded_src.buf, &packed_out.buf, roi), S_OK);
-  EXPECT_EQ(KorvaneTest::FirstDifference(packed_out.Packed(), roi_out.Packed(), 30), "");
-  EXPECT_NE(roi_out.Packed(), std::vector<uint8_t>(roi_out.PackedSize(), KorvaneTest::TestImage::kGuardByte));
-  EXPECT_TRUE(padded_src.GuardsIntact() && packed_out.GuardsIntact());
+  EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, all), S_OK);
   EXPECT_EQ(r->ReleaseBuffer(), S_OK);
   EXPECT_EQ(r->Process(&p, &a, &m, &r.src, &out.buf, all), E_FAIL);
 }
@@ -154,16 +131,14 @@ TEST(SparkleEffect, GlintsOnlyAddLightAndAmountZeroAddsNone) {
   for (size_t i = 0; i < lit.size(); ++i) ASSERT_GE(lit[i], r.photo[i]) << i;
   for (size_t i = 3; i < lit.size(); i += 4) ASSERT_EQ(lit[i], 255);
 
-  SparkleRenderParam none, some;
-  none.amount = 0.0f;
-  EXPECT_EQ(r.Render(Frame(1, 0), none, some), r.photo);  // no manual sparkles either
+  SparkleRenderParam none, half;
+  none.amount = 0.0f, half.amount = 0.5f;
+  EXPECT_EQ(r.Render(Frame(1, 0), none), r.photo);  // no manual sparkles either
   SparkleParam off = Frame(1, 0);
   off.auto_sparkle = 0;
   EXPECT_EQ(r.Render(off), r.photo);
   // More amount shows more glints.
-  SparkleRenderParam half;
-  half.amount = 0.5f;
-  const size_t at_half = ChangedChannels(r.Render(Frame(1, 0), half, some), r.photo);
+  const size_t at_half = ChangedChannels(r.Render(Frame(1, 0), half), r.photo);
   EXPECT_GT(at_half, 0u);
   EXPECT_LT(at_half, ChangedChannels(lit, r.photo));
 }
@@ -181,8 +156,8 @@ TEST(SparkleEffect, FastModesQuantiseTheAmountAndShowEveryGlintAtAFixedBrightnes
 
 TEST(SparkleEffect, ManualShapesAndTheMaximumAreChecked) {
   Rig r(160, 120);
-  Bytes star = StarShape(), narrow(size_t(199) * SPK_SIZE * 4, 255);
-  SparkleShape ok = Manual(star, 2), id1 = Manual(star, 1), thin = Manual(narrow, 2, 199);
+  Bytes narrow(size_t(199) * SPK_SIZE * 4, 255);
+  SparkleShape ok = Manual(2), id1 = Manual(1), thin = Manual(2, narrow, 199);
   SparklePoint pts[3] = {{10, 10, 1}, {20, 20, 1}, {30, 30, 1}};
   EXPECT_EQ(r->SetManualSparkleShape(nullptr), E_POINTER);
   EXPECT_EQ(r->SetManualSparkleShape(&thin), E_INVALIDARG);
@@ -219,18 +194,18 @@ TEST(SparkleEffect, ManualShapesAndTheMaximumAreChecked) {
   Rig other(160, 120);
   SparklePoint far[1] = {{100, 100, 2}};
   for (int i = 0; i < 13; ++i) ASSERT_EQ(other->AddManualSparkles(far, 1, &ok), S_OK);
-  for (size_t i = 0; i < 13; ++i) {
-    EXPECT_EQ(other->ManualSparkles()[i].phase, r->ManualSparkles()[i].phase);
-    EXPECT_EQ(other->ManualSparkles()[i].random, r->ManualSparkles()[i].random);
-  }
+  for (size_t i = 0; i < 13; ++i)
+    EXPECT_TRUE(other->ManualSparkles()[i].phase == r->ManualSparkles()[i].phase &&
+                other->ManualSparkles()[i].random == r->ManualSparkles()[i].random)
+        << i;
 }
 
 // Manual points sit between the photo's spots (40-pixel grid, centres at 20 + 40k),
 // more than the pick radius (1.5% of 320 = 4.8 pixels) from any light point.
 TEST(SparkleEffect, SlotFiveMovesReshapesAndRemoves) {
   Rig r(320, 240);
-  Bytes star = StarShape(), red = StarShape(SPK_SIZE, 0);
-  SparkleShape two = Manual(star, 2), three = Manual(red, 3);
+  Bytes red = StarShape(SPK_SIZE, 0);
+  SparkleShape two = Manual(2), three = Manual(3, red);
   SparklePoint pts[3] = {{40, 40, 1}, {120, 40, 1}, {200, 40, 2}};
   ASSERT_EQ(r->AddManualSparkles(pts, 3, &two), S_OK);
   SparklePoint miss{80, 120, 1};
@@ -275,8 +250,7 @@ TEST(SparkleEffect, SlotFiveMovesReshapesAndRemoves) {
 
 TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   Rig r(320, 240);
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
+  SparkleShape two = Manual(2);
   SparklePoint p{80, 160, 2};  // between spots
   ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
   SparkleParam f = Frame(1, 0, 2);  // fixed brightness: shown whatever its phase
@@ -295,9 +269,9 @@ TEST(SparkleEffect, ManualSparklesDrawTheirOwnShapeAtTheirPlace) {
   ASSERT_EQ(r->ResetSparkleTypes(), S_OK);
   SparkleParam q = Frame(1, 0);
   q.default_shape = SHAPE_NONE;
-  SparkleRenderParam a, m;
-  ImageBuffer dst = MakeImageBuffer(star.data(), 320, 240);
-  EXPECT_EQ(r->Process(&q, &a, &m, &r.src, &dst, Rect{0, 0, 320, 240}), E_FAIL);
+  int32_t code = S_OK;
+  r.Render(q, {}, {}, &code);
+  EXPECT_EQ(code, E_FAIL);
   ASSERT_EQ(r->SetAutoSparkleShape(&r.shape), S_OK);
   EXPECT_EQ(r.Render(f), r.photo);  // the manual type lost its shape
 }
@@ -330,46 +304,31 @@ TEST(SparkleEffect, ColourModesTintTheLight) {
 // Rotation, twinkle, manual glints, the colour adjustment, every quality mode
 // (900 pixels: mode 1 and 3 enlarge a reduced light map).
 TEST(SparkleEffect, FramesAgreeAcrossWorkerCountsAndKernelForms) {
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
+  SparkleShape two = Manual(2);
   SparklePoint pts[2] = {{300, 200, 1.5f}, {611.3f, 97.8f, 0.7f}};
   SparkleRenderParam a, m;
-  a.color_mode = SPARKLE_COLOR_PHOTO;
-  a.saturation = 0.5f;
-  a.brightness = -0.25f;
-  a.rotation = 10.0f;
-  m.color_mode = SPARKLE_COLOR_RANDOM;
-  m.size = 1.5f;
-  for (int mode : {0, 1, 2, 3}) {
-    std::vector<Bytes> frames;
-    std::vector<std::pair<int, SystemInfo>> runs = {{1, KorvaneTest::Level(0)}};
-    for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-      runs.push_back({2, form.info});
-      runs.push_back({8, form.info});
-    }
-    for (const auto& [workers, info] : runs) {
-      Rig r(900, 500, workers, info);
-      ASSERT_EQ(r->AddManualSparkles(pts, 2, &two), S_OK);
-      frames.push_back(r.Render(Frame(6, 4, mode, true, true), a, m));
-      EXPECT_GT(ChangedChannels(frames.back(), r.photo), 100u);
-    }
-    for (size_t i = 1; i < frames.size(); ++i)
-      EXPECT_EQ(frames[i], frames[0]) << "mode " << mode << ", run " << i << ": "
-                                      << KorvaneTest::FirstDifference(frames[i], frames[0], 900);
-  }
+  a.color_mode = SPARKLE_COLOR_PHOTO, a.saturation = 0.5f, a.brightness = -0.25f, a.rotation = 10.0f;
+  m.color_mode = SPARKLE_COLOR_RANDOM, m.size = 1.5f;
+  for (int mode : {0, 1, 2, 3})
+    LightTest::ExpectSameFrameForWorkersAndForms(900, "mode " + std::to_string(mode) + ", ",
+                                                 [&](int workers, const SystemInfo& info) {
+                                                   Rig r(900, 500, workers, info);
+                                                   EXPECT_EQ(r->AddManualSparkles(pts, 2, &two), S_OK);
+                                                   Bytes frame = r.Render(Frame(6, 4, mode, true, true), a, m);
+                                                   EXPECT_GT(ChangedChannels(frame, r.photo), 100u);
+                                                   return frame;
+                                                 });
 }
 
 // Rotation and twinkle: frame count + k is frame k, byte for byte (a frame
 // past a loop of 7 used to turn by a float a hair off its frame in the loop).
 TEST(SparkleEffect, LoopsRepeatAndEveryFrameMoves) {
   Rig r(320, 240);
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
+  SparkleShape two = Manual(2);
   SparklePoint p{80, 160, 2};
   ASSERT_EQ(r->AddManualSparkles(&p, 1, &two), S_OK);
   SparkleRenderParam a, m;
-  a.rotation = 10.0f;
-  a.twinkle_cycles = 3;
+  a.rotation = 10.0f, a.twinkle_cycles = 3;
   for (auto [rotate, twinkle] : {std::pair<bool, bool>{true, false}, {false, true}, {true, true}}) {
     for (int32_t k : {1, 5}) {
       const Bytes in_loop = r.Render(Frame(7, k, 1, rotate, twinkle), a, m);
@@ -391,30 +350,31 @@ TEST(SparkleEffect, LoopsRepeatAndEveryFrameMoves) {
 
 // A region render with REGION_SHAPES_REACHING is the crop of the whole
 // render in every quality mode (1 and 3 on a reduced light map, 2 and 3 on
-// whole pixels), manual glints and adjusted colours included.
+// whole pixels), manual glints and adjusted colours included, from the photo
+// with padded rows into padded rows (the whole's are packed).
 TEST(SparkleEffect, RegionRendersAreCropsOfTheWholeRender) {
   const int32_t w = 1300, h = 240;
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
+  SparkleShape two = Manual(2);
   std::vector<SparklePoint> pts;
   for (const Rect& t : LightTest::TileRegions(w, h))  // glints just either side of the regions' edges
     for (float d : {-3.0f, 2.0f}) pts.push_back({std::min(std::max(t.right + d, 0.0f), w - 1.0f), h / 2.0f + d, 1.5f});
   SparkleRenderParam a, m;
-  a.size = 3.0f;
-  a.saturation = 0.4f;
-  m.color_mode = SPARKLE_COLOR_RANDOM;
+  a.size = 3.0f, a.saturation = 0.4f, m.color_mode = SPARKLE_COLOR_RANDOM;
   for (int mode : {0, 1, 2, 3}) {
-    Rig r(w, h, 2, SIMD_SSE41, 17);
+    Rig r(w, h, 2, KorvaneTest::Level(SIMD_SSE41), 17);
     ASSERT_EQ(r->AddManualSparkles(pts.data(), static_cast<int32_t>(pts.size()), &two), S_OK);
     const SparkleParam f = Frame(4, 1, mode, true, false);
     const Bytes whole = r.Render(f, a, m);
     ASSERT_EQ(r->SetRegionMode(REGION_SHAPES_REACHING), S_OK);
-    for (const Rect& t : LightTest::TileRegions(w, h)) {
-      KorvaneTest::TestImage out(RectWidth(t), RectHeight(t));
-      ASSERT_EQ(r->Process(&f, &a, &m, &r.src, &out.buf, t), S_OK);
-      ASSERT_EQ(KorvaneTest::FirstDifference(out.Packed(), LightTest::Crop(whole, w, t), RectWidth(t)), "")
-          << "mode " << mode << " region " << t.left << "," << t.top << "," << t.right << "," << t.bottom;
-    }
+    KorvaneTest::TestImage padded(w, h, PIXEL_BGRA32, 20);
+    padded.Fill(r.photo);
+    LightTest::ExpectRegionsAreCrops(whole, w, LightTest::TileRegions(w, h), "mode " + std::to_string(mode),
+                                     [&](const Rect& t) {
+                                       KorvaneTest::TestImage out(RectWidth(t), RectHeight(t), PIXEL_BGRA32, 8);
+                                       EXPECT_EQ(r->Process(&f, &a, &m, &padded.buf, &out.buf, t), S_OK);
+                                       EXPECT_TRUE(out.GuardsIntact() && padded.GuardsIntact());
+                                       return out.Packed();
+                                     });
   }
 }
 
@@ -422,8 +382,7 @@ TEST(SparkleEffect, RegionRendersAreCropsOfTheWholeRender) {
 // number) is refused before anything is placed or moved.
 TEST(SparkleEffect, ManualPositionsOffThePhotoAreRefused) {
   Rig r(160, 120);
-  Bytes star = StarShape();
-  SparkleShape two = Manual(star, 2);
+  SparkleShape two = Manual(2);
   KorvaneTest::EffectRig<SparkleEffect> no_photo;
   SparklePoint ok{10, 10, 1};
   EXPECT_EQ(no_photo->AddManualSparkles(&ok, 1, &two), E_INVALIDARG);
@@ -467,19 +426,18 @@ TEST(SparkleEffect, LightPointsCanBeReadBack) {
 // INT_MAX frames twinkling; longer sides are refused.
 TEST(SparkleEffectDeathTest, ThinPhotosAndLongLoopsStaySmall) {
   const auto run = [] {
-    std::vector<Bytes> photos;
     Bytes star = StarShape(), out(static_cast<size_t>(kMaxImageSide) * 4);
+    Bytes tall = SpotsPhoto(1, kMaxImageSide, 40), wide = SpotsPhoto(kMaxImageSide, 1, 40);
     const ImageBuffer shape = MakeImageBuffer(star.data(), SPK_SIZE, SPK_SIZE);
     KorvaneTest::EffectRig<SparkleEffect> rig(1);
-    Bytes tall = SpotsPhoto(1, kMaxImageSide, 40), wide = SpotsPhoto(kMaxImageSide, 1, 40);
+    SparkleRenderParam a, m;
+    a.size = m.size = kSparkleMaxScale;
     LightTest::ExitWithAddressRoom(150u << 20, [&] {
       for (auto [w, h] : {std::pair<int32_t, int32_t>{1, kMaxImageSide}, {kMaxImageSide, 1}}) {
         ImageBuffer src = MakeImageBuffer((w == 1 ? tall : wide).data(), w, h), dst = MakeImageBuffer(out.data(), w, h);
         if (rig->SetSource(&src) != S_OK || rig->SetAutoSparkleShape(&shape) != S_OK) return false;
         for (int mode : {0, 1, 2}) {
-          SparkleParam p = Frame(INT32_MAX, INT32_MAX - 1, mode, true, true);
-          SparkleRenderParam a, m;
-          a.size = m.size = kSparkleMaxScale;
+          const SparkleParam p = Frame(INT32_MAX, INT32_MAX - 1, mode, true, true);
           if (rig->Process(&p, &a, &m, &src, &dst, Rect{0, 0, w, h}) != S_OK) return false;
         }
       }

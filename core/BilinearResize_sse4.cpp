@@ -126,9 +126,11 @@ void FusedRow8uc4(const ResizePlan& plan, const unsigned char* r0, const unsigne
   };
   int32_t i = 0;
   for (; i + 4 <= paired; i += 4) {
-    // The next destination row's source rows are fetched during this one.
-    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T0);
-    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
+    // The next destination row's source rows are fetched during this one,
+    // into L2 only: fetched into L1 they evicted the lines being read
+    // (about a fifth slower on a 12 MP halving).
+    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T1);
     const uint8_t kind = quads[i / 4];
     __m128i v;
     if (kind == kQuadMidpoints && fy == 128) {
@@ -165,8 +167,8 @@ void FusedRow8uc1(const ResizePlan& plan, const unsigned char* r0, const unsigne
   };
   int32_t i = 0;
   for (; i + 16 <= paired; i += 16) {
-    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T0);
-    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(next0 + x0[i]), _MM_HINT_T1);
+    _mm_prefetch(reinterpret_cast<const char*>(next1 + x0[i]), _MM_HINT_T1);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(eight(i), eight(i + 8)));
   }
   resize_detail::FusedSpan(plan, r0, r1, fy, 1, i, out);

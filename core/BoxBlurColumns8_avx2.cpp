@@ -50,7 +50,7 @@ struct Strip8Ops : boxblur_detail::StepByStep<Strip8Ops> {
     const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in + stride) : nullptr;
     int32_t j = 0;
     for (; j + 32 <= bytes; j += 32) {
-      if (ahead && (j & 63) == 0) _mm_prefetch(ahead + j, _MM_HINT_T0);
+      if (ahead && (j & 63) == 0) _mm_prefetch(ahead + j, _MM_HINT_T1);
       __m256i q[2];
       const __m256i o = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + j));
       for (int h = 0; h < 2; ++h) {

@@ -50,7 +50,7 @@ struct Strip8Ops : boxblur_detail::StepByStep<Strip8Ops> {
     // The row added at the next step is fetched while this one is worked on.
     const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in + stride) : nullptr;
     for (; j < vec_bytes; j += 16) {
-      if (ahead && (j & 63) == 0) _mm_prefetch(ahead + j, _MM_HINT_T0);
+      if (ahead && (j & 63) == 0) _mm_prefetch(ahead + j, _MM_HINT_T1);
       __m128i* s = reinterpret_cast<__m128i*>(sums + j);
       __m128i s0 = _mm_load_si128(s), s1 = _mm_load_si128(s + 1);
       if (kSub) {

@@ -69,7 +69,7 @@ struct StripFloatOps : boxblur_detail::StepByStep<StripFloatOps> {
     const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in) + stride : nullptr;
     int32_t j = 0;
     for (; j + 4 <= count; j += 4) {
-      if (ahead && (j & 15) == 0) _mm_prefetch(ahead + 4 * j, _MM_HINT_T0);
+      if (ahead && (j & 15) == 0) _mm_prefetch(ahead + 4 * j, _MM_HINT_T1);
       const __m256d s = Update<kAdd, kSub>(_mm256_loadu_pd(sums + j), kAdd ? _mm_loadu_ps(in + j) : _mm_setzero_ps(),
                                            kSub ? _mm_loadu_ps(saved + j) : _mm_setzero_ps());
       _mm256_storeu_pd(sums + j, s);

@@ -45,7 +45,7 @@ struct StripFloatOps : boxblur_detail::StepByStep<StripFloatOps> {
     const char* ahead = kAdd && p + r < len ? reinterpret_cast<const char*>(in) + stride : nullptr;
     int32_t j = 0;
     for (; j < vec_count; j += 4) {
-      if (ahead && (j & 15) == 0) _mm_prefetch(ahead + 4 * j, _MM_HINT_T0);
+      if (ahead && (j & 15) == 0) _mm_prefetch(ahead + 4 * j, _MM_HINT_T1);
       __m128d s0 = _mm_loadu_pd(sums + j), s1 = _mm_loadu_pd(sums + j + 2);
       Update<kAdd, kSub>(s0, s1, kAdd ? _mm_loadu_ps(in + j) : _mm_setzero_ps(),
                          kSub ? _mm_loadu_ps(saved + j) : _mm_setzero_ps());

@@ -378,7 +378,7 @@ int32_t BlurColumns(const GaussianBlurParam& p, const Rect& r, const GaussianRow
           // Rows are far apart in memory: ask for the next few early.
           if (next + 4 < height) {
             const uint8_t* ahead = pixels + static_cast<size_t>(next + 4) * buf.stride + static_cast<size_t>(cx) * 4;
-            for (int32_t b = 0; b < cw * 4; b += 64) __builtin_prefetch(ahead + b);
+            for (int32_t b = 0; b < cw * 4; b += 64) __builtin_prefetch(ahead + b, 0, 2);  // into L2 only
           }
           const bool* m = mask_row(next) + cx;
           const size_t s = static_cast<size_t>(next % ring_rows);

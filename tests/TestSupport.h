@@ -110,33 +110,28 @@ struct TestImage {
     bytes.assign(kGuard * 2 + static_cast<size_t>(buf.stride) * h, kGuardByte);
     buf.data = bytes.data() + kGuard;
   }
+  size_t RowBytes() const { return static_cast<size_t>(buf.width) * Korvane::BytesPerPixel(buf.pix_fmt); }
   // Copies the same picture from packed bytes (w x h x bpp), keeping the padding.
   void Fill(const std::vector<uint8_t>& packed) {
-    const size_t row = static_cast<size_t>(buf.width) * Korvane::BytesPerPixel(buf.pix_fmt);
-    for (int32_t y = 0; y < buf.height; ++y) std::memcpy(Row(y), packed.data() + row * y, row);
+    for (int32_t y = 0; y < buf.height; ++y) std::memcpy(Row(y), packed.data() + RowBytes() * y, RowBytes());
   }
   void FillNoise(uint32_t seed) { Fill(RandomBytes(PackedSize(), seed)); }
   void FillConstant(uint8_t v) { Fill(std::vector<uint8_t>(PackedSize(), v)); }
-  uint8_t* Row(int32_t y) { return buf.data + static_cast<ptrdiff_t>(y) * buf.stride; }
-  size_t PackedSize() const {
-    return static_cast<size_t>(buf.width) * Korvane::BytesPerPixel(buf.pix_fmt) * buf.height;
-  }
+  uint8_t* Row(int32_t y) const { return buf.data + static_cast<ptrdiff_t>(y) * buf.stride; }
+  size_t PackedSize() const { return RowBytes() * buf.height; }
   // The pixels without padding, row after row.
   std::vector<uint8_t> Packed() const {
-    const size_t row = static_cast<size_t>(buf.width) * Korvane::BytesPerPixel(buf.pix_fmt);
-    std::vector<uint8_t> out(row * buf.height);
-    for (int32_t y = 0; y < buf.height; ++y)
-      std::memcpy(out.data() + row * y, buf.data + static_cast<ptrdiff_t>(y) * buf.stride, row);
+    std::vector<uint8_t> out(PackedSize());
+    for (int32_t y = 0; y < buf.height; ++y) std::memcpy(out.data() + RowBytes() * y, Row(y), RowBytes());
     return out;
   }
   // True when the guard bytes and every row's padding are untouched.
   bool GuardsIntact() const {
-    const size_t row = static_cast<size_t>(buf.width) * Korvane::BytesPerPixel(buf.pix_fmt);
     for (size_t i = 0; i < kGuard; ++i)
       if (bytes[i] != kGuardByte || bytes[bytes.size() - 1 - i] != kGuardByte) return false;
     for (int32_t y = 0; y < buf.height; ++y)
-      for (size_t x = row; x < static_cast<size_t>(buf.stride); ++x)
-        if (bytes[kGuard + static_cast<size_t>(y) * buf.stride + x] != kGuardByte) return false;
+      for (size_t x = RowBytes(); x < static_cast<size_t>(buf.stride); ++x)
+        if (Row(y)[x] != kGuardByte) return false;
     return true;
   }
 };

@@ -61,7 +61,6 @@ namespace {
 std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uint8_t> img, int w, int h,
                                  const float* weights, int n, const std::vector<bool>& mask, int workers) {
   KorvaneTest::Runner run(workers);
-  CThreadAdapter& adapter = run.adapter;
   GaussianBlurParam p;
   p.buffer = MakeSmartBufferView(img.data(), w, h);
   p.weights.reset(new float[kGaussianHalfTaps]);
@@ -72,7 +71,7 @@ std::vector<uint8_t> RunBlurTask(ThreadTask task, bool vertical, std::vector<uin
     p.mask.reset(new bool[static_cast<size_t>(w) * h]);
     for (size_t i = 0; i < mask.size(); ++i) p.mask[i] = mask[i];
   }
-  EXPECT_EQ(adapter.RunTaskByMultiThread(task, &p, nullptr, Rect{0, 0, w, h}, !vertical), S_OK);
+  EXPECT_EQ(run.adapter.RunTaskByMultiThread(task, &p, nullptr, Rect{0, 0, w, h}, !vertical), S_OK);
   return img;
 }
 
@@ -166,13 +165,12 @@ namespace {
 std::vector<uint8_t> RunBothPasses(ThreadTask task, const std::vector<uint8_t>& img, int w, int h,
                                    const GaussianBlurParam& model, int workers, uint8_t fill) {
   KorvaneTest::Runner run(workers);
-  CThreadAdapter& adapter = run.adapter;
   std::vector<uint8_t> out(img.size(), fill);
   std::vector<uint8_t> src = img;
   GaussianBlurParam p = model;
   p.buffer = MakeSmartBufferView(out.data(), w, h);
   p.source = MakeSmartBufferView(src.data(), w, h);
-  EXPECT_EQ(adapter.RunTaskByMultiThread(task, &p, nullptr, Rect{0, 0, w, h}), S_OK);
+  EXPECT_EQ(run.adapter.RunTaskByMultiThread(task, &p, nullptr, Rect{0, 0, w, h}), S_OK);
   EXPECT_EQ(src, img) << "source written";
   return out;
 }
@@ -235,16 +233,22 @@ TEST(GaussianBlurTasks, BothPassesAtOnceRefuseLongKernelsAndNoSource) {
   std::vector<ThreadTask> forms;
   for (const KorvaneTest::Form& form : KorvaneTest::Forms())
     forms.push_back(KORVANE_PICK_AVX2(form.info, GaussianBlurHV, GaussianBlurHV_SSE, GaussianBlurHV_AVX2).fn);
-  std::vector<uint8_t> img(6 * 4 * 4, 7), src(6 * 4 * 4, 9);
+  std::vector<uint8_t> img(6 * 4 * 4, 7), src(6 * 4 * 4, 9), rows(5 * 4 * 4);
+  const auto record = [&](bool with_source, int32_t length, GaussianBlurParam& p) {
+    p.buffer = MakeSmartBufferView(img.data(), 6, 4);
+    if (with_source) p.source = MakeSmartBufferView(src.data(), 6, 4);
+    p.weights.reset(new float[kGaussianHalfTaps]);
+    MakeGaussianWeights(100, 600, 600, p.weights.get());
+    p.kernel_length = length;
+  };
+  RowChunk narrow;
+  narrow.scratch = rows.data();
+  narrow.scratch_stride = 5 * 4;  // one pixel short of the band
   for (ThreadTask task : forms) {
     EXPECT_EQ(task(nullptr, nullptr), E_POINTER);
     for (bool with_source : {false, true}) {
       GaussianBlurParam p;
-      p.buffer = MakeSmartBufferView(img.data(), 6, 4);
-      if (with_source) p.source = MakeSmartBufferView(src.data(), 6, 4);
-      p.weights.reset(new float[kGaussianHalfTaps]);
-      p.kernel_length = with_source ? kShortKernel + 1 : 2;
-      MakeGaussianWeights(100, 600, 600, p.weights.get());
+      record(with_source, with_source ? kShortKernel + 1 : 2, p);
       ThreadJob job{nullptr, &p, Rect{0, 0, 6, 4}};
       int32_t result = 1;
       EXPECT_EQ(task(&job, &result), E_INVALIDARG);
@@ -252,16 +256,8 @@ TEST(GaussianBlurTasks, BothPassesAtOnceRefuseLongKernelsAndNoSource) {
       EXPECT_EQ(img, std::vector<uint8_t>(img.size(), 7));
     }
     GaussianBlurParam p;
-    p.buffer = MakeSmartBufferView(img.data(), 6, 4);
-    p.source = MakeSmartBufferView(src.data(), 6, 4);
-    p.weights.reset(new float[kGaussianHalfTaps]);
-    p.kernel_length = 2;
-    MakeGaussianWeights(100, 600, 600, p.weights.get());
+    record(true, 2, p);
     p.to_scratch = true;
-    std::vector<uint8_t> rows(5 * 4 * 4);
-    RowChunk narrow;
-    narrow.scratch = rows.data();
-    narrow.scratch_stride = 5 * 4;  // one pixel short of the band
     for (RowChunk* chunk : {static_cast<RowChunk*>(nullptr), &narrow}) {
       ThreadJob job{chunk, &p, Rect{0, 0, 6, 4}};
       EXPECT_EQ(task(&job, nullptr), E_INVALIDARG);

@@ -69,26 +69,19 @@ TEST(LightHighlights, LampsAreKeptTextureAndLitLinesAreNot) {
   LightPointList list;
   ASSERT_EQ(InitLightPointList(map, 90, 24, list), S_OK);
   ASSERT_EQ(MarkHighlights(scene.img, list), S_OK);
-  int32_t marked = 0, on_lamps = 0, elsewhere = 0;
+  int32_t marked = 0;
   std::vector<int32_t> per_lamp(scene.lamps.size(), 0);
-  for (const auto& entry : list) {
-    const LightPoint& p = entry.second;
+  for (const auto& [key, p] : list) {
+    if (!p.highlight) continue;
+    ++marked;
     size_t lamp = scene.lamps.size();
     for (size_t i = 0; i < scene.lamps.size(); ++i)
       if (std::hypot(p.x - scene.lamps[i].first, p.y - scene.lamps[i].second) <= 11) lamp = i;
-    if (!p.highlight) continue;
-    ++marked;
-    if (lamp < scene.lamps.size()) {
-      ++on_lamps;
-      ++per_lamp[lamp];
-    } else {
-      ++elsewhere;
-    }
+    EXPECT_LT(lamp, scene.lamps.size()) << "marked off the lamps at " << p.x << "," << p.y;
+    if (lamp < scene.lamps.size()) ++per_lamp[lamp];
   }
   EXPECT_GT(static_cast<int32_t>(list.size()), 10 * marked);  // the detector answered to much more
-  EXPECT_EQ(elsewhere, 0);
   for (size_t i = 0; i < per_lamp.size(); ++i) EXPECT_GE(per_lamp[i], 1) << "lamp " << i;
-  EXPECT_EQ(marked, on_lamps);
 
   // A point off the copy, and a copy that is no BGRA image, are refused.
   LightPointList off;

@@ -40,6 +40,7 @@ std::vector<uint8_t> Bytes(const SmartBuffer& b) {
 }
 
 const uint8_t* Px(const SmartBuffer& b, int32_t x, int32_t y) { return RowPtr<const uint8_t>(b, y) + 4 * x; }
+std::tuple<int32_t, int32_t, int32_t, int32_t> Edges(const Rect& r) { return {r.left, r.top, r.right, r.bottom}; }
 
 // A shape with its sub-pixel working image.
 LightShape Shape(const SmartBuffer& pixels) {
@@ -70,55 +71,49 @@ TEST(LightPaste, IntensityMatchesItsDefinition) {
 TEST(LightPaste, ShapeOnTheCornerIsClippedToItsQuarter) {
   Rect roi;
   ASSERT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 5, 10, 10), S_OK);
-  EXPECT_EQ(roi.left, 2);
-  EXPECT_EQ(roi.top, 2);
-  EXPECT_EQ(roi.right, 5);
-  EXPECT_EQ(roi.bottom, 5);
+  EXPECT_EQ(Edges(roi), std::make_tuple(2, 2, 5, 5));
   ASSERT_EQ(CalPasteLightROI(roi, PointI{9, 8}, 5, 10, 10), S_OK);  // bottom-right corner region
-  EXPECT_EQ(roi.right, 3);
-  EXPECT_EQ(roi.bottom, 4);
+  EXPECT_EQ(std::make_pair(roi.right, roi.bottom), std::make_pair(3, 4));
   ASSERT_EQ(CalPasteLightROI(roi, PointI{30, 4}, 5, 10, 10), S_OK);
   EXPECT_TRUE(IsEmpty(roi));
   EXPECT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 0, 10, 10), E_INVALIDARG);
 
-  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-    SmartBuffer light = Bgra(10, 10);
-    const LightShape shape = White(5);
-    ASSERT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 5, 10, 10), S_OK);
-    const auto paste = KORVANE_PICK_AVX2(form.info, PasteLight, PasteLight_SSE, PasteLight_AVX2).fn;
-    ASSERT_EQ(paste(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), roi), S_OK);
-    for (int32_t y = 0; y < 10; ++y)
-      for (int32_t x = 0; x < 10; ++x) {
-        const bool lit = x < 3 && y < 3;
-        EXPECT_EQ(Px(light, x, y)[0], lit ? (255 * 254) >> 8 : 0) << x << "," << y;
-        EXPECT_EQ(Px(light, x, y)[1], lit ? (128 * 254) >> 8 : 0);
-        EXPECT_EQ(Px(light, x, y)[2], 0);
-        EXPECT_EQ(Px(light, x, y)[3], 0);  // alpha never touched
-      }
-    // A paste whose roi does not fit the map at that position is refused.
-    EXPECT_EQ(paste(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), Rect{0, 0, 5, 5}), E_INVALIDARG);
-  }
+  // The plain paste's values; the SIMD forms are compared with it below.
+  SmartBuffer light = Bgra(10, 10);
+  const LightShape shape = White(5);
+  ASSERT_EQ(CalPasteLightROI(roi, PointI{0, 0}, 5, 10, 10), S_OK);
+  ASSERT_EQ(PasteLight(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), roi), S_OK);
+  for (int32_t y = 0; y < 10; ++y)
+    for (int32_t x = 0; x < 10; ++x) {
+      const bool lit = x < 3 && y < 3;
+      EXPECT_EQ(Px(light, x, y)[0], lit ? (255 * 254) >> 8 : 0) << x << "," << y;
+      EXPECT_EQ(Px(light, x, y)[1], lit ? (128 * 254) >> 8 : 0);
+      EXPECT_EQ(Px(light, x, y)[2], 0);
+      EXPECT_EQ(Px(light, x, y)[3], 0);  // alpha never touched
+    }
+  // A paste whose roi does not fit the map at that position is refused, by every form.
+  for (const KorvaneTest::Form& form : KorvaneTest::Forms())
+    EXPECT_EQ(KORVANE_PICK_AVX2(form.info, PasteLight, PasteLight_SSE, PasteLight_AVX2)
+                  .fn(shape, light, PointI{0, 0}, Args(1.0f, 255, 128, 0), Rect{0, 0, 5, 5}),
+              E_INVALIDARG);
 }
 
 TEST(LightPaste, TwoPastesAddAndSaturate) {
-  for (const KorvaneTest::Form& form : KorvaneTest::Forms()) {
-    const auto fn = KORVANE_PICK_AVX2(form.info, PasteLight, PasteLight_SSE, PasteLight_AVX2).fn;
-    SmartBuffer light = Bgra(9, 9);
-    const LightShape shape = White(7);
-    Rect roi;
-    ASSERT_EQ(CalPasteLightROI(roi, PointI{4, 4}, 7, 9, 9), S_OK);
-    const LightPasteArgs a = Args(0.6f, 200, 100, 10);  // c = 120, 60, 6
-    ASSERT_EQ(fn(shape, light, PointI{4, 4}, a, roi), S_OK);
-    ASSERT_EQ(fn(shape, light, PointI{4, 4}, a, roi), S_OK);
-    EXPECT_EQ(Px(light, 4, 4)[0], std::min(255, 2 * ((120 * 254) >> 8)));
-    EXPECT_EQ(Px(light, 4, 4)[1], 2 * ((60 * 254) >> 8));
-    EXPECT_EQ(Px(light, 4, 4)[2], 2 * ((6 * 254) >> 8));
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(fn(shape, light, PointI{4, 4}, a, roi), S_OK);
-    EXPECT_EQ(Px(light, 4, 4)[0], 255);  // saturated, not wrapped
-    EXPECT_EQ(Px(light, 1, 1)[1], 255);
-    EXPECT_EQ(Px(light, 1, 1)[2], 5 * ((6 * 254) >> 8));
-    EXPECT_EQ(Px(light, 0, 0)[0], 0);  // outside the 7 x 7 shape
-  }
+  SmartBuffer light = Bgra(9, 9);
+  const LightShape shape = White(7);
+  Rect roi;
+  ASSERT_EQ(CalPasteLightROI(roi, PointI{4, 4}, 7, 9, 9), S_OK);
+  const LightPasteArgs a = Args(0.6f, 200, 100, 10);  // c = 120, 60, 6
+  ASSERT_EQ(PasteLight(shape, light, PointI{4, 4}, a, roi), S_OK);
+  ASSERT_EQ(PasteLight(shape, light, PointI{4, 4}, a, roi), S_OK);
+  EXPECT_EQ(Px(light, 4, 4)[0], std::min(255, 2 * ((120 * 254) >> 8)));
+  EXPECT_EQ(Px(light, 4, 4)[1], 2 * ((60 * 254) >> 8));
+  EXPECT_EQ(Px(light, 4, 4)[2], 2 * ((6 * 254) >> 8));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(PasteLight(shape, light, PointI{4, 4}, a, roi), S_OK);
+  EXPECT_EQ(Px(light, 4, 4)[0], 255);  // saturated, not wrapped
+  EXPECT_EQ(Px(light, 1, 1)[1], 255);
+  EXPECT_EQ(Px(light, 1, 1)[2], 5 * ((6 * 254) >> 8));
+  EXPECT_EQ(Px(light, 0, 0)[0], 0);  // outside the 7 x 7 shape
 }
 
 TEST(LightPaste, SubPixelPasteAtWholePixelsIsTheIntegerPaste) {
@@ -346,10 +341,7 @@ TEST(LightMap, SizesRatiosAndRegions) {
   // One pixel of margin each side, cut to the map.
   Rect s;
   ASSERT_EQ(ResizeLightMapROI(Rect{100, 51, 400, 300}, s, 0.5f, LightSize{200, 151}), S_OK);
-  EXPECT_EQ(s.left, 49);
-  EXPECT_EQ(s.top, 24);     // trunc(25.5 - 1)
-  EXPECT_EQ(s.right, 200);  // 201 cut to the map
-  EXPECT_EQ(s.bottom, 151);
+  EXPECT_EQ(Edges(s), std::make_tuple(49, 24, 200, 151));  // top trunc(25.5 - 1), right 201 cut to the map
   ASSERT_EQ(ResizeLightMapROI(Rect{0, 0, 10, 10}, s, 0.5f, LightSize{50, 50}), S_OK);
   EXPECT_EQ(s.left, 0);  // -1 held at 0
   EXPECT_EQ(ResizeLightMapROI(Rect{0, 0, 10, 10}, s, 0.0f, LightSize{50, 50}), E_INVALIDARG);

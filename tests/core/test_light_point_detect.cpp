@@ -72,9 +72,7 @@ TEST(LightPointDetect, GradientsClampAtTheEdgesAndUseHslLightness) {
   const uint8_t px[2][3][4] = {{{10, 20, 30, 0}, {0, 0, 255, 0}, {100, 100, 100, 0}},
                                {{0, 0, 0, 0}, {255, 255, 255, 0}, {50, 60, 70, 0}}};
   for (int y = 0; y < 2; ++y) std::memcpy(RowPtr(src, y), px[y], 12);
-  SmartBuffer dx, dy;
-  CreateSmartBufferData(dx, 3, 2, PIXEL_FLOAT32);
-  CreateSmartBufferData(dy, 3, 2, PIXEL_FLOAT32);
+  SmartBuffer dx = FloatMap(3, 2, std::vector<float>(6)), dy = FloatMap(3, 2, std::vector<float>(6));
   ASSERT_EQ(GradientH(src, dx, 2, FullRect(src)), S_OK);
   ASSERT_EQ(GradientV(src, dy, 5, FullRect(src)), S_OK);
   EXPECT_FLOAT_EQ(At(dx, 0, 0), (20.0f - 100.0f) / 255.0f);  // left clamped to column 0
@@ -324,14 +322,14 @@ TEST(LightPointDetect, PointDrawsAreTheEnginesDraws) {
     p.color_index = static_cast<int32_t>(DrawIndex(gen, colours));
     return p;
   };
+  const auto expect_draws = [](const LightPoint& got, const LightPoint& want, int64_t key) {
+    EXPECT_TRUE(got.phase == want.phase && got.random == want.random && got.color_index == want.color_index)
+        << key << ": " << got.phase << " " << got.random << " " << got.color_index;
+  };
   for (auto [phases, colours] : {std::pair<uint32_t, uint32_t>{132, 24}, {0x80000001u, 0x7fffffffu}, {1, 1}}) {
-    for (uint32_t seed = 0; seed < 3000; seed += 7) {
-      const LightPoint got = DrawLightPoint(seed, static_cast<int32_t>(phases), static_cast<int32_t>(colours));
-      const LightPoint want = reference(seed, phases, colours);
-      ASSERT_EQ(got.phase, want.phase) << seed;
-      ASSERT_EQ(got.random, want.random) << seed;
-      ASSERT_EQ(got.color_index, want.color_index) << seed;
-    }
+    for (uint32_t seed = 0; seed < 3000; seed += 7)
+      expect_draws(DrawLightPoint(seed, static_cast<int32_t>(phases), static_cast<int32_t>(colours)),
+                   reference(seed, phases, colours), seed);
   }
   SmartBuffer map;
   CreateSmartBufferData(map, 61, 7, PIXEL_GRAY8);
@@ -340,12 +338,7 @@ TEST(LightPointDetect, PointDrawsAreTheEnginesDraws) {
   LightPointList list;
   ASSERT_EQ(InitLightPointList(map, 132, 24, list), S_OK);
   ASSERT_GT(list.size(), 60u);
-  for (const auto& [k, p] : list) {
-    const LightPoint want = reference(static_cast<uint32_t>(k), 132, 24);
-    ASSERT_EQ(p.phase, want.phase) << k;
-    ASSERT_EQ(p.random, want.random) << k;
-    ASSERT_EQ(p.color_index, want.color_index) << k;
-  }
+  for (const auto& [k, p] : list) expect_draws(p, reference(static_cast<uint32_t>(k), 132, 24), k);
 }
 
 // Points are the map's bytes of exactly 1, keyed by their index in scan

@@ -1,26 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <set>
-#include <string>
-#include <thread>
 #include <vector>
 
-#include "core/ThreadAdapter.h"
-#include "core/ThreadPool.h"
+#include "TestSupport.h"
 
 using namespace Korvane;
 
 namespace {
 
-struct Bands {
-  CThreadPool pool;
-  CThreadAdapter adapter;
-  explicit Bands(int workers) {
-    pool.Create(workers);
-    adapter.Init(&pool);
-  }
+// A pool with its adapter, and the bands it cuts a region into.
+struct Bands : KorvaneTest::Runner {
+  using Runner::Runner;
   std::vector<Rect> Cut(Rect r, bool rows) {
     EXPECT_EQ(adapter.SegmentBlock(r, rows), S_OK);
     std::vector<Rect> out;
@@ -77,7 +68,7 @@ TEST(ThreadPool, WorkerCountIsCappedAtEightAndAtLeastOne) {
   EXPECT_EQ(never_started.Destroy(), S_OK);
 }
 
-TEST(ThreadPool, RefusesWithoutWorkersOrTask) {
+TEST(ThreadAdapter, RefusesNullTaskNullParamAndMissingPoolOrWorkers) {
   CThreadPool pool;
   pthread_cond_t c = PTHREAD_COND_INITIALIZER;
   pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
@@ -86,33 +77,6 @@ TEST(ThreadPool, RefusesWithoutWorkersOrTask) {
   EXPECT_EQ(pool.Submit(CountPixels, &job, &r, &c, &m), E_INVALIDARG);
   pool.Create(1);
   EXPECT_EQ(pool.Submit(nullptr, &job, &r, &c, &m), E_INVALIDARG);
-}
-
-TEST(ThreadPool, ExtraSubmissionWaitsForAWorkerToGoIdle) {
-  // One worker, two slow bands: the second submission must wait, not be lost.
-  Bands b(1);
-  CThreadAdapter second;
-  second.Init(&b.pool);
-  static std::atomic<int> running{0}, max_running{0};
-  auto slow = [](ThreadJob*, int32_t* result) -> int32_t {
-    int now = ++running;
-    int prev = max_running.load();
-    while (now > prev && !max_running.compare_exchange_weak(prev, now)) {
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    --running;
-    *result = S_OK;
-    return S_OK;
-  };
-  int dummy = 0;
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(b.adapter.RunTaskByMultiThread(slow, &dummy, nullptr, Rect{0, 0, 1, 1}), S_OK);
-    EXPECT_EQ(second.RunTaskByMultiThread(slow, &dummy, nullptr, Rect{0, 0, 1, 1}), S_OK);
-  }
-  EXPECT_EQ(max_running.load(), 1);
-}
-
-TEST(ThreadAdapter, RefusesNullTaskNullParamAndMissingPool) {
   Bands b(2);
   int x = 0;
   EXPECT_EQ(b.adapter.RunTaskByMultiThread(nullptr, &x, nullptr, Rect{0, 0, 1, 1}), E_INVALIDARG);

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "effects/animation/DelaunayTriangle.h"
-#include "effects/focus_blur/FocusBlur.h"
 #include "engine/CpuProbe.h"
 #include "engine/KorvaneEngine.h"
 #include "engine/KorvaneEngineImp.h"
@@ -178,6 +177,8 @@ TEST_F(EngineFixture, BuildsEveryEffectTypeAndNoOthers) {
                                             EFFECT_GLOW, EFFECT_FOCUS_BLUR}));
 }
 
+// The pointer the factory returns is the interface itself (the pooled effects
+// are driven through it in test_engine_threads).
 TEST_F(EngineFixture, EffectsWorkThroughTheInterfacePointerTheFactoryReturns) {
   void* p = nullptr;
   ASSERT_EQ(engine->CreateEffect(&p, EFFECT_DELAUNAY_TRIANGLE), S_OK);
@@ -186,20 +187,4 @@ TEST_F(EngineFixture, EffectsWorkThroughTheInterfacePointerTheFactoryReturns) {
   ASSERT_EQ(mesh->Triangulate(square, 4), S_OK);
   ASSERT_EQ(mesh->GetTriangleCount(), 2u);
   EXPECT_EQ(engine->DeleteEffect(&p, EFFECT_DELAUNAY_TRIANGLE), S_OK);
-
-  ASSERT_EQ(engine->CreateEffect(&p, EFFECT_FOCUS_BLUR), S_OK);
-  auto* blur = static_cast<FocusBlur*>(p);
-  const int w = 64, h = 32;
-  std::vector<uint8_t> in(w * h * 4), guide(w * h, 0), out(w * h * 4, 0);
-  for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<uint8_t>(i * 13);
-  FocusBlurParam param;
-  param.input = MakeImageBuffer(in.data(), w, h);
-  param.mask = MakeImageBuffer(guide.data(), w, h, PIXEL_GRAY8);
-  param.output = MakeImageBuffer(out.data(), w, h);
-  param.focus_value = 200;
-  param.blur_level = 100;
-  EXPECT_EQ(blur->Process(&param), S_OK);
-  EXPECT_NE(out, in);  // all out of focus: blurred, and every pixel written with its alpha
-  for (size_t i = 3; i < out.size(); i += 4) ASSERT_EQ(out[i], in[i]) << i;
-  EXPECT_EQ(engine->DeleteEffect(&p, EFFECT_FOCUS_BLUR), S_OK);
 }

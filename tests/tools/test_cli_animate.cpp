@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <vips/vips8>
 
-#include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -14,27 +12,19 @@ using namespace KorvaneToolTest;
 
 namespace {
 
-// A small photo with texture, a still square and a flow file that moves the
+// A small textured photo, a still square and a flow file that moves the
 // left half to the right.
 struct AnimateFixture {
   std::string dir, photo, still, flows;
   Image img;
 
   AnimateFixture() : dir(Scratch()) {
-    img = Image(64, 40, 4);
+    img = DotsPhoto(64, 40);
     Image mask(64, 40, 1, 0);
-    for (int y = 0; y < 40; ++y)
-      for (int x = 0; x < 64; ++x) {
-        uint8_t* p = img.at(x, y);
-        p[0] = static_cast<uint8_t>(128 + 120 * std::sin(x * 0.5)), p[1] = static_cast<uint8_t>(y * 6),
-        p[2] = static_cast<uint8_t>(x * 4), p[3] = 255;
-        if (x >= 44 && x < 56 && y >= 10 && y < 22) *mask.at(x, y) = 255;
-      }
-    std::string err;
-    photo = dir + "/photo.png";
-    still = dir + "/still.png";
-    EXPECT_TRUE(SaveImage(photo, img, 100, err)) << err;
-    EXPECT_TRUE(SaveImage(still, mask, 100, err)) << err;
+    for (int y = 10; y < 22; ++y)
+      for (int x = 44; x < 56; ++x) *mask.at(x, y) = 255;
+    photo = WriteImage(dir, "photo.png", img);
+    still = WriteImage(dir, "still.png", mask);
     flows = WriteFile(dir + "/flows.json",
                       R"({"flows": [
                         {"type": "path", "points": [[2, 10], [12, 10], [22, 11], [32, 10]]},
@@ -48,39 +38,12 @@ struct AnimateFixture {
 
 }  // namespace
 
-TEST(CliAnimate, WritesPngFramesWhoseFirstIsThePhotoAndStillPartNeverMoves) {
+// The flow file reaches the render: a frame of the loop moves the photo.
+TEST(CliAnimate, TheFlowsMoveThePhoto) {
   AnimateFixture fx;
   const CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/frames") + " --frames 6");
   ASSERT_EQ(r.exit_code, 0) << r.output;
-  EXPECT_NE(r.output.find("PNG sequence, 6 frames"), std::string::npos) << r.output;
-  EXPECT_EQ(r.output.find("rendering ["), std::string::npos) << "progress bar without a terminal";
-  size_t changed = 0;
-  for (int f = 0; f < 6; ++f) {
-    char name[32];
-    std::snprintf(name, sizeof(name), "/frames/frame_%04d.png", f);
-    Image frame;
-    std::string err;
-    ASSERT_TRUE(LoadImage(fx.dir + name, frame, err)) << err;
-    for (int y = 0; y < 40; ++y)
-      for (int x = 0; x < 64; ++x) {
-        const bool same = std::memcmp(frame.at(x, y), fx.img.at(x, y), 4) == 0;
-        if (f == 0 || (x >= 44 && x < 56 && y >= 10 && y < 22)) {
-          ASSERT_TRUE(same) << "frame " << f << " at " << x << "," << y;
-        }
-        changed += !same;
-      }
-  }
-  EXPECT_GT(changed, 200u) << "the flows should move something";
-}
-
-// Frame count, page height and every frame's delay in milliseconds, as
-// libvips reads the animation.
-void ReadAnimation(const std::string& path, int& pages, int& height, std::vector<int>& delays) {
-  StartImageLibrary();
-  vips::VImage v = vips::VImage::new_from_file(path.c_str(), vips::VImage::option()->set("n", -1));
-  pages = v.get_int("n-pages");
-  height = v.get_int("page-height");
-  delays = v.get_array_int("delay");
+  EXPECT_NE(ReadImage(fx.dir + "/frames/frame_0003.png").pixels, fx.img.pixels) << "the flows should move something";
 }
 
 TEST(CliAnimate, WritesLoopingGifWithEvenFrameTimes) {
@@ -89,12 +52,12 @@ TEST(CliAnimate, WritesLoopingGifWithEvenFrameTimes) {
   // takes 40 ms, none 50.
   const CliResult r = RunCli(fx.Args(fx.flows, fx.dir + "/loop.gif") + " --frames 6 --fps 24");
   ASSERT_EQ(r.exit_code, 0) << r.output;
-  int pages = 0, height = 0;
-  std::vector<int> delays;
-  ReadAnimation(fx.dir + "/loop.gif", pages, height, delays);
-  EXPECT_EQ(pages, 6);
-  EXPECT_EQ(height, 40);
-  EXPECT_EQ(delays, std::vector<int>(6, 40));
+  StartImageLibrary();
+  const vips::VImage v =
+      vips::VImage::new_from_file((fx.dir + "/loop.gif").c_str(), vips::VImage::option()->set("n", -1));
+  EXPECT_EQ(v.get_int("n-pages"), 6);
+  EXPECT_EQ(v.get_int("page-height"), 40);
+  EXPECT_EQ(v.get_array_int("delay"), std::vector<int>(6, 40));
   EXPECT_NE(ReadAll(fx.dir + "/loop.gif").find("NETSCAPE2.0"), std::string::npos) << "loops forever";
 }
 

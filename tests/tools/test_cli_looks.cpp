@@ -120,14 +120,10 @@ TEST(CliLooks, LightRaysKeepThePhotoFromWashingOut) {
 // disc lights only the spot of its own dot.
 constexpr int kDotStep = 40;
 Image Dots() {
-  Image img(480, 320, 4, 0);
+  Image img(480, 320, 4, 255);
   std::mt19937 rng(7);
   for (int y = 0; y < img.height; ++y)
-    for (int x = 0; x < img.width; ++x) {
-      uint8_t* p = img.at(x, y);
-      p[0] = p[1] = p[2] = static_cast<uint8_t>(25 + rng() % 6);
-      p[3] = 255;
-    }
+    for (int x = 0; x < img.width; ++x) std::fill_n(img.at(x, y), 3, static_cast<uint8_t>(25 + rng() % 6));
   int k = 0;
   for (int cy = kDotStep / 2; cy < img.height; cy += kDotStep)
     for (int cx = kDotStep / 2; cx < img.width; cx += kDotStep, ++k)

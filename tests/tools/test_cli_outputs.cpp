@@ -58,16 +58,16 @@ TEST(CliOutputs, EveryCommandWritesStandardOutputBatchesAndFrameFolders) {
     const CliResult frames = RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 3 -o " + folder);
     ASSERT_EQ(frames.exit_code, 0) << frames.output;
     EXPECT_NE(frames.output.find("PNG sequence, 3 frames"), std::string::npos) << frames.output;
+    EXPECT_EQ(frames.output.find("rendering ["), std::string::npos) << "progress bar without a terminal";
     EXPECT_EQ(ReadImage(folder + "/frame_0002.png").width, 48);
     EXPECT_FALSE(fs::exists(folder + "/frame_0003.png"));
     // A loop to standard output as a WebP (frames that do not change are
     // stored once).
-    ASSERT_EQ(RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 2 -q -o - --format webp > " + s.dir +
-                     "/loop.webp")
-                  .exit_code,
+    const std::string loop = s.dir + "/loop.webp";
+    ASSERT_EQ(RunCli(c.name + " " + s.photo + " " + c.inputs + " --frames 2 -q -o - --format webp > " + loop).exit_code,
               0);
-    EXPECT_EQ(ReadAll(s.dir + "/loop.webp").substr(8, 4), "WEBP");
-    EXPECT_EQ(ReadImage(s.dir + "/loop.webp").width, 48);
+    EXPECT_EQ(ReadAll(loop).substr(8, 4), "WEBP");
+    EXPECT_EQ(ReadImage(loop).width, 48);
   }
 }
 

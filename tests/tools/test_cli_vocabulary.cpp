@@ -3,9 +3,6 @@
 // records take them, and the README's table names every option.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "frontend/OptionDef.h"
 #include "tools/ToolTestSupport.h"
 
@@ -81,8 +78,7 @@ TEST(CliVocabulary, TurnsAndDegreesWrapWhereTheRecordsTakeThem) {
 }
 
 TEST(CliVocabulary, TheReadmeTableNamesEveryOption) {
-  std::ifstream f(std::string(KORVANE_SOURCE_DIR) + "/README.md");
-  const std::string readme((std::istreambuf_iterator<char>(f)), {});
+  const std::string readme = ReadAll(std::string(KORVANE_SOURCE_DIR) + "/README.md");
   const size_t start = readme.find("### One vocabulary");
   ASSERT_NE(start, std::string::npos);
   const std::string table = readme.substr(start, readme.find("\n#", start + 1) - start);

@@ -4,8 +4,6 @@
 #include <vips/vips8>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "tools/ToolTestSupport.h"
 
@@ -63,7 +61,6 @@ TEST(ImageFormats, EveryClaimedFormatReadsAsTheSamePicture) {
     int tolerance;
   } cases[] = {
       {"plain.jpg", pic, VImage::option()->set("Q", 95), 12},
-      {"progressive.jpg", pic, VImage::option()->set("Q", 95)->set("interlace", true), 12},
       {"plain.png", pic, nullptr, 0},
       {"sixteen.png", (pic.cast(VIPS_FORMAT_USHORT) * 257).cast(VIPS_FORMAT_USHORT)
                           .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_RGB16)), nullptr, 1},
@@ -170,8 +167,7 @@ TEST(ImageFormats, StandardInputAndOutputRoundTrip) {
                             "/p.png > " + dir + "/" + out + " 2> " + dir + "/news.txt";
     const int status = std::system(cmd.c_str());
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << cmd;
-    std::ifstream f(dir + "/news.txt");
-    return std::string(std::istreambuf_iterator<char>(f), {});
+    return ReadAll(dir + "/news.txt");
   };
   EXPECT_NE(pipe("--format png", "piped.png").find("wrote standard output"), std::string::npos);
   ExpectPicture(ReadImage(dir + "/piped.png"), 0, "piped");

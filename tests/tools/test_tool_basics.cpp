@@ -7,23 +7,6 @@
 using namespace KorvaneTool;
 using namespace KorvaneToolTest;
 
-TEST(ImageFiles, PngKeepsEveryByteAndGrayStaysGray) {
-  const std::string dir = Scratch();
-  Image img(7, 5, 4);
-  for (size_t i = 0; i < img.pixels.size(); ++i) img.pixels[i] = static_cast<uint8_t>(i * 37 + 3);
-  const Image back = ReadImage(WriteImage(dir, "a.png", img));
-  EXPECT_EQ(back.width, 7);
-  EXPECT_EQ(back.height, 5);
-  EXPECT_EQ(back.pixels, img.pixels);
-
-  Image gray(3, 2, 1);
-  for (size_t i = 0; i < gray.pixels.size(); ++i) gray.pixels[i] = static_cast<uint8_t>(i * 50);
-  Image g;
-  std::string err;
-  ASSERT_TRUE(LoadGray(WriteImage(dir, "g.png", gray), g, err)) << err;
-  EXPECT_EQ(g.pixels, gray.pixels);
-}
-
 TEST(Cli, InfoDescribesTheMachine) {
   const CliResult r = RunCli("info");
   EXPECT_EQ(r.exit_code, 0) << r.output;
